@@ -1,0 +1,31 @@
+# The two commands that do everything on a fresh machine:
+#   make run    build and run the server in the foreground (Ctrl-C stops it)
+#   make test   build and pass every test (PRESET=asan or PRESET=tsan for the sanitizer runs)
+# and:
+#   make bench  build optimised and run the benchmarks against their Linux equivalents
+
+PRESET ?= debug
+BUILD := build/$(PRESET)
+JOBS ?= $(shell nproc)
+
+.PHONY: all build run test bench clean
+
+all: build
+
+build:
+	@cmake --preset $(PRESET) >/dev/null
+	cmake --build --preset $(PRESET) -j $(JOBS)
+
+run: build
+	$(BUILD)/server/posix-server
+
+test: build
+	ctest --preset $(PRESET) -j $(JOBS)
+
+bench:
+	@cmake --preset release >/dev/null
+	cmake --build --preset release -j $(JOBS)
+	build/release/bench/posix_bench
+
+clean:
+	rm -rf build

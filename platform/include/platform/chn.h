@@ -1,0 +1,101 @@
+// Channels. A channel is an AF_UNIX SOCK_SEQPACKET listening socket at RT/chn/<id> (16
+// lowercase hex digits), optionally named through the symlink RT/chn/<name>. Every client
+// connection is a link. The thread that calls receive() runs the channel: it accepts links
+// (asking the ConMan whether to keep them), notices links that closed (telling the ConMan),
+// reads request frames and answers the next request.
+//
+// Replies may be sent from any thread and never block the sender: a link whose socket is full
+// queues replies up to a bound, and a link that exceeds it is dropped.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <vector>
+
+#include "platform/message.h"
+#include "platform/object.h"
+#include "platform/string.h"
+
+class Chn;
+class ChnLink;
+
+// A channel's connection manager: asked on every new link, told of every closed one. Both are
+// called on the thread that runs the channel.
+class ConMan : public virtual RefCount {
+ public:
+  virtual bool connect(const Ref<ChnLink>& link) = 0;
+  virtual void disconnect(const Ref<ChnLink>& link) = 0;
+};
+
+class ChnLink : public Object {
+ public:
+  // The pid of the process on the other end, read with SO_PEERCRED at accept.
+  uint64_t peerPid() const { return peerPid_; }
+  // A 64-bit value the channel's manager keeps per link; 0 at first.
+  uint64_t tag() const { return tag_.load(std::memory_order_acquire); }
+  void setTag(uint64_t tag) { tag_.store(tag, std::memory_order_release); }
+
+  // Sends one encoded frame without blocking. Answers false when the link has gone, or when
+  // the reply queue passed its bound (the link is then dropped).
+  bool sendFrame(std::vector<uint8_t> frame);
+  // Shuts the link down from any thread; the channel's thread then disconnects it.
+  void shutdown();
+  bool isOpen() const;
+
+  ~ChnLink() override;
+
+  // Replies queued on one link before it is dropped.
+  static constexpr size_t kMaxQueuedFrames = 1024;
+  static constexpr size_t kMaxQueuedBytes = 8u << 20;
+
+ private:
+  friend class Chn;
+  ChnLink(int fd, uint64_t peerPid, Chn* channel) : fd_(fd), peerPid_(peerPid), channel_(channel) {}
+  // Sends queued frames; called by the channel's thread when the socket has room.
+  void flush();
+  // Closes the socket; called by the channel's thread when it disconnects the link.
+  void closeSocket();
+
+  mutable std::mutex mutex_;
+  int fd_;                               // guarded by mutex_; -1 once closed
+  bool dropped_ = false;                 // guarded by mutex_; set by shutdown()
+  std::deque<std::vector<uint8_t>> queue_;  // guarded by mutex_: replies waiting for room
+  size_t queuedBytes_ = 0;               // guarded by mutex_
+  const uint64_t peerPid_;
+  std::atomic<uint64_t> tag_{0};
+  Chn* channel_;  // guarded by mutex_; the channel outlives its open links
+};
+
+class Chn : public Object {
+ public:
+  // A new channel served by `conMan`. With a name, the channel is also reachable as
+  // RT/chn/<name>; null (and Error set) when a live channel already holds the name, or when the
+  // socket cannot be made. A stale name left by a dead process is replaced.
+  static Ref<Chn> create(Ref<ConMan> conMan, Ref<String> name = nullptr);
+
+  uint64_t id() const { return id_; }
+  // Runs the channel until the next request arrives and answers it; null once closed.
+  Ref<InMsg> receive();
+  // Stops accepting, shuts every link down and removes the socket files; receive() then
+  // answers null. Any thread may call it.
+  void close();
+
+  ~Chn() override;
+
+ private:
+  friend class ChnLink;
+  Chn() = default;
+  // A link has frames queued: the channel's thread must watch it for room.
+  void wantWrite(ChnLink* link);
+
+  struct Impl;
+  Impl* impl_ = nullptr;
+  uint64_t id_ = 0;
+};
+
+// The connect side, used by tools and tests inside the platform: a blocking client link to a
+// channel by name or id path. Answers the socket, or -1 with errno set.
+int chnConnect(const char* socketPath);

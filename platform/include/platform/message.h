@@ -1,0 +1,91 @@
+// Messages of a channel. An InMsg is one received request frame: its command code, its data
+// stream (read with a cursor) and its typed blocks; it remembers the link it came on so that
+// any thread can answer it, once or several times. An OutMsg is a reply being built.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "platform/object.h"
+#include "platform/sync.h"
+
+class ChnLink;
+class OutMsg;
+
+class InMsg : public Object {
+ public:
+  // Builds the message from one received datagram; null when the frame breaks the wire
+  // format (then the link must be closed).
+  static Ref<InMsg> decode(const uint8_t* frame, uint64_t size, Ref<ChnLink> link);
+
+  uint32_t kind() const { return kind_; }
+  uint32_t code() const { return code_; }
+  uint64_t id() const { return id_; }
+  const Ref<ChnLink>& link() const { return link_; }
+
+  // Reads at most `size` bytes of the data stream into `buffer` and answers the count moved;
+  // fewer than asked means the stream ended. The time-out is accepted for the stream shape:
+  // a received message is complete, so a read never waits.
+  uint64_t read(void* buffer, uint64_t size, uint32_t timeoutMs = kForever);
+  uint64_t remaining() const { return data_.size() - cursor_; }
+
+  struct Block {
+    uint32_t kind;
+    const uint8_t* data;
+    uint32_t length;
+  };
+  uint32_t blockCount() const { return static_cast<uint32_t>(blocks_.size()); }
+  Block block(uint32_t index) const;
+
+  // Sends `out` as a reply to this request (same id, out's code as status, its data and
+  // blocks) on the link the request came from. Answers false, and does nothing else, when the
+  // link has gone or could not take the reply.
+  bool reply(const Ref<OutMsg>& out);
+
+ private:
+  InMsg() = default;
+  uint32_t kind_ = 0;
+  uint32_t code_ = 0;
+  uint64_t id_ = 0;
+  std::vector<uint8_t> data_;
+  uint64_t cursor_ = 0;
+  struct BlockSpan {
+    uint32_t kind;
+    uint32_t offset;  // into blockBytes_
+    uint32_t length;
+  };
+  std::vector<BlockSpan> blocks_;
+  std::vector<uint8_t> blockBytes_;
+  Ref<ChnLink> link_;
+};
+
+class OutMsg : public Object {
+ public:
+  static Ref<OutMsg> create();
+
+  void setCode(uint32_t code) { code_ = code; }
+  uint32_t code() const { return code_; }
+
+  // Appends to the data stream; answers fewer bytes than asked (0) once the encoded frame
+  // would pass the largest frame size.
+  uint64_t write(const void* bytes, uint64_t size, uint32_t timeoutMs = kForever);
+  // Appends a typed block; false when it would not fit.
+  bool addBlock(uint32_t kind, const void* bytes, uint32_t length);
+
+  const std::vector<uint8_t>& data() const { return data_; }
+  // The encoded frame of this message as a frame of `kind` with `id`.
+  std::vector<uint8_t> encode(uint32_t kind, uint64_t id) const;
+  // Bytes the encoded frame takes.
+  uint64_t frameSize() const;
+
+ private:
+  OutMsg() = default;
+  uint32_t code_ = 0;
+  std::vector<uint8_t> data_;
+  struct OutBlock {
+    uint32_t kind;
+    std::vector<uint8_t> bytes;
+  };
+  std::vector<OutBlock> blocks_;
+  uint64_t blockBytes_ = 0;  // block headers and contents so far
+};

@@ -1,0 +1,108 @@
+// Processes and programs. A process id is the Linux pid.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "platform/object.h"
+#include "platform/string.h"
+
+// What the platform knows of one process; the operations stand in this order on purpose.
+class ProcInfo : public Object {
+ public:
+  virtual Ref<String> name() const;
+  virtual uint64_t pid() const;
+  virtual uint64_t parentPid() const;
+  // 2 for the server's own process, 1 for a process of uid 0, 0 otherwise.
+  virtual uint32_t level() const;
+  // Threads of the process (from /proc).
+  uint64_t threadCount() const { return threads_; }
+
+ private:
+  friend class Proc;
+  ProcInfo() = default;
+  Ref<String> name_;
+  uint64_t pid_ = 0;
+  uint64_t parentPid_ = 0;
+  uint32_t level_ = 0;
+  uint64_t threads_ = 0;
+};
+
+class Proc {
+ public:
+  static uint64_t current();
+  // Null when /proc/<pid> does not exist.
+  static Ref<ProcInfo> info(uint64_t pid);
+  // SIGKILL, SIGSTOP and SIGCONT; true on success.
+  static bool terminate(uint64_t pid);
+  static bool stop(uint64_t pid);
+  static bool cont(uint64_t pid);
+  // Waits for the program that Binary::create last started on the calling thread and answers
+  // its exit status, or 128 + the signal number when a signal ended it.
+  static uint32_t wait();
+  // Ends the process with code & 0xFF.
+  [[noreturn]] static void exit(int32_t code);
+  // The calling process's name.
+  static Ref<String> name();
+};
+
+// A program's environment: name/value pairs, in the order set; setting a name again replaces it.
+class Env : public Object {
+ public:
+  static Ref<Env> create();
+  void set(const Ref<String>& name, const Ref<String>& value);
+  Ref<String> get(const char* name) const;
+  uint64_t count() const { return names_.size(); }
+  Ref<String> nameAt(uint64_t i) const { return i < names_.size() ? names_[i] : nullptr; }
+  Ref<String> valueAt(uint64_t i) const { return i < values_.size() ? values_[i] : nullptr; }
+
+ private:
+  Env() = default;
+  std::vector<Ref<String>> names_;
+  std::vector<Ref<String>> values_;
+};
+
+struct ModuleInfo;
+
+class Binary {
+ public:
+  // Start-flag bits.
+  static constexpr uint32_t kSearchPath = 1;
+
+  // Starts a program with posix_spawn and answers its pid, or 0 with Error set. argv is
+  // args[0..argc) as given; the environment is env's pairs plus POSIX_RUNTIME_DIR. The child's
+  // standard input, output and error are the host files named by POSIX_STDIN, POSIX_STDOUT and
+  // POSIX_STDERR in env (those three are not passed on), else /dev/null for input and the
+  // server's own output and error. Bit kSearchPath looks a path without a slash up in env's
+  // PATH (else the server's).
+  static uint64_t create(const Ref<String>& path, uint32_t startFlags, const Ref<String>* args,
+                         uint64_t argc, const Ref<Env>& env, uint32_t startOptions);
+};
+
+// Shared memory: RT/shm/<id> (16 lowercase hex digits); its id is the pair (id, size).
+struct ShMemID {
+  uint64_t id = 0;
+  uint64_t size = 0;
+};
+
+class SharedMemory : public Object {
+ public:
+  ShMemID id() const { return id_; }
+  // Lets `pid` open the object; the hosted platform has nothing to grant and answers true.
+  bool grant(uint64_t pid);
+  ~SharedMemory() override;
+
+ private:
+  friend class ShMem;
+  SharedMemory(int fd, ShMemID id) : fd_(fd), id_(id) {}
+  int fd_;
+  ShMemID id_;
+};
+
+class ShMem {
+ public:
+  // Opens an existing object; null when it is missing.
+  static Ref<SharedMemory> open(ShMemID id);
+  // Makes a new object of `size` bytes (used by tests; clients make their own).
+  static Ref<SharedMemory> create(uint64_t size);
+};
