@@ -10,6 +10,8 @@
 
 #include <stdint.h>
 
+#include "wire.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif

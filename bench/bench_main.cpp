@@ -1,0 +1,51 @@
+// Runs every benchmark against a private server and prints, after Google Benchmark's own
+// table, the ratio of each server path to its Linux equivalent measured in the same run.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+
+#include "bench_instance.h"
+#include "bench_pairs.h"
+
+namespace {
+
+// Keeps each run's time per iteration, by benchmark name, beside the console output.
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs)
+      if (run.run_type == Run::RT_Iteration && run.iterations > 0)
+        times_[run.run_name.function_name] = run.GetAdjustedRealTime();
+  }
+  const std::map<std::string, double>& times() const { return times_; }
+
+ private:
+  std::map<std::string, double> times_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  BenchInstance instance;
+  if (!instance.start()) return 1;
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  instance.stop();
+
+  std::printf("\nRatios (server / Linux, same run; lower is better):\n");
+  for (const BenchPair& pair : benchPairs()) {
+    auto server = reporter.times().find(pair.server);
+    auto linux = reporter.times().find(pair.linux);
+    if (server == reporter.times().end() || linux == reporter.times().end() || linux->second <= 0) continue;
+    double ratio = server->second / linux->second;
+    std::printf("  %-28s %6.2f  (target %s %.2f)  %s\n", pair.label, ratio,
+                pair.higherIsBetter ? ">=" : "<=", pair.target,
+                (pair.higherIsBetter ? ratio >= pair.target : ratio <= pair.target) ? "met" : "MISSED");
+  }
+  benchmark::Shutdown();
+  return 0;
+}

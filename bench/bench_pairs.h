@@ -1,0 +1,21 @@
+// The pairs of benchmarks whose ratio the run reports: the server's path and its Linux
+// equivalent. Each benchmark file adds its pairs here.
+#pragma once
+
+#include <vector>
+
+struct BenchPair {
+  const char* label;
+  const char* server;  // benchmark name of the server's path
+  const char* linux;   // benchmark name of the Linux equivalent
+  double target;       // the ratio the server must stay within
+  bool higherIsBetter;  // throughput pairs: the ratio of speeds must reach the target
+};
+
+inline const std::vector<BenchPair>& benchPairs() {
+  static const std::vector<BenchPair> pairs = {
+      {"round trip (getParentId)", "BM_RoundTripServer", "BM_RoundTripEcho", 1.3, false},
+      {"spawn + wait /bin/true", "BM_SpawnWaitServer", "BM_SpawnWaitLinux", 1.3, false},
+  };
+  return pairs;
+}

@@ -1,0 +1,90 @@
+// The server's own cost per request: a getParentId round trip through posix.service against a
+// plain SOCK_SEQPACKET echo server (another process) moving frames of the same sizes.
+#include <benchmark/benchmark.h>
+#include <posix/wire.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "posix_client.h"
+
+namespace {
+
+constexpr size_t kRequestSize = PX_FRAME_HEADER_SIZE;      // getParentId carries no values
+constexpr size_t kReplySize = PX_FRAME_HEADER_SIZE + 8;    // one u64
+
+// A forked echo server: answers every datagram with a reply-sized datagram.
+class EchoServer {
+ public:
+  bool start() {
+    path_ = std::string(std::getenv("POSIX_RUNTIME_DIR")) + "/bench-echo";
+    int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path_.c_str(), sizeof addr.sun_path - 1);
+    unlink(path_.c_str());
+    if (bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(listener, 4) != 0) return false;
+    pid_ = fork();
+    if (pid_ == 0) {
+      int link = accept(listener, nullptr, nullptr);
+      char buffer[PX_WIRE_MAX_FRAME];
+      for (;;) {
+        ssize_t n = recv(link, buffer, sizeof buffer, 0);
+        if (n <= 0) _exit(0);
+        if (send(link, buffer, kReplySize, MSG_NOSIGNAL) < 0) _exit(0);
+      }
+    }
+    close(listener);
+    client_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    return connect(client_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  }
+  bool roundTrip() {
+    char request[kRequestSize] = {};
+    char reply[PX_WIRE_MAX_FRAME];
+    return send(client_, request, sizeof request, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof request) &&
+           recv(client_, reply, sizeof reply, 0) == static_cast<ssize_t>(kReplySize);
+  }
+  ~EchoServer() {
+    if (client_ >= 0) close(client_);
+    if (pid_ > 0) waitpid(pid_, nullptr, 0);
+    unlink(path_.c_str());
+  }
+
+ private:
+  std::string path_;
+  pid_t pid_ = -1;
+  int client_ = -1;
+};
+
+void BM_RoundTripServer(benchmark::State& state) {
+  for (auto _ : state) {
+    if (px_getppid() < 0) {
+      state.SkipWithError("getParentId failed");
+      break;
+    }
+  }
+}
+BENCHMARK(BM_RoundTripServer)->MinTime(1.0)->UseRealTime();
+
+void BM_RoundTripEcho(benchmark::State& state) {
+  EchoServer echo;
+  if (!echo.start()) {
+    state.SkipWithError("echo server did not start");
+    return;
+  }
+  for (auto _ : state) {
+    if (!echo.roundTrip()) {
+      state.SkipWithError("echo round trip failed");
+      break;
+    }
+  }
+}
+BENCHMARK(BM_RoundTripEcho)->MinTime(1.0)->UseRealTime();
+
+}  // namespace

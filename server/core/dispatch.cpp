@@ -1,0 +1,77 @@
+// The dispatcher of "posix.service": identifies the caller by the link's tag, decodes the
+// command and hands it to the process objects.
+#include <posix/posix_service.h>
+
+#include "core/posix_service.h"
+#include "core/request_reader.h"
+#include "core/service_log.h"
+#include "process/process_group.h"
+
+using posix::LogNum;
+using posix::serviceLog;
+
+bool PosixService::dispatch(Ref<InMsg> request, Ref<OutMsg> reply, uint32_t* resultCode,
+                            uint64_t /*unused*/, Ref<Object>* slot) {
+  Ref<PosixProcess> caller = processes_->get(request->link()->tag());
+  if (!caller) {
+    POSIX_LOG(serviceLog.handle, 3, "Invalid chnLink tag");
+    *resultCode = PX_RESULT_FAILED;
+    return true;
+  }
+  switch (request->code()) {
+    case PX_CMD_KILL: *resultCode = kill(caller, request); break;
+    case PX_CMD_KILL_GROUP: *resultCode = killGroup(caller, request); break;
+    case PX_CMD_WAIT_SIGNAL:
+      if (caller->waitSignal(request)) return false;
+      *resultCode = PX_RESULT_FAILED;
+      break;
+    case PX_CMD_GET_GROUP_ID: *resultCode = getGroupId(request, reply); break;
+    case PX_CMD_GET_PARENT_ID: {
+      Ref<PosixProcess> parent = caller->parent();
+      uint64_t parentPid = parent ? parent->pid() : 0;
+      *resultCode = writeValue(reply, parentPid) ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
+      break;
+    }
+    case PX_CMD_SPAWN:
+    case PX_CMD_SPAWN_SHARED: *resultCode = spawn(caller, request, reply); break;
+    case PX_CMD_GET_SHARED_MEMORY: *resultCode = getSharedMemory(caller, reply); break;
+    case PX_CMD_WAIT: {
+      uint32_t kind = 0;
+      uint64_t value = 0, options = 0;
+      if (!readValue(request, &kind) || !readValue(request, &value) || !readValue(request, &options)) {
+        *resultCode = PX_RESULT_SHORT_REQUEST;
+        break;
+      }
+      if (caller->wait(request, kind, value, options)) return false;  // wait answers by itself
+      *resultCode = PX_RESULT_FAILED;
+      break;
+    }
+    case PX_CMD_ABORT_WAITS:
+      // The request itself keeps whatever result code the previous request left.
+      caller->failWaiters(PX_RESULT_ABORTED);
+      break;
+    default: *resultCode = PX_RESULT_FAILED; break;  // includes createPipe until pipes exist
+  }
+  if (slot) slot->reset();
+  return true;
+}
+
+uint32_t PosixService::getGroupId(const Ref<InMsg>& request, const Ref<OutMsg>& reply) {
+  uint64_t pid = 0;
+  if (!readValue(request, &pid)) return PX_RESULT_SHORT_REQUEST;
+  Ref<PosixProcess> process = PosixProcess::find(pid);
+  if (!process) return PX_RESULT_NO_PROCESS;
+  uint64_t groupId = pid;
+  if (Ref<PosixProcessGroup> group = process->group())
+    groupId = group->id();
+  else
+    POSIX_LOG(serviceLog.handle, 3, "No Group set for " << LogNum{pid});
+  return writeValue(reply, groupId) ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
+}
+
+uint32_t PosixService::getSharedMemory(const Ref<PosixProcess>& caller, const Ref<OutMsg>& reply) {
+  ShMemID id = caller->grantSharedMemory();
+  if (id.id == 0) return PX_RESULT_FAILED;
+  if (!writeValue(reply, id.id) || !writeValue(reply, id.size)) return PX_RESULT_REPLY_UNWRITTEN;
+  return PX_RESULT_DONE;
+}

@@ -1,0 +1,47 @@
+// Starting programs through "posix.service". The counts in a spawn request are checked against
+// what the request can still hold (a string takes at least 4 bytes, an environment pair 8)
+// before anything is allocated for them: a larger count is a short request, answered 0.
+#include <posix/posix_service.h>
+#include <posix/wire.h>
+
+#include "core/posix_service.h"
+#include "core/request_reader.h"
+
+namespace {
+
+bool decodeStart(const Ref<InMsg>& request, ProgramStart* start) {
+  start->path = String::create(request);
+  readValue(request, &start->startFlags);
+  uint64_t argc = 0;
+  readValue(request, &argc);
+  if (argc > request->remaining() / PX_WIRE_STRING_HEADER) return false;
+  start->arguments.reserve(argc);
+  for (uint64_t i = 0; i < argc; ++i) start->arguments.push_back(String::create(request));
+  uint64_t envc = 0;
+  readValue(request, &envc);
+  if (envc > request->remaining() / (2 * PX_WIRE_STRING_HEADER)) return false;
+  start->environment = Env::create();
+  for (uint64_t i = 0; i < envc; ++i) {
+    Ref<String> name = String::create(request);
+    Ref<String> value = String::create(request);
+    start->environment->set(name, value);
+  }
+  readValue(request, &start->startOptions);
+  if (request->code() == PX_CMD_SPAWN_SHARED) {
+    readValue(request, &start->sharedMemory.id);
+    readValue(request, &start->sharedMemory.size);
+  }
+  return true;
+}
+
+}  // namespace
+
+uint32_t PosixService::spawn(const Ref<PosixProcess>& caller, const Ref<InMsg>& request,
+                             const Ref<OutMsg>& reply) {
+  ProgramStart start;
+  if (!decodeStart(request, &start)) return PX_RESULT_FAILED;
+  Ref<PosixProcess> child = PosixProcess::spawn(caller, std::move(start));
+  if (!child) return PX_RESULT_FAILED;
+  writeValue(reply, child->pid());
+  return PX_RESULT_DONE;
+}

@@ -1,0 +1,57 @@
+#include "core/server_main.h"
+
+#include <posix/posix_service.h>
+
+#include "core/posix_service.h"
+#include "core/service_log.h"
+#include "fd/posix_fd_service.h"
+#include "platform/chario.h"
+#include "platform/devnode.h"
+#include "platform/proc.h"
+
+using posix::serviceLog;
+
+namespace {
+
+// Open flags with which the root directory is opened to bind "tmp".
+constexpr uint32_t kRootOpenFlags = 51;
+constexpr uint64_t kServiceNodeAccess = 32;
+
+bool acquired(const Ref<Chn>& channel) { return channel && channel->id() != 0; }
+
+// Makes "/tmp/.PosixService" name the process service, and "/tmp" lead into the device tree.
+void publishServiceNode(const Ref<Chn>& channel) {
+  Ref<DeviceNode> node = DeviceNode::create(PX_SERVICE_NODE_TYPE, channel->id(), 0, 0, kServiceNodeAccess, 0);
+  Ref<DeviceServer> devices = DeviceServer::create();
+  devices->registerNode(String::create(PX_SERVICE_NODE_PATH), node);
+  if (Ref<Services::Filesystem::Client::Directory> root =
+          Services::Filesystem::Client::Directory::open("/", kRootOpenFlags)) {
+    root->bind(String::create("tmp"), DeviceServer::nodePrefix()->append("tmp"));
+  }
+}
+
+}  // namespace
+
+void serverMain() {
+  StdIO::stdOut(Debug::out());
+
+  // Both services live as long as the process: never released.
+  Ref<PosixService> service = new PosixService();
+  if (!acquired(service->chn())) {
+    POSIX_LOG(serviceLog.handle, 4, "Could not accquire channel " << PX_SERVICE_NAME);
+    Proc::exit(-1);
+  }
+  publishServiceNode(service->chn());
+
+  Ref<PosixFDService> fdService = new PosixFDService();
+  if (!acquired(fdService->channel())) {
+    POSIX_LOG(serviceLog.handle, 4, "Could not accquire channel" << PX_FD_SERVICE_NAME);
+    Proc::exit(-1);
+  }
+  Ref<Thd> fdThread = Thd::create(fdService);
+  fdThread->setName("FD");
+  fdThread->start();
+
+  service->mainLoop();
+  Proc::exit(0);  // reached only if the channel was closed under the loop
+}

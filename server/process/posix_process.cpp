@@ -1,0 +1,129 @@
+#include "process/posix_process.h"
+
+#include "fd/fd_table.h"
+#include "process/process_group.h"
+#include "process/process_log.h"
+#include "process/process_registry.h"
+#include "process/wait_entry.h"
+
+namespace posix {
+LogModule processLog;
+}
+using posix::LogNum;
+using posix::processLog;
+
+PosixProcess::PosixProcess()
+    : monitor_(Mon::create()),
+      children_(TVector<Ref<PosixProcess>>::create()),
+      zombies_(TVector<Ref<PosixProcess>>::create()),
+      waitEntries_(TVector<WaitEntry*>::create()) {}
+
+PosixProcess::~PosixProcess() {
+  // A record whose program never started (pid 0) was never an entry of its own.
+  if (pid_ != 0 && !parent_.lock()) POSIX_LOG(processLog.handle, 1, "Entry for orphan process " << LogNum{pid_} << " removed");
+  // Waits still queued belong to a client that will never be answered: free them.
+  for (uint64_t i = 0; i < waitEntries_->count(); ++i) delete waitEntries_->get(i);
+  group_.reset();
+  signalWaiter_.reset();
+  fdTable_.reset();
+  sharedMemory_.reset();
+  waitEntries_.reset();
+  zombies_.reset();
+  children_.reset();
+  parent_ = nullptr;
+  monitor_.reset();
+}
+
+Ref<PosixProcess> PosixProcess::find(uint64_t pid) {
+  MonLock lock(ProcessRegistry::monitor());
+  TVector<WeakRef<PosixProcess>>* listing = ProcessRegistry::listing();
+  if (!listing) return nullptr;
+  for (uint64_t i = 0; i < listing->count();) {
+    Ref<PosixProcess> process = listing->get(i).lock();
+    if (!process) {
+      listing->removeAt(i);  // the only place where stale listings are dropped
+      continue;
+    }
+    if (process->pid_ == pid) return process;
+    ++i;
+  }
+  return nullptr;
+}
+
+Ref<PosixProcess> PosixProcess::createEntry(uint64_t pid) {
+  Ref<PosixProcess> created = new PosixProcess();
+  created->pid_ = pid;
+  created->setGroup(nullptr);
+  created->fdTable_ = new FDTable();
+  Ref<PosixProcess> process;
+  {
+    MonLock lock(ProcessRegistry::monitor());
+    process = find(pid);
+    if (!process) process = created;
+    // Listed again even when found: find() answers the first listing.
+    ProcessRegistry::add(process);
+  }
+  POSIX_LOG(processLog.handle, 1, "Entry created for process " << LogNum{pid});
+  return process;
+}
+
+bool PosixProcess::setGroup(Ref<PosixProcessGroup> group) {
+  if (!group) group = PosixProcessGroup::create(this);
+  if (group_) {
+    if (group_ == group) return true;
+    if (!group_->removeMember(this)) return false;
+  }
+  group_ = group;
+  return group->addMember(this);
+}
+
+bool PosixProcess::mayControl(const Ref<PosixProcess>& sender) const {
+  if (!sender) return false;
+  if (sender.get() == this) return true;
+  Ref<ProcInfo> senderInfo = Proc::info(sender->pid_);
+  Ref<ProcInfo> targetInfo = Proc::info(pid_);
+  if (!senderInfo || !targetInfo) return false;
+  return targetInfo->level() <= senderInfo->level();
+}
+
+Ref<PosixProcessGroup> PosixProcess::group() const { return group_; }
+
+uint64_t PosixProcess::groupId() const { return group_ ? group_->id() : pid_; }
+
+Ref<FDTable> PosixProcess::fdTable() const {
+  MonLock lock(monitor_);
+  return fdTable_;
+}
+
+ShMemID PosixProcess::grantSharedMemory() {
+  MonLock lock(monitor_);
+  if (!sharedMemory_) return {};
+  sharedMemory_->grant(pid_);
+  return sharedMemory_->id();
+}
+
+StatusRecord PosixProcess::statusRecord() const {
+  StatusRecord record{};
+  record.signal = PX_SIG_CHILD;
+  record.code = 1;
+  record.exit_code = exitCode_;
+  record.pid = pid_;
+  return record;
+}
+
+uint64_t PosixProcess::childCount() const {
+  MonLock lock(monitor_);
+  return children_->count();
+}
+uint64_t PosixProcess::zombieCount() const {
+  MonLock lock(monitor_);
+  return zombies_->count();
+}
+uint64_t PosixProcess::waitCount() const {
+  MonLock lock(monitor_);
+  return waitEntries_->count();
+}
+uint32_t PosixProcess::pendingSignals() const {
+  MonLock lock(monitor_);
+  return pendingSignals_;
+}

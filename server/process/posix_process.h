@@ -1,0 +1,115 @@
+// The server's record of one POSIX process: its pid, parent and children, terminated children
+// not yet collected, pending waits and signals, its process group and its descriptor table.
+//
+// Every record is also listed (weakly) in the process registry so that it can be found by pid.
+// A record is kept alive by the connection tables while its program is connected, by its
+// parent's `children` or `zombies`, and by its ProcessAgent while the program runs.
+//
+// Locking: `monitor_` guards children_, zombies_, waitEntries_, pendingSignals_,
+// signalWaiter_, sharedMemory_ and fdTable_. Lock order: a process's monitor before the
+// registry's monitor; a parent's monitor before anything its children's destruction takes.
+#pragma once
+
+#include <posix/posix_service.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "common/tvector.h"
+#include "platform/message.h"
+#include "platform/proc.h"
+#include "platform/string.h"
+#include "platform/sync.h"
+
+class FDTable;
+class PosixProcessGroup;
+struct WaitEntry;
+
+// The child-status record and the signal record share one 32-byte layout.
+using StatusRecord = px_status_record;
+
+// Where a signal's record travels in the notification to a signal waiter: the process
+// service's own kill writes it into the data stream, every other sender attaches it as a
+// typed record block.
+enum class RecordPlacement { Data, Block };
+
+// What a spawn request asks for; handed through to the platform's program start unchanged.
+struct ProgramStart {
+  Ref<String> path;
+  uint32_t startFlags = 0;
+  std::vector<Ref<String>> arguments;
+  Ref<Env> environment;
+  uint32_t startOptions = 0;
+  ShMemID sharedMemory;  // all zero for none
+};
+
+class PosixProcess : public Object {
+ public:
+  // The registered, living record with `pid`, or null. Drops stale registry slots it passes.
+  static Ref<PosixProcess> find(uint64_t pid);
+  // The record of a program that connected by itself: parentless, leading a new group, with a
+  // fresh descriptor table. Answers the existing record when one appeared meanwhile.
+  static Ref<PosixProcess> createEntry(uint64_t pid);
+  // Starts a program as a child of `parent`; null when the program could not be started.
+  static Ref<PosixProcess> spawn(const Ref<PosixProcess>& parent, ProgramStart start);
+
+  // Moves this process into `group`, or into a new group it leads when `group` is null.
+  bool setGroup(Ref<PosixProcessGroup> group);
+  // Whether `sender` may signal this process.
+  bool mayControl(const Ref<PosixProcess>& sender) const;
+  // Delivers signal `signum`; answers 2 for a bad number, 0 when the platform refused,
+  // else 1 (for kill and stop the platform's answer).
+  uint32_t signal(const Ref<PosixProcess>& sender, uint32_t signum, const StatusRecord* record,
+                  RecordPlacement placement = RecordPlacement::Block);
+  // Keeps `request` until the next signal (true), or answers it with the pending ones (false).
+  bool waitSignal(const Ref<InMsg>& request);
+  // Called on the child's agent thread when the child's program has ended.
+  void childExited(const Ref<PosixProcess>& child);
+
+  // Waits for a child (kind PX_WAIT_*); always answers the request itself, now or later.
+  bool wait(const Ref<InMsg>& request, uint32_t kind, uint64_t value, uint64_t options);
+  // Answers every queued wait with `status` and frees it.
+  void failWaiters(uint32_t status);
+
+  uint64_t pid() const { return pid_; }
+  Ref<PosixProcess> parent() const { return parent_.lock(); }
+  Ref<PosixProcessGroup> group() const;
+  uint64_t groupId() const;
+  Ref<FDTable> fdTable() const;
+  // The shared memory handed over at creation, granted to this process; all zero if none.
+  ShMemID grantSharedMemory();
+  bool terminated() const { return terminated_.load(std::memory_order_acquire); }
+  uint32_t exitCode() const { return exitCode_; }
+  StatusRecord statusRecord() const;
+
+  // Counts for tests and diagnostics.
+  uint64_t childCount() const;
+  uint64_t zombieCount() const;
+  uint64_t waitCount() const;
+  uint32_t pendingSignals() const;
+
+  ~PosixProcess() override;
+
+ private:
+  friend class ProcessAgent;
+  PosixProcess();
+
+  // Marks the program as ended and unlinks the record (agent thread).
+  void markTerminated(uint32_t exitCode);
+  bool matches(uint32_t kind, uint64_t value) const;
+  void sendSignalLocked(uint32_t signum, const StatusRecord& record, RecordPlacement placement);
+
+  uint64_t pid_ = 0;  // written once: before registration (connect) or before the handshake (spawn)
+  Ref<Mon> monitor_;
+  WeakRef<PosixProcess> parent_;
+  Ref<TVector<Ref<PosixProcess>>> children_;  // living children, in order of creation
+  Ref<TVector<Ref<PosixProcess>>> zombies_;   // ended children not yet collected
+  Ref<TVector<WaitEntry*>> waitEntries_;      // queued blocking waits, owned here
+  Ref<SharedMemory> sharedMemory_;
+  Ref<FDTable> fdTable_;
+  std::atomic<bool> terminated_{false};
+  uint32_t exitCode_ = 0;  // written before terminated_ is set
+  uint32_t pendingSignals_ = 0;  // bit s-1 for a pending signal s
+  Ref<InMsg> signalWaiter_;
+  Ref<PosixProcessGroup> group_;  // set while the record is made, on the main thread
+};

@@ -1,0 +1,82 @@
+#include "process/process_agent.h"
+
+#include "fd/fd_table.h"
+#include "process/process_group.h"
+#include "process/process_log.h"
+#include "process/process_registry.h"
+
+namespace posix {
+LogModule agentLog;
+}
+using posix::agentLog;
+using posix::LogNum;
+
+ProcessAgent::ProcessAgent(Ref<PosixProcess> process, ProgramStart start)
+    : process_(std::move(process)), start_(std::move(start)), handshake_(Sem::create(0)) {}
+
+void ProcessAgent::run() {
+  const Ref<String>& path = start_.path;
+  process_->pid_ = Binary::create(path, start_.startFlags, start_.arguments.data(),
+                                  start_.arguments.size(), start_.environment, start_.startOptions);
+  uint64_t pid = process_->pid_;
+  handshake_->up();
+  if (pid == 0) {
+    POSIX_LOG(agentLog.handle, 2, "Could not create new process for " << path);
+    process_.reset();
+    return;
+  }
+  if (Ref<PosixProcess> parent = process_->parent()) {
+    POSIX_LOG(agentLog.handle, 1,
+              "Process " << LogNum{parent->pid()} << " created new child process " << path
+                         << " with pid: " << LogNum{pid});
+  } else {
+    POSIX_LOG(agentLog.handle, 1, "New process " << path << " created with pid " << LogNum{pid});
+  }
+
+  uint32_t exitCode = Proc::wait();
+  handshake_->down();
+  POSIX_LOG(agentLog.handle, 1,
+            "Process " << path << " (" << LogNum{pid} << ") terminated with exitcode "
+                       << LogNum{exitCode});
+  process_->markTerminated(exitCode);
+  if (Ref<PosixProcess> parent = process_->parent()) parent->childExited(process_);
+  process_.reset();
+}
+
+void PosixProcess::markTerminated(uint32_t exitCode) {
+  exitCode_ = exitCode;
+  terminated_.store(true, std::memory_order_release);
+  ProcessRegistry::remove(this);
+  Ref<FDTable> table;
+  {
+    MonLock lock(monitor_);
+    table = std::move(fdTable_);
+  }
+  // The table (and with it the descriptors) goes outside the record's monitor.
+  table.reset();
+}
+
+Ref<PosixProcess> PosixProcess::spawn(const Ref<PosixProcess>& parent, ProgramStart start) {
+  if (!parent) return nullptr;
+  Ref<PosixProcess> child = new PosixProcess();
+  child->parent_ = WeakRef<PosixProcess>(parent);
+  if (start.sharedMemory.id != 0) child->sharedMemory_ = ShMem::open(start.sharedMemory);
+
+  Ref<ProcessAgent> agent = new ProcessAgent(child, std::move(start));
+  Ref<Thd> thread = Thd::create(agent);
+  if (!thread) return nullptr;
+  thread->setName("PosixChild");
+  if (!thread->start()) return nullptr;
+  agent->awaitStart();
+  if (child->pid_ == 0) return nullptr;
+
+  child->setGroup(parent->group());
+  child->fdTable_ = new FDTable(parent->fdTable());
+  {
+    MonLock parentLock(parent->monitor_);
+    ProcessRegistry::add(child);
+    parent->children_->append(child);
+  }
+  agent->releaseEnd();
+  return child;
+}

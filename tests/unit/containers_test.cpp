@@ -1,0 +1,128 @@
+// The server's containers: growth and bounds of TVector, the linked TList, and the identifier
+// order of TIdTable that connection tags depend on.
+#include <gtest/gtest.h>
+
+#include "common/tidtable.h"
+#include "common/tlist.h"
+#include "common/tvector.h"
+
+namespace {
+
+// Counts its own destructions so tests can see that containers release what they hold.
+class Tracked : public Object {
+ public:
+  explicit Tracked(int* deaths, uint64_t value = 0) : value(value), deaths_(deaths) {}
+  ~Tracked() override { ++*deaths_; }
+  uint64_t value;
+
+ private:
+  int* deaths_;
+};
+
+TEST(TVector, GrowsToTheLargerOfNeedAndDoubleAndKeepsOrder) {
+  auto v = TVector<int>::create(3);
+  EXPECT_EQ(v->count(), 3u);
+  EXPECT_EQ(v->capacity(), 3u);
+  v->set(0, 10); v->set(1, 11); v->set(2, 12);
+  v->append(13);
+  EXPECT_EQ(v->capacity(), 6u);  // twice the capacity beats the one slot needed
+  v->resize(20);
+  EXPECT_EQ(v->capacity(), 20u);  // the need beats twice the capacity
+  EXPECT_EQ(v->count(), 20u);
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(v->get(i), 10 + i);
+  v->resize(2);
+  EXPECT_EQ(v->capacity(), 20u) << "shrinking the count never reallocates";
+  EXPECT_EQ(v->count(), 2u);
+}
+
+TEST(TVector, ReadsBeyondTheEndAreEmptyAndWritesIgnored) {
+  auto v = TVector<int*>::create(1);
+  int x = 0;
+  v->set(0, &x);
+  v->set(5, &x);
+  EXPECT_EQ(v->count(), 1u);
+  EXPECT_EQ(v->get(1), nullptr);
+  EXPECT_EQ(v->get(~0ull), nullptr);
+  EXPECT_EQ(v->get(0), &x);
+}
+
+TEST(TVector, RemoveValueShiftsLaterSlotsDownAndReleasesReferences) {
+  int deaths = 0;
+  auto v = TVector<Ref<Tracked>>::create();
+  Ref<Tracked> a = new Tracked(&deaths, 1), b = new Tracked(&deaths, 2), c = new Tracked(&deaths, 3);
+  v->append(a); v->append(b); v->append(c); v->append(b);
+  EXPECT_TRUE(v->contains(b));
+  EXPECT_TRUE(v->removeValue(b));  // only the first slot that holds it
+  ASSERT_EQ(v->count(), 3u);
+  EXPECT_EQ(v->get(0), a);
+  EXPECT_EQ(v->get(1), c);
+  EXPECT_EQ(v->get(2), b);
+  EXPECT_FALSE(v->removeValue(Ref<Tracked>()));
+  c.reset();
+  v->removeAt(1);
+  EXPECT_EQ(deaths, 1) << "the vacated slot must not keep the removed object alive";
+  v.reset();
+  a.reset();
+  b.reset();
+  EXPECT_EQ(deaths, 3);
+}
+
+TEST(TList, AppendsRemovesAndWalksInOrder) {
+  auto list = TList<int>::create();
+  for (int i = 1; i <= 5; ++i) list->append(i);
+  EXPECT_TRUE(list->contains(3));
+  EXPECT_TRUE(list->remove(1));   // the head
+  EXPECT_TRUE(list->remove(5));   // the tail
+  EXPECT_FALSE(list->remove(9));
+  list->append(6);                // the tail must still be right after removing it
+  EXPECT_EQ(list->removeIf([](int v) { return v % 2 == 0; }), 3u);
+  std::vector<int> seen;
+  list->forEach([&](int v) { seen.push_back(v); });
+  EXPECT_EQ(seen, (std::vector<int>{3}));
+  EXPECT_EQ(list->count(), 1u);
+}
+
+TEST(TIdTable, HandsOutFifteenDownToOneThenDoubles) {
+  auto table = TIdTable<int>::create();
+  for (uint64_t expected = 15; expected >= 1; --expected) EXPECT_EQ(table->add(1), expected);
+  EXPECT_EQ(table->capacity(), 16u);
+  EXPECT_EQ(table->add(1), 31u);
+  EXPECT_EQ(table->capacity(), 32u);
+  for (uint64_t expected = 30; expected >= 16; --expected) EXPECT_EQ(table->add(1), expected);
+  EXPECT_EQ(table->add(1), 63u) << "identifier 0 is never handed out, so the table grows again";
+}
+
+TEST(TIdTable, FreedIdentifierComesBackFirstAndBadRemovesChangeNothing) {
+  auto table = TIdTable<int>::create();
+  for (int i = 0; i < 10; ++i) table->add(100 + i);
+  table->remove(7);
+  table->remove(7);
+  table->remove(0);
+  table->remove(16);
+  table->remove(~0ull);
+  EXPECT_EQ(table->get(7), 0);
+  EXPECT_EQ(table->add(42), 7u);
+  EXPECT_EQ(table->get(7), 42);
+  EXPECT_EQ(table->add(43), 5u) << "after the freed one, the stack goes on where it was";
+  EXPECT_EQ(table->get(0), 0);
+}
+
+TEST(TIdTable, FindSkipsSlotZeroAndFreeSlotsAndDestructionReleasesEntries) {
+  int deaths = 0;
+  {
+    auto table = TIdTable<Ref<Tracked>>::create();
+    uint64_t a = table->add(new Tracked(&deaths, 5));
+    uint64_t b = table->add(new Tracked(&deaths, 6));
+    table->add(new Tracked(&deaths, 6));
+    table->remove(a);
+    EXPECT_EQ(deaths, 1);
+    auto byValue = [](uint64_t v) { return [v](const Ref<Tracked>& t) { return t->value == v; }; };
+    EXPECT_FALSE(table->find(byValue(5)));
+    Ref<Tracked> found = table->find(byValue(6));
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found, table->get(b - 1)) << "the lowest identifier wins";
+  }
+  EXPECT_EQ(deaths, 3);
+}
+
+}  // namespace
