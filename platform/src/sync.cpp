@@ -2,17 +2,34 @@
 
 #include <chrono>
 
+#include "platform/thread.h"
+
 Ref<Mon> Mon::create(uint32_t /*flags*/) { return new Mon(); }
 
 bool Mon::enter(uint32_t timeoutMs) {
-  if (timeoutMs == kForever) {
-    mutex_.lock();
-    return true;
+  const uint64_t self = Thd::current();
+  std::unique_lock lock(mutex_);
+  if (owner_ != self) {
+    auto isFree = [this] { return owner_ == 0; };
+    if (timeoutMs == kForever)
+      released_.wait(lock, isFree);
+    else if (!released_.wait_for(lock, std::chrono::milliseconds(timeoutMs), isFree))
+      return false;
+    owner_ = self;
   }
-  return mutex_.try_lock_for(std::chrono::milliseconds(timeoutMs));
+  ++depth_;
+  return true;
 }
 
-void Mon::leave() { mutex_.unlock(); }
+void Mon::leave() {
+  {
+    std::lock_guard lock(mutex_);
+    if (depth_ == 0 || owner_ != Thd::current()) return;  // not held by this thread
+    if (--depth_ > 0) return;
+    owner_ = 0;
+  }
+  released_.notify_one();
+}
 
 Ref<Sem> Sem::create(uint32_t initial) { return new Sem(initial); }
 

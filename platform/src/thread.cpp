@@ -6,6 +6,8 @@
 
 #include <cstring>
 
+#include "platform/exception.h"
+
 namespace {
 thread_local Thd* t_current = nullptr;
 }
@@ -40,10 +42,13 @@ bool Thd::start() {
 void* Thd::entry(void* self) {
   auto* thd = static_cast<Thd*>(self);
   t_current = thd;
+  // A thread that overflows its stack must still reach the exception handler.
+  ExceptionHandler::prepareThread();
   if (thd->name_[0]) pthread_setname_np(pthread_self(), thd->name_);
   Ref<Exec> body = thd->body_;
   body->run();
   body.reset();
+  ExceptionHandler::finishThread();
   t_current = nullptr;
   thd->finished_.store(true, std::memory_order_release);
   thd->release();
@@ -60,7 +65,11 @@ bool Thd::join(uint32_t timeoutMs) {
   return true;
 }
 
-uint64_t Thd::current() { return static_cast<uint64_t>(syscall(SYS_gettid)); }
+uint64_t Thd::current() {
+  // Cached: monitors ask on every enter and leave.
+  thread_local const uint64_t tid = static_cast<uint64_t>(syscall(SYS_gettid));
+  return tid;
+}
 
 bool Thd::cancelled() {
   return t_current && t_current->cancelled_.load(std::memory_order_acquire);

@@ -26,4 +26,10 @@ namespace ExceptionHandler {
 // Installs `handler` for SIGSEGV, SIGBUS, SIGILL and SIGFPE on an alternate signal stack of
 // every thread the platform starts (and of the calling thread).
 void set(ExceptionHandlerFn handler);
+
+// Gives the calling thread an alternate signal stack, so that a thread that ran out of stack
+// still reaches the handler. Thd calls it when a thread starts; idempotent.
+void prepareThread();
+// Takes back what prepareThread gave; Thd calls it when the thread's body has returned.
+void finishThread();
 }  // namespace ExceptionHandler

@@ -10,7 +10,9 @@
 
 constexpr uint32_t kForever = 0xFFFFFFFFu;
 
-// A re-entrant monitor: the thread that holds it may enter it again.
+// A re-entrant monitor: the thread that holds it may enter it again. Built on a mutex and a
+// condition variable (rather than a timed recursive mutex) so that timed entries wait without
+// polling and stay visible to ThreadSanitizer.
 class Mon : public Object {
  public:
   // `flags` is accepted for the callers that pass one; the hosted monitor has one kind only.
@@ -21,7 +23,10 @@ class Mon : public Object {
 
  private:
   Mon() = default;
-  std::recursive_timed_mutex mutex_;
+  std::mutex mutex_;
+  std::condition_variable released_;
+  uint64_t owner_ = 0;  // guarded by mutex_: Linux thread id of the holder, 0 when free
+  uint64_t depth_ = 0;  // guarded by mutex_: how often the holder has entered
 };
 
 // Holds a monitor for a scope.

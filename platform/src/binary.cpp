@@ -1,0 +1,189 @@
+// Starting programs: the environment handed to a program, posix_spawn, and waiting for the
+// program that the calling thread started last.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform/error.h"
+#include "platform/proc.h"
+#include "platform/runtime.h"
+
+namespace {
+
+// The program that Binary::create last started on this thread; Proc::wait collects it. A
+// thread that starts a program and then waits for it (the server's agent threads) needs
+// nothing else to pair the two.
+thread_local pid_t t_lastStarted = 0;
+
+constexpr const char* kStdIn = "POSIX_STDIN";
+constexpr const char* kStdOut = "POSIX_STDOUT";
+constexpr const char* kStdErr = "POSIX_STDERR";
+constexpr const char* kRuntimeDir = "POSIX_RUNTIME_DIR";
+
+bool named(const Ref<String>& name, const char* text) { return name && name->equals(text); }
+
+// The first regular, executable `dir/file` along a PATH-style list; an empty entry is the
+// current directory.
+bool searchPath(const std::string& list, const std::string& file, std::string* found) {
+  size_t start = 0;
+  for (;;) {
+    size_t colon = list.find(':', start);
+    size_t length = colon == std::string::npos ? std::string::npos : colon - start;
+    std::string dir = list.substr(start, length);
+    std::string candidate = (dir.empty() ? std::string(".") : dir) + "/" + file;
+    struct stat st;
+    if (::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+        ::access(candidate.c_str(), X_OK) == 0) {
+      *found = candidate;
+      return true;
+    }
+    if (colon == std::string::npos) return false;
+    start = colon + 1;
+  }
+}
+
+// Owns the spawn attributes and file actions for one start.
+struct SpawnSetup {
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attr;
+  SpawnSetup() {
+    posix_spawn_file_actions_init(&actions);
+    posix_spawnattr_init(&attr);
+  }
+  ~SpawnSetup() {
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attr);
+  }
+  SpawnSetup(const SpawnSetup&) = delete;
+  SpawnSetup& operator=(const SpawnSetup&) = delete;
+};
+
+// The child must not inherit what the server blocks or ignores: an empty mask, and every
+// catchable signal back to its default action.
+int resetSignals(posix_spawnattr_t* attr) {
+  sigset_t none;
+  sigset_t all;
+  sigemptyset(&none);
+  sigfillset(&all);
+  sigdelset(&all, SIGKILL);
+  sigdelset(&all, SIGSTOP);
+  int rc = posix_spawnattr_setsigmask(attr, &none);
+  if (rc == 0) rc = posix_spawnattr_setsigdefault(attr, &all);
+  if (rc == 0) rc = posix_spawnattr_setflags(attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  return rc;
+}
+
+uint64_t fail(int error) {
+  Error::set(static_cast<uint32_t>(error));
+  return 0;
+}
+
+}  // namespace
+
+Ref<Env> Env::create() { return new Env(); }
+
+void Env::set(const Ref<String>& name, const Ref<String>& value) {
+  if (!name) return;
+  Ref<String> stored = value ? value : String::create("");
+  for (size_t i = 0; i < names_.size(); ++i) {
+    if (names_[i]->equals(name->c_str())) {
+      values_[i] = stored;
+      return;
+    }
+  }
+  names_.push_back(name);
+  values_.push_back(stored);
+}
+
+Ref<String> Env::get(const char* name) const {
+  for (size_t i = 0; i < names_.size(); ++i)
+    if (names_[i]->equals(name)) return values_[i];
+  return nullptr;
+}
+
+uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<String>* args,
+                        uint64_t argc, const Ref<Env>& env, uint32_t /*startOptions*/) {
+  if (!path || path->length() == 0) return fail(ENOENT);
+
+  // The environment: env's pairs without the three standard-file entries, which are consumed
+  // here, and with this instance's runtime directory so that the program finds its server.
+  std::vector<std::string> envText;
+  const char* stdFiles[3] = {nullptr, nullptr, nullptr};
+  Ref<String> pathList;
+  for (uint64_t i = 0; env && i < env->count(); ++i) {
+    Ref<String> name = env->nameAt(i);
+    Ref<String> value = env->valueAt(i);
+    if (named(name, kStdIn)) { stdFiles[0] = value->c_str(); continue; }
+    if (named(name, kStdOut)) { stdFiles[1] = value->c_str(); continue; }
+    if (named(name, kStdErr)) { stdFiles[2] = value->c_str(); continue; }
+    if (named(name, kRuntimeDir)) continue;
+    if (named(name, "PATH")) pathList = value;
+    envText.push_back(std::string(name->c_str()) + "=" + value->c_str());
+  }
+  envText.push_back(std::string(kRuntimeDir) + "=" + Runtime::dir());
+
+  std::vector<char*> envp;
+  for (std::string& entry : envText) envp.push_back(entry.data());
+  envp.push_back(nullptr);
+  std::vector<char*> argv;
+  for (uint64_t i = 0; args && i < argc; ++i)
+    argv.push_back(const_cast<char*>(args[i] ? args[i]->c_str() : ""));
+  argv.push_back(nullptr);
+
+  SpawnSetup setup;
+  // The child's files are opened anew in the child; nothing is created or truncated.
+  int rc = posix_spawn_file_actions_addopen(&setup.actions, STDIN_FILENO,
+                                            stdFiles[0] ? stdFiles[0] : "/dev/null", O_RDONLY, 0);
+  if (rc == 0 && stdFiles[1])
+    rc = posix_spawn_file_actions_addopen(&setup.actions, STDOUT_FILENO, stdFiles[1], O_WRONLY, 0);
+  if (rc == 0 && stdFiles[2])
+    rc = posix_spawn_file_actions_addopen(&setup.actions, STDERR_FILENO, stdFiles[2], O_WRONLY, 0);
+  if (rc == 0) rc = resetSignals(&setup.attr);
+  if (rc != 0) return fail(rc);
+
+  std::string program = path->c_str();
+  bool usePathSearch = (startFlags & kSearchPath) != 0 && program.find('/') == std::string::npos;
+  if (usePathSearch && pathList) {
+    std::string found;
+    if (!searchPath(pathList->c_str(), program, &found)) return fail(ENOENT);
+    program = found;
+    usePathSearch = false;
+  }
+
+  pid_t pid = 0;
+  if (usePathSearch)
+    rc = posix_spawnp(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), envp.data());
+  else
+    rc = posix_spawn(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), envp.data());
+  if (rc != 0) return fail(rc);
+  t_lastStarted = pid;
+  return static_cast<uint64_t>(pid);
+}
+
+uint32_t Proc::wait() {
+  if (t_lastStarted <= 0) {
+    Error::set(ECHILD);
+    return 0xFFFFFFFFu;
+  }
+  int status = 0;
+  pid_t rc;
+  do {
+    rc = ::waitpid(t_lastStarted, &status, 0);
+  } while (rc < 0 && errno == EINTR);
+  if (rc < 0) {
+    Error::set(static_cast<uint32_t>(errno));
+    return 0xFFFFFFFFu;
+  }
+  t_lastStarted = 0;  // collected: a second wait has nothing to wait for
+  if (WIFEXITED(status)) return static_cast<uint32_t>(WEXITSTATUS(status));
+  if (WIFSIGNALED(status)) return 128u + static_cast<uint32_t>(WTERMSIG(status));
+  return 0xFFFFFFFFu;
+}

@@ -1,0 +1,81 @@
+// Shared memory: each object is the file RT/shm/<id>, with the id as 16 lowercase hex digits.
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <string>
+
+#include "platform/error.h"
+#include "platform/proc.h"
+#include "platform/runtime.h"
+
+namespace {
+
+std::string objectPath(uint64_t id) {
+  char name[32];
+  std::snprintf(name, sizeof name, "shm/%016" PRIx64, id);
+  return Runtime::path(name);
+}
+
+// A random id; 0 stands for "no shared memory" and is never handed out.
+bool randomId(uint64_t* id) {
+  do {
+    if (getrandom(id, sizeof *id, 0) != static_cast<ssize_t>(sizeof *id)) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+  } while (*id == 0);
+  return true;
+}
+
+}  // namespace
+
+bool SharedMemory::grant(uint64_t /*pid*/) { return true; }
+
+SharedMemory::~SharedMemory() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+Ref<SharedMemory> ShMem::open(ShMemID id) {
+  if (id.id == 0) {
+    Error::set(EINVAL);
+    return nullptr;
+  }
+  int fd = ::open(objectPath(id.id).c_str(), O_RDWR | O_CLOEXEC);
+  if (fd < 0) {
+    Error::set(static_cast<uint32_t>(errno));
+    return nullptr;
+  }
+  return new SharedMemory(fd, id);
+}
+
+Ref<SharedMemory> ShMem::create(uint64_t size) {
+  // A clash with an existing object is astronomically rare; a few fresh ids settle it.
+  for (int attempt = 0; attempt < 8; ++attempt) {
+    uint64_t id = 0;
+    if (!randomId(&id)) {
+      Error::set(static_cast<uint32_t>(errno));
+      return nullptr;
+    }
+    std::string path = objectPath(id);
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0 && errno == EEXIST) continue;
+    if (fd < 0) {
+      Error::set(static_cast<uint32_t>(errno));
+      return nullptr;
+    }
+    if (::ftruncate(fd, static_cast<off_t>(size)) != 0) {
+      Error::set(static_cast<uint32_t>(errno));
+      ::close(fd);
+      ::unlink(path.c_str());
+      return nullptr;
+    }
+    return new SharedMemory(fd, ShMemID{id, size});
+  }
+  Error::set(EEXIST);
+  return nullptr;
+}
