@@ -139,13 +139,14 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
   argv.push_back(nullptr);
 
   SpawnSetup setup;
-  // The child's files are opened anew in the child; nothing is created or truncated.
+  // The child's files are opened anew in the child; nothing is created or truncated. Output
+  // appends, so a file the caller's own output goes to is continued rather than overwritten.
   int rc = posix_spawn_file_actions_addopen(&setup.actions, STDIN_FILENO,
                                             stdFiles[0] ? stdFiles[0] : "/dev/null", O_RDONLY, 0);
   if (rc == 0 && stdFiles[1])
-    rc = posix_spawn_file_actions_addopen(&setup.actions, STDOUT_FILENO, stdFiles[1], O_WRONLY, 0);
+    rc = posix_spawn_file_actions_addopen(&setup.actions, STDOUT_FILENO, stdFiles[1], O_WRONLY | O_APPEND, 0);
   if (rc == 0 && stdFiles[2])
-    rc = posix_spawn_file_actions_addopen(&setup.actions, STDERR_FILENO, stdFiles[2], O_WRONLY, 0);
+    rc = posix_spawn_file_actions_addopen(&setup.actions, STDERR_FILENO, stdFiles[2], O_WRONLY | O_APPEND, 0);
   if (rc == 0) rc = resetSignals(&setup.attr);
   if (rc != 0) return fail(rc);
 
