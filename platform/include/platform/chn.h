@@ -10,9 +10,11 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "platform/message.h"
@@ -53,48 +55,64 @@ class ChnLink : public Object {
 
  private:
   friend class Chn;
+  friend struct ChnServe;
   ChnLink(int fd, uint64_t peerPid, Chn* channel) : fd_(fd), peerPid_(peerPid), channel_(channel) {}
-  // Sends queued frames; called by the channel's thread when the socket has room.
-  void flush();
+  // Sends queued frames; called by the channel's thread when the socket has room. Answers true
+  // when nothing is left queued.
+  bool flush();
   // Closes the socket; called by the channel's thread when it disconnects the link.
   void closeSocket();
+  // True once shutdown() ran or the reply queue overflowed: the channel's thread must
+  // disconnect the link.
+  bool dropped() const;
+  // Shuts the socket down and forgets queued replies; the caller holds mutex_.
+  void dropLocked();
 
   mutable std::mutex mutex_;
   int fd_;                               // guarded by mutex_; -1 once closed
-  bool dropped_ = false;                 // guarded by mutex_; set by shutdown()
+  bool dropped_ = false;                 // guarded by mutex_; set by shutdown() and overflow
   std::deque<std::vector<uint8_t>> queue_;  // guarded by mutex_: replies waiting for room
   size_t queuedBytes_ = 0;               // guarded by mutex_
   const uint64_t peerPid_;
   std::atomic<uint64_t> tag_{0};
-  Chn* channel_;  // guarded by mutex_; the channel outlives its open links
+  // Guarded by mutex_; cleared by closeSocket() before the channel goes, so a non-null value
+  // always names a live channel.
+  Chn* channel_;
+  uint64_t key_ = 0;  // the channel thread's handle for this link; written before publication
 };
 
 class Chn : public Object {
  public:
   // A new channel served by `conMan`. With a name, the channel is also reachable as
   // RT/chn/<name>; null (and Error set) when a live channel already holds the name, or when the
-  // socket cannot be made. A stale name left by a dead process is replaced.
+  // socket cannot be made. A stale name left by a dead process is replaced. The channel holds
+  // a reference to `conMan` until it has been closed and torn down.
   static Ref<Chn> create(Ref<ConMan> conMan, Ref<String> name = nullptr);
 
   uint64_t id() const { return id_; }
   // Runs the channel until the next request arrives and answers it; null once closed.
   Ref<InMsg> receive();
   // Stops accepting, shuts every link down and removes the socket files; receive() then
-  // answers null. Any thread may call it.
+  // answers null. Any thread may call it. The serving thread (the next receive(), or the
+  // destructor) then disconnects the remaining links and lets go of the manager.
   void close();
 
   ~Chn() override;
 
  private:
   friend class ChnLink;
+  friend struct ChnServe;
   Chn() = default;
-  // A link has frames queued: the channel's thread must watch it for room.
-  void wantWrite(ChnLink* link);
+  // A link has frames queued or was dropped: the channel's thread must look at it.
+  void attend(ChnLink* link);
 
   struct Impl;
   Impl* impl_ = nullptr;
   uint64_t id_ = 0;
 };
+
+// RT/chn/<id as 16 lowercase hex digits>: where the channel `id` listens.
+std::string chnPath(uint64_t id);
 
 // The connect side, used by tools and tests inside the platform: a blocking client link to a
 // channel by name or id path. Answers the socket, or -1 with errno set.

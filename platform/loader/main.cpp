@@ -1,0 +1,105 @@
+// posix-server's main: prepares the instance, sets up signal handling and runs the linked
+// image. SIGTERM and SIGINT shut the instance down cleanly (its sockets and node files go);
+// SIGUSR1 writes one line of heap and thread counts so that tests can watch for leaks.
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "platform/heap.h"
+#include "platform/image.h"
+#include "platform/log.h"
+#include "platform/runtime.h"
+#include "platform/string.h"
+
+namespace {
+
+// The "Threads:" line of /proc/self/status; 0 when it cannot be read.
+uint64_t threadCount() {
+  FILE* status = std::fopen("/proc/self/status", "re");
+  if (!status) return 0;
+  char line[256];
+  uint64_t count = 0;
+  while (std::fgets(line, sizeof line, status)) {
+    if (std::strncmp(line, "Threads:", 8) == 0) {
+      count = std::strtoull(line + 8, nullptr, 10);
+      break;
+    }
+  }
+  std::fclose(status);
+  return count;
+}
+
+void writeStats() {
+  Heap::Stats heap = Heap::stats();  // read before the line itself allocates anything
+  uint64_t threads = threadCount();
+  Ref<LogPrinter> printer = SysLogStream::stdOutPrinter();
+  printer->setLevel(1);
+  printer->setSource(String::create("PLATFORM"));
+  *printer << "stats: heap bytes " << heap.liveBytes << " blocks " << heap.liveBlocks
+           << " threads " << threads;
+  printer->endLine();
+}
+
+sigset_t handledSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGUSR1);
+  return set;
+}
+
+// Every thread blocks the handled signals, so they all arrive here.
+void* signalThread(void*) {
+  sigset_t set = handledSignals();
+  for (;;) {
+    siginfo_t info;
+    int received = sigwaitinfo(&set, &info);
+    if (received == SIGTERM || received == SIGINT) {
+      Runtime::removeOwnedFiles();
+      _exit(0);
+    }
+    if (received == SIGUSR1) writeStats();
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+int main() {
+  std::string why;
+  if (!Runtime::prepare(&why)) {
+    std::fprintf(stderr, "posix-server: %s\n", why.c_str());
+    return 1;
+  }
+  // A reply to a client that has gone must fail with EPIPE, not end the server.
+  signal(SIGPIPE, SIG_IGN);
+  // A shell starts background jobs with SIGINT ignored, and an ignored signal is discarded
+  // even while blocked: the default action makes it wait pending for the signal thread.
+  signal(SIGTERM, SIG_DFL);
+  signal(SIGINT, SIG_DFL);
+  signal(SIGUSR1, SIG_DFL);
+  // Blocked before any thread exists, so that every later thread inherits the mask.
+  sigset_t set = handledSignals();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  // Every client link is a descriptor.
+  struct rlimit files;
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
+  }
+  pthread_t waiter;
+  if (pthread_create(&waiter, nullptr, signalThread, nullptr) != 0) {
+    std::fprintf(stderr, "posix-server: cannot start the signal thread\n");
+    return 1;
+  }
+  pthread_detach(waiter);
+  Image::_start(0, Image::kReasonLoad);
+  return 0;
+}

@@ -1,0 +1,94 @@
+// One client connection of a channel. Any thread may send on it; only the channel's serving
+// thread closes its socket, and it does so under the link's mutex, so a sender never writes to
+// a descriptor number that the process has already handed to something else.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "chn_impl.h"
+#include "posix/wire.h"
+
+namespace {
+// A frame that went out in full answers true; *again tells that the socket had no room.
+bool sendNow(int fd, const std::vector<uint8_t>& frame, bool* again) {
+  ssize_t n = ::send(fd, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  *again = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+  return n == static_cast<ssize_t>(frame.size());
+}
+}  // namespace
+
+bool ChnLink::sendFrame(std::vector<uint8_t> frame) {
+  std::lock_guard lock(mutex_);
+  if (fd_ < 0 || dropped_ || frame.empty() || frame.size() > PX_WIRE_MAX_FRAME) return false;
+  // Replies keep their order: once one waits, the rest wait behind it.
+  if (queue_.empty()) {
+    bool again = false;
+    if (sendNow(fd_, frame, &again)) return true;
+    if (!again) return false;  // the peer has gone; the channel notices the hang-up itself
+  }
+  if (queue_.size() >= kMaxQueuedFrames || queuedBytes_ + frame.size() > kMaxQueuedBytes) {
+    // A client that does not read its replies must not hold the server's memory.
+    dropLocked();
+    return false;
+  }
+  bool first = queue_.empty();
+  queuedBytes_ += frame.size();
+  queue_.push_back(std::move(frame));
+  if (first && channel_) channel_->attend(this);
+  return true;
+}
+
+void ChnLink::dropLocked() {
+  ::shutdown(fd_, SHUT_RDWR);
+  dropped_ = true;
+  queue_.clear();
+  queuedBytes_ = 0;
+  if (channel_) channel_->attend(this);
+}
+
+void ChnLink::shutdown() {
+  std::lock_guard lock(mutex_);
+  if (fd_ < 0 || dropped_) return;
+  dropLocked();
+}
+
+bool ChnLink::isOpen() const {
+  std::lock_guard lock(mutex_);
+  return fd_ >= 0 && !dropped_;
+}
+
+bool ChnLink::dropped() const {
+  std::lock_guard lock(mutex_);
+  return dropped_;
+}
+
+bool ChnLink::flush() {
+  std::lock_guard lock(mutex_);
+  while (!queue_.empty() && fd_ >= 0) {
+    bool again = false;
+    if (sendNow(fd_, queue_.front(), &again)) {
+      queuedBytes_ -= queue_.front().size();
+      queue_.pop_front();
+    } else if (again) {
+      return false;
+    } else {
+      queue_.clear();  // the peer has gone: nobody will read these
+      queuedBytes_ = 0;
+    }
+  }
+  return true;
+}
+
+void ChnLink::closeSocket() {
+  std::lock_guard lock(mutex_);
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+  channel_ = nullptr;
+  queue_.clear();
+  queuedBytes_ = 0;
+}
+
+ChnLink::~ChnLink() {
+  if (fd_ >= 0) ::close(fd_);
+}

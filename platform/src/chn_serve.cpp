@@ -1,0 +1,250 @@
+// The serving side of a channel: one thread waits on the listening socket, every link and a
+// wake-up event, accepts links, reads requests and flushes replies that did not fit at once.
+//
+// Fairness: every pass reads at most one datagram from each ready link, and epoll in
+// level-triggered mode hands back links that are still ready on the next pass. A client that
+// floods the channel gets one request served per pass like everybody else.
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "chn_impl.h"
+#include "platform/error.h"
+#include "posix/wire.h"
+
+Ref<InMsg> Chn::receive() {
+  if (!impl_) return nullptr;
+  Ref<Chn> keep(this);  // a close() and the last release elsewhere must not free us mid-pass
+  Impl& s = *impl_;
+  bool tear = false;
+  bool serve = false;
+  {
+    std::lock_guard lock(s.mutex);
+    if (s.serving) {
+      Error::set(EBUSY);  // one thread serves a channel
+      return nullptr;
+    }
+    if (s.closed) {
+      tear = !s.tornDown;
+      s.tornDown = true;
+    } else {
+      s.serving = serve = true;
+    }
+  }
+  if (tear) ChnServe::tearDown(s);
+  if (!serve) return nullptr;
+
+  Ref<InMsg> next;
+  for (;;) {
+    {
+      std::lock_guard lock(s.mutex);
+      if (s.closed) break;
+    }
+    if (!s.ready.empty()) {
+      next = std::move(s.ready.front());
+      s.ready.pop_front();
+      break;
+    }
+    if (!ChnServe::pass(s, this)) break;
+  }
+  {
+    std::lock_guard lock(s.mutex);
+    s.serving = false;
+    if (s.closed) {
+      tear = !s.tornDown;
+      s.tornDown = true;
+      next.reset();
+    }
+  }
+  if (tear) ChnServe::tearDown(s);
+  return next;
+}
+
+bool ChnServe::pass(Chn::Impl& s, Chn* chn) {
+  int timeout = -1;
+  if (!s.listenWatched && s.listenFd >= 0) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        s.acceptResume - std::chrono::steady_clock::now());
+    if (left.count() <= 0)
+      watchListener(s, true);
+    else
+      timeout = static_cast<int>(left.count()) + 1;
+  }
+  epoll_event events[64];
+  int n = ::epoll_wait(s.epollFd, events, 64, timeout);
+  if (n < 0) {
+    if (errno == EINTR) return true;
+    Error::set(errno);
+    return false;
+  }
+  for (int i = 0; i < n; ++i) {
+    uint64_t key = events[i].data.u64;
+    if (key == kWakeKey) {
+      uint64_t count;
+      ssize_t got = ::read(s.wakeFd, &count, sizeof count);
+      (void)got;  // the event only says "look"; its count does not matter
+      serveAttention(s);
+    } else if (key == kListenKey) {
+      acceptLinks(s, chn);
+    } else {
+      serveLink(s, key, events[i].events);
+    }
+  }
+  return true;
+}
+
+void ChnServe::acceptLinks(Chn::Impl& s, Chn* chn) {
+  // A bounded batch, so that a storm of connects cannot starve the links' requests.
+  for (int i = 0; i < 32 && s.listenWatched; ++i) {
+    {
+      std::lock_guard lock(s.mutex);
+      if (s.closed) return;  // a manager may close the channel from its connect
+    }
+    int fd = ::accept4(s.listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd < 0) {
+      if (errno == EINTR || errno == ECONNABORTED) continue;
+      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+        // The pending connection stays ready; watching it now would spin. Look again when a
+        // link closes or after a short pause.
+        watchListener(s, false);
+        s.acceptResume = std::chrono::steady_clock::now() + std::chrono::milliseconds(kAcceptPauseMs);
+      }
+      return;
+    }
+    if (s.links.size() >= kMaxLinks) {
+      ::close(fd);
+      continue;
+    }
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    uint64_t pid = ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+    Ref<ChnLink> link = new ChnLink(fd, pid, chn);
+    uint64_t key = s.nextKey++;
+    link->key_ = key;
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = key;
+    if (::epoll_ctl(s.epollFd, EPOLL_CTL_ADD, fd, &event) != 0) {
+      link->closeSocket();
+      continue;
+    }
+    {
+      std::lock_guard lock(s.mutex);
+      s.links.emplace(key, Chn::Impl::Entry{link, fd, false});
+    }
+    if (!s.conMan || !s.conMan->connect(link)) {
+      ::epoll_ctl(s.epollFd, EPOLL_CTL_DEL, fd, nullptr);
+      {
+        std::lock_guard lock(s.mutex);
+        s.links.erase(key);
+      }
+      link->closeSocket();
+    }
+  }
+}
+
+void ChnServe::serveLink(Chn::Impl& s, uint64_t key, uint32_t events) {
+  auto it = s.links.find(key);
+  if (it == s.links.end()) return;  // disconnected earlier in this pass
+  Chn::Impl::Entry& entry = it->second;
+  if (entry.link->dropped()) {
+    disconnect(s, key);
+    return;
+  }
+  if ((events & EPOLLOUT) && entry.watchingOut && entry.link->flush()) armOut(s, entry, false);
+  // Data still queued is read before a hang-up counts: recv answers 0 once it is all gone.
+  if (events & EPOLLIN)
+    readOne(s, key);
+  else if (events & (EPOLLHUP | EPOLLERR))
+    disconnect(s, key);
+}
+
+void ChnServe::readOne(Chn::Impl& s, uint64_t key) {
+  Chn::Impl::Entry& entry = s.links.at(key);
+  ssize_t n = ::recv(entry.fd, s.buffer.data(), s.buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
+  if (n < 0) {
+    if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) disconnect(s, key);
+    return;
+  }
+  // 0 is the end of the link (or an empty datagram, which is no frame either); MSG_TRUNC makes
+  // recv answer the real length of a datagram too long for any frame.
+  if (n == 0 || static_cast<size_t>(n) > s.buffer.size()) {
+    disconnect(s, key);
+    return;
+  }
+  Ref<InMsg> msg = InMsg::decode(s.buffer.data(), static_cast<uint64_t>(n), entry.link);
+  if (!msg || msg->kind() != PX_FRAME_REQUEST) {
+    disconnect(s, key);  // a protocol error ends this link only
+    return;
+  }
+  s.ready.push_back(std::move(msg));
+}
+
+void ChnServe::serveAttention(Chn::Impl& s) {
+  std::vector<Ref<ChnLink>> waiting;
+  {
+    std::lock_guard lock(s.mutex);
+    waiting.swap(s.attention);
+  }
+  for (const Ref<ChnLink>& link : waiting) {
+    auto it = s.links.find(link->key_);
+    if (it == s.links.end() || it->second.link.get() != link.get()) continue;
+    if (link->dropped())
+      disconnect(s, link->key_);
+    else if (!link->flush())
+      armOut(s, it->second, true);
+  }
+}
+
+void ChnServe::armOut(Chn::Impl& s, Chn::Impl::Entry& entry, bool on) {
+  if (entry.watchingOut == on) return;
+  epoll_event event{};
+  event.events = on ? EPOLLIN | EPOLLOUT : EPOLLIN;
+  event.data.u64 = entry.link->key_;
+  if (::epoll_ctl(s.epollFd, EPOLL_CTL_MOD, entry.fd, &event) == 0) entry.watchingOut = on;
+}
+
+void ChnServe::disconnect(Chn::Impl& s, uint64_t key) {
+  auto it = s.links.find(key);
+  if (it == s.links.end()) return;
+  Ref<ChnLink> link = it->second.link;
+  ::epoll_ctl(s.epollFd, EPOLL_CTL_DEL, it->second.fd, nullptr);
+  {
+    std::lock_guard lock(s.mutex);
+    s.links.erase(it);
+  }
+  if (s.conMan) s.conMan->disconnect(link);
+  link->closeSocket();
+  if (!s.listenWatched && s.listenFd >= 0) watchListener(s, true);  // a descriptor came free
+}
+
+void ChnServe::watchListener(Chn::Impl& s, bool on) {
+  if (s.listenWatched == on || s.listenFd < 0) return;
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = kListenKey;
+  int rc = ::epoll_ctl(s.epollFd, on ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, s.listenFd, &event);
+  if (rc == 0) s.listenWatched = on;
+}
+
+void ChnServe::tearDown(Chn::Impl& s) {
+  std::unordered_map<uint64_t, Chn::Impl::Entry> links;
+  std::vector<Ref<ChnLink>> waiting;
+  {
+    std::lock_guard lock(s.mutex);
+    links.swap(s.links);
+    waiting.swap(s.attention);
+  }
+  for (auto& [key, entry] : links) {
+    if (s.epollFd >= 0) ::epoll_ctl(s.epollFd, EPOLL_CTL_DEL, entry.fd, nullptr);
+    if (s.conMan) s.conMan->disconnect(entry.link);
+    entry.link->closeSocket();
+  }
+  s.ready.clear();
+  if (s.listenFd >= 0) ::close(s.listenFd);
+  s.listenFd = -1;
+  s.listenWatched = false;
+  s.conMan.reset();  // the manager often holds the channel: this breaks the cycle
+}

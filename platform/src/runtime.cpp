@@ -1,0 +1,96 @@
+// The instance's runtime directory and the list of files this process made in it.
+#include "platform/runtime.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+namespace {
+
+std::mutex g_ownedMutex;
+std::vector<std::string> g_owned;  // guarded by g_ownedMutex
+
+const char* envValue(const char* name) {
+  const char* value = std::getenv(name);
+  return value && *value ? value : nullptr;
+}
+
+// Makes every missing parent of `path` (not `path` itself) with mode 0700.
+void makeParents(const std::string& path) {
+  for (size_t slash = path.find('/', 1); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    std::string parent = path.substr(0, slash);
+    if (::mkdir(parent.c_str(), 0700) != 0 && errno != EEXIST) return;
+  }
+}
+
+bool fail(std::string* why, const std::string& text) {
+  if (why) *why = text;
+  return false;
+}
+
+}  // namespace
+
+namespace Runtime {
+
+std::string dir() {
+  if (const char* own = envValue("POSIX_RUNTIME_DIR")) return own;
+  if (const char* xdg = envValue("XDG_RUNTIME_DIR")) return std::string(xdg) + "/posix";
+  return "/tmp/posix-" + std::to_string(::getuid());
+}
+
+std::string path(const std::string& relative) { return dir() + "/" + relative; }
+
+bool prepare(std::string* why) {
+  std::string rt = dir();
+  while (rt.size() > 1 && rt.back() == '/') rt.pop_back();
+  makeParents(rt);
+  if (::mkdir(rt.c_str(), 0700) == 0) {
+    ::chmod(rt.c_str(), 0700);  // the umask must not leave us without access
+  } else if (errno != EEXIST) {
+    return fail(why, "cannot create runtime directory " + rt + ": " + std::strerror(errno));
+  }
+  // lstat: a symlink planted at RT by someone else must not redirect the instance.
+  struct stat st;
+  if (::lstat(rt.c_str(), &st) != 0)
+    return fail(why, "cannot inspect runtime directory " + rt + ": " + std::strerror(errno));
+  if (!S_ISDIR(st.st_mode)) return fail(why, "runtime directory " + rt + " is not a directory");
+  if (st.st_uid != ::geteuid())
+    return fail(why, "runtime directory " + rt + " is not owned by the current user");
+  if (st.st_mode & 077)
+    return fail(why, "runtime directory " + rt + " is accessible by group or others");
+  for (const char* sub : {"chn", "dev", "root", "shm"}) {
+    std::string p = rt + "/" + sub;
+    if (::mkdir(p.c_str(), 0700) != 0 && errno != EEXIST)
+      return fail(why, "cannot create " + p + ": " + std::strerror(errno));
+    if (::lstat(p.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+      return fail(why, p + " is not a directory");
+  }
+  return true;
+}
+
+void ownFile(const std::string& file) {
+  std::lock_guard lock(g_ownedMutex);
+  if (std::find(g_owned.begin(), g_owned.end(), file) == g_owned.end()) g_owned.push_back(file);
+}
+
+void disownFile(const std::string& file) {
+  std::lock_guard lock(g_ownedMutex);
+  auto it = std::find(g_owned.begin(), g_owned.end(), file);
+  if (it != g_owned.end()) g_owned.erase(it);
+}
+
+void removeOwnedFiles() {
+  // Runs on the shut-down thread as well: it only unlinks what is listed, allocating nothing.
+  std::lock_guard lock(g_ownedMutex);
+  for (const std::string& file : g_owned) ::unlink(file.c_str());
+  g_owned.clear();
+}
+
+}  // namespace Runtime

@@ -1,0 +1,248 @@
+// Test support for channel tests: a private runtime directory, raw client links that speak the
+// frame format byte by byte (independently of OutMsg/InMsg), a recording connection manager
+// and a thread that serves a channel.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/chn.h"
+#include "platform/runtime.h"
+
+namespace chntest {
+
+using Bytes = std::vector<uint8_t>;
+
+// POSIX_RUNTIME_DIR points at a fresh directory for the scope's life.
+class RuntimeDirScope {
+ public:
+  RuntimeDirScope() {
+    char pattern[] = "/tmp/ipc-test-XXXXXX";
+    const char* made = ::mkdtemp(pattern);
+    dir_ = made ? made : "";
+    const char* old = std::getenv("POSIX_RUNTIME_DIR");
+    hadOld_ = old != nullptr;
+    if (old) old_ = old;
+    ::setenv("POSIX_RUNTIME_DIR", dir_.c_str(), 1);
+  }
+  ~RuntimeDirScope() {
+    if (hadOld_)
+      ::setenv("POSIX_RUNTIME_DIR", old_.c_str(), 1);
+    else
+      ::unsetenv("POSIX_RUNTIME_DIR");
+    std::error_code ignored;
+    if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
+  }
+  const std::string& dir() const { return dir_; }
+
+ private:
+  std::string dir_;
+  std::string old_;
+  bool hadOld_ = false;
+};
+
+inline void putU32(Bytes& out, uint32_t v) {
+  for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+inline void putU64(Bytes& out, uint64_t v) {
+  putU32(out, static_cast<uint32_t>(v));
+  putU32(out, static_cast<uint32_t>(v >> 32));
+}
+inline uint32_t getU32(const uint8_t* p) {
+  return p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24;
+}
+inline uint64_t getU64(const uint8_t* p) {
+  return getU32(p) | static_cast<uint64_t>(getU32(p + 4)) << 32;
+}
+
+struct Block {
+  uint32_t kind;
+  Bytes bytes;
+  bool operator==(const Block&) const = default;
+};
+
+struct Frame {
+  uint32_t kind = 0;
+  uint32_t code = 0;
+  uint64_t id = 0;
+  Bytes data;
+  std::vector<Block> blocks;
+};
+
+inline Bytes encode(const Frame& f) {
+  Bytes out;
+  putU32(out, f.kind);
+  putU32(out, f.code);
+  putU64(out, f.id);
+  putU32(out, static_cast<uint32_t>(f.data.size()));
+  putU32(out, static_cast<uint32_t>(f.blocks.size()));
+  out.insert(out.end(), f.data.begin(), f.data.end());
+  for (const Block& b : f.blocks) {
+    putU32(out, b.kind);
+    putU32(out, static_cast<uint32_t>(b.bytes.size()));
+    out.insert(out.end(), b.bytes.begin(), b.bytes.end());
+  }
+  return out;
+}
+
+// Parses a frame the way a client must; false on anything that does not add up exactly.
+inline bool parse(const Bytes& raw, Frame* f) {
+  if (raw.size() < 24) return false;
+  f->kind = getU32(raw.data());
+  f->code = getU32(raw.data() + 4);
+  f->id = getU64(raw.data() + 8);
+  uint64_t dataLen = getU32(raw.data() + 16), count = getU32(raw.data() + 20), pos = 24;
+  if (dataLen > raw.size() - pos) return false;
+  f->data.assign(raw.begin() + 24, raw.begin() + 24 + dataLen);
+  pos += dataLen;
+  f->blocks.clear();
+  for (uint64_t i = 0; i < count; ++i) {
+    if (raw.size() - pos < 8) return false;
+    uint32_t kind = getU32(raw.data() + pos), length = getU32(raw.data() + pos + 4);
+    pos += 8;
+    if (length > raw.size() - pos) return false;
+    f->blocks.push_back({kind, Bytes(raw.begin() + pos, raw.begin() + pos + length)});
+    pos += length;
+  }
+  return pos == raw.size();
+}
+
+inline Frame request(uint32_t code, uint64_t id, Bytes data = {}, std::vector<Block> blocks = {}) {
+  return Frame{1, code, id, std::move(data), std::move(blocks)};
+}
+
+// A raw client link.
+class Client {
+ public:
+  explicit Client(const std::string& path) : fd_(chnConnect(path.c_str())) {}
+  ~Client() { if (fd_ >= 0) ::close(fd_); }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  bool connected() const { return fd_ >= 0; }
+  int fd() const { return fd_; }
+  bool sendRaw(const Bytes& bytes) {
+    return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+  }
+  bool send(const Frame& f) { return sendRaw(encode(f)); }
+  // One datagram, or -1 on a time-out or error; 0 is the end of the link.
+  ssize_t recvRaw(Bytes* out, int timeoutMs) {
+    pollfd p{fd_, POLLIN, 0};
+    if (::poll(&p, 1, timeoutMs) != 1) return -1;
+    out->resize(262144);
+    ssize_t n = ::recv(fd_, out->data(), out->size(), MSG_DONTWAIT);
+    out->resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return n;
+  }
+  bool recvFrame(Frame* f, int timeoutMs = 5000) {
+    Bytes raw;
+    return recvRaw(&raw, timeoutMs) > 0 && parse(raw, f);
+  }
+  // True when the server ended the link within the time (replies still unread are skipped).
+  bool closedByPeer(int timeoutMs = 5000) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    Bytes raw(262144);
+    while (std::chrono::steady_clock::now() < end) {
+      pollfd p{fd_, POLLIN, 0};
+      if (::poll(&p, 1, 50) != 1) continue;
+      ssize_t n = ::recv(fd_, raw.data(), raw.size(), MSG_DONTWAIT);
+      if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) return true;
+    }
+    return false;
+  }
+
+ private:
+  int fd_;
+};
+
+// Waits up to `ms` for `done`, checking every few milliseconds.
+inline bool eventually(const std::function<bool()>& done, int ms = 5000) {
+  auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+// Records every connect and disconnect; refuses links while `refuse` is set.
+class RecordingConMan : public Object, public ConMan {
+ public:
+  bool connect(const Ref<ChnLink>& link) override {
+    std::lock_guard lock(mutex);
+    connects.push_back(link);
+    return !refuse;
+  }
+  void disconnect(const Ref<ChnLink>& link) override {
+    std::lock_guard lock(mutex);
+    disconnects.push_back(link);
+  }
+  size_t connectCount() { std::lock_guard lock(mutex); return connects.size(); }
+  size_t disconnectCount() { std::lock_guard lock(mutex); return disconnects.size(); }
+  Ref<ChnLink> connected(size_t i) { std::lock_guard lock(mutex); return connects.at(i); }
+  bool wasDisconnected(const Ref<ChnLink>& link) {
+    std::lock_guard lock(mutex);
+    for (auto& l : disconnects) if (l.get() == link.get()) return true;
+    return false;
+  }
+
+  std::mutex mutex;
+  std::vector<Ref<ChnLink>> connects;     // guarded by mutex
+  std::vector<Ref<ChnLink>> disconnects;  // guarded by mutex
+  bool refuse = false;                    // guarded by mutex
+};
+
+// Runs receive() on a thread of its own and queues the requests.
+class Server {
+ public:
+  explicit Server(Ref<Chn> chn) : chn_(std::move(chn)), thread_([this] { run(); }) {}
+  ~Server() { stop(); }
+  void stop() {
+    if (!thread_.joinable()) return;
+    chn_->close();
+    thread_.join();
+  }
+  Ref<InMsg> next(int timeoutMs = 5000) {
+    std::unique_lock lock(mutex_);
+    cond_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return !queue_.empty(); });
+    if (queue_.empty()) return nullptr;
+    Ref<InMsg> msg = queue_.front();
+    queue_.pop_front();
+    return msg;
+  }
+  bool ended() { std::lock_guard lock(mutex_); return ended_; }
+  const Ref<Chn>& chn() const { return chn_; }
+
+ private:
+  void run() {
+    while (Ref<InMsg> msg = chn_->receive()) {
+      std::lock_guard lock(mutex_);
+      queue_.push_back(msg);
+      cond_.notify_all();
+    }
+    std::lock_guard lock(mutex_);
+    ended_ = true;
+  }
+  Ref<Chn> chn_;
+  std::mutex mutex_;
+  std::condition_variable cond_;
+  std::deque<Ref<InMsg>> queue_;  // guarded by mutex_
+  bool ended_ = false;            // guarded by mutex_
+  std::thread thread_;
+};
+
+}  // namespace chntest
