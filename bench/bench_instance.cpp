@@ -1,5 +1,6 @@
 #include "bench_instance.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>

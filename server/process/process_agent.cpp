@@ -12,14 +12,14 @@ using posix::agentLog;
 using posix::LogNum;
 
 ProcessAgent::ProcessAgent(Ref<PosixProcess> process, ProgramStart start)
-    : process_(std::move(process)), start_(std::move(start)), handshake_(Sem::create(0)) {}
+    : process_(std::move(process)), start_(std::move(start)), started_(Sem::create(0)), linked_(Sem::create(0)) {}
 
 void ProcessAgent::run() {
   const Ref<String>& path = start_.path;
   process_->pid_ = Binary::create(path, start_.startFlags, start_.arguments.data(),
                                   start_.arguments.size(), start_.environment, start_.startOptions);
   uint64_t pid = process_->pid_;
-  handshake_->up();
+  started_->up();
   if (pid == 0) {
     POSIX_LOG(agentLog.handle, 2, "Could not create new process for " << path);
     process_.reset();
@@ -34,7 +34,7 @@ void ProcessAgent::run() {
   }
 
   uint32_t exitCode = Proc::wait();
-  handshake_->down();
+  linked_->down();
   POSIX_LOG(agentLog.handle, 1,
             "Process " << path << " (" << LogNum{pid} << ") terminated with exitcode "
                        << LogNum{exitCode});
