@@ -117,6 +117,13 @@ Definitions::Contexts::X86_64 contextOf(int sig, const ucontext_t* uc) {
 void onException(int sig, siginfo_t* /*info*/, void* raw) {
   int savedErrno = errno;
   Definitions::Contexts::X86_64 context = contextOf(sig, static_cast<const ucontext_t*>(raw));
+  // SA_NODEFER alone is not enough: a runtime that wraps signal handlers (ThreadSanitizer does)
+  // may run this one with every signal blocked, and a fault on a blocked signal kills the
+  // process outright instead of reaching the handler again.
+  sigset_t exceptions;
+  sigemptyset(&exceptions);
+  for (int hosted : kSignals) sigaddset(&exceptions, hosted);
+  pthread_sigmask(SIG_UNBLOCK, &exceptions, nullptr);
   if (ExceptionHandlerFn handler = g_handler.load(std::memory_order_acquire)) handler(&context);
 
   // Nothing is recovered: the default action ends the process with the original signal.

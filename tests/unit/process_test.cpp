@@ -197,6 +197,21 @@ TEST_F(ProcessTest, AbortAnswersEveryQueuedWait) {
   EXPECT_EQ(recordOf(r).exit_code, 128u + 9u) << "killed by the host's SIGKILL";
 }
 
+TEST_F(ProcessTest, ProgramsThatEndAtOnceAreStillSeenAsChildren) {
+  // A program may end before the spawning thread has linked it: its end must wait for that.
+  Ref<PosixProcess> parent = entry(900009);
+  constexpr uint64_t kPrograms = 100;
+  for (uint64_t i = 0; i < kPrograms; ++i) {
+    ProgramStart start;
+    start.path = String::create("/bin/true");
+    start.arguments = {String::create("true")};
+    start.environment = Env::create();
+    ASSERT_TRUE(PosixProcess::spawn(parent, std::move(start))) << i;
+  }
+  ASSERT_TRUE(awaitEnd(parent, kPrograms));
+  EXPECT_EQ(parent->childCount(), 0u);
+}
+
 TEST_F(ProcessTest, ProgramThatCannotStartLeavesNoChild) {
   Ref<PosixProcess> parent = entry(900006);
   ProgramStart start;

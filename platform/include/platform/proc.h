@@ -77,6 +77,10 @@ class Binary {
   // PATH (else the server's).
   static uint64_t create(const Ref<String>& path, uint32_t startFlags, const Ref<String>* args,
                          uint64_t argc, const Ref<Env>& env, uint32_t startOptions);
+
+  // The modules loaded in this process, the main program first (ModuleInfo stands in
+  // platform/binary_services.h).
+  static std::vector<Ref<ModuleInfo>> moduleList();
 };
 
 // Shared memory: RT/shm/<id> (16 lowercase hex digits); its id is the pair (id, size).

@@ -1,0 +1,148 @@
+// The crash dump run in-process on forged contexts: a stack that cannot be walked, and a
+// hand-built frame chain whose frames land in this program, in no module at all, and in libc.
+#include <gnu/libc-version.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "diag/crash_dump.h"
+#include "platform/binary_services.h"
+#include "platform/proc.h"
+
+namespace {
+
+using Context = Definitions::Contexts::X86_64;
+
+std::string hexOf(uint64_t value) {
+  char text[24];
+  std::snprintf(text, sizeof text, "%llx", static_cast<unsigned long long>(value));
+  return text;
+}
+
+// A scratch file for one dump's output, removed again at the end of the test.
+struct Scratch {
+  Scratch() : fd(mkstemp(path)) {}
+  ~Scratch() {
+    if (fd >= 0) close(fd);
+    unlink(path);
+  }
+  std::vector<std::string> lines() const {
+    std::vector<std::string> result;
+    std::ifstream in(path);
+    for (std::string l; std::getline(in, l);) result.push_back(l);
+    return result;
+  }
+  char path[64] = "/tmp/crash-dump-forged-XXXXXX";
+  int fd;
+};
+
+bool has(const std::vector<std::string>& lines, const std::string& line) {
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+uint64_t threadCount() {
+  Ref<ProcInfo> self = Proc::info(Proc::current());
+  return self ? self->threadCount() : 0;
+}
+
+[[gnu::noinline]] void forgedFrameFunction() { asm volatile("" ::: "memory"); }
+
+TEST(CrashDumpForged, WithoutAPrinterLinesCarrySeverityLettersAndAGarbageStackOnlyWarns) {
+  Context context = {};
+  context.rax = 0x1a;
+  context.r10 = 0x110;
+  context.rsp = 0x7000;
+  context.rbp = 0x13;  // misaligned and unmapped: no walk is possible
+  context.rip = 0x4242;
+  context.trapNumber = 0xd;
+  context.faultAddress = 0xbad0;
+
+  // The dump without a printer writes to the debug console, standard error.
+  Scratch out;
+  ASSERT_GE(out.fd, 0);
+  std::fflush(stderr);
+  int savedErr = dup(STDERR_FILENO);
+  ASSERT_GE(savedErr, 0);
+  dup2(out.fd, STDERR_FILENO);
+  crashDump(&context, nullptr);
+  dup2(savedErr, STDERR_FILENO);
+  close(savedErr);
+
+  std::vector<std::string> lines = out.lines();
+  ASSERT_GE(lines.size(), 4u);
+  EXPECT_EQ(lines[0], "E*** CRASH DUMP ***");
+  EXPECT_EQ(lines[1], "V* Print ModuleList *");
+  EXPECT_EQ(lines[2].rfind("VModule: ", 0), 0u) << lines[2];
+  EXPECT_TRUE(has(lines, "V* Register Dump *"));
+  EXPECT_TRUE(has(lines, "VProcess ID: " + hexOf(static_cast<uint64_t>(getpid()))));
+  EXPECT_TRUE(has(lines, "VException Nr: 0xd"));
+  EXPECT_TRUE(has(lines, "VPFA:          0xbad0"));
+  EXPECT_TRUE(has(lines, "Vrax: 0x1a r10: 0x110 rsp: 0x7000 "));
+  EXPECT_TRUE(has(lines, "Vrbx: 0x0 r11: 0x0 rbp: 0x13 "));
+  EXPECT_TRUE(has(lines, "Vrip: 0x4242 "));
+  EXPECT_TRUE(has(lines, "WFailed to create stack walk instance"));
+  for (const std::string& l : lines) EXPECT_EQ(l.find("Stracktrace"), std::string::npos);
+  EXPECT_EQ(lines.back(), "VRunning Threads: " + hexOf(threadCount()));
+}
+
+TEST(CrashDumpForged, FramesAreNamedByModuleAndOffsetAndAnUnknownAddressByInvalidIndex) {
+  std::vector<Ref<ModuleInfo>> modules = Binary::moduleList();
+  ASSERT_FALSE(modules.empty());
+  const Ref<ModuleInfo>& program = modules[0];
+  ASSERT_TRUE(program->name);
+  uint64_t libcAddress = reinterpret_cast<uint64_t>(&gnu_get_libc_version);
+
+  // Frame records as the walker expects them: saved frame pointer, then return address.
+  alignas(16) uint64_t chain[6];
+  uint64_t callerIp = reinterpret_cast<uint64_t>(&forgedFrameFunction) + 4;
+  chain[0] = reinterpret_cast<uint64_t>(&chain[2]);
+  chain[1] = callerIp;
+  chain[2] = reinterpret_cast<uint64_t>(&chain[4]);
+  chain[3] = 0x10;  // in no module
+  chain[4] = 0;     // the outermost frame: nothing beyond it
+  chain[5] = libcAddress;
+  Context context = {};
+  context.rip = reinterpret_cast<uint64_t>(&forgedFrameFunction);
+  context.rbp = reinterpret_cast<uint64_t>(&chain[0]);
+
+  Scratch out;
+  ASSERT_GE(out.fd, 0);
+  crashDump(&context, CharPrinter::create(CharWriter::forFd(out.fd)));
+  std::vector<std::string> lines = out.lines();
+
+  // A printer of the caller's: no severity letters.
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines[0], "*** CRASH DUMP ***");
+  auto trace = std::find(lines.begin(), lines.end(), "* Print Stracktrace *");
+  ASSERT_NE(trace, lines.end());
+  std::vector<std::string> expected = {
+      "IP: " + hexOf(context.rip),
+      "FRAME IP: " + hexOf(context.rip),
+      "Module: " + std::string(program->name->c_str()) + ", Offset: " +
+          hexOf(context.rip - program->first),
+      "BP: " + hexOf(context.rbp),
+      "FRAME IP: " + hexOf(callerIp),
+      "Module: " + std::string(program->name->c_str()) + ", Offset: " +
+          hexOf(callerIp - program->first),
+      "BP: " + hexOf(chain[0]),
+      "FRAME IP: 10",
+      "Module: invalid index, Offset: 10",
+      "BP: " + hexOf(chain[2]),
+      "FRAME IP: " + hexOf(libcAddress),
+  };
+  std::vector<std::string> seen(trace + 1, lines.end());
+  ASSERT_EQ(seen.size(), expected.size() + 3);
+  for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(seen[i], expected[i]) << i;
+  std::string libcLine = seen[expected.size()];
+  EXPECT_NE(libcLine.find("/libc.so"), std::string::npos) << libcLine;
+  EXPECT_EQ(seen[expected.size() + 1], "BP not valid");
+  EXPECT_EQ(seen[expected.size() + 2].rfind("Running Threads: ", 0), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,245 @@
+// The crash dump of a real crash: the crash probe links the server's libraries, installs the
+// server's handler and faults on purpose; these tests read the dump it leaves on standard error
+// and follow its frames back to source functions with addr2line.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+struct ProbeRun {
+  bool finished = false;  // false: killed at the time limit
+  int status = 0;
+  pid_t pid = 0;
+  std::vector<std::string> output;  // every line of standard output and error
+  std::vector<std::string> dump;    // the text of the dump's log lines, prefix removed
+  std::string line(const std::string& start) const {
+    for (const std::string& l : dump)
+      if (l.rfind(start, 0) == 0) return l.substr(start.size());
+    return "";
+  }
+  // The value that the probe announced before faulting, e.g. "tid" or "threads" (decimal).
+  unsigned long long announced(const std::string& key) const {
+    std::regex pattern("probe: .*\\b" + key + "=([0-9]+)");
+    std::smatch m;
+    for (const std::string& l : output)
+      if (std::regex_search(l, m, pattern)) return std::stoull(m[1]);
+    return ~0ull;
+  }
+};
+
+std::string hexOf(unsigned long long value) {
+  char text[24];
+  std::snprintf(text, sizeof text, "%llx", value);
+  return text;
+}
+
+// Runs the probe in `mode` on a private runtime directory with `extraEnv` added to this
+// process's environment (entries of the same name replaced), and waits at most 60 s.
+ProbeRun runProbe(const std::string& mode, std::vector<std::string> extraEnv = {}) {
+  ProbeRun run;
+  char dirTemplate[] = "/tmp/crash-dump-test-XXXXXX";
+  const char* dir = mkdtemp(dirTemplate);
+  if (!dir) return run;
+  std::string outPath = std::string(dir) + "/probe.log";
+  extraEnv.push_back(std::string("POSIX_RUNTIME_DIR=") + dir + "/rt");
+#if defined(__SANITIZE_THREAD__)
+  // The handler allocates by design; the sanitizer would report every allocation in it.
+  const char* tsan = getenv("TSAN_OPTIONS");
+  extraEnv.push_back(std::string("TSAN_OPTIONS=") + (tsan ? tsan : "") + ":report_signal_unsafe=0");
+#endif
+  std::vector<std::string> env;
+  for (char** e = environ; *e; ++e) {
+    std::string entry = *e;
+    bool replaced = false;
+    for (const std::string& extra : extraEnv)
+      replaced = replaced || entry.rfind(extra.substr(0, extra.find('=') + 1), 0) == 0;
+    if (!replaced) env.push_back(entry);
+  }
+  env.insert(env.end(), extraEnv.begin(), extraEnv.end());
+  std::vector<char*> envp;
+  for (std::string& entry : env) envp.push_back(entry.data());
+  envp.push_back(nullptr);
+  std::string program = CRASH_PROBE_BINARY;
+  std::vector<char*> argv = {program.data(), const_cast<char*>(mode.c_str()), nullptr};
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outPath.c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+  int rc = posix_spawn(&run.pid, program.c_str(), &actions, nullptr, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc == 0) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!(run.finished = waitpid(run.pid, &run.status, WNOHANG) == run.pid) &&
+           std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (!run.finished) {
+      kill(run.pid, SIGKILL);
+      waitpid(run.pid, &run.status, 0);
+    }
+  }
+  std::ifstream log(outPath);
+  std::regex dumpLine("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} 3 DEFAULT: (.*)$");
+  std::smatch m;
+  for (std::string l; std::getline(log, l);) {
+    run.output.push_back(l);
+    if (std::regex_match(l, m, dumpLine)) run.dump.push_back(m[1]);
+  }
+  std::filesystem::remove_all(dir);
+  return run;
+}
+
+bool diedOf(const ProbeRun& run, int sig) {
+  return run.finished && WIFSIGNALED(run.status) && WTERMSIG(run.status) == sig;
+}
+
+// The source function of every frame, in order, from "FRAME IP:" / "Module: ..., Offset:"
+// pairs resolved with addr2line.
+std::vector<std::string> frameFunctions(const ProbeRun& run) {
+  std::vector<std::string> functions;
+  std::regex moduleLine("^Module: (.*), Offset: ([0-9a-f]+)$");
+  std::smatch m;
+  for (size_t i = 0; i + 1 < run.dump.size(); ++i) {
+    if (run.dump[i].rfind("FRAME IP: ", 0) != 0) continue;
+    if (!std::regex_match(run.dump[i + 1], m, moduleLine)) {
+      functions.push_back("?");
+      continue;
+    }
+    std::string command = "addr2line -f -C -e '" + m[1].str() + "' 0x" + m[2].str();
+    std::string function;
+    if (FILE* pipe = popen(command.c_str(), "r")) {
+      char text[4096];
+      if (std::fgets(text, sizeof text, pipe)) function = text;
+      pclose(pipe);
+    }
+    while (!function.empty() && function.back() == '\n') function.pop_back();
+    functions.push_back(function);
+  }
+  return functions;
+}
+
+std::string probePath() { return std::filesystem::canonical(CRASH_PROBE_BINARY).string(); }
+
+TEST(CrashDump, NullWriteDumpsModulesRegistersAndFramesThatLeadToTheFaultingFunction) {
+  ProbeRun run = runProbe("null-write");
+  ASSERT_TRUE(diedOf(run, SIGSEGV)) << "status " << run.status;
+  EXPECT_TRUE(std::any_of(run.output.begin(), run.output.end(), [](const std::string& l) {
+    return l.find("POSIX SERVER: crash probe armed") != std::string::npos;
+  }));
+  ASSERT_FALSE(run.dump.empty());
+  // The handler's level and source: the "POSIX SERVER" handle (3) and the name of handle 4.
+  EXPECT_EQ(run.dump[0], "*** CRASH DUMP ***");
+  EXPECT_EQ(run.dump[1], "* Print ModuleList *");
+
+  std::regex moduleLine("^Module: ([0-9a-f]+) - ([0-9a-f]+): (.*)$");
+  std::smatch m;
+  bool sawProbe = false, sawLibc = false;
+  for (const std::string& l : run.dump) {
+    if (!std::regex_match(l, m, moduleLine)) continue;
+    EXPECT_LT(std::stoull(m[1], nullptr, 16), std::stoull(m[2], nullptr, 16)) << l;
+    sawProbe = sawProbe || m[3] == probePath();
+    sawLibc = sawLibc || m[3].str().find("/libc.so") != std::string::npos;
+  }
+  EXPECT_TRUE(sawProbe);
+  EXPECT_TRUE(sawLibc);
+
+  EXPECT_EQ(run.line("Exception in Thread ID "), hexOf(run.announced("tid")));
+  EXPECT_EQ(run.line("Process ID: "), hexOf(static_cast<unsigned long long>(run.pid)));
+  EXPECT_EQ(run.line("Process name: "), "crash_probe");
+  EXPECT_EQ(run.line("Exception Nr: 0x"), "e");  // page fault
+  EXPECT_EQ(run.line("PFA:          0x"), "0");
+  EXPECT_NE(std::stoull(run.line("errorCode: "), nullptr, 16) & 2, 0u);  // a write
+  const char* rows[] = {"rax: 0x[0-9a-f]+ r10: 0x[0-9a-f]+ rsp: 0x[0-9a-f]+ ",
+                        "rbx: 0x[0-9a-f]+ r11: 0x[0-9a-f]+ rbp: 0x[0-9a-f]+ ",
+                        "rcx: 0x[0-9a-f]+ r12: 0x[0-9a-f]+ rsi: 0x[0-9a-f]+ ",
+                        "rdx: 0x[0-9a-f]+ r13: 0x[0-9a-f]+ rdi: 0x[0-9a-f]+ ",
+                        "r8: 0x[0-9a-f]+ r14: 0x[0-9a-f]+ ",
+                        "r9: 0x[0-9a-f]+ r15: 0x[0-9a-f]+ ",
+                        "rip: 0x[0-9a-f]+ "};
+  auto at = std::find(run.dump.begin(), run.dump.end(), "Register Dump");
+  ASSERT_NE(at, run.dump.end());
+  for (const char* row : rows) {
+    ASSERT_NE(++at, run.dump.end());
+    EXPECT_TRUE(std::regex_match(*at, std::regex(row))) << *at;
+  }
+
+  // The stack trace starts at the faulting instruction and climbs into main.
+  std::string rip = run.line("rip: 0x");
+  EXPECT_EQ(run.line("IP: "), rip.substr(0, rip.size() - 1));
+  EXPECT_EQ(run.line("FRAME IP: "), run.line("IP: "));
+  std::vector<std::string> functions = frameFunctions(run);
+  ASSERT_GE(functions.size(), 2u);
+  EXPECT_EQ(functions[0], "crashProbeNullWrite()");
+  EXPECT_EQ(functions[1], "main");
+  EXPECT_EQ(run.line("Running Threads: "), hexOf(run.announced("threads")));
+  EXPECT_EQ(run.dump.back().rfind("Running Threads: ", 0), 0u);
+}
+
+TEST(CrashDump, RefusedAllocationFaultsInTheWrapperAndTheDumpNamesTheAllocatingSite) {
+  ProbeRun run = runProbe("refused-new");
+  ASSERT_TRUE(diedOf(run, SIGFPE)) << "status " << run.status;
+  EXPECT_EQ(run.line("Exception Nr: 0x"), "0");  // divide error
+  std::vector<std::string> functions = frameFunctions(run);
+  ASSERT_GE(functions.size(), 3u);
+  EXPECT_NE(functions[0].find("refusedAllocation"), std::string::npos) << functions[0];
+  EXPECT_NE(functions[1].find("operator new"), std::string::npos) << functions[1];
+  EXPECT_EQ(functions[2], "crashProbeRefusedAllocation()");
+  // Everything after the banner needed the heap the probe had switched off.
+  EXPECT_FALSE(run.line("Running Threads: ").empty());
+}
+
+TEST(CrashDump, FaultOnAPlatformThreadNamesThatThreadAndCountsBothThreads) {
+  ProbeRun run = runProbe("thread");
+  ASSERT_TRUE(diedOf(run, SIGSEGV)) << "status " << run.status;
+  EXPECT_EQ(run.line("Thread name: "), "probe-worker");
+  unsigned long long tid = run.announced("tid");
+  EXPECT_NE(tid, static_cast<unsigned long long>(run.pid));
+  EXPECT_EQ(run.line("Exception in Thread ID "), hexOf(tid));
+  EXPECT_EQ(run.line("Process ID: "), hexOf(static_cast<unsigned long long>(run.pid)));
+  EXPECT_GE(run.announced("threads"), 2u);
+  EXPECT_EQ(run.line("Running Threads: "), hexOf(run.announced("threads")));
+  std::vector<std::string> functions = frameFunctions(run);
+  ASSERT_GE(functions.size(), 2u);
+  EXPECT_EQ(functions[0], "crashProbeNullWrite()");
+}
+
+TEST(CrashDump, DumpIsWrittenWhateverTheLogLevel) {
+  ProbeRun run = runProbe("null-write", {"POSIX_LOG_LEVEL=9", "POSIX_LOG_OFF=POSIX SERVER"});
+  ASSERT_TRUE(diedOf(run, SIGSEGV)) << "status " << run.status;
+  for (const std::string& l : run.output)
+    EXPECT_EQ(l.find("crash probe armed"), std::string::npos) << "level 9 let a level-1 line through";
+  ASSERT_FALSE(run.dump.empty());
+  EXPECT_EQ(run.dump[0], "*** CRASH DUMP ***");
+  EXPECT_FALSE(run.line("Running Threads: ").empty());
+}
+
+TEST(CrashDump, SixteenthNestedCrashEndsTheProcessWithMinusTenAndWritesNothing) {
+  ProbeRun run = runProbe("nested");
+  ASSERT_TRUE(run.finished && WIFEXITED(run.status)) << "status " << run.status;
+  EXPECT_EQ(WEXITSTATUS(run.status), 246);
+  // Fifteen dumps got as far as their banner; the sixteenth wrote nothing.
+  EXPECT_EQ(std::count(run.dump.begin(), run.dump.end(), "*** CRASH DUMP ***"), 15);
+  EXPECT_EQ(run.dump.size(), 15u);
+}
+
+}  // namespace

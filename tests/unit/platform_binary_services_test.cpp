@@ -1,0 +1,137 @@
+// The binary service client: memory reads that never fault, the frame-pointer walker on
+// forged chains and the kernel's module-at-address query (which relies on the module list).
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform/binary_services.h"
+#include "platform/heap.h"
+#include "platform/sysinfo.h"
+
+namespace {
+
+using Services::Binary::Client::CoreMemory;
+using Services::Binary::Client::StackWalker;
+using Context = Definitions::Contexts::X86_64;
+
+uint64_t addressOf(const void* p) { return reinterpret_cast<uint64_t>(p); }
+
+class CoreMemoryTest : public ::testing::TestWithParam<bool> {};
+
+TEST_P(CoreMemoryTest, ReadsMappedBytesAndRefusesUnreadableOnesWithoutFaulting) {
+  Ref<CoreMemory> memory = CoreMemory::create(GetParam());
+  ASSERT_TRUE(memory);
+  std::vector<unsigned char> source(10000);
+  for (size_t i = 0; i < source.size(); ++i) source[i] = static_cast<unsigned char>(i * 7);
+  std::vector<unsigned char> copy(source.size());
+  ASSERT_TRUE(memory->read(addressOf(source.data()), copy.data(), copy.size()));  // several chunks
+  EXPECT_EQ(copy, source);
+
+  size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  auto* pages = static_cast<char*>(
+      mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(pages, MAP_FAILED);
+  std::memset(pages, 0x33, page);
+  ASSERT_EQ(mprotect(pages + page, page, PROT_NONE), 0);
+  uint64_t value = 0;
+  EXPECT_TRUE(memory->read64(addressOf(pages + page - 8), &value));
+  EXPECT_EQ(value, 0x3333333333333333ull);
+  EXPECT_FALSE(memory->read64(addressOf(pages + page - 4), &value));  // runs into the hole
+  EXPECT_FALSE(memory->readable(addressOf(pages + page), 1));
+  EXPECT_TRUE(memory->readable(addressOf(pages), page));
+  munmap(pages, 2 * page);
+  EXPECT_FALSE(memory->readable(addressOf(pages), 1));
+  EXPECT_FALSE(memory->read64(0, &value));
+  EXPECT_FALSE(memory->read64(UINT64_MAX - 3, &value));  // wraps around
+}
+
+INSTANTIATE_TEST_SUITE_P(BothWays, CoreMemoryTest, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "ViaPipe" : "ViaVmRead"; });
+
+std::vector<StackWalker::Frame> walk(const Context& context) {
+  std::vector<StackWalker::Frame> frames;
+  Ref<StackWalker> walker = StackWalker::create(&context, CoreMemory::create());
+  StackWalker::Frame frame;
+  while (walker && walker->next(&frame)) frames.push_back(frame);
+  return frames;
+}
+
+TEST(StackWalker, RefusesAContextWhoseFramePointerLeadsNowhere) {
+  Context context = {};
+  EXPECT_FALSE(StackWalker::create(nullptr, CoreMemory::create()));
+  EXPECT_FALSE(StackWalker::create(&context, nullptr));
+  EXPECT_FALSE(StackWalker::create(&context, CoreMemory::create()));  // rbp 0
+  alignas(16) uint64_t record[2] = {};
+  context.rbp = addressOf(record) + 4;  // misaligned
+  EXPECT_FALSE(StackWalker::create(&context, CoreMemory::create()));
+  context.rbp = 0x1000;  // unmapped
+  EXPECT_FALSE(StackWalker::create(&context, CoreMemory::create()));
+  context.rbp = addressOf(record);
+  EXPECT_TRUE(StackWalker::create(&context, CoreMemory::create()));
+}
+
+TEST(StackWalker, FollowsTheChainAndMarksAFramePointerThatGoesBackwards) {
+  alignas(16) uint64_t chain[8] = {};
+  chain[2] = addressOf(&chain[4]);  // first record: caller's frame higher up
+  chain[3] = 0x2222;
+  chain[4] = addressOf(&chain[0]);  // second record: points back down, a broken chain
+  chain[5] = 0x3333;
+  Context context = {};
+  context.rip = 0x1111;
+  context.rbp = addressOf(&chain[2]);
+  std::vector<StackWalker::Frame> frames = walk(context);
+  ASSERT_EQ(frames.size(), 3u);
+  EXPECT_EQ(frames[0].ip, 0x1111u);
+  EXPECT_EQ(frames[0].bp, addressOf(&chain[2]));
+  EXPECT_TRUE(frames[0].bpValid);
+  EXPECT_EQ(frames[1].ip, 0x2222u);
+  EXPECT_EQ(frames[1].bp, addressOf(&chain[4]));
+  EXPECT_TRUE(frames[1].bpValid);
+  EXPECT_EQ(frames[2].ip, 0x3333u);
+  EXPECT_EQ(frames[2].bp, addressOf(&chain[0]));
+  EXPECT_FALSE(frames[2].bpValid);
+
+  chain[5] = 0;  // a null return address ends the walk without another frame
+  EXPECT_EQ(walk(context).size(), 2u);
+}
+
+TEST(StackWalker, StopsAfterTheFrameBound) {
+  std::vector<uint64_t> chain(2 * 400);
+  for (size_t i = 0; i + 2 < chain.size(); i += 2) {
+    chain[i] = addressOf(&chain[i + 2]);
+    chain[i + 1] = 0x1000 + i;
+  }
+  Context context = {};
+  context.rip = 0x500;
+  context.rbp = addressOf(chain.data());
+  EXPECT_EQ(walk(context).size(), StackWalker::kMaxFrames);
+}
+
+std::string selfPath() {
+  char path[PATH_MAX] = {};
+  ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+  return n > 0 ? std::string(path, static_cast<size_t>(n)) : "";
+}
+
+TEST(SysInfo, ModuleAtAddressAgreesWithTheModuleListAndKnowsNothingOutsideModules) {
+  std::vector<Ref<ModuleInfo>> modules = Binary::moduleList();
+  ASSERT_FALSE(modules.empty());
+  uint64_t address = addressOf(reinterpret_cast<const void*>(&selfPath));
+  auto* answer = static_cast<Sys::ModuleAtAddress*>(Sys::info(Sys::kModuleAtAddress, address));
+  ASSERT_NE(answer, nullptr);
+  EXPECT_EQ(answer->first, modules[0]->first);
+  EXPECT_EQ(answer->end, modules[0]->end);
+  EXPECT_EQ(std::string(answer->name()), selfPath());
+  EXPECT_EQ(answer->nameLength, selfPath().size());
+  Heap::free(answer, Heap::kSingle, nullptr);
+
+  EXPECT_EQ(Sys::info(Sys::kModuleAtAddress, 0x10), nullptr);
+  EXPECT_EQ(Sys::info(Sys::kModuleAtAddress + 100, address), nullptr);
+}
+
+}  // namespace
