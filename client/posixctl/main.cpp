@@ -1,0 +1,81 @@
+// posixctl's command line: one sub-command and its arguments.
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <cstring>
+
+#include "posixctl.h"
+
+namespace posixctl {
+
+namespace {
+
+const char kHelp[] =
+    "usage: posixctl COMMAND [ARG...]\n"
+    "\n"
+    "Controls the POSIX service server of the instance in the runtime directory\n"
+    "($POSIX_RUNTIME_DIR, else $XDG_RUNTIME_DIR/posix, else /tmp/posix-<uid>).\n"
+    "\n"
+    "  start [--server PATH]   start a server in the background (log: RT/server.log)\n"
+    "  stop                    stop the background server (exit 0 also when none runs)\n"
+    "  status                  'running (pid N)' and exit 0, or 'not running' and exit 1\n"
+    "  run [--env NAME=VALUE]... [--] PROGRAM [ARG...]\n"
+    "                          run PROGRAM through the server (starting one if needed) with\n"
+    "                          posixctl's standard files; exit with its exit code\n"
+    "  kill [-s SIG] PID...    send signal SIG (default 9) to each PID\n"
+    "  killpg [-s SIG] PGID    send signal SIG (default 9) to group PGID (0: posixctl's own)\n"
+    "  pgid PID                print the group of PID\n"
+    "  ppid                    print posixctl's parent as the server knows it (0: none)\n"
+    "  help                    this text\n"
+    "\n"
+    "Signal numbers are the system's own: 9 kill, 16 child, 17 continue, 18 stop.\n"
+    "The server binary for start: --server PATH, $POSIX_SERVER_BIN, posix-server next to\n"
+    "posixctl or in ../server relative to it, else PATH.\n";
+
+}  // namespace
+
+int usage(const std::string& text) {
+  fprintf(stderr, "posixctl: %s (see 'posixctl help')\n", text.c_str());
+  return kExitUsage;
+}
+
+int failure(const std::string& what, int err) {
+  fprintf(stderr, "posixctl: %s: %s\n", what.c_str(), strerror(err));
+  return kExitFailure;
+}
+
+bool parseInt(const char* s, int64_t* out) {
+  if (s == nullptr || *s == '\0') return false;
+  char* end = nullptr;
+  errno = 0;
+  long long v = strtoll(s, &end, 10);
+  if (errno != 0 || *end != '\0') return false;
+  *out = v;
+  return true;
+}
+
+}  // namespace posixctl
+
+int main(int argc, char** argv) {
+  using namespace posixctl;
+  if (argc < 2) {
+    fputs(kHelp, stderr);
+    return kExitUsage;
+  }
+  std::string cmd = argv[1];
+  std::vector<std::string> args(argv + 2, argv + argc);
+  if (cmd == "help" || cmd == "--help" || cmd == "-h") {
+    fputs(kHelp, stdout);
+    return kExitOk;
+  }
+  if (cmd == "start") return cmdStart(args);
+  if (cmd == "stop") return cmdStop(args);
+  if (cmd == "status") return cmdStatus(args);
+  if (cmd == "run") return cmdRun(args);
+  if (cmd == "kill") return cmdKill(args);
+  if (cmd == "killpg") return cmdKillpg(args);
+  if (cmd == "pgid") return cmdPgid(args);
+  if (cmd == "ppid") return cmdPpid(args);
+  return usage("unknown command '" + cmd + "'");
+}

@@ -1,0 +1,148 @@
+// Links to "posix.service": the runtime directory, connecting, sending requests and matching
+// replies by request id.
+#include <errno.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+
+#include "internal.h"
+
+namespace pxc {
+
+namespace {
+
+std::mutex runtimeMutex;
+
+// Guarded by runtimeMutex; empty until found. Never destroyed: px_runtime_dir() hands out
+// its characters.
+std::string& runtimeDirectory() {
+  static std::string* dir = new std::string;
+  return *dir;
+}
+
+std::atomic<uint64_t> requestIds{1};
+
+int64_t nowMs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+}  // namespace
+
+// The same rule as the platform's: $POSIX_RUNTIME_DIR, $XDG_RUNTIME_DIR/posix, /tmp/posix-<uid>.
+const std::string& runtimeDir() {
+  std::lock_guard<std::mutex> lock(runtimeMutex);
+  std::string& dir = runtimeDirectory();
+  if (dir.empty()) {
+    const char* own = getenv("POSIX_RUNTIME_DIR");
+    const char* xdg = getenv("XDG_RUNTIME_DIR");
+    if (own != nullptr && own[0] != '\0') {
+      dir = own;
+    } else if (xdg != nullptr && xdg[0] != '\0') {
+      dir = std::string(xdg) + "/posix";
+    } else {
+      dir = "/tmp/posix-" + std::to_string(geteuid());
+    }
+  }
+  return dir;
+}
+
+void resetRuntimeDir() {
+  std::lock_guard<std::mutex> lock(runtimeMutex);
+  runtimeDirectory().clear();
+}
+
+uint64_t nextRequestId() { return requestIds.fetch_add(1, std::memory_order_relaxed); }
+
+Connection::Connection(int fd) : fd_(fd), buffer_(PX_WIRE_MAX_FRAME) {}
+
+Connection::~Connection() { close(fd_); }
+
+Connection* Connection::open(int* err) {
+  std::string path = runtimeDir() + "/chn/" + PX_SERVICE_NAME;
+  struct sockaddr_un addr;
+  std::memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  if (path.size() >= sizeof addr.sun_path) {
+    *err = ENAMETOOLONG;
+    return nullptr;
+  }
+  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+  int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    *err = errno;
+    return nullptr;
+  }
+  int rc;
+  do {
+    rc = connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr);
+  } while (rc != 0 && errno == EINTR);
+  if (rc != 0) {
+    *err = errno;
+    close(fd);
+    return nullptr;
+  }
+  return new Connection(fd);
+}
+
+int Connection::send(const std::vector<uint8_t>& frame) {
+  for (;;) {
+    ssize_t n = ::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL);
+    if (n == static_cast<ssize_t>(frame.size())) return 0;
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EPIPE || errno == ENOTCONN || errno == ECONNREFUSED)) {
+      return ECONNRESET;
+    }
+    return n < 0 ? errno : EPROTO;
+  }
+}
+
+int Connection::receive(Reply* out, int timeoutMs) {
+  int64_t deadline = timeoutMs < 0 ? -1 : nowMs() + timeoutMs;
+  for (;;) {
+    // poll first so that both a time-out and a server that hung up end the wait.
+    int wait = -1;
+    if (deadline >= 0) {
+      int64_t left = deadline - nowMs();
+      wait = left < 0 ? 0 : static_cast<int>(left);
+    }
+    struct pollfd pfd = {fd_, POLLIN, 0};
+    int rc = poll(&pfd, 1, wait);
+    if (rc < 0 && errno == EINTR) continue;
+    if (rc < 0) return errno;
+    if (rc == 0) return EAGAIN;
+    ssize_t n = recv(fd_, buffer_.data(), buffer_.size(), MSG_TRUNC | MSG_DONTWAIT);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (n < 0) return errno == ECONNREFUSED ? ECONNRESET : errno;
+    if (n == 0) return ECONNRESET;  // end of stream: the server closed the link
+    if (static_cast<size_t>(n) > buffer_.size()) return EPROTO;
+    if (!decodeReply(buffer_.data(), static_cast<size_t>(n), out)) return EPROTO;
+    return 0;
+  }
+}
+
+int Connection::await(uint64_t id, Reply* out) {
+  for (;;) {
+    int err = receive(out, -1);
+    if (err != 0) return err;
+    if (out->id == id) return 0;
+    // A reply to an earlier request (an extra answer): not ours, skip it.
+  }
+}
+
+int64_t Connection::peerPid() const {
+  struct ucred cred;
+  socklen_t len = sizeof cred;
+  if (getsockopt(fd_, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return 0;
+  return cred.pid;
+}
+
+}  // namespace pxc

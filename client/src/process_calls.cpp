@@ -1,0 +1,105 @@
+// Signals and process queries: kill, group kill, group and parent ids, abort of waits.
+#include <errno.h>
+#include <unistd.h>
+
+#include "internal.h"
+#include "posix_client.h"
+
+namespace pxc {
+
+namespace {
+
+// The record a signal waiter receives with a signal sent by this process.
+void putSenderRecord(FrameWriter& req, uint32_t sig) {
+  req.u32(sig);
+  req.u32(0xFFFFFFFFu);  // sent by a process, not by the system
+  req.u32(0);
+  req.u32(0);
+  req.u64(static_cast<uint64_t>(getpid()));
+  req.u64(0);
+}
+
+int killOne(int64_t pid, int sig) {
+  FrameWriter req(PX_CMD_KILL);
+  req.u64(static_cast<uint64_t>(pid));
+  req.u32(static_cast<uint32_t>(sig));  // the server checks the range (result 2)
+  putSenderRecord(req, static_cast<uint32_t>(sig));
+  Reply reply;
+  int err = transact(req, &reply);
+  if (err != 0) return fail(err);
+  if (reply.code != PX_RESULT_DONE) return fail(errnoForResult(reply.code, ESRCH));
+  return 0;
+}
+
+int killGroup(uint64_t selector, int sig) {
+  // The server does not check the range of a group signal: members would be skipped silently.
+  if (sig < 0 || sig >= PX_NSIG) return fail(EINVAL);
+  FrameWriter req(PX_CMD_KILL_GROUP);
+  req.u64(selector);
+  req.u32(static_cast<uint32_t>(sig));
+  putSenderRecord(req, static_cast<uint32_t>(sig));
+  Reply reply;
+  int err = transact(req, &reply);
+  if (err != 0) return fail(err);
+  if (reply.code != PX_RESULT_DONE) return fail(errnoForResult(reply.code, ESRCH));
+  return 0;
+}
+
+}  // namespace
+
+}  // namespace pxc
+
+extern "C" {
+
+int px_kill(int64_t pid, int sig) {
+  if (pid > 0) return pxc::killOne(pid, sig);
+  if (pid == 0) return pxc::killGroup(PX_KILL_SELECTOR_OWN_GROUP, sig);
+  if (pid == -1) return pxc::killGroup(PX_KILL_SELECTOR_ALL, sig);
+  return px_killpg(-pid, sig);
+}
+
+int px_killpg(int64_t pgid, int sig) {
+  if (pgid < 0) return pxc::fail(EINVAL);
+  if (pgid == 0) return pxc::killGroup(PX_KILL_SELECTOR_OWN_GROUP, sig);
+  // Selector 1 means "every process" on the wire, so group 1 has no name of its own. Group
+  // ids are pids of processes that connected; pid 1 never is one.
+  if (pgid == PX_KILL_SELECTOR_ALL) return pxc::fail(ESRCH);
+  return pxc::killGroup(static_cast<uint64_t>(pgid), sig);
+}
+
+int px_kill_all(int sig) { return px_kill(-1, sig); }
+
+int64_t px_getpgid(int64_t pid) {
+  if (pid < 0) return pxc::fail(ESRCH);
+  pxc::FrameWriter req(PX_CMD_GET_GROUP_ID);
+  req.u64(pid == 0 ? static_cast<uint64_t>(getpid()) : static_cast<uint64_t>(pid));
+  pxc::Reply reply;
+  int err = pxc::transact(req, &reply);
+  if (err != 0) return pxc::fail(err);
+  if (reply.code != PX_RESULT_DONE) return pxc::fail(pxc::errnoForResult(reply.code, EPROTO));
+  uint64_t group = 0;
+  if (!reply.dataU64(0, &group)) return pxc::fail(EPROTO);
+  return static_cast<int64_t>(group);
+}
+
+int64_t px_getppid(void) {
+  pxc::FrameWriter req(PX_CMD_GET_PARENT_ID);
+  pxc::Reply reply;
+  int err = pxc::transact(req, &reply);
+  if (err != 0) return pxc::fail(err);
+  if (reply.code != PX_RESULT_DONE) return pxc::fail(pxc::errnoForResult(reply.code, EPROTO));
+  uint64_t parent = 0;
+  if (!reply.dataU64(0, &parent)) return pxc::fail(EPROTO);
+  return static_cast<int64_t>(parent);
+}
+
+int px_abort_waits(void) {
+  pxc::FrameWriter req(PX_CMD_ABORT_WAITS);
+  pxc::Reply reply;
+  // The reply's own code is whatever the server's previous request left: it means nothing.
+  int err = pxc::transact(req, &reply);
+  if (err != 0) return pxc::fail(err);
+  return 0;
+}
+
+}  // extern "C"

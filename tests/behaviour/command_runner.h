@@ -1,0 +1,21 @@
+// Running host programs (posixctl, a second server) from the behaviour tests, bounded in time.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+struct CommandResult {
+  int exitCode = -1;  // -1: it did not end in time (it was killed) or a signal ended it
+  std::string out;
+  std::string err;
+};
+
+// Runs argv[0] (a path) with `input` on its standard input; captures output and error.
+CommandResult runCommand(const std::vector<std::string>& argv, const std::string& input = "",
+                         int timeoutMs = 20000);
+
+// Starts argv[0] with standard input /dev/null and standard output and error on `outFd`;
+// answers its pid. The caller waits for it.
+pid_t startCommand(const std::vector<std::string>& argv, int outFd);

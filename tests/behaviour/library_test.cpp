@@ -1,0 +1,83 @@
+// The client library under concurrent use: calls from many threads at once while others
+// block, several threads waiting for signals, and a signal wait held by another link of the
+// same process.
+#include <errno.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "posix/wire.h"
+#include "raw_link.h"
+#include "server_fixture.h"
+
+namespace {
+
+using LibraryTest = ServerFixture;
+
+TEST_F(LibraryTest, CallsFromManyThreadsWhileOthersBlock) {
+  int64_t child = spawnProbe({"sleep", "300", "exit", "3"});
+  ASSERT_GT(child, 0);
+  int64_t waited = 0;
+  int status = -1;
+  std::thread blocker([&] { waited = px_waitpid(child, &status, 0); });
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> callers;
+  for (int t = 0; t < 4; ++t) {
+    callers.emplace_back([&] {
+      for (int k = 0; k < 100; ++k) {
+        if (px_getpgid(0) != getpid()) ++wrong;
+        if (px_getppid() != 0) ++wrong;
+      }
+    });
+  }
+  for (auto& t : callers) t.join();
+  blocker.join();
+  EXPECT_EQ(wrong.load(), 0);
+  EXPECT_EQ(waited, child);
+  EXPECT_EQ(status, 3);
+}
+
+TEST_F(LibraryTest, EachSignalGoesToOneOfSeveralWaitingThreads) {
+  std::atomic<int> got[2] = {0, 0};
+  std::vector<std::thread> waiters;
+  for (int t = 0; t < 2; ++t) {
+    waiters.emplace_back([&, t] {
+      int sig = 0;
+      if (px_sigtimedwait(&sig, nullptr, 5000) == 0) got[t] = sig;
+    });
+  }
+  sleepMs(100);
+  ASSERT_EQ(px_kill(getpid(), 4), 0);
+  ASSERT_EQ(px_kill(getpid(), 6), 0);
+  for (auto& t : waiters) t.join();
+  std::set<int> seen = {got[0].load(), got[1].load()};
+  EXPECT_EQ(seen, (std::set<int>{4, 6}));
+}
+
+TEST_F(LibraryTest, SignalWaitHeldByAnotherLinkOfTheProcess) {
+  // The raw link belongs to this process too: its waitSignal is the one the server keeps.
+  RawLink other(path("chn/posix.service"));
+  ASSERT_TRUE(other.send(requestFrame(PX_CMD_WAIT_SIGNAL, 77)));
+  sleepMs(50);
+  int sig = 0;
+  int64_t start = monotonicMs();
+  // Every waitSignal of the library is answered 0 at once meanwhile: it must neither fail
+  // nor return early.
+  EXPECT_EQ(px_sigtimedwait(&sig, nullptr, 300), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_GE(monotonicMs() - start, 290);
+  ASSERT_EQ(px_kill(getpid(), 5), 0);
+  RawReply reply;
+  ASSERT_EQ(other.receive(&reply, 5000), 1);
+  EXPECT_EQ(reply.id, 77u);
+  EXPECT_EQ(reply.code, 5u);
+  // With the other wait answered, the library's own wait is kept and gets the next signal.
+  ASSERT_EQ(px_kill(getpid(), 6), 0);
+  ASSERT_EQ(px_sigtimedwait(&sig, nullptr, 5000), 0);
+  EXPECT_EQ(sig, 6);
+}
+
+}  // namespace

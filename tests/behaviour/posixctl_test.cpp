@@ -1,0 +1,123 @@
+// posixctl: start, status and stop of a background server, and run with its exit code and
+// standard files passed through.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+
+#include "command_runner.h"
+#include "server_fixture.h"
+
+namespace {
+
+class PosixctlTest : public ServerFixture {
+ protected:
+  PosixctlTest() { startServerInSetUp_ = false; }
+
+  CommandResult ctl(std::vector<std::string> args, const std::string& input = "") {
+    args.insert(args.begin(), POSIXCTL_BINARY);
+    return runCommand(args, input);
+  }
+
+  // posixctl finds the server through POSIX_SERVER_BIN.
+  void SetUp() override {
+    ServerFixture::SetUp();
+    setenv("POSIX_SERVER_BIN", POSIX_SERVER_BINARY, 1);
+  }
+};
+
+TEST_F(PosixctlTest, StartStatusStop) {
+  unsetenv("POSIX_SERVER_BIN");  // found beside posixctl, in ../server
+  CommandResult r = ctl({"status"});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_EQ(r.out, "not running\n");
+
+  r = ctl({"start"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  std::ifstream pidFile(path("server.pid"));
+  int pid = 0;
+  ASSERT_TRUE(pidFile >> pid);
+  EXPECT_GT(pid, 0);
+
+  r = ctl({"status"});
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(r.out, "running (pid " + std::to_string(pid) + ")\n");
+  r = ctl({"start"});  // one answers already
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out, "already running (pid " + std::to_string(pid) + ")\n");
+  EXPECT_NE(serverLog().find("Entry created"), std::string::npos) << "log goes to RT/server.log";
+
+  r = ctl({"stop"});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  // Gone, or a zombie nobody reaps (it was started detached, so it is not ours).
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  EXPECT_TRUE(text.empty() || text.substr(text.rfind(')') + 2, 1) == "Z") << text;
+  EXPECT_FALSE(std::ifstream(path("server.pid")).good());
+  r = ctl({"status"});
+  EXPECT_EQ(r.exitCode, 1);
+  r = ctl({"stop"});
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(r.out, "not running\n");
+}
+
+TEST_F(PosixctlTest, RunPassesExitCodeAndStandardFiles) {
+  // No server yet: run starts one and says so on standard error only.
+  CommandResult r = ctl({"run", helper("px_probe"), "print", "hello", "eprint", "oops", "exit",
+                         "42"});
+  EXPECT_EQ(r.exitCode, 42) << r.err;
+  EXPECT_EQ(r.out, "hello\n");
+  EXPECT_NE(r.err.find("oops\n"), std::string::npos);
+  EXPECT_NE(r.err.find("starting one"), std::string::npos);
+
+  r = ctl({"run", "--env", "PX_TEST_VALUE=a b", "--", helper("px_probe"), "env", "PX_TEST_VALUE",
+           "cat"},
+          "from stdin\n");
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(r.out, "env PX_TEST_VALUE=a b\nfrom stdin\n");
+  EXPECT_EQ(r.err, "");  // the server answers now: no note
+}
+
+TEST_F(PosixctlTest, RunKillsTheProgramOnSigterm) {
+  ASSERT_EQ(ctl({"start"}).exitCode, 0);
+  OutputPipe out;
+  pid_t run = startCommand({POSIXCTL_BINARY, "run", helper("px_probe"), "ready", "sleep", "30000"},
+                           out.writeFd());
+  ASSERT_GT(run, 0);
+  ASSERT_EQ(expectLine(out, "ready", 10000), "ready");
+  kill(run, SIGTERM);
+  int status = waitExit(run, 10000);
+  ASSERT_NE(status, -1) << "posixctl run did not end";
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 128 + 9);
+}
+
+TEST_F(PosixctlTest, UsageErrorsAndFailures) {
+  EXPECT_EQ(ctl({}).exitCode, 2);
+  EXPECT_EQ(ctl({"bogus"}).exitCode, 2);
+  EXPECT_EQ(ctl({"run"}).exitCode, 2);
+  EXPECT_EQ(ctl({"run", "--env", "NOEQUALS", "x"}).exitCode, 2);
+  EXPECT_EQ(ctl({"kill", "-s", "99", "1"}).exitCode, 2);
+  EXPECT_EQ(ctl({"kill", "abc"}).exitCode, 2);
+  EXPECT_EQ(ctl({"help"}).exitCode, 0);
+  // No server: a query fails with the reason.
+  CommandResult r = ctl({"pgid", "1"});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_FALSE(r.err.empty());
+  EXPECT_EQ(ctl({"start", "--server", "/nonexistent/posix-server"}).exitCode, 1);
+  unsetenv("POSIX_SERVER_BIN");
+  ASSERT_EQ(ctl({"start", "--server", POSIX_SERVER_BINARY}).exitCode, 0);
+  r = ctl({"kill", "-s", "0", "4194321"});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_NE(r.err.find("No such process"), std::string::npos) << r.err;
+  r = ctl({"run", "/nonexistent/program"});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_NE(r.err.find("No such file"), std::string::npos) << r.err;
+  r = ctl({"ppid"});
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_EQ(r.out, "0\n");
+}
+
+}  // namespace

@@ -1,0 +1,44 @@
+// A raw link to "posix.service" for tests that send frames the library never would.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct RawReply {
+  uint32_t kind = 0;
+  uint32_t code = 0;
+  uint64_t id = 0;
+  std::vector<uint8_t> data;
+  uint32_t blockCount = 0;
+};
+
+void putU32(std::vector<uint8_t>& b, uint32_t v);
+void putU64(std::vector<uint8_t>& b, uint64_t v);
+void putString(std::vector<uint8_t>& b, const std::string& s);
+// A request frame: header, `data`, no blocks.
+std::vector<uint8_t> requestFrame(uint32_t code, uint64_t id,
+                                  const std::vector<uint8_t>& data = {});
+
+class RawLink {
+ public:
+  explicit RawLink(const std::string& socketPath);
+  ~RawLink();
+  RawLink(const RawLink&) = delete;
+  RawLink& operator=(const RawLink&) = delete;
+
+  bool connected() const { return fd_ >= 0; }
+  int fd() const { return fd_; }
+  // One datagram; false with errno on failure (EAGAIN with dontWait when the socket is full).
+  bool send(const std::vector<uint8_t>& frame, bool dontWait = false);
+  // 1: a reply was read; 0: the server closed the link; -1: nothing within `timeoutMs`.
+  int receive(RawReply* out, int timeoutMs);
+  // Sends a request and reads replies until the one with its id; false on close or time-out.
+  bool roundTrip(uint32_t code, uint64_t id, const std::vector<uint8_t>& data, RawReply* out,
+                 int timeoutMs = 5000);
+  // Reads (and drops) replies until the server closes the link; false after `timeoutMs`.
+  bool closedByServer(int timeoutMs);
+
+ private:
+  int fd_ = -1;
+};
