@@ -108,18 +108,20 @@ int Connection::send(const std::vector<uint8_t>& frame) {
 int Connection::receive(Reply* out, int timeoutMs) {
   int64_t deadline = timeoutMs < 0 ? -1 : nowMs() + timeoutMs;
   for (;;) {
-    // poll first so that both a time-out and a server that hung up end the wait.
-    int wait = -1;
+    // With a time-out, poll first so that both the time-out and a server that hung up end the
+    // wait. Without one a blocking recv is enough (a hang-up ends it with 0 bytes) and saves a
+    // system call on every round trip.
+    int flags = MSG_TRUNC;
     if (deadline >= 0) {
       int64_t left = deadline - nowMs();
-      wait = left < 0 ? 0 : static_cast<int>(left);
+      struct pollfd pfd = {fd_, POLLIN, 0};
+      int rc = poll(&pfd, 1, left < 0 ? 0 : static_cast<int>(left));
+      if (rc < 0 && errno == EINTR) continue;
+      if (rc < 0) return errno;
+      if (rc == 0) return EAGAIN;
+      flags |= MSG_DONTWAIT;
     }
-    struct pollfd pfd = {fd_, POLLIN, 0};
-    int rc = poll(&pfd, 1, wait);
-    if (rc < 0 && errno == EINTR) continue;
-    if (rc < 0) return errno;
-    if (rc == 0) return EAGAIN;
-    ssize_t n = recv(fd_, buffer_.data(), buffer_.size(), MSG_TRUNC | MSG_DONTWAIT);
+    ssize_t n = recv(fd_, buffer_.data(), buffer_.size(), flags);
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
     if (n < 0) return errno == ECONNREFUSED ? ECONNRESET : errno;
     if (n == 0) return ECONNRESET;  // end of stream: the server closed the link

@@ -1,8 +1,10 @@
 // The connection pool and the library's set-up calls. A call takes one idle connection (or
 // opens a new one) for its whole duration, so a blocking wait never holds up other threads.
 #include <errno.h>
+#include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <mutex>
 
 #include "internal.h"
@@ -21,7 +23,6 @@ constexpr size_t kMaxIdle = 4;
 std::mutex poolMutex;
 Connection* idle[kMaxIdle];  // guarded by poolMutex
 size_t idleCount = 0;        // guarded by poolMutex
-pid_t ownerPid = 0;          // guarded by poolMutex: the process that opened them
 
 void dropIdleLocked() {
   for (size_t i = 0; i < idleCount; ++i) delete idle[i];
@@ -31,19 +32,22 @@ void dropIdleLocked() {
 }  // namespace
 
 // A forked child shares its parent's sockets, and the server would take its requests for the
-// parent's (it knows a client by the pid that connected). So the child drops them all.
+// parent's (it knows a client by the pid that connected). So the child drops them all. A fork
+// handler marks the child, so that a call does not have to ask the kernel for its pid.
+static std::atomic<bool> forkedSinceLastCall{false};
+
 void checkFork() {
-  bool forked;
+  static std::once_flag watch;
+  std::call_once(watch, [] {
+    pthread_atfork(nullptr, nullptr, [] { forkedSinceLastCall.store(true, std::memory_order_relaxed); });
+  });
+  if (!forkedSinceLastCall.exchange(false, std::memory_order_relaxed)) return;
   {
     std::lock_guard<std::mutex> lock(poolMutex);
-    forked = ownerPid != 0 && ownerPid != getpid();
-    if (forked) dropIdleLocked();
-    ownerPid = getpid();
+    dropIdleLocked();
   }
-  if (forked) {
-    resetSignals();
-    resetChildren();
-  }
+  resetSignals();
+  resetChildren();
 }
 
 Connection* acquire(int* err, bool* reused) {
@@ -64,7 +68,8 @@ void release(Connection* conn, bool reusable) {
   if (conn == nullptr) return;
   if (reusable) {
     std::lock_guard<std::mutex> lock(poolMutex);
-    if (idleCount < kMaxIdle && ownerPid == getpid()) {
+    // A link taken before a fork is not kept by the child.
+    if (idleCount < kMaxIdle && !forkedSinceLastCall.load(std::memory_order_relaxed)) {
       idle[idleCount++] = conn;
       return;
     }
@@ -97,7 +102,6 @@ int transact(FrameWriter& req, Reply* out) {
 void resetPool() {
   std::lock_guard<std::mutex> lock(poolMutex);
   dropIdleLocked();
-  ownerPid = 0;
 }
 
 int fail(int err) {

@@ -52,8 +52,7 @@ TEST_F(PosixctlTest, StartStatusStop) {
   r = ctl({"stop"});
   EXPECT_EQ(r.exitCode, 0) << r.err;
   // Gone, or a zombie nobody reaps (it was started detached, so it is not ours).
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  std::string text = procStat(pid);
   EXPECT_TRUE(text.empty() || text.substr(text.rfind(')') + 2, 1) == "Z") << text;
   EXPECT_FALSE(std::ifstream(path("server.pid")).good());
   r = ctl({"status"});

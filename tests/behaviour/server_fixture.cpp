@@ -31,8 +31,7 @@ std::vector<pid_t> childrenOf(pid_t parent) {
     char* end = nullptr;
     long pid = strtol(e->d_name, &end, 10);
     if (*end != '\0' || pid <= 0) continue;
-    std::ifstream stat(std::string("/proc/") + e->d_name + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    std::string text = procStat(static_cast<pid_t>(pid));
     size_t paren = text.rfind(')');
     if (paren == std::string::npos) continue;
     char state = 0;
@@ -46,6 +45,17 @@ std::vector<pid_t> childrenOf(pid_t parent) {
 }
 
 }  // namespace
+
+std::string procStat(pid_t pid) {
+  // Read with plain read(2): a process that ends between open and read makes the read fail
+  // with ESRCH, which a stream would turn into an exception.
+  int fd = open(("/proc/" + std::to_string(pid) + "/stat").c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return {};
+  char buffer[1024];
+  ssize_t n = read(fd, buffer, sizeof buffer);
+  close(fd);
+  return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : std::string();
+}
 
 int64_t monotonicMs() {
   struct timespec ts;

@@ -76,6 +76,8 @@ class ServerFixture : public ::testing::Test {
 };
 
 // Milliseconds since an arbitrary start (monotonic).
+// The text of /proc/<pid>/stat, empty when the process has gone.
+std::string procStat(pid_t pid);
 int64_t monotonicMs();
 void sleepMs(int ms);
 // Waits for a host child of the test to end; its wait status, or -1 after `timeoutMs`.

@@ -16,8 +16,7 @@ namespace {
 using SignalTest = ServerFixture;
 
 char hostState(pid_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  std::string text = procStat(pid);
   size_t paren = text.rfind(')');
   return paren == std::string::npos || paren + 2 >= text.size() ? '?' : text[paren + 2];
 }
