@@ -111,6 +111,8 @@ bool watch(int epollFd, int fd, uint64_t key) {
 
 }  // namespace
 
+int chnListenAtFreshId(uint64_t* id, std::string* path) { return listenAtFreshId(id, path); }
+
 std::string chnPath(uint64_t id) { return Runtime::path("chn/" + hexId(id)); }
 
 // Removes the socket and its name, once. The name is removed only while it still leads to

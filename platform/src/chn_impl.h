@@ -46,6 +46,11 @@ struct Chn::Impl {
   std::vector<uint8_t> buffer;   // one datagram, PX_WIRE_MAX_FRAME bytes
 };
 
+// A non-blocking listening socket at a fresh RT/chn/<id> (chn.cpp): answers the socket and
+// fills `id` and `path`, or answers -1 with errno set. The service multiplex makes its socket
+// this way too.
+int chnListenAtFreshId(uint64_t* id, std::string* path);
+
 // The serving side of a channel (chn_serve.cpp), run by the thread inside receive().
 struct ChnServe {
   static constexpr uint64_t kListenKey = 0;

@@ -1,6 +1,7 @@
 // One client connection of a channel. Any thread may send on it; only the channel's serving
 // thread closes its socket, and it does so under the link's mutex, so a sender never writes to
 // a descriptor number that the process has already handed to something else.
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -35,7 +36,7 @@ bool ChnLink::sendFrame(std::vector<uint8_t> frame) {
   bool first = queue_.empty();
   queuedBytes_ += frame.size();
   queue_.push_back(std::move(frame));
-  if (first && channel_) channel_->attend(this);
+  if (first) attendLocked();
   return true;
 }
 
@@ -44,7 +45,17 @@ void ChnLink::dropLocked() {
   dropped_ = true;
   queue_.clear();
   queuedBytes_ = 0;
-  if (channel_) channel_->attend(this);
+  attendLocked();
+}
+
+void ChnLink::attendLocked() {
+  if (channel_) {
+    channel_->attend(this);
+  } else if (wakeFd_ >= 0) {
+    uint64_t one = 1;
+    ssize_t n = ::write(wakeFd_, &one, sizeof one);
+    (void)n;  // a full counter already wakes the serving thread
+  }
 }
 
 void ChnLink::shutdown() {
@@ -56,6 +67,13 @@ void ChnLink::shutdown() {
 bool ChnLink::isOpen() const {
   std::lock_guard lock(mutex_);
   return fd_ >= 0 && !dropped_;
+}
+
+bool ChnLink::peerGone() const {
+  std::lock_guard lock(mutex_);
+  if (fd_ < 0 || dropped_) return true;
+  pollfd p{fd_, POLLRDHUP, 0};
+  return ::poll(&p, 1, 0) == 1 && (p.revents & (POLLHUP | POLLRDHUP | POLLERR));
 }
 
 bool ChnLink::dropped() const {
@@ -85,6 +103,7 @@ void ChnLink::closeSocket() {
   if (fd_ >= 0) ::close(fd_);
   fd_ = -1;
   channel_ = nullptr;
+  wakeFd_ = -1;
   queue_.clear();
   queuedBytes_ = 0;
 }

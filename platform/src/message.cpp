@@ -70,6 +70,11 @@ uint64_t InMsg::read(void* buffer, uint64_t size, uint32_t /*timeoutMs*/) {
   return n;
 }
 
+uint64_t InMsg::read(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) {
+  if (buffer.kind != Interfaces::MemDesc::kDirect || !buffer.address) return 0;
+  return read(buffer.pointer(), size < buffer.size ? size : buffer.size, timeoutMs);
+}
+
 InMsg::Block InMsg::block(uint32_t index) const {
   if (index >= blocks_.size()) return {0, nullptr, 0};
   const BlockSpan& span = blocks_[index];
@@ -92,6 +97,12 @@ uint64_t OutMsg::write(const void* bytes, uint64_t size, uint32_t /*timeoutMs*/)
   const auto* p = static_cast<const uint8_t*>(bytes);
   data_.insert(data_.end(), p, p + size);
   return size;
+}
+
+uint64_t OutMsg::write(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) {
+  if (buffer.kind != Interfaces::MemDesc::kDirect) return 0;
+  return write(static_cast<const void*>(buffer.pointer()), size < buffer.size ? size : buffer.size,
+               timeoutMs);
 }
 
 bool OutMsg::addBlock(uint32_t kind, const void* bytes, uint32_t length) {

@@ -25,7 +25,8 @@ class Chn;
 class ChnLink;
 
 // A channel's connection manager: asked on every new link, told of every closed one. Both are
-// called on the thread that runs the channel.
+// called on the thread that runs the channel. (A service multiplex calls them on the link's own
+// thread instead, one call of the multiplex at a time.)
 class ConMan : public virtual RefCount {
  public:
   virtual bool connect(const Ref<ChnLink>& link) = 0;
@@ -46,6 +47,10 @@ class ChnLink : public Object {
   // Shuts the link down from any thread; the channel's thread then disconnects it.
   void shutdown();
   bool isOpen() const;
+  // True once the link can carry nothing more: the peer closed its end, or the link was shut
+  // down or dropped. A handler that waits for a long time asks this now and then, so that it
+  // stops waiting for a client that has gone.
+  bool peerGone() const;
 
   ~ChnLink() override;
 
@@ -56,6 +61,7 @@ class ChnLink : public Object {
  private:
   friend class Chn;
   friend struct ChnServe;
+  friend struct MuxLinkServe;  // the service multiplex serves its links outside any Chn
   ChnLink(int fd, uint64_t peerPid, Chn* channel) : fd_(fd), peerPid_(peerPid), channel_(channel) {}
   // Sends queued frames; called by the channel's thread when the socket has room. Answers true
   // when nothing is left queued.
@@ -67,6 +73,8 @@ class ChnLink : public Object {
   bool dropped() const;
   // Shuts the socket down and forgets queued replies; the caller holds mutex_.
   void dropLocked();
+  // Tells whoever serves the link to look at it; the caller holds mutex_.
+  void attendLocked();
 
   mutable std::mutex mutex_;
   int fd_;                               // guarded by mutex_; -1 once closed
@@ -79,6 +87,9 @@ class ChnLink : public Object {
   // always names a live channel.
   Chn* channel_;
   uint64_t key_ = 0;  // the channel thread's handle for this link; written before publication
+  // Guarded by mutex_: for a link served outside a Chn (channel_ null), an eventfd that is
+  // poked when replies wait or the link is dropped; -1 when none. Cleared by closeSocket().
+  int wakeFd_ = -1;
 };
 
 class Chn : public Object {

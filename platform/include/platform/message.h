@@ -1,18 +1,21 @@
 // Messages of a channel. An InMsg is one received request frame: its command code, its data
 // stream (read with a cursor) and its typed blocks; it remembers the link it came on so that
 // any thread can answer it, once or several times. An OutMsg is a reply being built.
+// Both are streams too: an InMsg can be read and an OutMsg written wherever an
+// Interfaces::Stream is wanted (a table serialises itself straight into a reply).
 #pragma once
 
 #include <cstdint>
 #include <vector>
 
 #include "platform/object.h"
+#include "platform/stream.h"
 #include "platform/sync.h"
 
 class ChnLink;
 class OutMsg;
 
-class InMsg : public Object {
+class InMsg : public Object, public virtual Interfaces::Stream {
  public:
   // Builds the message from one received datagram; null when the frame breaks the wire
   // format (then the link must be closed).
@@ -28,6 +31,16 @@ class InMsg : public Object {
   // a received message is complete, so a read never waits.
   uint64_t read(void* buffer, uint64_t size, uint32_t timeoutMs = kForever);
   uint64_t remaining() const { return data_.size() - cursor_; }
+
+  // The stream side: reads the data stream into direct memory; a received request cannot be
+  // written, so write answers 0.
+  uint32_t dataKind() override { return 1; }
+  Interfaces::MemDesc map(Ref<Object> /*client*/) override { return {}; }
+  void unmap(Ref<Object> /*client*/) override {}
+  uint64_t read(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) override;
+  uint64_t write(Interfaces::MemDesc, uint64_t, uint32_t) override { return 0; }
+  uint64_t readable() override { return remaining(); }
+  uint64_t control(uint32_t, uint64_t) override { return 0; }
 
   struct Block {
     uint32_t kind;
@@ -59,7 +72,7 @@ class InMsg : public Object {
   Ref<ChnLink> link_;
 };
 
-class OutMsg : public Object {
+class OutMsg : public Object, public virtual Interfaces::Stream {
  public:
   static Ref<OutMsg> create();
 
@@ -69,6 +82,16 @@ class OutMsg : public Object {
   // Appends to the data stream; answers fewer bytes than asked (0) once the encoded frame
   // would pass the largest frame size.
   uint64_t write(const void* bytes, uint64_t size, uint32_t timeoutMs = kForever);
+  // The stream side: appends direct memory to the data stream, all or nothing as above; a
+  // reply being built cannot be read, so read answers 0.
+  uint32_t dataKind() override { return 1; }
+  Interfaces::MemDesc map(Ref<Object> /*client*/) override { return {}; }
+  void unmap(Ref<Object> /*client*/) override {}
+  uint64_t read(Interfaces::MemDesc, uint64_t, uint32_t) override { return 0; }
+  uint64_t write(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) override;
+  uint64_t readable() override { return 0; }
+  uint64_t control(uint32_t, uint64_t) override { return 0; }
+
   // Appends a typed block; false when it would not fit.
   bool addBlock(uint32_t kind, const void* bytes, uint32_t length);
 

@@ -1,0 +1,62 @@
+// The service multiplex: several services behind one channel socket (RT/chn/<id>, reachable by
+// id only). Services are numbered 1, 2, 3, ... in the order they are added. A client connects,
+// sends a bind frame naming a service, and from then on every request of that link goes to
+// that service.
+//
+// Threads: one acceptor thread per multiplex and one thread per link. A link's thread reads the
+// link's requests and calls its service's handle(); it also runs the connection manager's
+// connect and disconnect for that link. The notifications of one multiplex are serialised: no
+// two connect/disconnect calls of one multiplex run at the same time, so a connection manager
+// may count links in plain fields. A handler may block; a link waits in poll() on its socket
+// and a wake-up event, so close() and a client hang-up end it at once. A handler that blocks
+// for a long time waits in slices and asks ChnLink::peerGone() between them (the stream
+// resolver does so), so that it, too, ends shortly after the client or the multiplex has gone.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/chn.h"
+#include "platform/object.h"
+#include "platform/service.h"
+#include "platform/string.h"
+
+namespace Libraries::Service {
+
+class Multiplex : public Object {
+ public:
+  // Links served at once; further connections are accepted and closed at once.
+  static constexpr size_t kMaxLinks = 256;
+
+  // A new multiplex listening on a fresh channel socket; `name` names its threads in logs and
+  // thread lists. Null (and Error set) when the socket or the acceptor thread cannot be made.
+  static Ref<Multiplex> create(Ref<String> name);
+
+  // Adds a service served for links that bind to it; `conMan` is asked on every bind and told
+  // of every bound link that closes. Answers the service id (1, 2, 3, ...), or 0 when either is
+  // null or the multiplex was closed.
+  uint64_t add(Ref<Interfaces::Service> service, Ref<ConMan> conMan);
+  uint64_t channelId() const;
+  const Ref<String>& name() const;
+
+  // Stops accepting, removes the socket file and shuts every link down. Any thread may call
+  // it, one of the multiplex's own link threads too (from a handler or a notification).
+  void close();
+  // Waits until every thread of the multiplex has ended, except the calling thread when it is
+  // one of them; false when the time-out ended first. Called from inside a notification, it
+  // lets the other links' notifications run meanwhile, so nothing deadlocks.
+  bool wait(uint32_t timeoutMs);
+
+  // Closes the multiplex and releases its services and connection managers. Links still
+  // ending keep their own service and manager until their threads end.
+  ~Multiplex() override;
+
+  struct Core;  // the state the threads share (multiplex_core.h)
+
+ private:
+  explicit Multiplex(Ref<String> name);
+  Ref<String> name_;
+  Ref<Core> core_;
+};
+
+}  // namespace Libraries::Service

@@ -1,0 +1,205 @@
+// The service multiplex's life: making its socket and acceptor, adding services, closing and
+// waiting for its threads, and the one-at-a-time turn of its connection notifications.
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+
+#include "chn_impl.h"
+#include "multiplex_core.h"
+#include "platform/error.h"
+#include "platform/runtime.h"
+
+namespace Libraries::Service {
+
+Multiplex::Multiplex(Ref<String> name) : name_(std::move(name)) {}
+
+Ref<Multiplex> Multiplex::create(Ref<String> name) {
+  if (!Runtime::prepare(nullptr)) {
+    Error::set(EACCES);
+    return nullptr;
+  }
+  if (!name) name = String::create("Multiplex");
+  Ref<Core> core = new Core();
+  core->name = name;
+  core->listenFd = chnListenAtFreshId(&core->id, &core->socketPath);
+  if (core->listenFd < 0) {
+    Error::set(errno);
+    core->fileRemoved = true;  // nothing was made
+    return nullptr;
+  }
+  Runtime::ownFile(core->socketPath);
+  core->wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  if (core->wakeFd < 0) {
+    Error::set(errno);
+    return nullptr;  // ~Core closes the socket and removes its file
+  }
+  Ref<Exec> acceptor = makeAcceptor(core);
+  if (!acceptor || !core->startThread(acceptor)) {
+    Error::set(EAGAIN);
+    return nullptr;
+  }
+  Ref<Multiplex> mux = new Multiplex(name);
+  mux->core_ = core;
+  return mux;
+}
+
+Multiplex::~Multiplex() {
+  if (!core_) return;
+  core_->close();
+  std::vector<Core::Entry> services;
+  {
+    std::lock_guard lock(core_->mutex);
+    services.swap(core_->services);
+  }
+  // Released here, outside the lock: a service's destructor may do anything.
+  services.clear();
+}
+
+uint64_t Multiplex::add(Ref<Interfaces::Service> service, Ref<ConMan> conMan) {
+  if (!service || !conMan) {
+    Error::set(EINVAL);
+    return 0;
+  }
+  std::lock_guard lock(core_->mutex);
+  if (core_->closed) return 0;
+  core_->services.push_back({std::move(service), std::move(conMan)});
+  return core_->services.size();
+}
+
+uint64_t Multiplex::channelId() const { return core_->id; }
+const Ref<String>& Multiplex::name() const { return name_; }
+void Multiplex::close() { core_->close(); }
+bool Multiplex::wait(uint32_t timeoutMs) { return core_->wait(timeoutMs); }
+
+Multiplex::Core*& Multiplex::Core::current() {
+  thread_local Core* core = nullptr;
+  return core;
+}
+
+Multiplex::Core::~Core() {
+  if (listenFd >= 0) ::close(listenFd);
+  if (wakeFd >= 0) ::close(wakeFd);
+  removeFile();
+}
+
+bool Multiplex::Core::startThread(Ref<Exec> body) {
+  Ref<Thd> thread = Thd::create(std::move(body));
+  if (!thread) return false;
+  thread->setName(name->c_str());
+  {
+    std::lock_guard lock(mutex);
+    ++running;
+  }
+  if (thread->start()) return true;
+  threadEnded();
+  return false;
+}
+
+void Multiplex::Core::threadEnded() {
+  std::lock_guard lock(mutex);
+  --running;
+  changed.notify_all();
+}
+
+bool Multiplex::Core::admit(const Ref<ChnLink>& link) {
+  std::lock_guard lock(mutex);
+  if (closed || links.size() >= kMaxLinks) return false;
+  links.push_back(link);
+  return true;
+}
+
+void Multiplex::Core::forget(const Ref<ChnLink>& link) {
+  std::lock_guard lock(mutex);
+  for (size_t i = 0; i < links.size(); ++i) {
+    if (links[i].get() == link.get()) {
+      links[i] = std::move(links.back());
+      links.pop_back();
+      return;
+    }
+  }
+}
+
+bool Multiplex::Core::lookup(uint64_t serviceId, Entry* entry) {
+  std::lock_guard lock(mutex);
+  if (serviceId == 0 || serviceId > services.size()) return false;
+  *entry = services[serviceId - 1];
+  return true;
+}
+
+bool Multiplex::Core::isClosed() {
+  std::lock_guard lock(mutex);
+  return closed;
+}
+
+void Multiplex::Core::beginNotify() {
+  const uint64_t self = Thd::current();
+  std::unique_lock lock(mutex);
+  changed.wait(lock, [&] { return notifier == 0 || notifier == self; });
+  notifier = self;
+  ++notifyDepth;
+}
+
+void Multiplex::Core::endNotify() {
+  std::lock_guard lock(mutex);
+  if (notifyDepth == 0 || --notifyDepth > 0) return;
+  notifier = 0;
+  changed.notify_all();
+}
+
+void Multiplex::Core::removeFile() {
+  {
+    std::lock_guard lock(mutex);
+    if (fileRemoved) return;
+    fileRemoved = true;
+  }
+  ::unlink(socketPath.c_str());
+  Runtime::disownFile(socketPath);
+}
+
+void Multiplex::Core::close() {
+  std::vector<Ref<ChnLink>> open;
+  {
+    std::lock_guard lock(mutex);
+    if (closed) return;
+    closed = true;
+    open = links;
+  }
+  removeFile();
+  uint64_t one = 1;
+  ssize_t n = ::write(wakeFd, &one, sizeof one);  // the acceptor stops
+  (void)n;
+  // Each link's thread sees its socket shut down in its poll and ends the link; a handler
+  // that waits in slices sees ChnLink::peerGone().
+  for (const Ref<ChnLink>& link : open) link->shutdown();
+}
+
+bool Multiplex::Core::wait(uint32_t timeoutMs) {
+  const uint64_t self = Thd::current();
+  const size_t own = current() == this ? 1 : 0;  // the caller's own thread is not waited for
+  std::unique_lock lock(mutex);
+  // Called inside a notification: give up the turn while waiting, so that the links that are
+  // ending can deliver their disconnects; take it back afterwards.
+  uint32_t depth = 0;
+  if (notifier == self) {
+    depth = notifyDepth;
+    notifier = 0;
+    notifyDepth = 0;
+    changed.notify_all();
+  }
+  auto done = [&] { return running <= own; };
+  bool ended = true;
+  if (timeoutMs == kForever)
+    changed.wait(lock, done);
+  else
+    ended = changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), done);
+  if (depth) {
+    changed.wait(lock, [&] { return notifier == 0; });
+    notifier = self;
+    notifyDepth = depth;
+  }
+  return ended;
+}
+
+}  // namespace Libraries::Service
