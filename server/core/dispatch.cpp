@@ -5,10 +5,24 @@
 #include "core/posix_service.h"
 #include "core/request_reader.h"
 #include "core/service_log.h"
+#include "fifo/fifo_pairs.h"
 #include "process/process_group.h"
 
 using posix::LogNum;
 using posix::serviceLog;
+
+namespace {
+
+// A pipe handed out as two node providers, the read end's then the write end's. Each end closes
+// with its last client connection; until a client connects it stays open.
+uint32_t createPipe(const Ref<OutMsg>& reply) {
+  PipeProviderPair pair = createPipePair();
+  if (!pair.read || !pair.write) return PX_RESULT_FAILED;
+  if (!pair.read->serialize(reply) || !pair.write->serialize(reply)) return PX_RESULT_REPLY_UNWRITTEN;
+  return PX_RESULT_DONE;
+}
+
+}  // namespace
 
 bool PosixService::dispatch(Ref<InMsg> request, Ref<OutMsg> reply, uint32_t* resultCode,
                             uint64_t /*unused*/, Ref<Object>* slot) {
@@ -50,7 +64,8 @@ bool PosixService::dispatch(Ref<InMsg> request, Ref<OutMsg> reply, uint32_t* res
       // The request itself keeps whatever result code the previous request left.
       caller->failWaiters(PX_RESULT_ABORTED);
       break;
-    default: *resultCode = PX_RESULT_FAILED; break;  // includes createPipe until pipes exist
+    case PX_CMD_CREATE_PIPE: *resultCode = createPipe(reply); break;
+    default: *resultCode = PX_RESULT_FAILED; break;
   }
   if (slot) slot->reset();
   return true;

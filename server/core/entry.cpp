@@ -4,10 +4,12 @@
 #include "platform/image.h"
 
 #include "common/exit_handlers.h"
+#include "core/close_queue.h"
 #include "core/server_main.h"
 #include "core/service_log.h"
 #include "diag/crash_handler.h"
 #include "fd/fd_log.h"
+#include "fifo/fifo_log.h"
 #include "process/process_group.h"
 #include "process/process_log.h"
 #include "process/process_registry.h"
@@ -31,6 +33,11 @@ void createGroupRegistry() {
   registerExitHandler([] { PosixProcessGroup::releaseRegistry(); });
 }
 
+// The close queue is made on first use; only its release at unload is arranged here.
+void arrangeCloseQueueRelease() {
+  registerExitHandler([] { SvcCloseQueueObj::releaseInstance(); });
+}
+
 // Run once, first to last; a null entry is skipped.
 const Initialiser kStaticInitialisers[] = {
     [] { posix::serviceLog.init(); },
@@ -39,10 +46,12 @@ const Initialiser kStaticInitialisers[] = {
     [] { posix::agentLog.init(); },
     [] { posix::fdTableLog.init(); },
     [] { posix::fdServiceLog.init(); },
+    [] { posix::fifoLog.init(); },
     [] { posix::crashLog.init(); },
     createProcessRegistry,
     createProcessMonitor,
     createGroupRegistry,
+    arrangeCloseQueueRelease,
 };
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include "fd/fd_table.h"
 
 #include "fd/fd_log.h"
+#include "platform/message.h"
+#include "platform/nodes.h"
 
 namespace posix {
 LogModule fdTableLog;
@@ -97,4 +99,51 @@ const FileDescriptor* FDTable::entry(int32_t fd) const {
   if (fd < 0) return nullptr;
   MonLock lock(mon_);
   return table_->get(static_cast<uint64_t>(fd));
+}
+
+namespace {
+
+template <class T>
+bool writeRaw(const Ref<OutMsg>& out, const T& value) {
+  return out->write(&value, sizeof value, kForever) == sizeof value;
+}
+
+}  // namespace
+
+int32_t FDTable::serialize(const Ref<Interfaces::Stream>& out) const {
+  checkInvariants(251, 252, "FDTable::serialize");
+  if (!out) return 0;
+  // Only the descriptor service's thread changes a table once it is built, and it is the one
+  // that serialises; the monitor is taken all the same, so a table read from elsewhere (tests,
+  // diagnostics) never sees a slot half changed.
+  MonLock lock(mon_);
+  int32_t count = 0;
+  bool whole = true;
+  for (uint64_t fd = 0; fd < table_->count(); ++fd) {
+    const FileDescriptor* entry = table_->get(fd);
+    if (!entry) continue;
+    ++count;
+    if (!entry->server) {
+      POSIX_LOG(posix::fdTableLog.handle, 3, "Tried to serialize invalid fd: " << fd);
+      continue;
+    }
+    if (!whole) continue;
+    // The record is put together first and written with one call, so that `out` takes all
+    // of it or none (a stream that fills up would otherwise keep the first fields alone).
+    Ref<Services::Nodes::Provider> provider =
+        Services::Nodes::Provider::create(entry->server->node(), 0);
+    Ref<OutMsg> record = OutMsg::create();
+    int32_t type = entry->server->type();
+    whole = provider && writeRaw(record, type) && writeRaw(record, fd) && provider->serialize(record);
+    if (whole) {
+      const std::vector<uint8_t>& bytes = record->data();
+      whole = out->write(Interfaces::MemDesc::direct(bytes.data(), bytes.size()), bytes.size(),
+                         kForever) == bytes.size();
+    }
+  }
+  if (whole) {
+    int32_t end = kTypeTableEnd;
+    out->write(Interfaces::MemDesc::direct(&end, sizeof end), sizeof end, kForever);
+  }
+  return count;
 }

@@ -11,6 +11,7 @@
 
 #include "common/tvector.h"
 #include "fd/file_description_server.h"
+#include "platform/stream.h"
 #include "platform/sync.h"
 
 struct FileDescriptor {
@@ -38,6 +39,14 @@ class FDTable : public Object {
   // A second descriptor for the description of `oldFd`: the lowest free number not below
   // `newFd`, or exactly `newFd` (closing what was there) when `replace` is set. -1 on failure.
   int32_t dup(int32_t oldFd, int32_t newFd, bool replace);
+
+  // Writes the whole table to `out` in its serialised form and answers the number of entries
+  // present, placeholders included (they are counted and logged but not written). Per
+  // descriptor with a description, in ascending order: i32 type, u64 descriptor number, the
+  // node provider record of the description's node; then the i32 end marker 8. Writing stops at
+  // the first write `out` does not take whole, and the end marker is then left out, so a reader
+  // never mistakes a cut table for a whole one. Nothing is written when `out` is null (answer 0).
+  int32_t serialize(const Ref<Interfaces::Stream>& out) const;
 
   // Slots in the table (free numbers included); the entry at `fd` or null. Tests and the
   // descriptor service's listing use them.

@@ -1,11 +1,17 @@
 // An open file description as the server holds it: what one open, one pipe end or one socket
 // makes, shared by every descriptor (in any table) that refers to it. Each kind publishes its
-// services on a node through which clients reach it.
+// services on a node through which clients reach it, served over the description's own
+// service multiplex.
+//
+// A description dies on whatever thread drops its last reference, often one of its own
+// multiplex's threads; so the multiplex is never closed there but handed to the deferred close
+// queue, whose thread closes it later.
 #pragma once
 
 #include <cstdint>
 
 #include "platform/devnode.h"
+#include "platform/multiplex.h"
 #include "platform/object.h"
 
 // Description type codes as descriptor tables report them.
@@ -26,7 +32,13 @@ class FileDescriptionServer : public virtual RefCount {
   virtual int32_t type() const = 0;
   // The node that lists the description's services; set on every server handed to a table.
   const Ref<DeviceNode>& node() const { return node_; }
+  const Ref<Libraries::Service::Multiplex>& multiplex() const { return multiplex_; }
 
  protected:
+  // Hands a multiplex that is still set to the close queue, then releases the node.
+  ~FileDescriptionServer() override;
+
+  // Set by the concrete server while it is built, then only read.
+  Ref<Libraries::Service::Multiplex> multiplex_;
   Ref<DeviceNode> node_;
 };

@@ -6,6 +6,7 @@
 
 #include "fd/fd_log.h"
 #include "fd/fd_table.h"
+#include "fifo/fifo_pairs.h"
 
 namespace posix {
 LogModule fdServiceLog;
@@ -37,6 +38,27 @@ uint32_t dupFd(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& tab
   int32_t fd = table.dup(oldFd, newFd, replace != 0);
   if (fd < 0) return PX_RESULT_FAILED;
   return reply->write(&fd, sizeof fd) == sizeof fd ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
+}
+
+// A new pipe: the read end under the lowest free number, then the write end under the next;
+// each number followed by the node provider record of its description.
+uint32_t createPipe(const Ref<OutMsg>& reply, FDTable& table) {
+  FifoDescriptionPair pair = createFifoPair();
+  if (!pair.read || !pair.write) return PX_RESULT_FAILED;
+  int32_t readFd = table.insert(new FileDescriptor{pair.read, false}, 0);
+  if (readFd < 0) return PX_RESULT_FAILED;  // the table is full: the entry was not taken
+  auto* writeEntry = new FileDescriptor{pair.write, false};
+  int32_t writeFd = table.insert(writeEntry, 0);
+  if (writeFd < 0) {
+    delete writeEntry;
+    table.remove(readFd);
+    return PX_RESULT_FAILED;
+  }
+  Ref<Services::Nodes::Provider> readNode = Services::Nodes::Provider::create(pair.read->node(), 0);
+  Ref<Services::Nodes::Provider> writeNode = Services::Nodes::Provider::create(pair.write->node(), 0);
+  bool written = reply->write(&readFd, sizeof readFd) == sizeof readFd && readNode->serialize(reply) &&
+                 reply->write(&writeFd, sizeof writeFd) == sizeof writeFd && writeNode->serialize(reply);
+  return written ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
 }
 
 }  // namespace
@@ -75,9 +97,13 @@ uint32_t PosixFDService::handle(const Ref<InMsg>& request, const Ref<OutMsg>& re
   switch (request->code()) {
     case PX_FD_CMD_CLOSE: return closeFd(request, table);
     case PX_FD_CMD_DUP: return dupFd(request, reply, table);
+    case PX_FD_CMD_GET_TABLE:
+      // The result is the number of entries present, placeholders included.
+      return static_cast<uint32_t>(table.serialize(reply));
+    case PX_FD_CMD_CREATE_PIPE: return createPipe(reply, table);
     case PX_FD_CMD_RESERVE:
     case PX_FD_CMD_RESERVE_ALT1:
     case PX_FD_CMD_RESERVE_ALT2: return reserve(reply, table);
-    default: return PX_RESULT_FAILED;  // descriptions of pipes, items and sockets come later
+    default: return PX_RESULT_FAILED;
   }
 }

@@ -1,0 +1,23 @@
+#include "fifo/fifo_end_node.h"
+
+#include "fifo/posix_fifo_svc.h"
+#include "platform/nodes.h"
+
+Ref<DeviceNode> serveFifoEnd(const Ref<Libraries::Service::Multiplex>& multiplex,
+                             const Ref<PosixFifoBase>& end, uint64_t access,
+                             const Ref<ConMan>& conMan) {
+  if (!multiplex || !end) return nullptr;
+  Ref<Services::Nodes::Resolvers::Stream> stream =
+      Services::Nodes::Resolvers::Stream::create(end, nullptr, kFifoResolverValue);
+  Ref<PosixFifoSvc> status = PosixFifoSvc::create(end);
+  if (!stream || !status) return nullptr;
+  uint64_t streamId = multiplex->add(stream, conMan ? conMan : Ref<ConMan>(stream));
+  uint64_t statusId = multiplex->add(status, conMan ? conMan : Ref<ConMan>(status));
+  if (streamId == 0 || statusId == 0) return nullptr;
+  Ref<DeviceNode> node = DeviceNode::create();
+  if (!node) return nullptr;
+  uint64_t channel = multiplex->channelId();
+  node->add(kFifoStreamInterface, channel, streamId, 0, access, 0);
+  node->add(kFifoStatusInterface, channel, statusId, 0, kFifoStatusAccess, 0);
+  return node;
+}

@@ -1,0 +1,29 @@
+// Serving one FIFO end over a multiplex: the end's stream (through the platform's stream
+// resolver) and its status service are added to the multiplex, and a fresh device node lists
+// both so that a client can reach them.
+#pragma once
+
+#include <cstdint>
+
+#include "fifo/posix_fifo.h"
+#include "platform/chn.h"
+#include "platform/devnode.h"
+#include "platform/multiplex.h"
+
+// Access flags of a FIFO end's stream entry, and of its status entry.
+constexpr uint64_t kFifoReadAccess = 2;
+constexpr uint64_t kFifoWriteAccess = 4;
+constexpr uint64_t kFifoStatusAccess = 32;
+// Interface types of the two entries.
+constexpr uint64_t kFifoStreamInterface = 0x10010;
+constexpr uint64_t kFifoStatusInterface = 0x880000;
+// What the end's stream resolver is made with.
+constexpr uint64_t kFifoResolverValue = 512;
+
+// Adds the end's two services to `multiplex` and answers the node that lists them: the stream
+// entry with `access`, then the status entry. With `conMan` null each service is its own
+// connection manager; otherwise `conMan` hears of the connections of both. Null when a service
+// or the node could not be made, or the multiplex refused a service.
+Ref<DeviceNode> serveFifoEnd(const Ref<Libraries::Service::Multiplex>& multiplex,
+                             const Ref<PosixFifoBase>& end, uint64_t access,
+                             const Ref<ConMan>& conMan);

@@ -1,0 +1,8 @@
+// The log module of the pipe and FIFO subsystem.
+#pragma once
+
+#include "common/log.h"
+
+namespace posix {
+extern LogModule fifoLog;
+}

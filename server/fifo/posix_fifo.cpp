@@ -1,0 +1,72 @@
+#include "fifo/posix_fifo.h"
+
+#include "fifo/fifo_log.h"
+
+namespace posix {
+LogModule fifoLog;
+}
+
+PosixFifoBase::~PosixFifoBase() {
+  fifo_.reset();
+  mon_.reset();
+}
+
+uint64_t PosixFifoRead::read(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) {
+  POSIX_ASSERT(mon_, "mon != 0", 176, "PosixFifoRead::read");
+  POSIX_ASSERT(fifo_, "_fifo != 0", 177, "PosixFifoRead::read");
+  setStatus(kStatusOk);
+  if (buffer.kind != Interfaces::MemDesc::kDirect || !mon_ || !fifo_) return 0;
+  if (size > buffer.size) size = buffer.size;  // never past the memory the caller lent
+  if (!mon_->enter(timeoutMs)) {
+    setStatus(kStatusTimedOut);
+    return 0;
+  }
+  if (!fifo_->waitRead(1, timeoutMs)) {
+    setStatus(kStatusTimedOut);
+    mon_->leave();
+    return 0;
+  }
+  uint64_t n = fifo_->readMax(buffer.pointer(), size);
+  if (n == 0 && fifo_->eof()) setStatus(kStatusEof);
+  mon_->leave();
+  return n;
+}
+
+uint64_t PosixFifoRead::write(Interfaces::MemDesc, uint64_t, uint32_t) {
+  setStatus(kStatusNotWritable);
+  return 0;
+}
+
+void PosixFifoRead::closeEnd() {
+  if (fifo_) fifo_->setBroken();
+}
+
+PosixFifoRead::~PosixFifoRead() { closeEnd(); }
+
+uint64_t PosixFifoWrite::read(Interfaces::MemDesc, uint64_t, uint32_t) {
+  setStatus(kStatusNotReadable);
+  return 0;
+}
+
+uint64_t PosixFifoWrite::write(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) {
+  POSIX_ASSERT(mon_, "mon != 0", 101, "PosixFifoWrite::write");
+  POSIX_ASSERT(fifo_, "_fifo != 0", 102, "PosixFifoWrite::write");
+  setStatus(kStatusOk);
+  if (buffer.kind != Interfaces::MemDesc::kDirect || !mon_ || !fifo_) return 0;
+  if (size > buffer.size) size = buffer.size;
+  if (!mon_->enter(timeoutMs)) {
+    setStatus(kStatusTimedOut);
+    return 0;
+  }
+  uint64_t n = fifo_->write(buffer.pointer(), size, timeoutMs);
+  // A write that timed out with nothing written into an intact Fifo keeps status 0.
+  if (n == 0 && fifo_->broken()) setStatus(kStatusBroken);
+  mon_->leave();
+  return n;
+}
+
+void PosixFifoWrite::closeEnd() {
+  if (fifo_) fifo_->setEof();
+}
+
+PosixFifoWrite::~PosixFifoWrite() { closeEnd(); }

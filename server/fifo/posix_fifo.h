@@ -1,0 +1,93 @@
+// The two ends of a pipe or named FIFO: streams in front of one shared platform Fifo. The read
+// end only reads and the write end only writes; each remembers the outcome of its last call in
+// `status`, which a client asks for through the end's status service (PosixFifoSvc).
+//
+// POSIX pipe semantics follow from the ends' lifetimes: when the write end goes (closeEnd or
+// destruction) the Fifo is marked end-of-file, so readers drain what is left and then read 0
+// bytes with status kStatusEof; when the read end goes the Fifo is marked broken, so writers
+// get 0 bytes with status kStatusBroken.
+//
+// Each end has its own monitor: all reads of the read end, and all writes of the write end,
+// are serialised by it, entered with the caller's own time-out. The Fifo synchronises the two
+// sides with each other.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "platform/fifo.h"
+#include "platform/stream.h"
+#include "platform/sync.h"
+
+class PosixFifoBase : public Object, public virtual Interfaces::Stream {
+ public:
+  // Status of an end's last read or write.
+  enum Status : uint32_t {
+    kStatusOk = 0,
+    kStatusEof = 1,          // a read found nothing and the writers are gone
+    kStatusBroken = 2,       // a write found the readers gone
+    kStatusNotReadable = 3,  // read called on a write end
+    kStatusNotWritable = 4,  // write called on a read end
+    kStatusTimedOut = 5,     // the monitor or (read only) the first byte did not come in time
+  };
+
+  // Bytes every pipe and FIFO buffers.
+  static constexpr uint64_t kFifoCapacity = 4096;
+
+  // Marks the shared Fifo as the other end will see this end's departure; nothing without one.
+  virtual void closeEnd() = 0;
+
+  // Installs the buffer shared with the other end; done by the creator before the end is used.
+  void setFifo(Ref<Fifo> fifo) { fifo_ = std::move(fifo); }
+  const Ref<Fifo>& fifo() const { return fifo_; }
+  uint32_t status() const { return status_.load(std::memory_order_acquire); }
+
+  // The data side: a plain byte stream that lends no memory.
+  uint32_t dataKind() override { return 1; }
+  Interfaces::MemDesc map(Ref<Object> /*client*/) override { return {}; }
+  void unmap(Ref<Object> /*client*/) override {}
+  uint64_t readable() override { return 0; }
+  uint64_t control(uint32_t /*code*/, uint64_t /*argument*/) override { return 0; }
+
+ protected:
+  PosixFifoBase() : mon_(Mon::create(2)) {}
+  ~PosixFifoBase() override;
+
+  void setStatus(uint32_t status) { status_.store(status, std::memory_order_release); }
+
+  // Written by the thread that holds mon_, read by the status service on another thread.
+  std::atomic<uint32_t> status_{kStatusOk};
+  Ref<Mon> mon_;
+  Ref<Fifo> fifo_;  // set once before the end is shared, then only read
+};
+
+class PosixFifoRead : public PosixFifoBase {
+ public:
+  static Ref<PosixFifoRead> create() { return new PosixFifoRead(); }
+
+  // Waits up to `timeoutMs` for at least one byte (or end-of-file), then takes what is buffered,
+  // up to `size`, without waiting further.
+  uint64_t read(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) override;
+  uint64_t write(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) override;
+  // Marks the Fifo broken: no one will read any more.
+  void closeEnd() override;
+  ~PosixFifoRead() override;
+
+ private:
+  PosixFifoRead() = default;
+};
+
+class PosixFifoWrite : public PosixFifoBase {
+ public:
+  static Ref<PosixFifoWrite> create() { return new PosixFifoWrite(); }
+
+  uint64_t read(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) override;
+  // Puts up to `size` bytes into the Fifo, waiting for room up to `timeoutMs`; may answer fewer.
+  uint64_t write(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) override;
+  // Marks the Fifo end-of-file: no more bytes will come.
+  void closeEnd() override;
+  ~PosixFifoWrite() override;
+
+ private:
+  PosixFifoWrite() = default;
+};

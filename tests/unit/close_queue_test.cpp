@@ -1,0 +1,201 @@
+// The deferred close queue: its queue of values, the one thread made on first use, closing every
+// queued multiplex exactly once in queue order, and never being held up by a blocked client.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <thread>
+
+#include "core/close_queue.h"
+#include "fifo/posix_fifo.h"
+#include "platform/nodes.h"
+#include "platform_chn_support.h"
+#include "posix/nodes.h"
+#include "posix/wire.h"
+
+using namespace chntest;
+using Libraries::Service::Multiplex;
+
+namespace {
+
+int threadsNamed(const std::string& name) {
+  int count = 0;
+  std::error_code error;
+  for (auto it = std::filesystem::directory_iterator("/proc/self/task", error);
+       !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
+    std::ifstream comm(it->path() / "comm");
+    std::string line;
+    if (std::getline(comm, line) && line == name) ++count;
+  }
+  return count;
+}
+
+// Notes in a shared log, in order, the tag of every multiplex whose link went away.
+class OrderLog : public Object {
+ public:
+  void note(int tag) { std::lock_guard lock(mutex_); tags_.push_back(tag); }
+  std::vector<int> tags() { std::lock_guard lock(mutex_); return tags_; }
+
+ private:
+  std::mutex mutex_;
+  std::vector<int> tags_;  // guarded by mutex_
+};
+
+class TaggedConMan : public Object, public ConMan {
+ public:
+  TaggedConMan(Ref<OrderLog> log, int tag) : log_(std::move(log)), tag_(tag) {}
+  bool connect(const Ref<ChnLink>&) override { return true; }
+  void disconnect(const Ref<ChnLink>&) override { log_->note(tag_); }
+
+ private:
+  Ref<OrderLog> log_;
+  int tag_;
+};
+
+class Nothing : public Object, public Interfaces::Service {
+ public:
+  bool handle(const Ref<InMsg>&, const Ref<OutMsg>&, uint32_t* ret, uint64_t, Ref<Object>*) override {
+    *ret = 1;
+    return true;
+  }
+  bool isBound() override { return true; }
+  uint32_t unbind(Ref<Object>) override { return 0; }
+  Ref<String> name() override { return String::create("Nothing"); }
+};
+
+// A multiplex with one service and one client bound to it; the client's link ends when the
+// multiplex is closed, which the service's manager notes under `tag`.
+struct WatchedMultiplex {
+  Ref<Multiplex> mux;
+  std::unique_ptr<Client> client;
+};
+
+WatchedMultiplex watched(const Ref<OrderLog>& log, int tag) {
+  WatchedMultiplex w;
+  w.mux = Multiplex::create(String::create("CloseQTest"));
+  if (!w.mux || w.mux->add(new Nothing(), new TaggedConMan(log, tag)) != 1) return {};
+  w.client = std::make_unique<Client>(chnPath(w.mux->channelId()));
+  Frame reply;
+  if (!w.client->send(Frame{PX_FRAME_BIND, 0, 1, {}, {}}) || !w.client->recvFrame(&reply) || reply.code != 1)
+    return {};
+  return w;
+}
+
+TEST(TQueue, HandsValuesOutOldestFirstAndRefillsAfterEmptying) {
+  Ref<TQueue<int>> queue = TQueue<int>::create();
+  EXPECT_TRUE(queue->empty());
+  EXPECT_EQ(queue->dequeue(), 0) << "empty answers the empty value";
+  for (int round = 0; round < 2; ++round) {
+    for (int v = 1; v <= 3; ++v) queue->enqueue(v + 10 * round);
+    for (int v = 1; v <= 3; ++v) EXPECT_EQ(queue->dequeue(), v + 10 * round);
+    EXPECT_TRUE(queue->empty());
+    EXPECT_EQ(queue->dequeue(), 0);
+  }
+  queue->enqueue(7);
+  queue->enqueue(8);
+  EXPECT_EQ(queue->dequeue(), 7);
+  queue->enqueue(9);  // refilled while not empty: the chain stays intact
+  EXPECT_EQ(queue->dequeue(), 8);
+  EXPECT_EQ(queue->dequeue(), 9);
+}
+
+TEST(TQueue, ReleasesTheValuesItStillHolds) {
+  Ref<Nothing> value = new Nothing();
+  {
+    Ref<TQueue<Ref<Nothing>>> queue = TQueue<Ref<Nothing>>::create();
+    queue->enqueue(value);
+    queue->enqueue(value);
+    EXPECT_EQ(value->strongCount(), 3u);
+  }
+  EXPECT_EQ(value->strongCount(), 1u);
+}
+
+class CloseQueueTest : public ::testing::Test {
+ protected:
+  RuntimeDirScope rt;
+  Ref<OrderLog> log = new OrderLog();
+};
+
+TEST_F(CloseQueueTest, OneThreadServesEveryRequestFromAnyThread) {
+  WatchedMultiplex first = watched(log, 0);
+  ASSERT_TRUE(first.mux);
+  closeLater(first.mux);
+  first.mux.reset();
+  Ref<SvcCloseQueueObj> queue = SvcCloseQueueObj::instance();
+  ASSERT_TRUE(queue);
+  // The thread names itself once it runs.
+  EXPECT_TRUE(eventually([] { return threadsNamed("SvcCloseQueue") == 1; }, 2000));
+
+  // Four threads queue five multiplexes each at once; each thread's own come out in its order.
+  constexpr int kThreads = 4, kEach = 5;
+  std::vector<std::vector<WatchedMultiplex>> made(kThreads);
+  for (int t = 0; t < kThreads; ++t)
+    for (int i = 0; i < kEach; ++i) made[t].push_back(watched(log, 1 + t * 100 + i));
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([&made, t] {
+      for (auto& w : made[t]) closeLater(std::exchange(w.mux, nullptr));
+    });
+  for (auto& thread : threads) thread.join();
+  ASSERT_TRUE(eventually([&] { return log->tags().size() == 1 + kThreads * kEach; }));
+  EXPECT_EQ(SvcCloseQueueObj::instance(), queue) << "later requests reuse the queue";
+  EXPECT_EQ(threadsNamed("SvcCloseQueue"), 1);
+  std::vector<int> tags = log->tags();
+  EXPECT_EQ(tags[0], 0);
+  std::vector<int> last(kThreads, -1);
+  for (size_t i = 1; i < tags.size(); ++i) {
+    int t = tags[i] / 100, index = tags[i] % 100 - 1;
+    ASSERT_TRUE(t >= 0 && t < kThreads) << tags[i];
+    EXPECT_EQ(index, last[t] + 1) << "thread " << t << ": once each, in its order";
+    last[t] = index;
+  }
+  for (auto& per : made)
+    for (auto& w : per) EXPECT_TRUE(w.client->closedByPeer(1000));
+}
+
+TEST_F(CloseQueueTest, ClosesInQueueOrderAndRemovesTheSockets) {
+  std::vector<WatchedMultiplex> made;
+  std::vector<std::string> paths;
+  for (int i = 0; i < 6; ++i) {
+    made.push_back(watched(log, i));
+    ASSERT_TRUE(made.back().mux);
+    paths.push_back(chnPath(made.back().mux->channelId()));
+  }
+  for (auto& w : made) closeLater(std::exchange(w.mux, nullptr));
+  ASSERT_TRUE(eventually([&] { return log->tags().size() == 6; }));
+  EXPECT_EQ(log->tags(), (std::vector<int>{0, 1, 2, 3, 4, 5}));
+  for (auto& path : paths) EXPECT_FALSE(std::filesystem::exists(path)) << path;
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(log->tags().size(), 6u) << "each multiplex is closed exactly once";
+}
+
+TEST_F(CloseQueueTest, AClientBlockedInARequestDoesNotHoldTheQueueUp) {
+  // A reader waiting for ever on an empty FIFO, through the stream resolver.
+  Ref<PosixFifoRead> end = PosixFifoRead::create();
+  end->setFifo(new Fifo(PosixFifoBase::kFifoCapacity));
+  Ref<Multiplex> blocked = Multiplex::create(String::create("CloseQBlocked"));
+  ASSERT_TRUE(blocked);
+  Ref<Services::Nodes::Resolvers::Stream> stream = Services::Nodes::Resolvers::Stream::create(end, nullptr, 512);
+  ASSERT_EQ(blocked->add(stream, stream), 1u);
+  stream.reset();
+  Client reader(chnPath(blocked->channelId()));
+  Frame reply;
+  ASSERT_TRUE(reader.send(Frame{PX_FRAME_BIND, 0, 1, {}, {}}) && reader.recvFrame(&reply));
+  Bytes readArgs;
+  putU64(readArgs, 16);
+  putU32(readArgs, kForever);
+  ASSERT_TRUE(reader.send(request(PX_STREAM_READ, 5, readArgs)));
+  std::this_thread::sleep_for(std::chrono::milliseconds(150));  // the read is waiting now
+
+  WatchedMultiplex behind = watched(log, 1);
+  ASSERT_TRUE(behind.mux);
+  auto start = std::chrono::steady_clock::now();
+  closeLater(std::move(blocked));
+  closeLater(std::exchange(behind.mux, nullptr));
+  EXPECT_TRUE(reader.closedByPeer(3000));
+  ASSERT_TRUE(eventually([&] { return log->tags().size() == 1; }, 3000));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  EXPECT_TRUE(eventually([&] { return end->strongCount() == 1; }, 2000))
+      << "closing released the resolver and with it the end";
+}
+
+}  // namespace
