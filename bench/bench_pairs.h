@@ -16,6 +16,11 @@ inline const std::vector<BenchPair>& benchPairs() {
   static const std::vector<BenchPair> pairs = {
       {"round trip (getParentId)", "BM_RoundTripServer", "BM_RoundTripEcho", 1.3, false},
       {"spawn + wait /bin/true", "BM_SpawnWaitServer", "BM_SpawnWaitLinux", 1.3, false},
+      {"pipe 256 MiB vs 4 KiB pipe", "BM_PipeThroughputServer", "BM_PipeThroughputLinux4K", 0.4,
+       true},
+      {"pipe 256 MiB vs default pipe", "BM_PipeThroughputServer", "BM_PipeThroughputLinuxDefault",
+       0.1, true},
+      {"pipe + 2 close", "BM_PipeCreateCloseServer", "BM_PipeCreateCloseLinux", 100.0, false},
   };
   return pairs;
 }

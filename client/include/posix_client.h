@@ -30,7 +30,9 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/types.h>
 
+#include "posix/nodes.h"
 #include "posix/posix_service.h"
 
 #ifdef __cplusplus
@@ -139,6 +141,110 @@ int px_sigtimedwait(int* sig, px_siginfo* info, int timeout_ms);
 
 /* Ends every blocking px_waitpid of the process (they fail with EINTR). */
 int px_abort_waits(void);
+
+
+/*
+ * Descriptors. The server keeps the process's descriptor table; these calls change it through
+ * the descriptor service "posix.fd.service" and reach each open file description through the
+ * services its node lists (a stream for the bytes, a status service for pipe ends). The first
+ * call fetches the table, so a program started with px_spawn sees the descriptors its parent
+ * had, under the same numbers. Numbers 0, 1 and 2 of a process that started on its own are
+ * taken (placeholders without a description); its first descriptor is 3.
+ *
+ * Each description has at most one link per service in a process, shared by all its local
+ * descriptors and closed when the last of them is closed. Reads and writes that wait do so in
+ * one-second slices, so a server that goes away ends them with ECONNRESET; a reply that takes
+ * longer than 20 seconds ends them with ETIMEDOUT. The descriptors of a forked (not spawned)
+ * child are not usable: the child's first call starts a view of its own.
+ *
+ * errno values:
+ *   EBADF      not an open descriptor (for read and write also: a number reserved without a
+ *              description, or the wrong end of a pipe); for px_dup2 a negative new number
+ *              or one of 1048576 and above
+ *   EINVAL     px_dupfd with a negative minimum or one of 1048576 and above; px_read/px_write
+ *              of a description that offers no stream
+ *   EMFILE     no number free (px_dup, px_dupfd of a known descriptor); the server could not
+ *              make a pipe (px_pipe, px_pipe_channels) or reserve a number
+ *   EPIPE      px_write after every reader of the pipe has gone (no host signal is raised)
+ *   EAGAIN     a non-blocking read of an empty pipe or write to a full one
+ *   EINTR      a host signal handler ran while a read or write waited, and nothing moved
+ *   ECONNRESET, ETIMEDOUT, EPROTO   the server went away, hangs, or answered nonsense
+ */
+
+/* Description types, as the server's table reports them. */
+#define PX_FD_KIND_RESERVED 0 /* a number taken without a description (px_reserve_fd) */
+#define PX_FD_KIND_FILE 1
+#define PX_FD_KIND_DIRECTORY 2
+#define PX_FD_KIND_CHAR_DEVICE 3
+#define PX_FD_KIND_BLOCK_DEVICE 4
+#define PX_FD_KIND_FIFO 5 /* a pipe or FIFO end */
+#define PX_FD_KIND_SOCKET 6
+#define PX_FD_KIND_OTHER 9
+
+/* Descriptor numbers are below this. */
+#define PX_FD_LIMIT 1048576
+
+/* A new pipe: fds[0] its read end, fds[1] its write end (the two lowest free numbers). */
+int px_pipe(int fds[2]);
+/* A second descriptor for fd's description under the lowest free number. */
+int px_dup(int fd);
+/* As px_dup, under the lowest free number >= min. */
+int px_dupfd(int fd, int min);
+/* A second descriptor under exactly `newfd`, closing what newfd held first. px_dup2(fd, fd)
+ * answers fd when fd is open. */
+int px_dup2(int fd, int newfd);
+/* Closes fd. A pipe end closes when its last descriptor in every process is closed: then
+ * readers see end-of-file once the buffered bytes are read, and writers get EPIPE. */
+int px_close(int fd);
+/* Reads up to n bytes (at most 65536 per call); waits for at least one byte unless
+ * non-blocking. 0 at end-of-file. */
+ssize_t px_read(int fd, void* buf, size_t n);
+/* Writes n bytes, waiting for room unless non-blocking (then it may write fewer). A write of
+ * up to 4096 bytes to a pipe arrives whole, never mixed with other writers' bytes. A write
+ * that was cut short by EPIPE, EAGAIN or EINTR after some bytes moved answers that count. */
+ssize_t px_write(int fd, const void* buf, size_t n);
+/* Sets or clears non-blocking mode of fd's description (for this process's descriptors of
+ * it; other processes keep their own mode). */
+int px_set_nonblock(int fd, int on);
+/* Takes the lowest free number without a description behind it; px_close frees it. */
+int px_reserve_fd(void);
+
+typedef struct px_fd_info {
+  int fd;
+  int kind; /* PX_FD_KIND_* */
+} px_fd_info;
+
+/* The descriptors this process knows, ascending: fills up to `max` entries and answers how
+ * many there are. Placeholders the process never learned about (0, 1, 2 of a fresh process)
+ * are not listed. */
+int px_fd_list(px_fd_info* out, int max);
+
+/* One record of the table as the server serialises it. */
+#define PX_FD_MAX_ENTRIES 8
+typedef struct px_fd_record {
+  int64_t fd;
+  int32_t type;         /* PX_FD_KIND_* */
+  uint32_t entry_count; /* entries of the node (only the first PX_FD_MAX_ENTRIES are kept) */
+  px_node_entry entries[PX_FD_MAX_ENTRIES];
+} px_fd_record;
+
+/* Fetches the table from the server: fills up to `max` records and answers how many there
+ * are. Numbers without a description produce no record. */
+int px_fd_table(px_fd_record* out, int max);
+/* A short name of a description type: "file", "fifo", "socket", ... ("?" when unknown). */
+const char* px_fd_kind_name(int kind);
+
+/* A pipe of the process service: two ends that no descriptor table holds. Each end lives while
+ * a connection to it is open and closes itself when its last connection goes, also when the
+ * process dies. The handles read and write like px_read/px_write. */
+typedef struct px_channel px_channel;
+int px_pipe_channels(px_channel* ends[2]);
+ssize_t px_channel_read(px_channel* ch, void* buf, size_t n);
+ssize_t px_channel_write(px_channel* ch, const void* buf, size_t n);
+int px_channel_set_nonblock(px_channel* ch, int on);
+/* Closes the handle's connections: the end closes (readers of the other end see end-of-file,
+ * writers EPIPE). */
+void px_channel_close(px_channel* ch);
 
 #ifdef __cplusplus
 }

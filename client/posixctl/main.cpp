@@ -27,6 +27,7 @@ const char kHelp[] =
     "  killpg [-s SIG] PGID    send signal SIG (default 9) to group PGID (0: posixctl's own)\n"
     "  pgid PID                print the group of PID\n"
     "  ppid                    print posixctl's parent as the server knows it (0: none)\n"
+    "  fds                     list posixctl's descriptor table as the server serialises it\n"
     "  help                    this text\n"
     "\n"
     "Signal numbers are the system's own: 9 kill, 16 child, 17 continue, 18 stop.\n"
@@ -77,5 +78,6 @@ int main(int argc, char** argv) {
   if (cmd == "killpg") return cmdKillpg(args);
   if (cmd == "pgid") return cmdPgid(args);
   if (cmd == "ppid") return cmdPpid(args);
+  if (cmd == "fds") return cmdFds(args);
   return usage("unknown command '" + cmd + "'");
 }

@@ -32,6 +32,7 @@ int startServer(const std::string& serverPath, bool quiet);
 int cmdStart(const std::vector<std::string>& args);
 int cmdStop(const std::vector<std::string>& args);
 int cmdStatus(const std::vector<std::string>& args);
+int cmdFds(const std::vector<std::string>& args);
 int cmdRun(const std::vector<std::string>& args);
 int cmdKill(const std::vector<std::string>& args);
 int cmdKillpg(const std::vector<std::string>& args);

@@ -66,20 +66,19 @@ Connection::Connection(int fd) : fd_(fd), buffer_(PX_WIRE_MAX_FRAME) {}
 
 Connection::~Connection() { close(fd_); }
 
-Connection* Connection::open(int* err) {
-  std::string path = runtimeDir() + "/chn/" + PX_SERVICE_NAME;
+int connectSeqpacket(const std::string& path, int* err) {
   struct sockaddr_un addr;
   std::memset(&addr, 0, sizeof addr);
   addr.sun_family = AF_UNIX;
   if (path.size() >= sizeof addr.sun_path) {
     *err = ENAMETOOLONG;
-    return nullptr;
+    return -1;
   }
   std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
   int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     *err = errno;
-    return nullptr;
+    return -1;
   }
   int rc;
   do {
@@ -88,8 +87,14 @@ Connection* Connection::open(int* err) {
   if (rc != 0) {
     *err = errno;
     close(fd);
-    return nullptr;
+    return -1;
   }
+  return fd;
+}
+
+Connection* Connection::open(int* err) {
+  int fd = connectSeqpacket(runtimeDir() + "/chn/" + PX_SERVICE_NAME, err);
+  if (fd < 0) return nullptr;
   return new Connection(fd);
 }
 

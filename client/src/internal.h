@@ -2,11 +2,16 @@
 // "posix.service", the connection pool, the children the process started, and result codes.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "posix/fd_service.h"
+#include "posix/nodes.h"
 #include "posix/posix_service.h"
 #include "posix/wire.h"
 
@@ -80,6 +85,8 @@ class Connection {
 };
 
 uint64_t nextRequestId();
+// A connected SOCK_SEQPACKET socket to `path`, or -1 with *err set.
+int connectSeqpacket(const std::string& path, int* err);
 
 // The pool: a connection for one call. release(conn, reusable=false) closes it.
 Connection* acquire(int* err, bool* reused);
@@ -107,5 +114,138 @@ int errnoForResult(uint32_t code, int zeroErrno);
 
 // Sets errno and answers -1 (for the C calls).
 int fail(int err);
+
+// ---- Descriptors: the descriptor service, node records and the streams of descriptions ----
+
+// A node record: the services through which a description (or a pipe end) is reached.
+struct NodeRecord {
+  std::vector<px_node_entry> entries;
+  // The first entry of interface type `type`, null if none.
+  const px_node_entry* find(uint64_t type) const;
+};
+
+// One record of a serialised descriptor table.
+struct TableRecord {
+  int32_t type = 0;
+  uint64_t fd = 0;
+  NodeRecord node;
+};
+
+// Reads a node record at `*at` of `data` and moves `*at` past it; false when it runs short.
+bool parseNode(const std::vector<uint8_t>& data, size_t* at, NodeRecord* out);
+// Reads a whole serialised table up to its end marker; false when it is malformed.
+bool parseTable(const std::vector<uint8_t>& data, std::vector<TableRecord>* out);
+// A little-endian i32 at `*at`, moving past it; false when the data runs short.
+bool takeI32(const std::vector<uint8_t>& data, size_t* at, int32_t* out);
+
+// A link to one service: a named plain channel (RT/chn/<name>) or a service of a multiplex
+// (RT/chn/<16 hex digits>, bound to the service id first). Used by one thread at a time: its
+// owner guards it with a mutex of its own.
+class ServiceLink {
+ public:
+  // Longest wait for one reply. Requests of this library ask the server for at most a
+  // one-second slice, so a reply that takes this long means the server hangs.
+  static constexpr int kReplyTimeoutMs = 20000;
+
+  static ServiceLink* openNamed(const char* name, int* err);
+  static ServiceLink* openService(uint64_t channel, uint64_t service, int* err);
+  ~ServiceLink();
+  ServiceLink(const ServiceLink&) = delete;
+  ServiceLink& operator=(const ServiceLink&) = delete;
+
+  // One request and its reply: 0 or ECONNRESET (the server went), ETIMEDOUT, EPROTO... After
+  // an error the link is unusable. `*interrupted` (may be null) is set when a host signal
+  // handler ran while the call waited.
+  int call(FrameWriter& req, Reply* out, bool* interrupted = nullptr);
+
+ private:
+  explicit ServiceLink(int fd);
+  static ServiceLink* openPath(const std::string& path, int* err);
+  int fd_;
+  std::vector<uint8_t> buffer_;  // one datagram
+};
+
+// An open file description as this process reaches it: its node, and at most one link per
+// service (stream, FIFO status), opened on first use and shared by every local descriptor of
+// the description. The links close when the last holder lets go.
+class Description {
+ public:
+  Description(int32_t type, NodeRecord node);
+  ~Description();
+  Description(const Description&) = delete;
+  Description& operator=(const Description&) = delete;
+
+  int32_t type() const { return type_; }
+  const NodeRecord& node() const { return node_; }
+  // True when `node` names the same stream service (the same description).
+  bool sameAs(const NodeRecord& node) const;
+
+  // Reads up to `n` bytes: the count (0 at end of file) or a negative errno value. Without
+  // `nonblock` it waits in one-second slices until data, end of file or an error.
+  int64_t read(void* buf, size_t n, bool nonblock);
+  // Writes `n` bytes (all of them, unless nonblock or an error): the count or a negative
+  // errno value; EPIPE once the reading side has gone.
+  int64_t write(const void* buf, size_t n, bool nonblock);
+  // Opens the stream link now (a pipe end of the process service lives only while someone
+  // is connected). 0 or an errno value.
+  int connect();
+
+  // The O_NONBLOCK flag, shared by the local descriptors of the description.
+  std::atomic<bool> nonblock{false};
+
+ private:
+  struct Slot {
+    std::mutex mutex;
+    ServiceLink* link = nullptr;  // guarded by mutex
+  };
+  // Opens `slot`'s link to the entry of `iface` when needed; called with slot.mutex held.
+  int ensure(Slot& slot, uint64_t iface);
+  // One request on `slot`; drops the link after a transport error.
+  int call(Slot& slot, uint64_t iface, FrameWriter& req, Reply* out, bool* interrupted);
+  // Asks the status service; answers the status, or -1 when there is none to ask.
+  int64_t status(uint32_t command);
+
+  const int32_t type_;
+  const NodeRecord node_;
+  Slot stream_;
+  Slot status_;
+};
+
+// The process's descriptor table as this process knows it: for each number the description
+// behind it, or null for a number that is taken without one (a reserved number). Loaded with
+// the descriptor service's GetTable on first use, so that a spawned child sees the numbers it
+// inherited. A session holds the view's lock for its lifetime: requests that change the table
+// and the matching local change happen as one step for the other threads.
+class FdSession {
+ public:
+  FdSession();
+  ~FdSession();
+  FdSession(const FdSession&) = delete;
+  FdSession& operator=(const FdSession&) = delete;
+
+  // 0, or the errno value that kept the view from loading.
+  int error() const { return err_; }
+  // One request to the descriptor service; a broken link drops the whole view (the server has
+  // gone, and its descriptions with it).
+  int request(FrameWriter& req, Reply* out);
+  // The description of `fd`; *known tells a reserved number from a number not in the view.
+  std::shared_ptr<Description> get(int fd, bool* known) const;
+  void set(int fd, std::shared_ptr<Description> d);
+  void erase(int fd);
+  // The local description with the same node, or a new one.
+  std::shared_ptr<Description> adopt(int32_t type, NodeRecord node);
+  // Every number in the view, ascending, with its description.
+  std::vector<std::pair<int, std::shared_ptr<Description>>> all() const;
+
+ private:
+  int err_ = 0;
+};
+
+// The description behind `fd` for a read or write: 0, or EBADF (or the error of loading).
+int lookupFd(int fd, std::shared_ptr<Description>* out);
+
+// Drops the local descriptor view (after a fork, or for a new instance): the next call fetches
+// the table again.
+void resetFds();
 
 }  // namespace pxc

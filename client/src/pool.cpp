@@ -125,6 +125,7 @@ void px_fini(void) {
   pxc::resetPool();
   pxc::resetSignals();
   pxc::resetChildren();
+  pxc::resetFds();
   pxc::resetRuntimeDir();
 }
 

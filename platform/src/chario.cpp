@@ -67,7 +67,8 @@ void CharPrinter::endLine() {
 
 namespace Debug {
 Ref<CharWriter> out() {
-  static Ref<CharWriter> err = CharWriter::forFd(STDERR_FILENO);
+  // Never destroyed: threads that outlive the exit-time destructors still log.
+  static CharWriter* err = CharWriter::forFd(STDERR_FILENO).detach();
   return err;
 }
 }  // namespace Debug

@@ -18,13 +18,15 @@ struct Filter {
 };
 
 // Registered filters; handle h is index h - 1. Guarded by registryMutex().
+// Never destroyed: detached threads may still log while the process runs its exit-time
+// destructors.
 std::vector<Filter>& filters() {
-  static std::vector<Filter> list;
-  return list;
+  static auto* list = new std::vector<Filter>;
+  return *list;
 }
 std::mutex& registryMutex() {
-  static std::mutex m;
-  return m;
+  static auto* m = new std::mutex;
+  return *m;
 }
 
 bool namedOff(const char* name) {

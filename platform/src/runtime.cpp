@@ -13,8 +13,10 @@
 
 namespace {
 
-std::mutex g_ownedMutex;
-std::vector<std::string> g_owned;  // guarded by g_ownedMutex
+// Never destroyed: platform threads (a close queue stopping a multiplex, the shut-down thread)
+// may still add or remove files while the process runs its exit-time destructors.
+std::mutex& g_ownedMutex = *new std::mutex;
+std::vector<std::string>& g_owned = *new std::vector<std::string>;  // guarded by g_ownedMutex
 
 const char* envValue(const char* name) {
   const char* value = std::getenv(name);

@@ -60,8 +60,8 @@ uint64_t dec(uint64_t* value) { return __atomic_sub_fetch(value, 1, __ATOMIC_SEQ
 namespace InitCode {
 namespace {
 std::recursive_mutex& initLock() {
-  static std::recursive_mutex lock;
-  return lock;
+  static auto* lock = new std::recursive_mutex;  // never destroyed: threads outlive exit
+  return *lock;
 }
 }  // namespace
 void lock() { initLock().lock(); }

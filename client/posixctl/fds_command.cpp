@@ -1,0 +1,41 @@
+// posixctl fds: posixctl's own descriptor table as the server serialises it, one line per
+// descriptor: number, type code and name, then the node's entries
+//   "3 5 fifo 0x10010:<channel>/<service>:2 0x880000:<channel>/<service>:32"
+// (interface type, channel id in hex and service id, access flags). Numbers taken without a
+// description are not in the serialised table and not listed. Mostly for tests and scripts:
+// a program started by `posixctl run` shows what it inherited with `fds` of its own library.
+#include <errno.h>
+#include <inttypes.h>
+#include <stdio.h>
+
+#include <vector>
+
+#include "posix_client.h"
+#include "posixctl.h"
+
+namespace posixctl {
+
+int cmdFds(const std::vector<std::string>& args) {
+  if (!args.empty()) return usage("fds takes no arguments");
+  std::vector<px_fd_record> records(16);
+  int count = 0;
+  for (;;) {
+    count = px_fd_table(records.data(), static_cast<int>(records.size()));
+    if (count < 0) return failure("fds", errno);
+    if (static_cast<size_t>(count) <= records.size()) break;
+    records.resize(static_cast<size_t>(count));  // the table grew: fetch it again
+  }
+  for (int i = 0; i < count; ++i) {
+    const px_fd_record& r = records[static_cast<size_t>(i)];
+    printf("%" PRId64 " %d %s", r.fd, r.type, px_fd_kind_name(r.type));
+    for (uint32_t k = 0; k < r.entry_count && k < PX_FD_MAX_ENTRIES; ++k) {
+      const px_node_entry& e = r.entries[k];
+      printf(" 0x%" PRIx64 ":%016" PRIx64 "/%" PRIu64 ":%" PRIu64, e.type, e.channel, e.service,
+             e.access);
+    }
+    printf("\n");
+  }
+  return kExitOk;
+}
+
+}  // namespace posixctl

@@ -1,0 +1,161 @@
+// The descriptor calls: each asks the descriptor service and mirrors the answer in the local
+// view within one session, so other threads see the server's table and the view change
+// together. Reads and writes only look the description up and then talk to its services.
+#include <errno.h>
+
+#include "internal.h"
+#include "posix_client.h"
+
+namespace pxc {
+
+namespace {
+
+// The i32 the descriptor service answers first; false when the reply is too short.
+bool replyFd(const Reply& reply, int* fd) {
+  size_t at = 0;
+  int32_t v = 0;
+  if (!takeI32(reply.data, &at, &v) || v < 0) return false;
+  *fd = v;
+  return true;
+}
+
+int dup(int fd, int target, bool replace) {
+  FdSession session;
+  if (session.error() != 0) return fail(session.error());
+  FrameWriter req(PX_FD_CMD_DUP);
+  req.u32(static_cast<uint32_t>(fd));
+  req.u32(static_cast<uint32_t>(target));
+  uint8_t flag = replace ? 1 : 0;
+  req.bytes(&flag, 1);
+  Reply reply;
+  int err = session.request(req, &reply);
+  if (err != 0) return fail(err);
+  bool known = false;
+  std::shared_ptr<Description> d = session.get(fd, &known);
+  if (reply.code != PX_RESULT_DONE) {
+    // The server tells no reason; a number it refused that this process knows can only have
+    // found no free number.
+    if (reply.code == PX_RESULT_FAILED && known && !replace) return fail(EMFILE);
+    return fail(reply.code == PX_RESULT_FAILED || reply.code == PX_FD_RESULT_BAD_FD ? EBADF
+                                                                                   : EPROTO);
+  }
+  int got = -1;
+  if (!replyFd(reply, &got)) return fail(EPROTO);
+  session.set(got, std::move(d));
+  return got;
+}
+
+}  // namespace
+
+}  // namespace pxc
+
+extern "C" {
+
+int px_pipe(int fds[2]) {
+  if (fds == nullptr) return pxc::fail(EFAULT);
+  pxc::FdSession session;
+  if (session.error() != 0) return pxc::fail(session.error());
+  pxc::FrameWriter req(PX_FD_CMD_CREATE_PIPE);
+  pxc::Reply reply;
+  int err = session.request(req, &reply);
+  if (err != 0) return pxc::fail(err);
+  if (reply.code == PX_RESULT_FAILED) return pxc::fail(EMFILE);
+  if (reply.code != PX_RESULT_DONE) return pxc::fail(EPROTO);
+  size_t at = 0;
+  int32_t ends[2] = {-1, -1};
+  pxc::NodeRecord nodes[2];
+  for (int i = 0; i < 2; ++i) {
+    if (!pxc::takeI32(reply.data, &at, &ends[i]) || ends[i] < 0 ||
+        !pxc::parseNode(reply.data, &at, &nodes[i])) {
+      return pxc::fail(EPROTO);
+    }
+  }
+  for (int i = 0; i < 2; ++i) {
+    session.set(ends[i], session.adopt(PX_FD_KIND_FIFO, std::move(nodes[i])));
+    fds[i] = ends[i];
+  }
+  return 0;
+}
+
+int px_dup(int fd) { return px_dupfd(fd, 0); }
+
+int px_dupfd(int fd, int min) {
+  if (fd < 0) return pxc::fail(EBADF);
+  if (min < 0 || min >= PX_FD_LIMIT) return pxc::fail(EINVAL);
+  return pxc::dup(fd, min, false);
+}
+
+int px_dup2(int fd, int newfd) {
+  if (fd < 0 || newfd < 0 || newfd >= PX_FD_LIMIT) return pxc::fail(EBADF);
+  return pxc::dup(fd, newfd, true);
+}
+
+int px_close(int fd) {
+  if (fd < 0) return pxc::fail(EBADF);
+  pxc::FdSession session;
+  if (session.error() != 0) return pxc::fail(session.error());
+  pxc::FrameWriter req(PX_FD_CMD_CLOSE);
+  req.u32(static_cast<uint32_t>(fd));
+  pxc::Reply reply;
+  int err = session.request(req, &reply);
+  if (err != 0) return pxc::fail(err);
+  // Whatever the server says, the number is free now.
+  session.erase(fd);
+  return reply.code == PX_RESULT_DONE ? 0 : pxc::fail(EBADF);
+}
+
+ssize_t px_read(int fd, void* buf, size_t n) {
+  if (buf == nullptr && n > 0) return pxc::fail(EFAULT);
+  std::shared_ptr<pxc::Description> d;
+  int err = pxc::lookupFd(fd, &d);
+  if (err != 0) return pxc::fail(err);
+  int64_t got = d->read(buf, n, d->nonblock.load(std::memory_order_relaxed));
+  return got < 0 ? pxc::fail(static_cast<int>(-got)) : static_cast<ssize_t>(got);
+}
+
+ssize_t px_write(int fd, const void* buf, size_t n) {
+  if (buf == nullptr && n > 0) return pxc::fail(EFAULT);
+  std::shared_ptr<pxc::Description> d;
+  int err = pxc::lookupFd(fd, &d);
+  if (err != 0) return pxc::fail(err);
+  int64_t put = d->write(buf, n, d->nonblock.load(std::memory_order_relaxed));
+  return put < 0 ? pxc::fail(static_cast<int>(-put)) : static_cast<ssize_t>(put);
+}
+
+int px_set_nonblock(int fd, int on) {
+  std::shared_ptr<pxc::Description> d;
+  int err = pxc::lookupFd(fd, &d);
+  if (err != 0) return pxc::fail(err);
+  d->nonblock.store(on != 0, std::memory_order_relaxed);
+  return 0;
+}
+
+int px_reserve_fd(void) {
+  pxc::FdSession session;
+  if (session.error() != 0) return pxc::fail(session.error());
+  pxc::FrameWriter req(PX_FD_CMD_RESERVE);
+  pxc::Reply reply;
+  int err = session.request(req, &reply);
+  if (err != 0) return pxc::fail(err);
+  int fd = -1;
+  if (reply.code == PX_RESULT_FAILED) return pxc::fail(EMFILE);
+  if (reply.code != PX_FD_RESULT_NO_NODE || !pxc::replyFd(reply, &fd)) return pxc::fail(EPROTO);
+  session.set(fd, nullptr);
+  return fd;
+}
+
+int px_fd_list(px_fd_info* out, int max) {
+  pxc::FdSession session;
+  if (session.error() != 0) return pxc::fail(session.error());
+  int count = 0;
+  for (const auto& [fd, d] : session.all()) {
+    if (out != nullptr && count < max) {
+      out[count].fd = fd;
+      out[count].kind = d ? d->type() : PX_FD_KIND_RESERVED;
+    }
+    ++count;
+  }
+  return count;
+}
+
+}  // extern "C"

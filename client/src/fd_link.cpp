@@ -1,0 +1,100 @@
+// Links to single services: the descriptor service (a plain named channel) and the services of
+// descriptions, which live on multiplexes and need a bind frame before the first request.
+#include <errno.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+
+#include "internal.h"
+
+namespace pxc {
+
+ServiceLink::ServiceLink(int fd) : fd_(fd), buffer_(PX_WIRE_MAX_FRAME) {}
+
+ServiceLink::~ServiceLink() { close(fd_); }
+
+ServiceLink* ServiceLink::openPath(const std::string& path, int* err) {
+  int fd = connectSeqpacket(path, err);
+  if (fd < 0) return nullptr;
+  // A reply that never comes (a server that hangs) ends the wait instead of blocking for ever;
+  // a server that dies closes the link, which ends it at once.
+  struct timeval tv = {kReplyTimeoutMs / 1000, (kReplyTimeoutMs % 1000) * 1000};
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0) {
+    *err = errno;
+    close(fd);
+    return nullptr;
+  }
+  return new ServiceLink(fd);
+}
+
+ServiceLink* ServiceLink::openNamed(const char* name, int* err) {
+  return openPath(runtimeDir() + "/chn/" + name, err);
+}
+
+ServiceLink* ServiceLink::openService(uint64_t channel, uint64_t service, int* err) {
+  char name[17];
+  std::snprintf(name, sizeof name, "%016" PRIx64, channel);
+  ServiceLink* link = openPath(runtimeDir() + "/chn/" + name, err);
+  if (link == nullptr) return nullptr;
+  // The bind: kind 3, code 0, id = the service, no data. Its answer carries the service id.
+  uint8_t bind[PX_FRAME_HEADER_SIZE] = {};
+  bind[0] = PX_FRAME_BIND;
+  for (int i = 0; i < 8; ++i) bind[8 + i] = static_cast<uint8_t>(service >> (8 * i));
+  Reply reply;
+  int rc = 0;
+  if (::send(link->fd_, bind, sizeof bind, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof bind)) {
+    rc = ECONNRESET;
+  }
+  while (rc == 0) {
+    ssize_t n = recv(link->fd_, link->buffer_.data(), link->buffer_.size(), MSG_TRUNC);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) rc = errno == EAGAIN ? ETIMEDOUT : ECONNRESET;
+    else if (n == 0) rc = ECONNRESET;
+    else if (static_cast<size_t>(n) > link->buffer_.size() ||
+             !decodeReply(link->buffer_.data(), static_cast<size_t>(n), &reply))
+      rc = EPROTO;
+    else if (reply.id != service || reply.code != PX_RESULT_DONE) rc = ECONNREFUSED;
+    else break;
+  }
+  if (rc != 0) {
+    delete link;
+    *err = rc;
+    return nullptr;
+  }
+  return link;
+}
+
+int ServiceLink::call(FrameWriter& req, Reply* out, bool* interrupted) {
+  if (!req.ok()) return E2BIG;
+  uint64_t id = nextRequestId();
+  const std::vector<uint8_t>& frame = req.finish(id);
+  for (;;) {
+    ssize_t n = ::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL);
+    if (n == static_cast<ssize_t>(frame.size())) break;
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EPIPE || errno == ENOTCONN || errno == ECONNREFUSED)) return ECONNRESET;
+    return n < 0 ? errno : EPROTO;
+  }
+  for (;;) {
+    ssize_t n = recv(fd_, buffer_.data(), buffer_.size(), MSG_TRUNC);
+    if (n < 0 && errno == EINTR) {
+      // The request is out and will be answered; a caller that gives up now would lose what
+      // the server read or wrote for it. So wait on, and only tell the caller.
+      if (interrupted != nullptr) *interrupted = true;
+      continue;
+    }
+    if (n < 0) return errno == EAGAIN ? ETIMEDOUT : (errno == ECONNREFUSED ? ECONNRESET : errno);
+    if (n == 0) return ECONNRESET;
+    if (static_cast<size_t>(n) > buffer_.size()) return EPROTO;
+    if (!decodeReply(buffer_.data(), static_cast<size_t>(n), out)) return EPROTO;
+    if (out->id == id) return 0;
+    // An answer to an earlier request of this link that its caller gave up on: skip it.
+  }
+}
+
+}  // namespace pxc

@@ -1,0 +1,68 @@
+// Decoding of node records and of the serialised descriptor table (little-endian throughout).
+#include "internal.h"
+
+namespace pxc {
+
+namespace {
+
+// The type value that ends a serialised table.
+constexpr int32_t kTableEnd = 8;
+// More entries than any node of this system lists: a count beyond it is taken as garbage.
+constexpr uint32_t kMaxEntries = 64;
+
+bool take(const std::vector<uint8_t>& data, size_t* at, size_t width, uint64_t* out) {
+  if (data.size() < width || *at > data.size() - width) return false;
+  uint64_t v = 0;
+  for (size_t i = 0; i < width; ++i) v |= static_cast<uint64_t>(data[*at + i]) << (8 * i);
+  *at += width;
+  *out = v;
+  return true;
+}
+
+}  // namespace
+
+const px_node_entry* NodeRecord::find(uint64_t type) const {
+  for (const px_node_entry& e : entries) {
+    if (e.type == type) return &e;
+  }
+  return nullptr;
+}
+
+bool takeI32(const std::vector<uint8_t>& data, size_t* at, int32_t* out) {
+  uint64_t v = 0;
+  if (!take(data, at, 4, &v)) return false;
+  *out = static_cast<int32_t>(static_cast<uint32_t>(v));
+  return true;
+}
+
+bool parseNode(const std::vector<uint8_t>& data, size_t* at, NodeRecord* out) {
+  uint64_t count = 0;
+  size_t pos = *at;
+  if (!take(data, &pos, PX_NODE_COUNT_SIZE, &count) || count > kMaxEntries) return false;
+  out->entries.clear();
+  for (uint64_t i = 0; i < count; ++i) {
+    px_node_entry e;
+    if (!take(data, &pos, 8, &e.type) || !take(data, &pos, 8, &e.channel) ||
+        !take(data, &pos, 8, &e.service) || !take(data, &pos, 8, &e.reserved0) ||
+        !take(data, &pos, 8, &e.access) || !take(data, &pos, 8, &e.reserved1)) {
+      return false;
+    }
+    out->entries.push_back(e);
+  }
+  *at = pos;
+  return true;
+}
+
+bool parseTable(const std::vector<uint8_t>& data, std::vector<TableRecord>* out) {
+  out->clear();
+  size_t at = 0;
+  for (;;) {
+    TableRecord rec;
+    if (!takeI32(data, &at, &rec.type)) return false;
+    if (rec.type == kTableEnd) return true;
+    if (!take(data, &at, 8, &rec.fd) || !parseNode(data, &at, &rec.node)) return false;
+    out->push_back(rec);
+  }
+}
+
+}  // namespace pxc

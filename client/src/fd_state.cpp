@@ -1,0 +1,138 @@
+// The local view of the process's descriptor table and the link to the descriptor service.
+//
+// The server's table is the authority; the view mirrors it for the numbers this process
+// learned from the table and from replies, and keeps one Description per description, shared
+// by all its local descriptors (so one set of links per description).
+#include <errno.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <map>
+
+#include "internal.h"
+
+namespace pxc {
+
+namespace {
+
+struct FdState {
+  std::mutex mutex;
+  bool loaded = false;           // guarded by mutex
+  std::string instance;          // guarded by mutex: the runtime directory of the view
+  ServiceLink* link = nullptr;   // guarded by mutex: the descriptor service
+  std::map<int, std::shared_ptr<Description>> fds;  // guarded by mutex; null: reserved
+};
+
+// Made once and never destroyed, so that a thread still inside a call while the process exits
+// never meets a destroyed view.
+FdState& fs() {
+  static FdState* state = new FdState;
+  return *state;
+}
+
+// Set in a forked child: the links belong to the parent, whose pid the server knows them by.
+std::atomic<bool> forked{false};
+
+void dropLocked() {
+  delete fs().link;
+  fs().link = nullptr;
+  fs().fds.clear();
+  fs().loaded = false;
+  fs().instance.clear();
+}
+
+// Loads the view on first use. Called with the mutex held.
+int loadLocked() {
+  static std::once_flag watch;
+  std::call_once(watch, [] {
+    pthread_atfork(nullptr, nullptr, [] { forked.store(true, std::memory_order_relaxed); });
+  });
+  // A new instance (px_fini and another runtime directory) or a fork: start again.
+  if (forked.exchange(false, std::memory_order_relaxed) ||
+      (fs().loaded && fs().instance != runtimeDir())) {
+    dropLocked();
+  }
+  if (fs().loaded) return 0;
+  // The descriptor service accepts only processes that the process service knows: one round
+  // trip there registers a process that started on its own.
+  FrameWriter ping(PX_CMD_GET_PARENT_ID);
+  Reply reply;
+  int err = transact(ping, &reply);
+  if (err != 0) return err;
+  fs().link = ServiceLink::openNamed(PX_FD_SERVICE_NAME, &err);
+  if (fs().link == nullptr) return err;
+  FrameWriter get(PX_FD_CMD_GET_TABLE);
+  err = fs().link->call(get, &reply);
+  std::vector<TableRecord> records;
+  if (err == 0 && !parseTable(reply.data, &records)) err = EPROTO;
+  if (err != 0) {
+    dropLocked();
+    return err;
+  }
+  fs().loaded = true;
+  fs().instance = runtimeDir();
+  for (TableRecord& rec : records) {
+    std::shared_ptr<Description> d;
+    for (auto& [fd, existing] : fs().fds) {
+      if (existing && existing->sameAs(rec.node)) d = existing;
+    }
+    if (!d) d = std::make_shared<Description>(rec.type, std::move(rec.node));
+    fs().fds[static_cast<int>(rec.fd)] = d;
+  }
+  return 0;
+}
+
+}  // namespace
+
+FdSession::FdSession() {
+  fs().mutex.lock();
+  err_ = loadLocked();
+}
+
+FdSession::~FdSession() { fs().mutex.unlock(); }
+
+int FdSession::request(FrameWriter& req, Reply* out) {
+  if (err_ != 0) return err_;
+  int err = fs().link->call(req, out);
+  if (err != 0) {
+    dropLocked();
+    err_ = err;
+  }
+  return err;
+}
+
+std::shared_ptr<Description> FdSession::get(int fd, bool* known) const {
+  auto it = fs().fds.find(fd);
+  *known = it != fs().fds.end();
+  return *known ? it->second : nullptr;
+}
+
+void FdSession::set(int fd, std::shared_ptr<Description> d) { fs().fds[fd] = std::move(d); }
+
+void FdSession::erase(int fd) { fs().fds.erase(fd); }
+
+std::shared_ptr<Description> FdSession::adopt(int32_t type, NodeRecord node) {
+  for (auto& [fd, d] : fs().fds) {
+    if (d && d->sameAs(node)) return d;
+  }
+  return std::make_shared<Description>(type, std::move(node));
+}
+
+std::vector<std::pair<int, std::shared_ptr<Description>>> FdSession::all() const {
+  return {fs().fds.begin(), fs().fds.end()};
+}
+
+int lookupFd(int fd, std::shared_ptr<Description>* out) {
+  FdSession session;
+  if (session.error() != 0) return session.error();
+  bool known = false;
+  *out = session.get(fd, &known);
+  return *out ? 0 : EBADF;
+}
+
+void resetFds() {
+  std::lock_guard<std::mutex> lock(fs().mutex);
+  dropLocked();
+}
+
+}  // namespace pxc

@@ -1,0 +1,139 @@
+// How long pipe ends live: a pipe of the process service closes itself when its connections
+// go, and a client killed while its read or write waits in the server leaves no thread behind
+// and does not hold up the pipe or later ones.
+#include <errno.h>
+#include <signal.h>
+
+#include <cstring>
+
+#include "pipe_fixture.h"
+
+namespace {
+
+constexpr int kSettleMs = 10000;
+
+class PipeLifetimeTest : public PipeFixture {
+ protected:
+  // A fresh pipe works at once: bytes in, the same bytes out, within a second.
+  void expectWorkingPipe() {
+    int fds[2];
+    ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
+    int64_t start = monotonicMs();
+    EXPECT_EQ(px_write(fds[1], "ping", 4), 4);
+    char buf[8];
+    EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 4);
+    EXPECT_LT(monotonicMs() - start, 1000);
+    px_close(fds[0]);
+    px_close(fds[1]);
+  }
+};
+
+TEST_F(PipeLifetimeTest, ChannelPipeClosesItselfWhenItsConnectionsGo) {
+  int64_t before = serverThreads();
+  ASSERT_GT(before, 0);
+  px_channel* ends[2] = {nullptr, nullptr};
+  ASSERT_EQ(px_pipe_channels(ends), 0) << strerror(errno);
+  EXPECT_EQ(px_channel_write(ends[1], "abc", 3), 3);
+  px_channel_close(ends[1]);
+  // The write end went with its connection: the reader drains, then sees end-of-file.
+  char buf[16];
+  ASSERT_EQ(px_channel_read(ends[0], buf, sizeof buf), 3);
+  EXPECT_EQ(std::memcmp(buf, "abc", 3), 0);
+  EXPECT_EQ(px_channel_read(ends[0], buf, sizeof buf), 0);
+  px_channel_close(ends[0]);
+
+  // And the other way round: without its reader, a writer gets EPIPE.
+  ASSERT_EQ(px_pipe_channels(ends), 0) << strerror(errno);
+  px_channel_close(ends[0]);
+  int64_t deadline = monotonicMs() + kSettleMs;
+  ssize_t n = 0;
+  while ((n = px_channel_write(ends[1], "x", 1)) == 1 && monotonicMs() < deadline) sleepMs(20);
+  EXPECT_EQ(n, -1);
+  EXPECT_EQ(errno, EPIPE);
+  px_channel_close(ends[1]);
+  // Nothing of either pipe stays in the server.
+  EXPECT_LE(awaitThreadsAtMost(before, kSettleMs), before);
+}
+
+TEST_F(PipeLifetimeTest, ChannelEndsCloseWhenTheirProcessDies) {
+  int64_t before = serverThreads();
+  ASSERT_GT(before, 0);
+  OutputPipe out;
+  int64_t child = spawnPeer({"channels", "sleep", "60000"}, &out);
+  ASSERT_GT(child, 0) << strerror(errno);
+  ASSERT_EQ(expectLine(out, "channels"), "channels");
+  EXPECT_GT(serverThreads(), before);
+  ASSERT_EQ(kill(static_cast<pid_t>(child), SIGKILL), 0);
+  EXPECT_EQ(collect(child), 128 + SIGKILL);
+  // Both ends went with the process's connections.
+  EXPECT_LE(awaitThreadsAtMost(before, kSettleMs), before);
+}
+
+TEST_F(PipeLifetimeTest, ReaderKilledWhileBlockedLeavesNothingBehind) {
+  int fds[2];
+  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
+  // Open this process's links to both ends (stream and status) before counting threads.
+  ASSERT_EQ(px_set_nonblock(fds[0], 1), 0);
+  char buf[4096];
+  EXPECT_EQ(px_read(fds[0], buf, 1), -1);
+  ASSERT_EQ(px_set_nonblock(fds[0], 0), 0);
+  EXPECT_EQ(px_write(fds[1], "w", 1), 1);
+  EXPECT_EQ(px_read(fds[0], buf, 1), 1);
+  int64_t baseline = serverThreads();
+  ASSERT_GT(baseline, 0);
+
+  OutputPipe out;
+  int64_t child = spawnPeer({"block-read", "3"}, &out);
+  ASSERT_GT(child, 0) << strerror(errno);
+  ASSERT_EQ(expectLine(out, "reading"), "reading");
+  sleepMs(300);  // the read is now waiting in the server
+  ASSERT_EQ(kill(static_cast<pid_t>(child), SIGKILL), 0);
+  EXPECT_EQ(collect(child), 128 + SIGKILL);
+  EXPECT_LE(awaitThreadsAtMost(baseline, kSettleMs), baseline);
+  // The pipe still works for its other reader, and new pipes are not held up.
+  EXPECT_EQ(px_write(fds[1], "after", 5), 5);
+  EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 5);
+  expectWorkingPipe();
+  px_close(fds[0]);
+  px_close(fds[1]);
+}
+
+TEST_F(PipeLifetimeTest, WriterKilledWhileBlockedLeavesNothingBehind) {
+  int fds[2];
+  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
+  // Fill the pipe without blocking; the refused write also opens the write end's status link.
+  ASSERT_EQ(px_set_nonblock(fds[1], 1), 0);
+  char buf[8192];
+  std::memset(buf, 'f', sizeof buf);
+  EXPECT_EQ(px_write(fds[1], buf, 4096), 4096);
+  EXPECT_EQ(px_write(fds[1], buf, 1), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  int64_t baseline = serverThreads();
+  ASSERT_GT(baseline, 0);
+
+  OutputPipe out;
+  int64_t child = spawnPeer({"block-write", "4"}, &out);
+  ASSERT_GT(child, 0) << strerror(errno);
+  ASSERT_EQ(expectLine(out, "writing"), "writing");
+  sleepMs(300);
+  ASSERT_EQ(kill(static_cast<pid_t>(child), SIGKILL), 0);
+  EXPECT_EQ(collect(child), 128 + SIGKILL);
+  EXPECT_LE(awaitThreadsAtMost(baseline, kSettleMs), baseline);
+  // The killed write put nothing in: the reader finds the parent's 4096 bytes, and the
+  // writer can go on.
+  std::string got;
+  while (got.size() < 4096) {
+    ssize_t n = px_read(fds[0], buf, sizeof buf);
+    ASSERT_GT(n, 0) << strerror(errno);
+    got.append(buf, static_cast<size_t>(n));
+  }
+  EXPECT_EQ(got, std::string(4096, 'f'));
+  ASSERT_EQ(px_set_nonblock(fds[1], 0), 0);
+  EXPECT_EQ(px_write(fds[1], "more", 4), 4);
+  EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 4);
+  expectWorkingPipe();
+  px_close(fds[0]);
+  px_close(fds[1]);
+}
+
+}  // namespace
