@@ -45,6 +45,11 @@ int main(int argc, char** argv) {
     if (server == reporter.times().end() || linux == reporter.times().end() || linux->second <= 0) continue;
     if (server->second <= 0) continue;
     double ratio = pair.higherIsBetter ? linux->second / server->second : server->second / linux->second;
+    if (pair.target <= 0) {
+      std::printf("  %-34s %-20s %6.2f  (no target)\n", pair.label,
+                  pair.higherIsBetter ? "speed vs Linux" : "time vs Linux", ratio);
+      continue;
+    }
     std::printf("  %-34s %-20s %6.2f  (target %s %.2f)  %s\n", pair.label,
                 pair.higherIsBetter ? "speed vs Linux" : "time vs Linux", ratio,
                 pair.higherIsBetter ? ">=" : "<=", pair.target,
