@@ -45,8 +45,17 @@ int killGroup(uint64_t selector, int sig) {
   return 0;
 }
 
+// A request whose answer is one u64 value: the value, or -1 with errno set.
+int64_t askU64(FrameWriter& req) {
+  Reply reply;
+  int err = transact(req, &reply);
+  if (err != 0) return fail(err);
+  if (reply.code != PX_RESULT_DONE) return fail(errnoForResult(reply.code, EPROTO));
+  uint64_t value = 0;
+  if (!reply.dataU64(0, &value)) return fail(EPROTO);
+  return static_cast<int64_t>(value);
+}
 }  // namespace
-
 }  // namespace pxc
 
 extern "C" {
@@ -73,24 +82,12 @@ int64_t px_getpgid(int64_t pid) {
   if (pid < 0) return pxc::fail(ESRCH);
   pxc::FrameWriter req(PX_CMD_GET_GROUP_ID);
   req.u64(pid == 0 ? static_cast<uint64_t>(getpid()) : static_cast<uint64_t>(pid));
-  pxc::Reply reply;
-  int err = pxc::transact(req, &reply);
-  if (err != 0) return pxc::fail(err);
-  if (reply.code != PX_RESULT_DONE) return pxc::fail(pxc::errnoForResult(reply.code, EPROTO));
-  uint64_t group = 0;
-  if (!reply.dataU64(0, &group)) return pxc::fail(EPROTO);
-  return static_cast<int64_t>(group);
+  return pxc::askU64(req);
 }
 
 int64_t px_getppid(void) {
   pxc::FrameWriter req(PX_CMD_GET_PARENT_ID);
-  pxc::Reply reply;
-  int err = pxc::transact(req, &reply);
-  if (err != 0) return pxc::fail(err);
-  if (reply.code != PX_RESULT_DONE) return pxc::fail(pxc::errnoForResult(reply.code, EPROTO));
-  uint64_t parent = 0;
-  if (!reply.dataU64(0, &parent)) return pxc::fail(EPROTO);
-  return static_cast<int64_t>(parent);
+  return pxc::askU64(req);
 }
 
 int px_abort_waits(void) {

@@ -5,25 +5,6 @@
 
 #include <cstring>
 
-extern char** environ;
-
-int64_t PipeFixture::spawnProgram(const std::string& program,
-                                  const std::vector<std::string>& args, OutputPipe* out) {
-  std::vector<std::string> env;
-  for (char** e = environ; *e != nullptr; ++e) env.push_back(*e);
-  if (out != nullptr) {
-    env.push_back("POSIX_STDOUT=" + out->writePath());
-    env.push_back("POSIX_STDERR=" + out->writePath());
-  }
-  std::vector<std::string> argv{program};
-  argv.insert(argv.end(), args.begin(), args.end());
-  std::vector<char*> argp, envp;
-  for (std::string& a : argv) argp.push_back(a.data());
-  argp.push_back(nullptr);
-  for (std::string& e : env) envp.push_back(e.data());
-  envp.push_back(nullptr);
-  return px_spawn(argp[0], argp.data(), envp.data(), 0);
-}
 
 int64_t PipeFixture::spawnPeer(const std::vector<std::string>& args, OutputPipe* out) {
   return spawnProgram(helper("px_pipe_peer"), args, out);

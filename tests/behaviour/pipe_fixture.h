@@ -12,9 +12,6 @@ class PipeFixture : public ServerFixture {
   // Starts px_pipe_peer with `args` through the server (it inherits the caller's descriptors);
   // its standard output and error go to `out`.
   int64_t spawnPeer(const std::vector<std::string>& args, OutputPipe* out);
-  // Starts PROGRAM with `args` through the server, its output to `out`.
-  int64_t spawnProgram(const std::string& program, const std::vector<std::string>& args,
-                       OutputPipe* out);
   // The server's thread count, or -1 when it did not tell.
   int64_t serverThreads();
   // Waits until the server's thread count is at most `count`; the last count seen.

@@ -188,8 +188,8 @@ bool ServerFixture::heapStats(HeapStats* out, int timeoutMs) {
   return false;
 }
 
-int64_t ServerFixture::spawnProbe(const std::vector<std::string>& args, OutputPipe* out,
-                                  const std::vector<std::string>& extraEnv) {
+int64_t ServerFixture::spawnProgram(const std::string& program, const std::vector<std::string>& args,
+                                    OutputPipe* out, const std::vector<std::string>& extraEnv) {
   std::vector<std::string> env;
   for (char** e = environ; *e != nullptr; ++e) env.push_back(*e);
   if (out != nullptr) {
@@ -197,7 +197,7 @@ int64_t ServerFixture::spawnProbe(const std::vector<std::string>& args, OutputPi
     env.push_back("POSIX_STDERR=" + out->writePath());
   }
   env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-  std::vector<std::string> argv{helper("px_probe")};
+  std::vector<std::string> argv{program};
   argv.insert(argv.end(), args.begin(), args.end());
   std::vector<char*> argp, envp;
   for (std::string& a : argv) argp.push_back(a.data());
@@ -205,6 +205,11 @@ int64_t ServerFixture::spawnProbe(const std::vector<std::string>& args, OutputPi
   for (std::string& e : env) envp.push_back(e.data());
   envp.push_back(nullptr);
   return px_spawn(argp[0], argp.data(), envp.data(), 0);
+}
+
+int64_t ServerFixture::spawnProbe(const std::vector<std::string>& args, OutputPipe* out,
+                                  const std::vector<std::string>& extraEnv) {
+  return spawnProgram(helper("px_probe"), args, out, extraEnv);
 }
 
 std::string ServerFixture::expectLine(OutputPipe& out, const std::string& prefix, int timeoutMs) {

@@ -66,6 +66,10 @@ class ServerFixture : public ::testing::Test {
 
   // Starts the probe helper with `args` through the server; with `out`, its standard output
   // and error go to that pipe. Extra entries are added to the environment.
+  // Spawns `program` through the server with this process's environment plus `extraEnv`,
+  // its output and error going to `out` when given.
+  int64_t spawnProgram(const std::string& program, const std::vector<std::string>& args,
+                       OutputPipe* out = nullptr, const std::vector<std::string>& extraEnv = {});
   int64_t spawnProbe(const std::vector<std::string>& args, OutputPipe* out = nullptr,
                      const std::vector<std::string>& extraEnv = {});
   // Reads lines from `out` until one starts with `prefix`; the whole line, or "" on time-out.

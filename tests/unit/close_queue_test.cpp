@@ -17,17 +17,6 @@ using Libraries::Service::Multiplex;
 
 namespace {
 
-int threadsNamed(const std::string& name) {
-  int count = 0;
-  std::error_code error;
-  for (auto it = std::filesystem::directory_iterator("/proc/self/task", error);
-       !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
-    std::ifstream comm(it->path() / "comm");
-    std::string line;
-    if (std::getline(comm, line) && line == name) ++count;
-  }
-  return count;
-}
 
 // Notes in a shared log, in order, the tag of every multiplex whose link went away.
 class OrderLog : public Object {

@@ -3,6 +3,7 @@
 // and a thread that serves a channel.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -26,6 +27,24 @@
 namespace chntest {
 
 using Bytes = std::vector<uint8_t>;
+
+// Threads of this process named `name` (platform threads carry their role's name). Read with
+// read(2): a thread that ends between open and read makes the read fail, which a stream would
+// turn into an exception.
+inline int threadsNamed(const std::string& name) {
+  int count = 0;
+  std::error_code error;
+  for (auto it = std::filesystem::directory_iterator("/proc/self/task", error);
+       !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
+    int fd = ::open((it->path() / "comm").c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) continue;
+    char text[32];
+    ssize_t n = ::read(fd, text, sizeof text);
+    ::close(fd);
+    if (n > 0 && std::string(text, static_cast<size_t>(n)) == name + "\n") ++count;
+  }
+  return count;
+}
 
 // POSIX_RUNTIME_DIR points at a fresh directory for the scope's life.
 class RuntimeDirScope {

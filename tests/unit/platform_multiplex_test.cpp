@@ -16,18 +16,6 @@ using Libraries::Service::Multiplex;
 
 namespace {
 
-// Threads of this process named `name` (a multiplex names its threads after itself).
-int threadsNamed(const std::string& name) {
-  int count = 0;
-  std::error_code error;
-  for (auto it = std::filesystem::directory_iterator("/proc/self/task", error);
-       !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
-    std::ifstream comm(it->path() / "comm");
-    std::string line;
-    if (std::getline(comm, line) && line == name) ++count;
-  }
-  return count;
-}
 
 // A service whose handle is a function; it checks that the multiplex passes no extras.
 using Handler = std::function<bool(const Ref<InMsg>&, const Ref<OutMsg>&, uint32_t*)>;
