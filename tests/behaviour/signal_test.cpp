@@ -56,21 +56,6 @@ TEST_F(SignalTest, RangeAndUnknownTargets) {
   EXPECT_EQ(errno, ESRCH);
 }
 
-TEST_F(SignalTest, PendingSignalsArriveOnceEachInAscendingOrder) {
-  ASSERT_EQ(px_kill(getpid(), 12), 0);
-  ASSERT_EQ(px_kill(getpid(), 3), 0);
-  ASSERT_EQ(px_kill(getpid(), 12), 0);  // already pending: remembered once
-  ASSERT_EQ(px_kill(getpid(), 30), 0);
-  int got[3] = {0, 0, 0};
-  for (int& sig : got) ASSERT_EQ(px_sigtimedwait(&sig, nullptr, 5000), 0);
-  EXPECT_EQ(got[0], 3);
-  EXPECT_EQ(got[1], 12);
-  EXPECT_EQ(got[2], 30);
-  int sig = 0;
-  EXPECT_EQ(px_sigtimedwait(&sig, nullptr, 200), -1);
-  EXPECT_EQ(errno, EAGAIN);
-}
-
 TEST_F(SignalTest, SignalToAWaitingProcessCarriesTheSendersRecord) {
   int sig = 0;
   // The time-out leaves the wait kept at the server: the next signal answers it directly.

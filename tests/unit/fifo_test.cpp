@@ -174,6 +174,11 @@ TEST(FifoStatusService, AnswersMoreDataStatusAndUnknownCommands) {
   EXPECT_EQ(ask(writeSvc, 1), 3u);
   EXPECT_EQ(ask(writeSvc, 7), 3u) << "a gone end answers 3 to everything";
   EXPECT_TRUE(writeSvc->isBound()) << "the pointer is tested, not the end's life";
+  uint32_t ret = 77;
+  EXPECT_TRUE(readSvc->handle(nullptr, OutMsg::create(), &ret, 0, nullptr));
+  EXPECT_TRUE(readSvc->handle(command(0), nullptr, &ret, 0, nullptr));
+  EXPECT_TRUE(readSvc->handle(command(0), OutMsg::create(), nullptr, 0, nullptr));
+  EXPECT_EQ(ret, 77u) << "nothing answered without all three";
 }
 
 TEST(FifoStatusService, NeverKeepsItsEndAlive) {
@@ -183,23 +188,6 @@ TEST(FifoStatusService, NeverKeepsItsEndAlive) {
   pipe.read.reset();
   EXPECT_TRUE(pipe.fifo->broken());
   EXPECT_FALSE(PosixFifoSvc::create(nullptr));
-}
-
-TEST(FifoStatusService, ServiceInterfaceDetails) {
-  Pipe pipe;
-  Ref<PosixFifoSvc> svc = PosixFifoSvc::create(pipe.read);
-  EXPECT_TRUE(svc->name()->equals("PosixFifo"));
-  EXPECT_TRUE(svc->connect(nullptr));
-  EXPECT_EQ(svc->unbind(nullptr), 0u);
-  Ref<Object> answer;
-  Error::set(0);
-  EXPECT_FALSE(svc->query(1, &answer));
-  EXPECT_EQ(Error::get(), Interfaces::Service::kErrorNotSupported);
-  uint32_t ret = 77;
-  EXPECT_TRUE(svc->handle(nullptr, OutMsg::create(), &ret, 0, nullptr));
-  EXPECT_TRUE(svc->handle(command(0), nullptr, &ret, 0, nullptr));
-  EXPECT_TRUE(svc->handle(command(0), OutMsg::create(), nullptr, 0, nullptr));
-  EXPECT_EQ(ret, 77u) << "nothing answered without all three";
 }
 
 }  // namespace
