@@ -19,10 +19,11 @@ void putSenderRecord(FrameWriter& req, uint32_t sig) {
   req.u64(0);
 }
 
-int killOne(int64_t pid, int sig) {
-  FrameWriter req(PX_CMD_KILL);
-  req.u64(static_cast<uint64_t>(pid));
-  req.u32(static_cast<uint32_t>(sig));  // the server checks the range (result 2)
+// A kill or group kill: the target, the signal and the sender's record.
+int sendSignal(uint32_t command, uint64_t target, int sig) {
+  FrameWriter req(command);
+  req.u64(target);
+  req.u32(static_cast<uint32_t>(sig));
   putSenderRecord(req, static_cast<uint32_t>(sig));
   Reply reply;
   int err = transact(req, &reply);
@@ -31,18 +32,13 @@ int killOne(int64_t pid, int sig) {
   return 0;
 }
 
+// The server checks the range of a signal to one process (result 2).
+int killOne(int64_t pid, int sig) { return sendSignal(PX_CMD_KILL, static_cast<uint64_t>(pid), sig); }
+
 int killGroup(uint64_t selector, int sig) {
   // The server does not check the range of a group signal: members would be skipped silently.
   if (sig < 0 || sig >= PX_NSIG) return fail(EINVAL);
-  FrameWriter req(PX_CMD_KILL_GROUP);
-  req.u64(selector);
-  req.u32(static_cast<uint32_t>(sig));
-  putSenderRecord(req, static_cast<uint32_t>(sig));
-  Reply reply;
-  int err = transact(req, &reply);
-  if (err != 0) return fail(err);
-  if (reply.code != PX_RESULT_DONE) return fail(errnoForResult(reply.code, ESRCH));
-  return 0;
+  return sendSignal(PX_CMD_KILL_GROUP, selector, sig);
 }
 
 // A request whose answer is one u64 value: the value, or -1 with errno set.

@@ -9,15 +9,6 @@
 
 namespace Services::Nodes {
 
-namespace {
-void putU32(std::vector<uint8_t>& out, uint32_t value) {
-  for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
-}
-void putU64(std::vector<uint8_t>& out, uint64_t value) {
-  for (int i = 0; i < 8; ++i) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
-}
-}  // namespace
-
 Ref<Provider> Provider::create(Ref<DeviceNode> node, uint64_t value) {
   if (!node) {
     Error::set(EINVAL);
@@ -28,18 +19,8 @@ Ref<Provider> Provider::create(Ref<DeviceNode> node, uint64_t value) {
 
 bool Provider::serialize(const Ref<Interfaces::Stream>& out, uint32_t timeoutMs) const {
   if (!out) return false;
-  std::vector<NodeEntry> entries = node_->entries();
-  std::vector<uint8_t> record;
-  record.reserve(PX_NODE_COUNT_SIZE + PX_NODE_ENTRY_SIZE * entries.size());
-  putU32(record, static_cast<uint32_t>(entries.size()));
-  for (const NodeEntry& e : entries) {
-    putU64(record, e.type);
-    putU64(record, e.channel);
-    putU64(record, e.service);
-    putU64(record, e.reserved0);
-    putU64(record, e.access);
-    putU64(record, e.reserved1);
-  }
+  // The node's own record: the one encoding of u32 count + six u64 per entry.
+  std::vector<uint8_t> record = node_->record();
   uint64_t size = record.size();
   return out->write(Interfaces::MemDesc::direct(record.data(), size), size, timeoutMs) == size;
 }
