@@ -1,0 +1,45 @@
+/*
+ * The services of an opened file-system item and of a socket, each reached through the node of
+ * its description (see nodes.h for the interface types):
+ *
+ *   PX_IFACE_SEEKABLE (0x880002)   position and seek of the item
+ *   PX_IFACE_RESIZABLE (0x880003)  size and resize of the item
+ *   PX_IFACE_FS_ITEM (0x880004)    the item's description
+ *   PX_IFACE_STREAM_ADAPTER (0x880001), PX_IFACE_SOCKET (0x880005)   answer 0 to every request
+ *
+ * Seekable and resizable values are 64-bit integers of exactly 8 bytes each, little-endian. A
+ * request that is too short answers PX_ITEM_RESULT_SHORT and changes nothing; a reply value that
+ * could not be written answers PX_ITEM_RESULT_NO_REPLY; an unknown command answers 0. The two
+ * services share one numbering: each treats the other's codes as unknown.
+ * This header is plain C so that any client can include it.
+ */
+#ifndef POSIX_FS_ITEM_H
+#define POSIX_FS_ITEM_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Seekable service. */
+#define PX_SEEK_CMD_POSITION 0u /* - -> u64 current position */
+#define PX_SEEK_CMD_SEEK 1u     /* u64 absolute position -> u64 new position, all ones on failure */
+
+/* Resizable service. */
+#define PX_RESIZE_CMD_SIZE 2u   /* - -> u64 size */
+#define PX_RESIZE_CMD_RESIZE 3u /* u64 new size -> u64 new size, all ones on failure */
+
+/* File-system item service. */
+#define PX_ITEM_CMD_DESCRIBE 4u /* - -> string path, i32 type (PX_FD_KIND_*), u32 open flags */
+
+#define PX_ITEM_RESULT_OK 1u
+#define PX_ITEM_RESULT_SHORT 9u
+#define PX_ITEM_RESULT_NO_REPLY 10u
+
+/* The all-ones value a seek or resize answers when the host refused it. */
+#define PX_ITEM_FAILED 0xFFFFFFFFFFFFFFFFull
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* POSIX_FS_ITEM_H */
