@@ -6,6 +6,7 @@
 #include "core/request_reader.h"
 #include "core/service_log.h"
 #include "fifo/fifo_pairs.h"
+#include "fifo/unclaimed_pipe_ends.h"
 #include "process/process_group.h"
 
 using posix::LogNum;
@@ -14,10 +15,20 @@ using posix::serviceLog;
 namespace {
 
 // A pipe handed out as two node providers, the read end's then the write end's. Each end closes
-// with its last client connection; until a client connects it stays open.
-uint32_t createPipe(const Ref<OutMsg>& reply) {
+// with its last client connection; until a client connects it stays open, counted against the
+// caller's bound of waiting ends and closed when the caller ends.
+uint32_t createPipe(const Ref<PosixProcess>& caller, const Ref<OutMsg>& reply) {
+  const Ref<UnclaimedPipeEnds>& waiting = caller->unclaimedPipeEnds();
+  if (!waiting->admit(2)) return PX_RESULT_FAILED;
   PipeProviderPair pair = createPipePair();
-  if (!pair.read || !pair.write) return PX_RESULT_FAILED;
+  if (!pair.read || !pair.write) {
+    // Half a pipe is of no use to anyone: withdraw the end that was made.
+    if (pair.readCloser) pair.readCloser->closeUnclaimed();
+    if (pair.writeCloser) pair.writeCloser->closeUnclaimed();
+    return PX_RESULT_FAILED;
+  }
+  waiting->add(pair.readCloser);
+  waiting->add(pair.writeCloser);
   if (!pair.read->serialize(reply) || !pair.write->serialize(reply)) return PX_RESULT_REPLY_UNWRITTEN;
   return PX_RESULT_DONE;
 }
@@ -64,7 +75,7 @@ bool PosixService::dispatch(Ref<InMsg> request, Ref<OutMsg> reply, uint32_t* res
       // The request itself keeps whatever result code the previous request left.
       caller->failWaiters(PX_RESULT_ABORTED);
       break;
-    case PX_CMD_CREATE_PIPE: *resultCode = createPipe(reply); break;
+    case PX_CMD_CREATE_PIPE: *resultCode = createPipe(caller, reply); break;
     default: *resultCode = PX_RESULT_FAILED; break;
   }
   if (slot) slot->reset();

@@ -6,17 +6,20 @@
 // destructor marks the FIFO end-of-file or broken.
 //
 // The multiplex holds this object (as its services' manager) and this object holds the
-// multiplex; the last disconnection breaks the cycle. An end that no client ever connects to
-// stays open.
+// multiplex; the last disconnection breaks the cycle. An end that no client has connected to
+// yet stays open until its maker withdraws it (closeUnclaimed, when the process that made it
+// ends or holds too many such ends).
 //
-// The platform serialises the notifications of one multiplex, so `openCount_` and `open_` are
-// plain fields changed only inside connect and disconnect.
+// Locking: `monitor_` guards openCount_, open_, claimed_ and multiplex_. The platform serialises
+// the notifications of one multiplex; the monitor is for closeUnclaimed(), which runs on other
+// threads. It is never held while a multiplex is closed or waited for.
 #pragma once
 
 #include <cstdint>
 
 #include "platform/chn.h"
 #include "platform/multiplex.h"
+#include "platform/sync.h"
 
 class AutocloseSvcMultiplex : public Object, public ConMan {
  public:
@@ -24,25 +27,34 @@ class AutocloseSvcMultiplex : public Object, public ConMan {
 
   // The multiplex to close; set by its publisher right after it is made, before any client can
   // connect.
-  void setMultiplex(Ref<Libraries::Service::Multiplex> multiplex) { multiplex_ = std::move(multiplex); }
+  void setMultiplex(Ref<Libraries::Service::Multiplex> multiplex);
   // A further manager consulted first on every notification; nothing in the server sets one.
   void setInner(Ref<ConMan> inner) { inner_ = std::move(inner); }
 
+  // Refused once the end has been closed.
   bool connect(const Ref<ChnLink>& link) override;
   // Closes the multiplex, on the notifying thread, when the count reaches (or already is) 0.
   void disconnect(const Ref<ChnLink>& link) override;
 
+  // Whether a client has ever connected.
+  bool claimed() const;
+  // Closes the end unless a client has connected to it; the multiplex is stopped by the
+  // deferred close queue, so any thread may call this. True when it closed the end.
+  bool closeUnclaimed();
+
   // Tests and diagnostics.
-  uint64_t openCount() const { return openCount_; }
-  bool isOpen() const { return open_; }
+  uint64_t openCount() const;
+  bool isOpen() const;
 
   ~AutocloseSvcMultiplex() override;
 
  private:
-  AutocloseSvcMultiplex() = default;
+  AutocloseSvcMultiplex() : monitor_(Mon::create()) {}
 
-  Ref<ConMan> inner_;
+  Ref<Mon> monitor_;
+  Ref<ConMan> inner_;  // set before the multiplex serves anyone, then only read
   Ref<Libraries::Service::Multiplex> multiplex_;
   uint64_t openCount_ = 0;  // connections accepted and not yet gone
   bool open_ = true;        // false once the multiplex has been closed
+  bool claimed_ = false;    // true from the first accepted connection on
 };

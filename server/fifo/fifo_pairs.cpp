@@ -38,13 +38,13 @@ PipeProviderPair createPipePair() {
   FifoEnds ends = makeFifo();
   if (!ends.read) return {};
   PipeProviderPair pair;
-  pair.read = publishFifoEnd(ends.read, String::create("PipeRead"), kFifoReadAccess);
-  pair.write = publishFifoEnd(ends.write, String::create("PipeWrite"), kFifoWriteAccess);
+  pair.read = publishFifoEnd(ends.read, String::create("PipeRead"), kFifoReadAccess, &pair.readCloser);
+  pair.write = publishFifoEnd(ends.write, String::create("PipeWrite"), kFifoWriteAccess, &pair.writeCloser);
   return pair;
 }
 
 Ref<Services::Nodes::Provider> publishFifoEnd(const Ref<PosixFifoBase>& end, Ref<String> name,
-                                              uint64_t access) {
+                                              uint64_t access, Ref<AutocloseSvcMultiplex>* closerOut) {
   if (!end || !name) return nullptr;
   Ref<AutocloseSvcMultiplex> closer = AutocloseSvcMultiplex::create();
   Ref<Libraries::Service::Multiplex> multiplex = Libraries::Service::Multiplex::create(name);
@@ -61,5 +61,6 @@ Ref<Services::Nodes::Provider> publishFifoEnd(const Ref<PosixFifoBase>& end, Ref
     multiplex->close();
     return nullptr;
   }
+  if (closerOut != nullptr) *closerOut = closer;
   return Services::Nodes::Provider::create(node, 0);
 }

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 
+#include "fifo/autoclose_multiplex.h"
 #include "fifo/file_description_server_fifo.h"
 #include "platform/nodes.h"
 
@@ -19,6 +20,9 @@ struct FifoDescriptionPair {
 struct PipeProviderPair {
   Ref<Services::Nodes::Provider> read;   // multiplex "PipeRead"
   Ref<Services::Nodes::Provider> write;  // multiplex "PipeWrite"
+  // The managers that close each end with its last connection (or when it is withdrawn).
+  Ref<AutocloseSvcMultiplex> readCloser;
+  Ref<AutocloseSvcMultiplex> writeCloser;
 };
 
 // Either member is null when it could not be made; both when the FIFO could not be made.
@@ -26,7 +30,8 @@ FifoDescriptionPair createFifoPair();
 PipeProviderPair createPipePair();
 
 // Serves `end` over a new multiplex named `name` that closes with its last connection, and
-// answers a provider of the node listing the end's stream (with `access`) and status services.
-// Null when anything could not be made.
+// answers a provider of the node listing the end's stream (with `access`) and status services;
+// `closer` (may be null) receives the multiplex's manager. Null when anything could not be made.
 Ref<Services::Nodes::Provider> publishFifoEnd(const Ref<PosixFifoBase>& end, Ref<String> name,
-                                              uint64_t access);
+                                              uint64_t access,
+                                              Ref<AutocloseSvcMultiplex>* closer = nullptr);

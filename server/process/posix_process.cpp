@@ -1,6 +1,7 @@
 #include "process/posix_process.h"
 
 #include "fd/fd_table.h"
+#include "fifo/unclaimed_pipe_ends.h"
 #include "process/process_group.h"
 #include "process/process_log.h"
 #include "process/process_registry.h"
@@ -16,13 +17,16 @@ PosixProcess::PosixProcess()
     : monitor_(Mon::create()),
       children_(TVector<Ref<PosixProcess>>::create()),
       zombies_(TVector<Ref<PosixProcess>>::create()),
-      waitEntries_(TVector<WaitEntry*>::create()) {}
+      waitEntries_(TVector<WaitEntry*>::create()),
+      unclaimedPipeEnds_(UnclaimedPipeEnds::create()) {}
 
 PosixProcess::~PosixProcess() {
   // A record whose program never started (pid 0) was never an entry of its own.
   if (pid_ != 0 && !parent_.lock()) POSIX_LOG(processLog.handle, 1, "Entry for orphan process " << LogNum{pid_} << " removed");
   // Waits still queued belong to a client that will never be answered: free them.
   for (uint64_t i = 0; i < waitEntries_->count(); ++i) delete waitEntries_->get(i);
+  unclaimedPipeEnds_->closeAll();
+  unclaimedPipeEnds_.reset();
   group_.reset();
   signalWaiter_.reset();
   fdTable_.reset();

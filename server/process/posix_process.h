@@ -23,6 +23,7 @@
 
 class FDTable;
 class PosixProcessGroup;
+class UnclaimedPipeEnds;
 struct WaitEntry;
 
 // The child-status record and the signal record share one 32-byte layout.
@@ -76,6 +77,9 @@ class PosixProcess : public Object {
   Ref<PosixProcessGroup> group() const;
   uint64_t groupId() const;
   Ref<FDTable> fdTable() const;
+  // The published pipe ends this process made that no client has connected to yet; they are
+  // closed when the process ends.
+  const Ref<UnclaimedPipeEnds>& unclaimedPipeEnds() const { return unclaimedPipeEnds_; }
   // The shared memory handed over at creation, granted to this process; all zero if none.
   ShMemID grantSharedMemory();
   bool terminated() const { return terminated_.load(std::memory_order_acquire); }
@@ -112,4 +116,5 @@ class PosixProcess : public Object {
   uint32_t pendingSignals_ = 0;  // bit s-1 for a pending signal s
   Ref<InMsg> signalWaiter_;
   Ref<PosixProcessGroup> group_;  // set while the record is made, on the main thread
+  Ref<UnclaimedPipeEnds> unclaimedPipeEnds_;  // set in the constructor; locks itself
 };

@@ -1,6 +1,7 @@
 #include "process/process_agent.h"
 
 #include "fd/fd_table.h"
+#include "fifo/unclaimed_pipe_ends.h"
 #include "process/process_group.h"
 #include "process/process_log.h"
 #include "process/process_registry.h"
@@ -54,6 +55,7 @@ void PosixProcess::markTerminated(uint32_t exitCode) {
   }
   // The table (and with it the descriptors) goes outside the record's monitor.
   table.reset();
+  unclaimedPipeEnds_->closeAll();
 }
 
 Ref<PosixProcess> PosixProcess::spawn(const Ref<PosixProcess>& parent, ProgramStart start) {

@@ -5,8 +5,10 @@
 #include <signal.h>
 
 #include <cstring>
+#include <filesystem>
 
 #include "pipe_fixture.h"
+#include "raw_link.h"
 
 namespace {
 
@@ -67,6 +69,35 @@ TEST_F(PipeLifetimeTest, ChannelEndsCloseWhenTheirProcessDies) {
   EXPECT_EQ(collect(child), 128 + SIGKILL);
   // Both ends went with the process's connections.
   EXPECT_LE(awaitThreadsAtMost(before, kSettleMs), before);
+}
+
+TEST_F(PipeLifetimeTest, PipesNobodyConnectsToAreBoundedAndGoWithTheirMaker) {
+  auto channelFiles = [&] {
+    size_t n = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(path("chn"))) n += entry.exists();
+    return n;
+  };
+  px_fini();  // the process's only links are the raw ones below
+  size_t before = channelFiles();
+  int made = 0;
+  {
+    RawLink link(path("chn/posix.service"));
+    ASSERT_TRUE(link.connected());
+    RawReply reply;
+    for (uint64_t id = 1; id <= 100; ++id) {
+      ASSERT_TRUE(link.roundTrip(PX_CMD_CREATE_PIPE, id, {}, &reply));
+      if (reply.code != PX_RESULT_DONE) break;
+      ++made;
+    }
+    EXPECT_EQ(reply.code, PX_RESULT_FAILED) << "a bound on pipes nobody connected to";
+    EXPECT_EQ(made, 64);
+    EXPECT_EQ(channelFiles(), before + 2 * static_cast<size_t>(made));
+  }
+  // The link was the process's last: its record and the pipes it left waiting go.
+  int64_t deadline = monotonicMs() + kSettleMs;
+  while (channelFiles() > before && monotonicMs() < deadline) sleepMs(20);
+  EXPECT_EQ(channelFiles(), before);
+  expectWorkingPipe();
 }
 
 TEST_F(PipeLifetimeTest, ReaderKilledWhileBlockedLeavesNothingBehind) {

@@ -273,4 +273,23 @@ TEST_F(PipeDescriptionTest, AutocloseCountsConnectionsAndClosesOnlyOnce) {
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
+TEST_F(PipeDescriptionTest, OnlyAnEndNobodyConnectedToCanBeWithdrawn) {
+  PipeProviderPair pair = createPipePair();
+  ASSERT_TRUE(pair.readCloser && pair.writeCloser);
+  std::string readPath = chnPath(pair.read->node()->entries()[0].channel);
+  std::vector<NodeEntry> w = pair.write->node()->entries();
+  auto writer = bindTo(w[0]);
+  EXPECT_TRUE(pair.writeCloser->claimed());
+  EXPECT_FALSE(pair.writeCloser->closeUnclaimed()) << "a client holds the write end";
+  EXPECT_EQ(streamWrite(*writer, "abc"), 3);
+
+  EXPECT_FALSE(pair.readCloser->claimed());
+  EXPECT_TRUE(pair.readCloser->closeUnclaimed());
+  EXPECT_FALSE(pair.readCloser->closeUnclaimed()) << "withdrawn once";
+  EXPECT_FALSE(pair.readCloser->connect(nullptr)) << "a withdrawn end takes no client";
+  EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(readPath); }, 3000));
+  EXPECT_TRUE(eventually([&] { return streamWrite(*writer, "x") == 0; }, 3000))
+      << "without its read end the pipe is broken";
+}
+
 }  // namespace

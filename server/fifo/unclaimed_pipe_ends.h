@@ -1,0 +1,36 @@
+// The published pipe ends that one process made and that no client has connected to yet.
+// Such an end has no owner but its future clients, so without a bound a process could make
+// the server keep any number of them. The process's list admits at most kMaxEnds waiting ends
+// (ends that have been claimed since leave the list as it is looked at) and closes the ends
+// still waiting when the process ends.
+//
+// Locking: `monitor_` guards `ends_`; it is never held while an end is closed. Lock order: the
+// list's monitor before an end's.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "fifo/autoclose_multiplex.h"
+#include "platform/sync.h"
+
+class UnclaimedPipeEnds : public Object {
+ public:
+  static constexpr size_t kMaxEnds = 128;  // 64 pipes
+
+  static Ref<UnclaimedPipeEnds> create() { return new UnclaimedPipeEnds(); }
+
+  // Forgets the ends claimed since the last look; false when `count` more would pass the bound.
+  bool admit(size_t count);
+  // Lists a freshly published end.
+  void add(Ref<AutocloseSvcMultiplex> end);
+  // Closes every end no client has connected to and forgets them all.
+  void closeAll();
+  size_t waiting();
+
+ private:
+  UnclaimedPipeEnds() : monitor_(Mon::create()) {}
+
+  Ref<Mon> monitor_;
+  std::vector<Ref<AutocloseSvcMultiplex>> ends_;
+};
