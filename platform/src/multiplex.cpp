@@ -1,6 +1,6 @@
-// The service multiplex's life: making its socket and acceptor, adding services, closing and
-// waiting for its threads, and the one-at-a-time turn of its connection notifications.
-#include <sys/eventfd.h>
+// The service multiplex's life: making its socket and handing it to the acceptor, adding
+// services, closing and waiting for its link threads, and the one-at-a-time turn of its
+// connection notifications.
 #include <unistd.h>
 
 #include <cerrno>
@@ -30,15 +30,9 @@ Ref<Multiplex> Multiplex::create(Ref<String> name) {
     return nullptr;
   }
   Runtime::ownFile(core->socketPath);
-  core->wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  if (core->wakeFd < 0) {
+  if (!MuxAcceptor::watch(core)) {
     Error::set(errno);
     return nullptr;  // ~Core closes the socket and removes its file
-  }
-  Ref<Exec> acceptor = makeAcceptor(core);
-  if (!acceptor || !core->startThread(acceptor)) {
-    Error::set(EAGAIN);
-    return nullptr;
   }
   Ref<Multiplex> mux = new Multiplex(name);
   mux->core_ = core;
@@ -80,21 +74,7 @@ Multiplex::Core*& Multiplex::Core::current() {
 
 Multiplex::Core::~Core() {
   if (listenFd >= 0) ::close(listenFd);
-  if (wakeFd >= 0) ::close(wakeFd);
   removeFile();
-}
-
-bool Multiplex::Core::startThread(Ref<Exec> body) {
-  Ref<Thd> thread = Thd::create(std::move(body));
-  if (!thread) return false;
-  thread->setName(name->c_str());
-  {
-    std::lock_guard lock(mutex);
-    ++running;
-  }
-  if (thread->start()) return true;
-  threadEnded();
-  return false;
 }
 
 void Multiplex::Core::threadEnded() {
@@ -107,6 +87,7 @@ bool Multiplex::Core::admit(const Ref<ChnLink>& link) {
   std::lock_guard lock(mutex);
   if (closed || links.size() >= kMaxLinks) return false;
   links.push_back(link);
+  ++running;
   return true;
 }
 
@@ -126,11 +107,6 @@ bool Multiplex::Core::lookup(uint64_t serviceId, Entry* entry) {
   if (serviceId == 0 || serviceId > services.size()) return false;
   *entry = services[serviceId - 1];
   return true;
-}
-
-bool Multiplex::Core::isClosed() {
-  std::lock_guard lock(mutex);
-  return closed;
 }
 
 void Multiplex::Core::beginNotify() {
@@ -167,9 +143,9 @@ void Multiplex::Core::close() {
     open = links;
   }
   removeFile();
-  uint64_t one = 1;
-  ssize_t n = ::write(wakeFd, &one, sizeof one);  // the acceptor stops
-  (void)n;
+  // From here on no link is accepted: a connection that arrived meanwhile is refused by admit(),
+  // and the socket closes, ending those still waiting in its queue.
+  MuxAcceptor::unwatch(*this);
   // Each link's thread sees its socket shut down in its poll and ends the link; a handler
   // that waits in slices sees ChnLink::peerGone().
   for (const Ref<ChnLink>& link : open) link->shutdown();

@@ -1,86 +1,271 @@
-// The acceptor thread of a service multiplex: waits on the listening socket and the close
-// event, and hands every accepted link to a thread of its own.
-#include <poll.h>
+// The acceptor of every service multiplex in the process: one thread that waits with epoll on
+// all their listening sockets, accepts, admits each link to its multiplex and starts the link's
+// own thread. An idle multiplex therefore costs no thread.
+//
+// Each watched socket is known by a key that is never reused, and the epoll registration
+// carries the key, not the socket: an event that arrives after its multiplex was unwatched
+// finds no entry and is dropped, even when the descriptor number was reused meanwhile.
+// The acceptor uses a socket only under `mutex_` and only while its entry is listed; unwatch()
+// unlists it under the same lock before closing it, so a socket is never closed under an
+// accept in progress.
+//
+// The acceptor's state is made on first use and never destroyed: the detached thread may still
+// be waiting in epoll while the process exits. The thread itself starts with the first watched
+// multiplex and ends after a second with none, so a process that has closed all its
+// multiplexes is back to the threads it had before the first.
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <unordered_map>
+#include <vector>
 
 #include "multiplex_core.h"
 
 namespace Libraries::Service {
 namespace {
 
-// A listener short of descriptors stays readable; it is looked at again after this long
-// instead of being polled in a tight loop.
-constexpr int kAcceptPauseMs = 100;
+using Clock = std::chrono::steady_clock;
 
-class LinkExec : public Object, public Exec {
- public:
-  LinkExec(Ref<Multiplex::Core> core, Ref<ChnLink> link)
-      : core_(std::move(core)), link_(std::move(link)) {}
-  void run() override {
-    Multiplex::Core::current() = core_.get();
-    MuxLinkServe::run(*core_, link_);
-    core_->forget(link_);
-    link_.reset();
-    core_->threadEnded();
-  }
+// A listener that cannot accept (short of descriptors) stays readable; it leaves the epoll set
+// for this long instead of being retried in a tight loop.
+constexpr auto kAcceptPause = std::chrono::milliseconds(100);
+// Accepts per listener per round, so that one busy multiplex does not starve the others.
+constexpr int kAcceptBatch = 32;
+constexpr int kEventsPerWait = 64;
+// With no multiplex open for this long the thread ends.
+constexpr int kIdleEndMs = 1000;
+// The epoll key of the acceptor's own wake-up event; listeners' keys start at 1.
+constexpr uint64_t kWakeKey = 0;
 
- private:
-  Ref<Multiplex::Core> core_;
-  Ref<ChnLink> link_;
+struct Listener {
+  Ref<Multiplex::Core> core;
+  int fd;
 };
 
-class AcceptExec : public Object, public Exec {
+struct Accepted {
+  Ref<Multiplex::Core> core;
+  Ref<ChnLink> link;
+};
+
+struct Pause {
+  uint64_t key;
+  Clock::time_point resume;
+};
+
+class Acceptor : public Object, public Exec {
  public:
-  explicit AcceptExec(Ref<Multiplex::Core> core) : core_(std::move(core)) {}
-  void run() override {
-    Multiplex::Core::current() = core_.get();
-    bool paused = false;
-    while (!core_->isClosed()) {
-      pollfd fds[2] = {{core_->wakeFd, POLLIN, 0}, {core_->listenFd, POLLIN, 0}};
-      int n = ::poll(fds, paused ? 1 : 2, paused ? kAcceptPauseMs : -1);
-      if (n < 0 && errno != EINTR) break;
-      paused = false;
-      if (n > 0 && (fds[1].revents & POLLIN)) paused = !acceptSome();
-    }
-    ::close(core_->listenFd);
-    core_->listenFd = -1;
-    core_->threadEnded();
+  static Acceptor& instance() {
+    static Acceptor* const acceptor = [] {
+      auto* made = new Acceptor();
+      made->addRef();  // held for the life of the process
+      return made;
+    }();
+    return *acceptor;
   }
 
- private:
-  // Accepts a bounded batch; false when the process is short of descriptors.
-  bool acceptSome() {
-    for (int i = 0; i < 32; ++i) {
-      int fd = ::accept4(core_->listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-      if (fd < 0) {
-        if (errno == EINTR || errno == ECONNABORTED) continue;
-        return !(errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM);
-      }
-      ucred peer{};
-      socklen_t size = sizeof peer;
-      uint64_t pid = ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
-      Ref<ChnLink> link = MuxLinkServe::make(fd, pid);
-      // A closed or full multiplex refuses the link: the client sees it end at once.
-      if (!core_->admit(link)) {
-        link->shutdown();
-        continue;
-      }
-      if (!core_->startThread(new LinkExec(core_, link))) {
-        core_->forget(link);
-        link->shutdown();
-      }
-    }
+  bool watch(const Ref<Multiplex::Core>& core) {
+    std::lock_guard lock(mutex_);
+    if (!startLocked()) return false;
+    const uint64_t key = nextKey_++;
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.u64 = key;
+    if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, core->listenFd, &ev) != 0) return false;
+    listeners_.emplace(key, Listener{core, core->listenFd});
+    core->acceptKey = key;
+    core->listenFd = -1;
     return true;
   }
 
-  Ref<Multiplex::Core> core_;
+  void unwatch(Multiplex::Core& core) {
+    Listener gone{nullptr, -1};
+    {
+      std::lock_guard lock(mutex_);
+      auto it = listeners_.find(core.acceptKey);
+      if (it == listeners_.end()) return;
+      gone = std::move(it->second);
+      listeners_.erase(it);
+      // Fails harmlessly for a paused listener, which is out of the set already.
+      ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, gone.fd, nullptr);
+      // The last one: a thread waiting without a time-out is woken to count its idle time.
+      // Only then: creating and closing one multiplex at a time must not cost a wake-up each.
+      if (listeners_.empty() && waitsForever_) {
+        waitsForever_ = false;
+        uint64_t one = 1;
+        ssize_t n = ::write(wakeFd_, &one, sizeof one);
+        (void)n;  // a full counter wakes the thread just as well
+      }
+    }
+    // Unlisted: the acceptor can no longer reach the socket, so it may close outside the lock.
+    ::close(gone.fd);
+  }
+
+  void run() override {
+    epoll_event events[kEventsPerWait];
+    for (;;) {
+      int n = ::epoll_wait(epollFd_, events, kEventsPerWait, waitMs());
+      if (n < 0 && errno != EINTR) ::usleep(1000);  // not expected; never spin on it
+      resumeDue();
+      for (int i = 0; i < n; ++i) {
+        if (events[i].data.u64 != kWakeKey) {
+          acceptFrom(events[i].data.u64);
+          continue;
+        }
+        uint64_t count;
+        ssize_t got = ::read(wakeFd_, &count, sizeof count);
+        (void)got;  // the event only says "look again"
+      }
+      if (n == 0 && endIfIdle()) return;
+    }
+  }
+
+ private:
+  Acceptor() = default;
+
+  // Makes the epoll set and the wake-up event the first time a multiplex is watched, and the
+  // thread whenever none is running; a failed start is tried again by the next watch.
+  bool startLocked() {
+    if (started_) return true;
+    if (!makeEpollLocked()) return false;
+    Ref<Thd> thread = Thd::create(Ref<Exec>(this));
+    if (!thread) {
+      errno = ENOMEM;
+      return false;
+    }
+    thread->setName("MuxAcceptor");
+    if (!thread->start()) {
+      errno = EAGAIN;
+      return false;
+    }
+    started_ = true;
+    return true;
+  }
+
+  bool makeEpollLocked() {
+    if (epollFd_ >= 0) return true;
+    int wake = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (wake < 0) return false;
+    int epoll = ::epoll_create1(EPOLL_CLOEXEC);
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.u64 = kWakeKey;
+    if (epoll < 0 || ::epoll_ctl(epoll, EPOLL_CTL_ADD, wake, &ev) != 0) {
+      int error = errno;
+      if (epoll >= 0) ::close(epoll);
+      ::close(wake);
+      errno = error;
+      return false;
+    }
+    wakeFd_ = wake;
+    epollFd_ = epoll;
+    return true;
+  }
+
+  // Accepts a batch from one listener under the lock, then starts the link threads without
+  // it: starting a thread is slow, and other multiplexes' accepts and closes need the lock.
+  void acceptFrom(uint64_t key) {
+    std::vector<Accepted> batch;
+    {
+      std::lock_guard lock(mutex_);
+      auto it = listeners_.find(key);
+      if (it == listeners_.end()) return;  // unwatched since the event was reported
+      const Listener& l = it->second;
+      for (int i = 0; i < kAcceptBatch; ++i) {
+        int fd = ::accept4(l.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+          if (errno == EINTR || errno == ECONNABORTED) continue;
+          if (errno != EAGAIN && errno != EWOULDBLOCK) pauseLocked(key, l.fd);
+          break;
+        }
+        ucred peer{};
+        socklen_t size = sizeof peer;
+        uint64_t pid = ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+        Ref<ChnLink> link = MuxLinkServe::make(fd, pid);
+        // A closed or full multiplex refuses the link: the client sees it end at once.
+        if (l.core->admit(link))
+          batch.push_back({l.core, std::move(link)});
+        else
+          link->shutdown();
+      }
+    }
+    for (Accepted& a : batch) a.core->serve(a.link);
+  }
+
+  void pauseLocked(uint64_t key, int fd) {
+    ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr);
+    paused_.push_back({key, Clock::now() + kAcceptPause});
+  }
+
+  // Puts paused listeners whose time has come back into the epoll set, if still watched.
+  void resumeDue() {
+    if (paused_.empty()) return;
+    const Clock::time_point now = Clock::now();
+    std::lock_guard lock(mutex_);
+    std::erase_if(paused_, [&](const Pause& p) {
+      if (p.resume > now) return false;
+      auto it = listeners_.find(p.key);
+      if (it == listeners_.end()) return true;
+      epoll_event ev{};
+      ev.events = EPOLLIN;
+      ev.data.u64 = p.key;
+      return ::epoll_ctl(epollFd_, EPOLL_CTL_ADD, it->second.fd, &ev) == 0;
+    });
+  }
+
+  // How long the next wait may last: until the earliest paused listener is due, at most the
+  // idle time while nothing is watched, otherwise for ever (-1).
+  int waitMs() {
+    int ms = -1;
+    {
+      std::lock_guard lock(mutex_);
+      if (listeners_.empty()) ms = kIdleEndMs;
+      waitsForever_ = ms < 0 && paused_.empty();
+    }
+    if (paused_.empty()) return ms;
+    Clock::time_point first = paused_.front().resume;
+    for (const Pause& p : paused_) first = std::min(first, p.resume);
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(first - Clock::now()).count();
+    int due = left > 0 ? static_cast<int>(left) : 0;
+    return ms < 0 ? due : std::min(ms, due);
+  }
+
+  // After a wait that timed out: true when nothing is watched, and the thread then ends. The
+  // next watch() starts a new one; the state stays.
+  bool endIfIdle() {
+    std::lock_guard lock(mutex_);
+    if (!listeners_.empty()) return false;
+    paused_.clear();  // only keys of unwatched listeners can be left
+    started_ = false;
+    return true;
+  }
+
+  std::mutex mutex_;
+  // Guarded by mutex_: an acceptor thread runs and has not yet decided to end.
+  bool started_ = false;
+  // Made under mutex_ before the first thread starts, never changed or closed after; threads
+  // read them without the lock.
+  int epollFd_ = -1;
+  int wakeFd_ = -1;  // eventfd: poked when the last listener goes during a wait for ever
+  // Guarded by mutex_: the thread's current wait has no time-out.
+  bool waitsForever_ = false;
+  uint64_t nextKey_ = 1;                               // guarded by mutex_
+  std::unordered_map<uint64_t, Listener> listeners_;  // guarded by mutex_
+  std::vector<Pause> paused_;  // the running acceptor thread only (handed on under mutex_)
 };
 
 }  // namespace
 
-Ref<Exec> makeAcceptor(const Ref<Multiplex::Core>& core) { return new AcceptExec(core); }
+bool MuxAcceptor::watch(const Ref<Multiplex::Core>& core) {
+  return Acceptor::instance().watch(core);
+}
+
+void MuxAcceptor::unwatch(Multiplex::Core& core) {
+  if (core.acceptKey) Acceptor::instance().unwatch(core);
+}
 
 }  // namespace Libraries::Service

@@ -1,6 +1,7 @@
-// The inside of a service multiplex, shared by its acceptor thread, its link threads and the
-// Multiplex object. Every thread holds a reference to the core, so the core outlives the last
-// of them even when the Multiplex itself has gone.
+// The inside of a service multiplex, shared by its link threads, the process-wide acceptor and
+// the Multiplex object. Every link thread holds a reference to the core, and so does the
+// acceptor while the multiplex is open, so the core outlives the last of them even when the
+// Multiplex itself has gone.
 #pragma once
 
 #include <condition_variable>
@@ -23,18 +24,18 @@ struct Multiplex::Core : public Object {
 
   ~Core() override;
 
-  // The core whose thread is running, or null on any other thread.
+  // The core whose link thread is running, or null on any other thread.
   static Core*& current();
 
-  // Starts a thread of this multiplex running `body`; counted in `running` until it calls
-  // threadEnded(). False when the thread could not be started.
-  bool startThread(Ref<Exec> body);
-  // The last thing a thread of the multiplex does.
-  void threadEnded();
-
-  // Lists a freshly accepted link; false when the multiplex is closed or full.
+  // Lists a freshly accepted link and counts its thread as running before the thread exists,
+  // so that wait() never misses a link the acceptor is still starting; false when the
+  // multiplex is closed or full. Every admitted link is then handed to serve().
   bool admit(const Ref<ChnLink>& link);
+  // Starts the thread of an admitted link; when that fails the link is shut down and forgotten.
+  void serve(const Ref<ChnLink>& link);
   void forget(const Ref<ChnLink>& link);
+  // The last thing a link thread does.
+  void threadEnded();
   // The service with id `id` (1-based); false when there is none.
   bool lookup(uint64_t id, Entry* entry);
 
@@ -44,7 +45,6 @@ struct Multiplex::Core : public Object {
 
   void close();
   bool wait(uint32_t timeoutMs);
-  bool isClosed();
   // Removes the socket file, once.
   void removeFile();
 
@@ -52,10 +52,11 @@ struct Multiplex::Core : public Object {
   Ref<String> name;
   uint64_t id = 0;
   std::string socketPath;
-  int wakeFd = -1;  // eventfd that close() pokes to stop the acceptor; closed by ~Core only
-  // The listening socket: the acceptor thread's, which closes it when it ends; ~Core closes it
-  // when the acceptor never ran.
+  // The listening socket until the acceptor takes it over (then -1); ~Core closes it only when
+  // the acceptor never had it.
   int listenFd = -1;
+  // The acceptor's key for this multiplex, 0 until it was handed over.
+  uint64_t acceptKey = 0;
 
   std::mutex mutex;
   // Signalled when a thread ends and when the notification turn comes free.
@@ -63,11 +64,24 @@ struct Multiplex::Core : public Object {
   bool closed = false;              // guarded by mutex
   bool fileRemoved = false;         // guarded by mutex
   std::vector<Entry> services;      // guarded by mutex; service id = index + 1
-  std::vector<Ref<ChnLink>> links;  // guarded by mutex: links whose threads are serving them
-  size_t running = 0;               // guarded by mutex: threads started and not yet ended
+  std::vector<Ref<ChnLink>> links;  // guarded by mutex: admitted links not yet ended
+  size_t running = 0;               // guarded by mutex: admitted links whose threads not ended
   uint64_t notifier = 0;            // guarded by mutex: thread inside a notification, 0 if none
   uint32_t notifyDepth = 0;         // guarded by mutex: how often `notifier` entered
 };
+
+// The one acceptor thread of the process (multiplex_accept.cpp). It waits on the listening
+// sockets of every open multiplex at once, accepts, admits each link to its multiplex and
+// starts the link's thread outside its own lock.
+namespace MuxAcceptor {
+// Takes over `core`'s listening socket and starts accepting for it; starts the acceptor thread
+// on first use. False with errno set when the socket cannot be watched or the thread not made;
+// the socket then stays the core's.
+bool watch(const Ref<Multiplex::Core>& core);
+// Stops accepting for `core` and closes its listening socket. Once it returns the acceptor no
+// longer touches the socket or admits links to the core. Harmless when never watched.
+void unwatch(Multiplex::Core& core);
+}  // namespace MuxAcceptor
 
 }  // namespace Libraries::Service
 
@@ -85,8 +99,3 @@ struct MuxLinkServe {
   static void dispatch(State& st, const Ref<InMsg>& msg);
   static void answerBind(State& st, uint64_t serviceId, uint32_t status);
 };
-
-namespace Libraries::Service {
-// The acceptor's body (multiplex_accept.cpp).
-Ref<Exec> makeAcceptor(const Ref<Multiplex::Core>& core);
-}  // namespace Libraries::Service

@@ -18,6 +18,39 @@
 
 using Libraries::Service::Multiplex;
 
+namespace {
+
+// The body of a link's thread.
+class LinkExec : public Object, public Exec {
+ public:
+  LinkExec(Ref<Multiplex::Core> core, Ref<ChnLink> link)
+      : core_(std::move(core)), link_(std::move(link)) {}
+  void run() override {
+    Multiplex::Core::current() = core_.get();
+    MuxLinkServe::run(*core_, link_);
+    core_->forget(link_);
+    link_.reset();
+    core_->threadEnded();
+  }
+
+ private:
+  Ref<Multiplex::Core> core_;
+  Ref<ChnLink> link_;
+};
+
+}  // namespace
+
+void Multiplex::Core::serve(const Ref<ChnLink>& link) {
+  Ref<Thd> thread = Thd::create(new LinkExec(this, link));
+  if (thread) {
+    thread->setName(name->c_str());
+    if (thread->start()) return;
+  }
+  forget(link);
+  link->shutdown();
+  threadEnded();  // admit() counted the thread
+}
+
 struct MuxLinkServe::State {
   Multiplex::Core& core;
   const Ref<ChnLink>& link;

@@ -4,78 +4,15 @@
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 
-#include "platform/multiplex.h"
-#include "platform_chn_support.h"
-#include "posix/wire.h"
+#include "platform_multiplex_support.h"
 
 using namespace chntest;
+using namespace muxtest;
 using Libraries::Service::Multiplex;
 
 namespace {
-
-
-// A service whose handle is a function; it checks that the multiplex passes no extras.
-using Handler = std::function<bool(const Ref<InMsg>&, const Ref<OutMsg>&, uint32_t*)>;
-class FnService : public Object, public Interfaces::Service {
- public:
-  explicit FnService(Handler h) : handler_(std::move(h)) {}
-  bool handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t* ret, uint64_t value,
-              Ref<Object>* extra) override {
-    return value != 0 || extra != nullptr || handler_(in, out, ret);  // extras: status 0
-  }
-  bool isBound() override { return true; }
-  uint32_t unbind(Ref<Object>) override { return 0; }
-  Ref<String> name() override { return String::create("Fn"); }
-
- private:
-  Handler handler_;
-};
-
-// Answers status tag*1000 + code, data = tag and the request's data, the blocks unchanged.
-Ref<FnService> echo(uint32_t tag) {
-  return new FnService([tag](const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t* ret) {
-    out->write(&tag, sizeof tag);
-    Bytes data(in->remaining());
-    if (!data.empty()) out->write(data.data(), in->read(data.data(), data.size()));
-    for (uint32_t i = 0; i < in->blockCount(); ++i)
-      out->addBlock(in->block(i).kind, in->block(i).data, in->block(i).length);
-    *ret = tag * 1000 + in->code();
-    return true;
-  });
-}
-
-Frame bind(uint64_t serviceId) { return Frame{PX_FRAME_BIND, 0, serviceId, {}, {}}; }
-
-class MultiplexTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    static int serial = 0;
-    name = "TestMux" + std::to_string(++serial);  // no thread of an earlier test has it
-    mux = Multiplex::create(String::create(name.c_str()));
-    ASSERT_TRUE(mux);
-    path = chnPath(mux->channelId());
-  }
-  void TearDown() override {
-    if (mux) mux->close();
-    EXPECT_TRUE(!mux || mux->wait(5000));
-  }
-  // A client bound to `serviceId`; checks the bind reply.
-  std::unique_ptr<Client> bound(uint64_t serviceId) {
-    auto client = std::make_unique<Client>(path);
-    Frame f;
-    EXPECT_TRUE(client->send(bind(serviceId)) && client->recvFrame(&f));
-    EXPECT_TRUE(f.kind == PX_FRAME_REPLY && f.id == serviceId && f.code == 1u) << f.code;
-    return client;
-  }
-
-  RuntimeDirScope rt;
-  std::string name;
-  Ref<Multiplex> mux;
-  std::string path;
-};
 
 TEST_F(MultiplexTest, BindsRouteRequestsToTheirServices) {
   Ref<RecordingConMan> manA = new RecordingConMan(), manB = new RecordingConMan();
@@ -211,7 +148,7 @@ TEST_F(MultiplexTest, CloseEndsEveryLinkAndThreadAndRemovesTheSocket) {
   for (int i = 0; i < 5; ++i) clients.push_back(bound(1));
   Client unbound(path);
   auto stopper = bound(2);
-  ASSERT_TRUE(eventually([&] { return threadsNamed(name) == 8; }));  // acceptor, 7 links
+  ASSERT_TRUE(eventually([&] { return threadsNamed(name) == 7; }));  // one per link
 
   ASSERT_TRUE(stopper->send(request(1, 5)));
   EXPECT_TRUE(stopper->closedByPeer());  // closing shut its link down before the reply

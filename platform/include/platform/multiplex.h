@@ -3,14 +3,16 @@
 // sends a bind frame naming a service, and from then on every request of that link goes to
 // that service.
 //
-// Threads: one acceptor thread per multiplex and one thread per link. A link's thread reads the
-// link's requests and calls its service's handle(); it also runs the connection manager's
-// connect and disconnect for that link. The notifications of one multiplex are serialised: no
-// two connect/disconnect calls of one multiplex run at the same time, so a connection manager
-// may count links in plain fields. A handler may block; a link waits in poll() on its socket
-// and a wake-up event, so close() and a client hang-up end it at once. A handler that blocks
-// for a long time waits in slices and asks ChnLink::peerGone() between them (the stream
-// resolver does so), so that it, too, ends shortly after the client or the multiplex has gone.
+// Threads: one thread per link. Connections are accepted by a single acceptor thread that the
+// process shares among all its multiplexes, so an idle multiplex costs no thread. A link's
+// thread reads the link's requests and calls its service's handle(); it also runs the
+// connection manager's connect and disconnect for that link. The notifications of one
+// multiplex are serialised: no two connect/disconnect calls of one multiplex run at the same
+// time, so a connection manager may count links in plain fields. A handler may block; a link
+// waits in poll() on its socket and a wake-up event, so close() and a client hang-up end it at
+// once. A handler that blocks for a long time waits in slices and asks ChnLink::peerGone()
+// between them (the stream resolver does so), so that it, too, ends shortly after the client
+// or the multiplex has gone.
 #pragma once
 
 #include <cstddef>
@@ -29,7 +31,8 @@ class Multiplex : public Object {
   static constexpr size_t kMaxLinks = 256;
 
   // A new multiplex listening on a fresh channel socket; `name` names its threads in logs and
-  // thread lists. Null (and Error set) when the socket or the acceptor thread cannot be made.
+  // thread lists. Null (and Error set) when the socket cannot be made or not be watched for
+  // connections (the shared acceptor thread starts with the first multiplex).
   static Ref<Multiplex> create(Ref<String> name);
 
   // Adds a service served for links that bind to it; `conMan` is asked on every bind and told
@@ -39,11 +42,12 @@ class Multiplex : public Object {
   uint64_t channelId() const;
   const Ref<String>& name() const;
 
-  // Stops accepting, removes the socket file and shuts every link down. Any thread may call
-  // it, one of the multiplex's own link threads too (from a handler or a notification).
+  // Stops accepting, removes the socket file and shuts every link down; once it has returned no
+  // further link is admitted. Any thread may call it, one of the multiplex's own link threads
+  // too (from a handler or a notification).
   void close();
-  // Waits until every thread of the multiplex has ended, except the calling thread when it is
-  // one of them; false when the time-out ended first. Called from inside a notification, it
+  // Waits until every link thread of the multiplex has ended, except the calling thread when it
+  // is one of them; false when the time-out ended first. Called from inside a notification, it
   // lets the other links' notifications run meanwhile, so nothing deadlocks.
   bool wait(uint32_t timeoutMs);
 
