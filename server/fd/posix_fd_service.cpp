@@ -6,7 +6,11 @@
 
 #include "fd/fd_log.h"
 #include "fd/fd_table.h"
+#include "fd/file_description_server_fs_item.h"
+#include "fd/file_description_server_socket.h"
 #include "fifo/fifo_pairs.h"
+#include "platform/error.h"
+#include "platform/local_file.h"
 
 namespace posix {
 LogModule fdServiceLog;
@@ -14,12 +18,50 @@ LogModule fdServiceLog;
 
 namespace {
 
-// One reserved number: a descriptor without a description, so it has no node (result 8).
+// Puts `entry` under the lowest free number and answers that number, then the node provider
+// record of its description. Result 8 when no node stands behind the number (a reserved
+// number has no description at all); 0, with the entry freed, when no number is free.
+uint32_t registerDescriptor(const Ref<OutMsg>& reply, FDTable& table, FileDescriptor* entry) {
+  Ref<FileDescriptionServer> server = entry->server;
+  int32_t fd = table.insert(entry, 0);
+  if (fd < 0) {
+    delete entry;
+    return PX_RESULT_FAILED;
+  }
+  if (reply->write(&fd, sizeof fd) != sizeof fd) return PX_RESULT_REPLY_UNWRITTEN;
+  Ref<Services::Nodes::Provider> provider =
+      server && server->node() ? Services::Nodes::Provider::create(server->node(), 0) : nullptr;
+  if (!provider) return PX_FD_RESULT_NO_NODE;
+  return provider->serialize(reply) ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
+}
+
 uint32_t reserve(const Ref<OutMsg>& reply, FDTable& table) {
-  int32_t fd = table.insert(new FileDescriptor{}, 0);
-  if (fd < 0) return PX_RESULT_FAILED;
-  reply->write(&fd, sizeof fd);
-  return PX_FD_RESULT_NO_NODE;
+  return registerDescriptor(reply, table, new FileDescriptor{});
+}
+
+// Opens a host item: string path, u32 open flags, u32 mode (both 0 when missing). When the host
+// refuses, result 7 and its error code; no number is taken then.
+uint32_t openItem(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& table) {
+  Ref<String> path = String::create(request);
+  uint32_t flags = 0;
+  uint32_t mode = 0;
+  request->read(&flags, sizeof flags);
+  request->read(&mode, sizeof mode);
+  Ref<LocalFileDescriptionFSItem> item = LocalFileDescriptionFSItem::open(path, flags, mode);
+  if (!item) {
+    uint32_t error = Error::get();
+    reply->write(&error, sizeof error);
+    return PX_FD_RESULT_OPEN_FAILED;
+  }
+  Ref<FileDescriptionServerFSItem> server = FileDescriptionServerFSItem::create(std::move(item));
+  if (!server) return PX_RESULT_FAILED;
+  return registerDescriptor(reply, table, new FileDescriptor{server, false});
+}
+
+uint32_t createSocket(const Ref<OutMsg>& reply, FDTable& table) {
+  Ref<FileDescriptionServerSocket> server = FileDescriptionServerSocket::create();
+  if (!server) return PX_RESULT_FAILED;
+  return registerDescriptor(reply, table, new FileDescriptor{server, false});
 }
 
 uint32_t closeFd(const Ref<InMsg>& request, FDTable& table) {
@@ -100,7 +142,9 @@ uint32_t PosixFDService::handle(const Ref<InMsg>& request, const Ref<OutMsg>& re
     case PX_FD_CMD_GET_TABLE:
       // The result is the number of entries present, placeholders included.
       return static_cast<uint32_t>(table.serialize(reply));
+    case PX_FD_CMD_OPEN: return openItem(request, reply, table);
     case PX_FD_CMD_CREATE_PIPE: return createPipe(reply, table);
+    case PX_FD_CMD_CREATE_SOCKET: return createSocket(reply, table);
     case PX_FD_CMD_RESERVE:
     case PX_FD_CMD_RESERVE_ALT1:
     case PX_FD_CMD_RESERVE_ALT2: return reserve(reply, table);

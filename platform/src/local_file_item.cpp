@@ -1,0 +1,76 @@
+// Opening a host file-system item as a local file description: the host open file description
+// is made once here, its type and abilities are settled from what the host says about it, and
+// it stays open until the last holder of the item lets go.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/error.h"
+#include "platform/local_file.h"
+
+namespace {
+
+int32_t typeOf(mode_t mode) {
+  if (S_ISREG(mode)) return 1;
+  if (S_ISDIR(mode)) return 2;
+  if (S_ISCHR(mode)) return 3;
+  if (S_ISBLK(mode)) return 4;
+  if (S_ISSOCK(mode)) return 6;
+  return 9;  // host FIFOs and symbolic links opened with O_PATH among others
+}
+
+}  // namespace
+
+Ref<LocalFileDescriptionFSItem> LocalFileDescriptionFSItem::open(const Ref<String>& path,
+                                                                 uint32_t openFlags,
+                                                                 uint32_t openMode) {
+  if (!path || std::strlen(path->c_str()) != path->length()) {
+    // A zero byte inside the path would make the host open a shorter path than was asked for.
+    Error::set(EINVAL);
+    return nullptr;
+  }
+  // The open itself never waits: a host FIFO without a peer, or a device waiting for a line,
+  // would otherwise hold the opening thread (and every request queued behind it) for as long
+  // as it likes. Non-blocking mode is taken off again unless it was asked for.
+  int fd;
+  do {
+    fd = ::open(path->c_str(), static_cast<int>(openFlags) | O_CLOEXEC | O_NONBLOCK,
+                static_cast<mode_t>(openMode));
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) {
+    Error::set(static_cast<uint32_t>(errno));
+    return nullptr;
+  }
+  if (!(openFlags & O_NONBLOCK)) {
+    int status = ::fcntl(fd, F_GETFL);
+    if (status >= 0) ::fcntl(fd, F_SETFL, status & ~O_NONBLOCK);
+  }
+  struct stat st;
+  if (::fstat(fd, &st) != 0) {
+    Error::set(static_cast<uint32_t>(errno));
+    ::close(fd);
+    return nullptr;
+  }
+  const int32_t type = typeOf(st.st_mode);
+  // Asking for the current offset moves nothing and fails exactly where a seek cannot work
+  // (pipes, sockets, FIFOs).
+  const bool canSeek = ::lseek(fd, 0, SEEK_CUR) >= 0;
+  const uint32_t access = openFlags & O_ACCMODE;
+  const bool canResize = type == 1 && (access == O_WRONLY || access == O_RDWR);
+  return new LocalFileDescriptionFSItem(fd, path, openFlags, type, canSeek, canResize);
+}
+
+Ref<Interfaces::Seekable> LocalFileDescriptionFSItem::seekable() {
+  if (!canSeek_) return nullptr;
+  return this;
+}
+
+Ref<Interfaces::Resizable> LocalFileDescriptionFSItem::resizable() {
+  if (!canResize_) return nullptr;
+  return this;
+}
+
+LocalFileDescriptionFSItem::~LocalFileDescriptionFSItem() { ::close(fd_); }

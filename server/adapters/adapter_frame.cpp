@@ -1,0 +1,49 @@
+#include "adapters/adapter_frame.h"
+
+#include <bit>
+
+#include "platform/message.h"
+#include "platform/sync.h"
+
+// Values travel in the machine's byte order, which the wire format requires to be little-endian.
+static_assert(std::endian::native == std::endian::little);
+
+namespace posix {
+
+uint64_t adapterLogHandle() {
+  // Registering the same names again answers the same handles, so the first user may do it.
+  static const uint64_t handle = [] {
+    LogModule module;
+    module.init();
+    return module.handle;
+  }();
+  return handle;
+}
+
+bool checkAdapterRequest(const Ref<InMsg>& in, const Ref<OutMsg>& out, const uint32_t* ret,
+                         const char* function) {
+  POSIX_ASSERT(in, "in != 0", 38, function);
+  POSIX_ASSERT(out, "out != 0", 39, function);
+  POSIX_ASSERT(ret, "ret != 0", 40, function);
+  return in && out && ret;
+}
+
+void logInvalidCommand(const char* function, uint32_t code) {
+  POSIX_LOG(adapterLogHandle(), 1,
+            function << " : " << "Invalid command " << dec << static_cast<int32_t>(code));
+}
+
+bool readValue(const Ref<InMsg>& in, uint64_t* value) {
+  uint64_t v = 0;
+  if (in->read(Interfaces::MemDesc::direct(&v, sizeof v), sizeof v, kForever) != sizeof v)
+    return false;
+  *value = v;
+  return true;
+}
+
+bool writeValue(const Ref<OutMsg>& out, uint64_t value) {
+  return out->write(Interfaces::MemDesc::direct(&value, sizeof value), sizeof value, kForever) ==
+         sizeof value;
+}
+
+}  // namespace posix

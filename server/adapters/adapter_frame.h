@@ -1,0 +1,46 @@
+// What the adapter services share. Each adapter serves one object of an opened item (its
+// stream, seekable or resizable object) as a service of the item's multiplex: an interface
+// class that a multiplex can take, and an implementation object that holds the wrapped object
+// and answers the requests.
+//
+// Every adapter accepts every link, is never bound to a client, keeps nothing per link and
+// answers every request it is handed (its handler always answers true).
+#pragma once
+
+#include <cstdint>
+
+#include "common/log.h"
+#include "platform/chn.h"
+#include "platform/service.h"
+
+namespace posix {
+
+// The adapters' handle of "POSIX SERVER", registered on first use.
+uint64_t adapterLogHandle();
+
+// The log-only assertions of a request's three arguments, written for `function`. Answers
+// whether all three are there; a handler serves nothing without them.
+bool checkAdapterRequest(const Ref<InMsg>& in, const Ref<OutMsg>& out, const uint32_t* ret,
+                         const char* function);
+
+// Logs "<function> : Invalid command <code>" at level 1.
+void logInvalidCommand(const char* function, uint32_t code);
+
+// Reads one 64-bit value of exactly 8 bytes from the request; false when fewer arrived.
+bool readValue(const Ref<InMsg>& in, uint64_t* value);
+// Writes one 64-bit value of exactly 8 bytes to the reply; false when it did not fit whole.
+bool writeValue(const Ref<OutMsg>& out, uint64_t value);
+
+}  // namespace posix
+
+// The operations every adapter implementation answers alike. `Interface` is the adapter's
+// interface class.
+template <class Interface>
+class AdapterServiceObj : public Object, public Interface {
+ public:
+  // An adapter serves an object, never a client of its own.
+  bool isBound() override { return false; }
+  uint32_t unbind(Ref<Object> /*binding*/) override { return 0; }
+  bool connect(const Ref<ChnLink>& /*link*/) override { return true; }
+  void disconnect(const Ref<ChnLink>& /*link*/) override {}
+};

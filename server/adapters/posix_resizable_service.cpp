@@ -1,0 +1,57 @@
+#include "adapters/posix_resizable_service.h"
+
+#include <new>
+#include <posix/wire.h>
+
+#include "adapters/adapter_frame.h"
+
+namespace {
+
+constexpr const char* kHandler = "PosixResizableServiceObj::handle";
+
+class PosixResizableServiceObj : public AdapterServiceObj<PosixResizableService> {
+ public:
+  explicit PosixResizableServiceObj(Ref<Interfaces::Resizable> resize) : resize_(std::move(resize)) {}
+
+  bool handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t* ret, uint64_t /*value*/,
+              Ref<Object>* /*extra*/) override {
+    if (posix::checkAdapterRequest(in, out, ret, kHandler)) *ret = serve(in, out);
+    return true;
+  }
+  Ref<String> name() override { return String::create("PosixResizableService"); }
+
+ private:
+  uint32_t serve(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
+    switch (in->code()) {
+      case kCommandSize:
+        return posix::writeValue(out, resize_->size()) ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
+      case kCommandResize: {
+        uint64_t size = 0;
+        if (!posix::readValue(in, &size)) return PX_RESULT_SHORT_REQUEST;
+        // The resize has happened: a reply that does not fit changes nothing about that.
+        posix::writeValue(out, resize_->resize(size));
+        return PX_RESULT_DONE;
+      }
+      default:
+        posix::logInvalidCommand(kHandler, in->code());
+        return PX_RESULT_FAILED;
+    }
+  }
+
+  const Ref<Interfaces::Resizable> resize_;
+};
+
+}  // namespace
+
+Ref<PosixResizableService> PosixResizableService::create(Ref<Interfaces::Resizable> resize) {
+  if (!resize) {
+    posix::assertFailed("resize != 0", 23, "PosixResizableService::create");
+    return nullptr;
+  }
+  auto* service = new (std::nothrow) PosixResizableServiceObj(std::move(resize));
+  if (!service) {
+    POSIX_LOG(posix::adapterLogHandle(), 4, "Out of memory");
+    return nullptr;
+  }
+  return service;
+}

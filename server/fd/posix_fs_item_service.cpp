@@ -1,0 +1,37 @@
+#include "fd/posix_fs_item_service.h"
+
+#include <posix/wire.h>
+
+#include "common/log.h"
+#include "fd/file_description_server_fs_item.h"
+#include "platform/sync.h"
+
+PosixFSItemService::PosixFSItemService(FileDescriptionServerFSItem* server) : server_(server) {}
+
+Ref<PosixFSItemService> PosixFSItemService::create(FileDescriptionServerFSItem* server) {
+  if (!server) return nullptr;
+  return new PosixFSItemService(server);
+}
+
+bool PosixFSItemService::handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t* ret,
+                                uint64_t /*value*/, Ref<Object>* /*extra*/) {
+  POSIX_ASSERT(in, "in != 0", __LINE__, "PosixFSItemService::handle");
+  POSIX_ASSERT(out, "out != 0", __LINE__, "PosixFSItemService::handle");
+  POSIX_ASSERT(ret, "ret != 0", __LINE__, "PosixFSItemService::handle");
+  if (!in || !out || !ret) return true;
+  *ret = PX_RESULT_FAILED;
+  Ref<FileDescriptionServerFSItem> server = GcProxy::lockWeakRef(server_);
+  if (!server || static_cast<int32_t>(in->code()) != kCommandDescribe) return true;
+
+  const Ref<LocalFileDescriptionFSItem>& item = server->item();
+  Ref<Interfaces::FileSystemObject> object = item->fileSystemObject();
+  Ref<String> path = object->path();
+  int32_t type = object->objectType();
+  uint32_t flags = item->openFlags();
+  // A path that came in one request always fits one reply with the two values after it.
+  path->write(out);
+  out->write(Interfaces::MemDesc::direct(&type, sizeof type), sizeof type, kForever);
+  out->write(Interfaces::MemDesc::direct(&flags, sizeof flags), sizeof flags, kForever);
+  *ret = PX_RESULT_DONE;
+  return true;
+}

@@ -1,0 +1,23 @@
+#include "fd/posix_socket_service.h"
+
+#include <posix/wire.h>
+
+#include "common/log.h"
+#include "fd/file_description_server_socket.h"
+
+PosixSocketService::PosixSocketService(FileDescriptionServerSocket* server) : server_(server) {}
+
+Ref<PosixSocketService> PosixSocketService::create(FileDescriptionServerSocket* server) {
+  if (!server) return nullptr;
+  return new PosixSocketService(server);
+}
+
+bool PosixSocketService::handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t* ret,
+                                uint64_t /*value*/, Ref<Object>* /*extra*/) {
+  POSIX_ASSERT(in, "in != 0", __LINE__, "PosixSocketService::handle");
+  POSIX_ASSERT(out, "out != 0", __LINE__, "PosixSocketService::handle");
+  POSIX_ASSERT(ret, "ret != 0", __LINE__, "PosixSocketService::handle");
+  // No socket operation is served here, whether or not the description still lives.
+  if (ret) *ret = PX_RESULT_FAILED;
+  return true;
+}
