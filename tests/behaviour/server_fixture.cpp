@@ -22,6 +22,28 @@ constexpr int kStartTimeoutMs = 10000;
 
 int removeEntry(const char* p, const struct stat*, int, struct FTW*) { return remove(p); }
 
+// The server and the programs it starts write to the logs in RT; under a sanitizer their
+// reports land there too, and a report is a failure of the test that provoked it.
+void expectNoSanitizerReports(const std::string& dir) {
+  static const char* const kMarkers[] = {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                                         "WARNING: ThreadSanitizer", "runtime error:"};
+  DIR* d = opendir(dir.c_str());
+  if (d == nullptr) return;
+  while (dirent* entry = readdir(d)) {
+    std::string name = entry->d_name;
+    if (name.size() < 4 || name.compare(name.size() - 4, 4, ".log") != 0) continue;
+    std::ifstream in(dir + "/" + name);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    for (const char* marker : kMarkers) {
+      size_t at = text.find(marker);
+      if (at == std::string::npos) continue;
+      ADD_FAILURE() << "sanitizer report in " << name << ":\n" << text.substr(at, 4000);
+      break;
+    }
+  }
+  closedir(d);
+}
+
 // The pids whose parent is `parent` (read from /proc/<pid>/stat).
 std::vector<pid_t> childrenOf(pid_t parent) {
   std::vector<pid_t> found;
@@ -95,7 +117,9 @@ void ServerFixture::TearDown() {
     kill(background, SIGKILL);
     for (pid_t pid : more) kill(pid, SIGKILL);
   }
-  if (!rt_.empty()) nftw(rt_.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+  if (rt_.empty()) return;
+  expectNoSanitizerReports(rt_);
+  nftw(rt_.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
 pid_t ServerFixture::launchServer(const std::string& logPath) {
