@@ -21,6 +21,7 @@ inline const std::vector<BenchPair>& benchPairs() {
       {"pipe 256 MiB vs default pipe", "BM_PipeThroughputServer", "BM_PipeThroughputLinuxDefault",
        0.0, true},
       {"pipe + 2 close", "BM_PipeCreateCloseServer", "BM_PipeCreateCloseLinux", 0.0, false},
+      {"file read 64 MiB in 64 KiB reads", "BM_FileReadServer", "BM_FileReadLinux", 0.3, true},
   };
   return pairs;
 }

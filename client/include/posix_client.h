@@ -234,6 +234,66 @@ int px_fd_table(px_fd_record* out, int max);
 /* A short name of a description type: "file", "fifo", "socket", ... ("?" when unknown). */
 const char* px_fd_kind_name(int kind);
 
+/*
+ * Files and sockets. An opened file-system item is a description of the server like a pipe
+ * end: its descriptors inherit into spawned children under the same numbers, and every
+ * descriptor of it, in every process, shares its offset, which only the server keeps (so
+ * px_lseek always asks it). The item is opened by the server process on the host: paths are
+ * host paths, and the open flags and mode are the host's O_* flags and mode bits, passed
+ * through. Reading a file answers 0 at its end; reading an item that may wait (a terminal, a
+ * host FIFO) waits for data as a pipe end does.
+ *
+ * errno values, beyond those of the descriptor calls above:
+ *   px_open      the host's own error for the open (ENOENT, EACCES, EISDIR, EEXIST...);
+ *                EMFILE when the server made no description or had no number free; EFAULT
+ *                for a NULL path, ENOENT for an empty one
+ *   px_read      EBADF when the item was opened write-only, EISDIR for a directory
+ *   px_write     EBADF when the item was opened read-only, EISDIR for a directory, EIO when
+ *                the host took none of the bytes
+ *   px_lseek     ESPIPE when the description cannot seek (a pipe, a socket); EINVAL for an
+ *                unknown origin, a resulting offset below 0, or a position the host refused;
+ *                EOVERFLOW when the offset does not fit in 64 bits
+ *   px_ftruncate EINVAL for a negative length, or when the description cannot be resized (it
+ *                was not opened for writing, or it is no regular file); EIO when the host
+ *                refused the size
+ *   px_describe  EINVAL for a description that is no file-system item; ENAMETOOLONG when the
+ *                path does not fit in px_item_info
+ *   px_socket    EMFILE when the server made no socket or had no number free
+ * A number reserved without a description answers EBADF to all of them.
+ */
+
+/* Opens `path` through the server (a relative path is made absolute against the caller's
+ * working directory first); answers the lowest free number. `mode` counts with O_CREAT. */
+int px_open(const char* path, int flags, unsigned mode);
+
+/* Sets the offset of fd's description: whence is SEEK_SET, SEEK_CUR or SEEK_END. Answers the
+ * new offset. px_lseek(fd, 0, SEEK_CUR) only asks for it. The offset is read and set in
+ * separate requests, so a relative seek is not atomic against another process moving the
+ * same offset. SEEK_END takes the size from the server when the item was opened for writing;
+ * otherwise from the item at its path on the host. */
+int64_t px_lseek(int fd, int64_t offset, int whence);
+
+/* Cuts or extends the item to `length` bytes (the new bytes read as zeros). */
+int px_ftruncate(int fd, int64_t length);
+
+#define PX_ITEM_PATH_MAX 4096
+
+typedef struct px_item_info {
+  char path[PX_ITEM_PATH_MAX]; /* the absolute host path it was opened by, NUL-terminated */
+  int32_t type;                /* PX_FD_KIND_* */
+  uint32_t open_flags;         /* the host O_* flags of the open, as the server keeps them */
+  int has_size;                /* 1 when `size` is set: the item can be resized */
+  int64_t size;                /* its size in bytes when has_size */
+} px_item_info;
+
+/* Describes the file-system item behind fd. */
+int px_describe(int fd, px_item_info* out);
+
+/* A new socket description under the lowest free number. The server only numbers and
+ * tables it (type PX_FD_KIND_SOCKET): it has no stream (px_read and px_write answer EINVAL)
+ * and cannot seek. */
+int px_socket(void);
+
 /* A pipe of the process service: two ends that no descriptor table holds. Each end lives while
  * a connection to it is open and closes itself when its last connection goes, also when the
  * process dies. The handles read and write like px_read/px_write. */

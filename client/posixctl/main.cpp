@@ -28,6 +28,7 @@ const char kHelp[] =
     "  pgid PID                print the group of PID\n"
     "  ppid                    print posixctl's parent as the server knows it (0: none)\n"
     "  fds                     list posixctl's descriptor table as the server serialises it\n"
+    "  cat PATH...             copy each file, read through the server, to standard output\n"
     "  help                    this text\n"
     "\n"
     "Signal numbers are the system's own: 9 kill, 16 child, 17 continue, 18 stop.\n"
@@ -79,5 +80,6 @@ int main(int argc, char** argv) {
   if (cmd == "pgid") return cmdPgid(args);
   if (cmd == "ppid") return cmdPpid(args);
   if (cmd == "fds") return cmdFds(args);
+  if (cmd == "cat") return cmdCat(args);
   return usage("unknown command '" + cmd + "'");
 }

@@ -33,6 +33,7 @@ int cmdStart(const std::vector<std::string>& args);
 int cmdStop(const std::vector<std::string>& args);
 int cmdStatus(const std::vector<std::string>& args);
 int cmdFds(const std::vector<std::string>& args);
+int cmdCat(const std::vector<std::string>& args);
 int cmdRun(const std::vector<std::string>& args);
 int cmdKill(const std::vector<std::string>& args);
 int cmdKillpg(const std::vector<std::string>& args);

@@ -1,13 +1,16 @@
 // Reading and writing a description through its node: the stream service moves the bytes, and
 // after a transfer of 0 bytes the FIFO status service tells end-of-file, broken pipe and
-// time-out apart. Requests wait at most one slice in the server, so a blocking call notices a
-// server that went away, and a host signal handler can end it between slices.
+// time-out apart (a file-system item has none: there an empty read is the end of the file).
+// Requests wait at most one slice in the server, so a blocking call notices a server that
+// went away, and a host signal handler can end it between slices.
 #include <errno.h>
+#include <fcntl.h>
 
 #include <algorithm>
-#include <cstring>
+#include <chrono>
 
 #include "internal.h"
+#include "posix_client.h"
 
 namespace pxc {
 
@@ -25,13 +28,38 @@ constexpr int64_t kBrokenPipe = 2;
 constexpr int64_t kNotReadable = 3;  // also: the end has gone
 constexpr int64_t kNotWritable = 4;
 
+using Clock = std::chrono::steady_clock;
+
+// Whether a blocking request that moved nothing took (nearly) its whole slice in the server;
+// three quarters allow for clocks that wake a little early.
+bool sliceUsed(Clock::time_point started, bool nonblock) {
+  return !nonblock && Clock::now() - started >= std::chrono::milliseconds(kSliceMs * 3 / 4);
+}
+
 }  // namespace
 
 Description::Description(int32_t type, NodeRecord node) : type_(type), node_(std::move(node)) {}
 
 Description::~Description() {
-  delete stream_.link;
-  delete status_.link;
+  for (Slot* slot : {&stream_, &status_, &seek_, &resize_, &item_}) delete slot->link;
+}
+
+Description::Slot* Description::slotFor(uint64_t iface) {
+  switch (iface) {
+    case PX_IFACE_STREAM: return &stream_;
+    case PX_IFACE_FIFO_STATUS: return &status_;
+    case PX_IFACE_SEEKABLE: return &seek_;
+    case PX_IFACE_RESIZABLE: return &resize_;
+    case PX_IFACE_FS_ITEM: return &item_;
+    default: return nullptr;
+  }
+}
+
+int32_t Description::type() {
+  int32_t known = type_.load(std::memory_order_relaxed);
+  if (known != kTypeUnknown) return known;
+  ItemInfo info;
+  return describe(&info) == 0 ? info.type : PX_FD_KIND_OTHER;
 }
 
 bool Description::sameAs(const NodeRecord& other) const {
@@ -71,6 +99,26 @@ int Description::connect() {
   return ensure(stream_, PX_IFACE_STREAM);
 }
 
+int Description::ask(uint64_t iface, FrameWriter& req, Reply* out) {
+  Slot* slot = slotFor(iface);
+  if (slot == nullptr) return EINVAL;
+  std::lock_guard<std::mutex> lock(slot->mutex);
+  return call(*slot, iface, req, out, nullptr);
+}
+
+int Description::itemEmpty(bool writing, bool sliceUsed) {
+  const int otherwise = writing ? EIO : 0;
+  ItemInfo info;
+  if (describe(&info) != 0) return otherwise;
+  if (info.type == PX_FD_KIND_DIRECTORY) return EISDIR;
+  uint32_t mode = info.openFlags & O_ACCMODE;
+  if (mode == static_cast<uint32_t>(writing ? O_RDONLY : O_WRONLY)) return EBADF;
+  // Files, directories and block devices answer at once; anything else (a terminal, a host
+  // FIFO) waits in the server, and an answer that took the whole slice is its time-out.
+  bool mayWait = info.type != PX_FD_KIND_FILE && info.type != PX_FD_KIND_BLOCK_DEVICE;
+  return mayWait && sliceUsed ? kTimedOut : otherwise;
+}
+
 int64_t Description::status(uint32_t command) {
   if (node_.find(PX_IFACE_FIFO_STATUS) == nullptr) return -1;
   std::lock_guard<std::mutex> lock(status_.mutex);
@@ -87,21 +135,33 @@ int64_t Description::read(void* buf, size_t n, bool nonblock) {
   // of an end anyway, and the status answered after a read then belongs to that read.
   std::lock_guard<std::mutex> lock(stream_.mutex);
   for (;;) {
+    int err = ensure(stream_, PX_IFACE_STREAM);
+    if (err != 0) return -err;
     FrameWriter req(PX_STREAM_READ);
     req.u64(want);
     req.u32(nonblock ? 0 : kSliceMs);
-    Reply reply;
+    uint32_t code = 0;
+    size_t got = 0;
     bool interrupted = false;
-    int err = call(stream_, PX_IFACE_STREAM, req, &reply, &interrupted);
-    if (err != 0) return -err;
-    if (reply.code != PX_RESULT_DONE) return -EPROTO;
-    if (!reply.data.empty()) {
-      size_t got = std::min<size_t>(reply.data.size(), want);
-      std::memcpy(buf, reply.data.data(), got);
-      return static_cast<int64_t>(got);
+    const Clock::time_point started = Clock::now();
+    // The bytes land in the caller's buffer straight from the socket: a file read moves up
+    // to 64 KiB per request, and a copy more per request is a good part of its cost.
+    err = stream_.link->callInto(req, buf, want, &code, &got, &interrupted);
+    if (err != 0) {
+      delete stream_.link;
+      stream_.link = nullptr;
+      return -err;
     }
+    if (code != PX_RESULT_DONE) return -EPROTO;
+    if (got > 0) return static_cast<int64_t>(got);
     int64_t st = status(kStatusLast);
-    if (st < 0) return 0;  // nothing to ask: an empty read is the end of the data
+    // No status service: nothing tells more, an empty read is the end of the data; a
+    // file-system item's own description tells the rest.
+    if (st < 0 && !offers(PX_IFACE_FS_ITEM)) return 0;
+    if (st < 0) {
+      int why = itemEmpty(false, sliceUsed(started, nonblock));
+      if (why != kTimedOut) return -why;
+    }
     if (st == kEndOfFile) return 0;
     if (st == kNotReadable) return -EBADF;
     // A time-out (5), or 0 when another reader's call overwrote the status: nothing yet.
@@ -121,6 +181,7 @@ int64_t Description::write(const void* buf, size_t n, bool nonblock) {
     req.bytes(bytes + done, chunk);
     Reply reply;
     bool interrupted = false;
+    const Clock::time_point started = Clock::now();
     int err = call(stream_, PX_IFACE_STREAM, req, &reply, &interrupted);
     if (err != 0) return done > 0 ? static_cast<int64_t>(done) : -err;
     uint64_t count = 0;
@@ -131,7 +192,11 @@ int64_t Description::write(const void* buf, size_t n, bool nonblock) {
     if (count > 0) continue;
     int64_t st = status(kStatusLast);
     int fault = 0;
-    if (st < 0) fault = EIO;  // not a FIFO: an empty write has no reason to retry
+    // Not a FIFO: an empty write has no reason to retry, unless an item ran out its slice.
+    if (st < 0) {
+      fault = offers(PX_IFACE_FS_ITEM) ? itemEmpty(true, sliceUsed(started, nonblock)) : EIO;
+    }
+    if (fault == kTimedOut) fault = 0;
     if (st == kBrokenPipe) fault = EPIPE;
     if (st == kNotWritable || st == kNotReadable) fault = EBADF;
     if (fault == 0 && nonblock) fault = EAGAIN;

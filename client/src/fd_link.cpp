@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -69,17 +70,33 @@ ServiceLink* ServiceLink::openService(uint64_t channel, uint64_t service, int* e
   return link;
 }
 
-int ServiceLink::call(FrameWriter& req, Reply* out, bool* interrupted) {
+int ServiceLink::sendRequest(FrameWriter& req, uint64_t* id) {
   if (!req.ok()) return E2BIG;
-  uint64_t id = nextRequestId();
-  const std::vector<uint8_t>& frame = req.finish(id);
+  *id = nextRequestId();
+  const std::vector<uint8_t>& frame = req.finish(*id);
   for (;;) {
     ssize_t n = ::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL);
-    if (n == static_cast<ssize_t>(frame.size())) break;
+    if (n == static_cast<ssize_t>(frame.size())) return 0;
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && (errno == EPIPE || errno == ENOTCONN || errno == ECONNREFUSED)) return ECONNRESET;
     return n < 0 ? errno : EPROTO;
   }
+}
+
+namespace {
+
+// errno for a failed receive on a link (EINTR is handled by the callers).
+int receiveError(ssize_t n) {
+  if (n == 0) return ECONNRESET;
+  return errno == EAGAIN ? ETIMEDOUT : (errno == ECONNREFUSED ? ECONNRESET : errno);
+}
+
+}  // namespace
+
+int ServiceLink::call(FrameWriter& req, Reply* out, bool* interrupted) {
+  uint64_t id = 0;
+  int err = sendRequest(req, &id);
+  if (err != 0) return err;
   for (;;) {
     ssize_t n = recv(fd_, buffer_.data(), buffer_.size(), MSG_TRUNC);
     if (n < 0 && errno == EINTR) {
@@ -88,12 +105,44 @@ int ServiceLink::call(FrameWriter& req, Reply* out, bool* interrupted) {
       if (interrupted != nullptr) *interrupted = true;
       continue;
     }
-    if (n < 0) return errno == EAGAIN ? ETIMEDOUT : (errno == ECONNREFUSED ? ECONNRESET : errno);
-    if (n == 0) return ECONNRESET;
+    if (n <= 0) return receiveError(n);
     if (static_cast<size_t>(n) > buffer_.size()) return EPROTO;
     if (!decodeReply(buffer_.data(), static_cast<size_t>(n), out)) return EPROTO;
     if (out->id == id) return 0;
     // An answer to an earlier request of this link that its caller gave up on: skip it.
+  }
+}
+
+int ServiceLink::callInto(FrameWriter& req, void* buf, size_t cap, uint32_t* status,
+                          size_t* got, bool* interrupted) {
+  uint64_t id = 0;
+  int err = sendRequest(req, &id);
+  if (err != 0) return err;
+  uint8_t head[PX_FRAME_HEADER_SIZE];
+  for (;;) {
+    // The header, then the data into the caller's buffer, and whatever is beyond (a longer
+    // answer than asked for, or blocks) into the link's own buffer, so nothing is cut off.
+    struct iovec iov[3] = {{head, sizeof head}, {buf, cap}, {buffer_.data(), buffer_.size()}};
+    struct msghdr msg = {};
+    msg.msg_iov = iov;
+    msg.msg_iovlen = 3;
+    ssize_t n = recvmsg(fd_, &msg, 0);
+    if (n < 0 && errno == EINTR) {
+      if (interrupted != nullptr) *interrupted = true;  // as in call: the answer comes
+      continue;
+    }
+    if (n <= 0) return receiveError(n);
+    if ((msg.msg_flags & MSG_TRUNC) != 0 || static_cast<size_t>(n) < sizeof head) return EPROTO;
+    px_frame_header h;
+    decodeHeader(head, &h);
+    if (h.kind != PX_FRAME_REPLY || h.data_len > static_cast<size_t>(n) - sizeof head) {
+      return EPROTO;
+    }
+    if (h.id != id) continue;  // a stale answer, as in call; ours overwrites its bytes
+    if (h.data_len > cap) return EPROTO;
+    *status = h.code;
+    *got = h.data_len;
+    return 0;
   }
 }
 

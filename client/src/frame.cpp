@@ -64,6 +64,14 @@ const std::vector<uint8_t>& FrameWriter::finish(uint64_t id) {
   return buf_;
 }
 
+void decodeHeader(const uint8_t* p, px_frame_header* out) {
+  out->kind = static_cast<uint32_t>(getLE(p, 4));
+  out->code = static_cast<uint32_t>(getLE(p + 4, 4));
+  out->id = getLE(p + 8, 8);
+  out->data_len = static_cast<uint32_t>(getLE(p + 16, 4));
+  out->block_count = static_cast<uint32_t>(getLE(p + 20, 4));
+}
+
 bool decodeReply(const uint8_t* p, size_t n, Reply* out) {
   if (n < PX_FRAME_HEADER_SIZE || getLE(p, 4) != PX_FRAME_REPLY) return false;
   out->code = static_cast<uint32_t>(getLE(p + 4, 4));

@@ -53,6 +53,8 @@ struct Reply {
 
 // Decodes a reply frame; false when it is not one or does not parse exactly.
 bool decodeReply(const uint8_t* p, size_t n, Reply* out);
+// Decodes the 24-byte header at `p` (any kind).
+void decodeHeader(const uint8_t* p, px_frame_header* out);
 
 // The runtime directory, found on first use and kept until reset().
 const std::string& runtimeDir();
@@ -157,26 +159,46 @@ class ServiceLink {
   // an error the link is unusable. `*interrupted` (may be null) is set when a host signal
   // handler ran while the call waited.
   int call(FrameWriter& req, Reply* out, bool* interrupted = nullptr);
+  // As call, for a reply whose data goes straight into `buf` (room for `cap` bytes) with no
+  // copy in between: *status is the reply's result code, *got the length of its data. EPROTO
+  // when the data does not fit. Blocks after the data are not looked at.
+  int callInto(FrameWriter& req, void* buf, size_t cap, uint32_t* status, size_t* got,
+               bool* interrupted);
 
  private:
   explicit ServiceLink(int fd);
   static ServiceLink* openPath(const std::string& path, int* err);
+  // Sends the request with a fresh id: 0 or an errno value.
+  int sendRequest(FrameWriter& req, uint64_t* id);
   int fd_;
   std::vector<uint8_t> buffer_;  // one datagram
 };
 
+// What the item service of a file-system item tells; fixed for the life of the description.
+struct ItemInfo {
+  std::string path;
+  int32_t type = 0;
+  uint32_t openFlags = 0;
+};
+
 // An open file description as this process reaches it: its node, and at most one link per
-// service (stream, FIFO status), opened on first use and shared by every local descriptor of
-// the description. The links close when the last holder lets go.
+// service (stream, FIFO status, seekable, resizable, item), opened on first use and shared by
+// every local descriptor of the description. The links close when the last holder lets go.
 class Description {
  public:
+  // The type of a description that was opened by this process: its reply tells no type, so
+  // the item service is asked when the type is first wanted.
+  static constexpr int32_t kTypeUnknown = -1;
+
   Description(int32_t type, NodeRecord node);
   ~Description();
   Description(const Description&) = delete;
   Description& operator=(const Description&) = delete;
 
-  int32_t type() const { return type_; }
+  // The description's type; PX_FD_KIND_OTHER when it is unknown and cannot be learned.
+  int32_t type();
   const NodeRecord& node() const { return node_; }
+  bool offers(uint64_t iface) const { return node_.find(iface) != nullptr; }
   // True when `node` names the same stream service (the same description).
   bool sameAs(const NodeRecord& node) const;
 
@@ -189,6 +211,12 @@ class Description {
   // Opens the stream link now (a pipe end of the process service lives only while someone
   // is connected). 0 or an errno value.
   int connect();
+  // One request to the seekable, resizable or item service: 0 or an errno value (EINVAL when
+  // the description offers no such service).
+  int ask(uint64_t iface, FrameWriter& req, Reply* out);
+  // The item service's description: 0, EINVAL (not a file-system item), EBADF (the
+  // description has gone) or a transport error. Asked once, then kept.
+  int describe(ItemInfo* out);
 
   // The O_NONBLOCK flag, shared by the local descriptors of the description.
   std::atomic<bool> nonblock{false};
@@ -204,11 +232,23 @@ class Description {
   int call(Slot& slot, uint64_t iface, FrameWriter& req, Reply* out, bool* interrupted);
   // Asks the status service; answers the status, or -1 when there is none to ask.
   int64_t status(uint32_t command);
+  // Why a transfer of a file-system item moved nothing: the end of the file (0) for a read,
+  // EIO for a write; EBADF when the item was not opened for that direction, EISDIR for a
+  // directory; kTimedOut when the item is one that may wait and the request took its whole
+  // slice (`sliceUsed`).
+  static constexpr int kTimedOut = -1;
+  int itemEmpty(bool writing, bool sliceUsed);
+  Slot* slotFor(uint64_t iface);
 
-  const int32_t type_;
+  std::atomic<int32_t> type_;
   const NodeRecord node_;
   Slot stream_;
   Slot status_;
+  Slot seek_;
+  Slot resize_;
+  Slot item_;
+  bool described_ = false;  // guarded by item_.mutex
+  ItemInfo info_;           // guarded by item_.mutex, valid once described_
 };
 
 // The process's descriptor table as this process knows it: for each number the description
@@ -240,6 +280,10 @@ class FdSession {
  private:
   int err_ = 0;
 };
+
+// One request to the seekable or resizable service of `d` and its 64-bit answer: 0 or an
+// errno value (EBADF when the description has gone meanwhile).
+int askValue(Description& d, uint64_t iface, FrameWriter& req, uint64_t* value);
 
 // The description behind `fd` for a read or write: 0, or EBADF (or the error of loading).
 int lookupFd(int fd, std::shared_ptr<Description>* out);

@@ -1,0 +1,125 @@
+// Descriptions shared: duplicates and spawned children move one offset, the item's service
+// stops answering once its last descriptor is closed, sockets are numbered but serve
+// nothing, and posixctl cat copies files through the server byte for byte.
+#include <errno.h>
+#include <fcntl.h>
+
+#include <cstring>
+
+#include "command_runner.h"
+#include "file_fixture.h"
+#include "posix/fs_item.h"
+
+namespace {
+
+class FileShareTest : public FileFixture {};
+
+TEST_F(FileShareTest, DuplicatesAndChildrenShareTheOffset) {
+  std::string p = hostFile("shared", "abcdefghijklmnop");
+  // One description opened and closed first: the server's close queue keeps its thread.
+  ASSERT_EQ(px_close(px_open(p.c_str(), O_RDONLY, 0)), 0);
+  int64_t threads = serverThreads();
+  ASSERT_GT(threads, 0);
+  int fd = px_open(p.c_str(), O_RDWR, 0);
+  ASSERT_EQ(fd, 3) << strerror(errno);
+  int dup = px_dup(fd);
+  ASSERT_GE(dup, 0) << strerror(errno);
+  EXPECT_EQ(readN(fd, 2), "ab");
+  EXPECT_EQ(readN(dup, 2), "cd");
+  EXPECT_EQ(px_lseek(dup, 0, SEEK_CUR), 4);
+  ASSERT_EQ(px_close(dup), 0);
+
+  // The child reads and writes on at the parent's offset; the parent sees where it ended.
+  OutputPipe out;
+  int64_t child = spawnPeer({"fds", "readn", "3", "2", "write", "3", "XY"}, &out);
+  ASSERT_GT(child, 0) << strerror(errno);
+  EXPECT_EQ(expectLine(out, "fd "), "fd 3 kind 1");
+  EXPECT_EQ(expectLine(out, "got "), "got ef");
+  EXPECT_EQ(expectLine(out, "wrote "), "wrote 2");
+  EXPECT_EQ(collect(child), 0);
+  EXPECT_EQ(px_lseek(fd, 0, SEEK_CUR), 8);
+  EXPECT_EQ(readN(fd, 4), "ijkl");
+  EXPECT_EQ(hostRead(p), "abcdefXYijklmnop");
+  // The last close ends the description and every service thread it had in the server.
+  ASSERT_EQ(px_close(fd), 0);
+  EXPECT_LE(awaitThreadsAtMost(threads, 5000), threads);
+}
+
+TEST_F(FileShareTest, ItemServiceAnswersUntilTheLastDescriptorCloses) {
+  std::string p = hostFile("item", "x");
+  int fd = px_open(p.c_str(), O_RDONLY, 0);
+  ASSERT_GE(fd, 0) << strerror(errno);
+  int dup = px_dup(fd);
+  std::unique_ptr<RawLink> link = bindService(fd, PX_IFACE_FS_ITEM);
+  ASSERT_TRUE(link);
+  RawReply reply;
+  ASSERT_TRUE(link->roundTrip(PX_ITEM_CMD_DESCRIBE, 1, {}, &reply));
+  EXPECT_EQ(reply.code, PX_ITEM_RESULT_OK);
+  std::vector<uint8_t> expected;
+  putString(expected, p);
+  putU32(expected, PX_FD_KIND_FILE);
+  ASSERT_GE(reply.data.size(), expected.size() + 4);
+  EXPECT_EQ(std::vector<uint8_t>(reply.data.begin(), reply.data.begin() + expected.size()),
+            expected);
+  ASSERT_TRUE(link->roundTrip(9, 2, {}, &reply));
+  EXPECT_EQ(reply.code, PX_RESULT_FAILED);
+  EXPECT_TRUE(reply.data.empty());
+
+  ASSERT_EQ(px_close(fd), 0);
+  ASSERT_TRUE(link->roundTrip(PX_ITEM_CMD_DESCRIBE, 3, {}, &reply)) << "a descriptor is left";
+  EXPECT_EQ(reply.code, PX_ITEM_RESULT_OK);
+  ASSERT_EQ(px_close(dup), 0);
+  // Gone: the service answers 0 with nothing, or its multiplex has closed the link already.
+  if (link->roundTrip(PX_ITEM_CMD_DESCRIBE, 4, {}, &reply)) {
+    EXPECT_EQ(reply.code, PX_RESULT_FAILED);
+    EXPECT_TRUE(reply.data.empty());
+  }
+}
+
+TEST_F(FileShareTest, SocketIsNumberedAndItsServiceAnswersNothing) {
+  int s = px_socket();
+  ASSERT_EQ(s, 3) << strerror(errno);
+  px_fd_record rec;
+  ASSERT_TRUE(tableRecord(s, &rec));
+  EXPECT_EQ(rec.type, PX_FD_KIND_SOCKET);
+  EXPECT_EQ(interfaceTypes(rec), std::vector<uint64_t>{PX_IFACE_SOCKET});
+  px_fd_info info;
+  ASSERT_EQ(px_fd_list(&info, 1), 1);
+  EXPECT_EQ(info.kind, PX_FD_KIND_SOCKET);
+  char c;
+  EXPECT_EQ(px_read(s, &c, 1), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(px_lseek(s, 0, SEEK_SET), -1);
+  EXPECT_EQ(errno, ESPIPE);
+  std::unique_ptr<RawLink> link = bindService(s, PX_IFACE_SOCKET);
+  ASSERT_TRUE(link);
+  uint64_t id = 1;
+  for (uint32_t code : {0u, 1u, 4u, 8u, 0xFFFFFFFFu}) {
+    RawReply reply;
+    std::vector<uint8_t> data;
+    putU64(data, 5);
+    ASSERT_TRUE(link->roundTrip(code, id++, data, &reply)) << code;
+    EXPECT_EQ(reply.code, PX_RESULT_FAILED) << code;
+    EXPECT_TRUE(reply.data.empty()) << code;
+  }
+  EXPECT_EQ(px_close(s), 0);
+  EXPECT_EQ(px_close(s), -1);
+}
+
+TEST_F(FileShareTest, PosixctlCatCopiesBytesExactly) {
+  std::string bytes;
+  for (int i = 0; i < 200000; ++i) bytes.push_back(static_cast<char>((i * 7 + i / 256) & 0xFF));
+  std::string a = hostFile("a.bin", bytes);
+  std::string b = hostFile("b.txt", "second\n");
+  CommandResult r = runCommand({POSIXCTL_BINARY, "cat", a, b});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_TRUE(r.out == bytes + "second\n") << "output differs, " << r.out.size() << " bytes";
+  // A missing file is reported; the others are still copied.
+  std::string missing = path("missing");
+  r = runCommand({POSIXCTL_BINARY, "cat", b, missing, b});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_EQ(r.out, "second\nsecond\n");
+  EXPECT_NE(r.err.find(missing + ": " + strerror(ENOENT)), std::string::npos) << r.err;
+}
+
+}  // namespace

@@ -1,0 +1,211 @@
+// Files in one process: open, read and write at the server's offset, seeks from each origin,
+// truncation, the description of an item, and the host's errors.
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+#include <thread>
+
+#include "file_fixture.h"
+
+namespace {
+
+class FileTest : public FileFixture {};
+
+TEST_F(FileTest, ReadsAndWritesAtTheOffsetWithTheGivenFlags) {
+  std::string p = hostFile("a.txt", "hello world");
+  int fd = px_open(p.c_str(), O_RDWR, 0);
+  ASSERT_EQ(fd, 3) << strerror(errno);  // 0, 1 and 2 are taken in a fresh process
+  px_fd_info list[8];
+  ASSERT_EQ(px_fd_list(list, 8), 1);
+  EXPECT_EQ(list[0].kind, PX_FD_KIND_FILE);
+  EXPECT_EQ(readN(fd, 100), "hello world");
+  char c;
+  EXPECT_EQ(px_read(fd, &c, 1), 0) << "end of file";
+  // More than one write request's worth, written at the offset the read left.
+  std::string big(150000, 'b');
+  EXPECT_EQ(px_write(fd, big.data(), big.size()), static_cast<ssize_t>(big.size()));
+  EXPECT_EQ(hostRead(p), "hello world" + big);
+  EXPECT_EQ(px_close(fd), 0);
+
+  // Flags and mode reach the host: a new file with its mode, truncation, appending.
+  mode_t mask = umask(0);
+  umask(mask);
+  std::string q = path("new.txt");
+  int created = px_open(q.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0640);
+  ASSERT_GE(created, 0) << strerror(errno);
+  struct stat st;
+  ASSERT_EQ(stat(q.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0640u & ~mask);
+  EXPECT_EQ(px_read(created, &c, 1), -1);
+  EXPECT_EQ(errno, EBADF) << "a write-only item is not read";
+  int truncated = px_open(p.c_str(), O_WRONLY | O_TRUNC | O_APPEND, 0);
+  ASSERT_GE(truncated, 0) << strerror(errno);
+  EXPECT_EQ(px_write(truncated, "x", 1), 1);
+  EXPECT_EQ(px_write(truncated, "y", 1), 1);
+  EXPECT_EQ(hostRead(p), "xy");
+  int readOnly = px_open(p.c_str(), O_RDONLY, 0);
+  EXPECT_EQ(px_write(readOnly, "z", 1), -1);
+  EXPECT_EQ(errno, EBADF) << "a read-only item is not written";
+  EXPECT_EQ(hostRead(p), "xy");
+}
+
+TEST_F(FileTest, RelativePathsAreTheCallersAndFailuresCarryTheHostsError) {
+  hostFile("rel.txt", "relative");
+  char cwd[PATH_MAX];
+  ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+  ASSERT_EQ(chdir(rt_.c_str()), 0);
+  int fd = px_open("rel.txt", O_RDONLY, 0);
+  int openErr = errno;
+  ASSERT_EQ(chdir(cwd), 0);
+  ASSERT_GE(fd, 0) << strerror(openErr);
+  px_item_info info;
+  ASSERT_EQ(px_describe(fd, &info), 0) << strerror(errno);
+  EXPECT_STREQ(info.path, path("rel.txt").c_str());
+  EXPECT_EQ(readN(fd, 100), "relative");
+
+  int before = px_fd_table(nullptr, 0);
+  struct Case {
+    std::string path;
+    int flags;
+    int err;
+  };
+  std::vector<Case> cases = {
+      {path("missing"), O_RDONLY, ENOENT},
+      {path("no/such/dir"), O_RDONLY | O_CREAT, ENOENT},
+      {path("rel.txt"), O_RDONLY | O_CREAT | O_EXCL, EEXIST},
+      {rt_, O_RDWR, EISDIR},  // also for root
+      {"", O_RDONLY, ENOENT},
+  };
+  if (geteuid() != 0) {
+    std::string locked = hostFile("locked.txt", "secret");
+    chmod(locked.c_str(), 0);
+    cases.push_back({locked, O_RDONLY, EACCES});
+  }
+  for (const Case& k : cases) {
+    errno = 0;
+    EXPECT_EQ(px_open(k.path.c_str(), k.flags, 0600), -1) << k.path;
+    EXPECT_EQ(errno, k.err) << k.path << ": " << strerror(errno);
+  }
+  EXPECT_EQ(px_fd_table(nullptr, 0), before) << "a failed open took a number";
+}
+
+TEST_F(FileTest, SeeksFromEachOrigin) {
+  std::string p = hostFile("digits", "0123456789");
+  int fd = px_open(p.c_str(), O_RDWR, 0);
+  ASSERT_GE(fd, 0) << strerror(errno);
+  EXPECT_EQ(px_lseek(fd, 3, SEEK_SET), 3);
+  EXPECT_EQ(readN(fd, 2), "34");
+  EXPECT_EQ(px_lseek(fd, -1, SEEK_CUR), 4);
+  EXPECT_EQ(readN(fd, 1), "4");
+  EXPECT_EQ(px_lseek(fd, 0, SEEK_CUR), 5);
+  EXPECT_EQ(px_lseek(fd, -2, SEEK_END), 8);
+  EXPECT_EQ(readN(fd, 5), "89");
+  // Refused seeks leave the offset where it was.
+  for (auto [offset, whence] : {std::pair<int64_t, int>{-1, SEEK_SET}, {-11, SEEK_CUR},
+                                {-11, SEEK_END}, {0, 7}, {INT64_MAX, SEEK_CUR}}) {
+    EXPECT_EQ(px_lseek(fd, offset, whence), -1) << offset << " from " << whence;
+    EXPECT_TRUE(errno == EINVAL || errno == EOVERFLOW) << strerror(errno);
+  }
+  EXPECT_EQ(px_lseek(fd, 0, SEEK_CUR), 10);
+  // Beyond the end: the write leaves a hole of zeros.
+  EXPECT_EQ(px_lseek(fd, 12, SEEK_SET), 12);
+  EXPECT_EQ(px_write(fd, "x", 1), 1);
+  EXPECT_EQ(hostRead(p), std::string("0123456789\0\0x", 13));
+  // A reader learns the end from the item on the host.
+  int reader = px_open(p.c_str(), O_RDONLY, 0);
+  EXPECT_EQ(px_lseek(reader, -3, SEEK_END), 10);
+  EXPECT_EQ(readN(reader, 10), std::string("\0\0x", 3));
+
+  int fds[2];
+  ASSERT_EQ(px_pipe(fds), 0);
+  EXPECT_EQ(px_lseek(fds[0], 0, SEEK_SET), -1);
+  EXPECT_EQ(errno, ESPIPE);
+  EXPECT_EQ(px_lseek(42, 0, SEEK_SET), -1);
+  EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(FileTest, TruncateAndDescribeFollowTheOpenMode) {
+  std::string p = hostFile("t.txt", "hello world");
+  int rw = px_open(p.c_str(), O_RDWR, 0);
+  int ro = px_open(p.c_str(), O_RDONLY, 0);
+  ASSERT_GE(rw, 0) << strerror(errno);
+  ASSERT_GE(ro, 0) << strerror(errno);
+  px_item_info info;
+  ASSERT_EQ(px_describe(rw, &info), 0) << strerror(errno);
+  EXPECT_STREQ(info.path, p.c_str());
+  EXPECT_EQ(info.type, PX_FD_KIND_FILE);
+  EXPECT_EQ(info.open_flags & O_ACCMODE, static_cast<uint32_t>(O_RDWR));
+  EXPECT_EQ(info.has_size, 1);
+  EXPECT_EQ(info.size, 11);
+  EXPECT_EQ(px_lseek(rw, 7, SEEK_SET), 7);
+  ASSERT_EQ(px_ftruncate(rw, 5), 0) << strerror(errno);
+  ASSERT_EQ(px_describe(rw, &info), 0);
+  EXPECT_EQ(info.size, 5);
+  ASSERT_EQ(px_ftruncate(rw, 8), 0);
+  EXPECT_EQ(hostRead(p), std::string("hello\0\0\0", 8));
+  EXPECT_EQ(px_lseek(rw, 0, SEEK_CUR), 7) << "resizing moved the offset";
+  EXPECT_EQ(px_ftruncate(rw, -1), -1);
+  EXPECT_EQ(errno, EINVAL);
+
+  // Read-only: no resize service on the node, so no size and no truncation.
+  ASSERT_EQ(px_describe(ro, &info), 0);
+  EXPECT_EQ(info.open_flags & O_ACCMODE, static_cast<uint32_t>(O_RDONLY));
+  EXPECT_EQ(info.has_size, 0);
+  EXPECT_EQ(px_ftruncate(ro, 0), -1);
+  EXPECT_EQ(errno, EINVAL);
+  px_fd_record rec;
+  ASSERT_TRUE(tableRecord(ro, &rec));
+  EXPECT_EQ(rec.type, PX_FD_KIND_FILE);
+  EXPECT_EQ(interfaceTypes(rec), (std::vector<uint64_t>{PX_IFACE_STREAM, PX_IFACE_STREAM_ADAPTER,
+                                                        PX_IFACE_SEEKABLE, PX_IFACE_FS_ITEM}));
+  ASSERT_TRUE(tableRecord(rw, &rec));
+  EXPECT_EQ(interfaceTypes(rec),
+            (std::vector<uint64_t>{PX_IFACE_STREAM, PX_IFACE_STREAM_ADAPTER, PX_IFACE_SEEKABLE,
+                                   PX_IFACE_RESIZABLE, PX_IFACE_FS_ITEM}));
+
+  // A directory is an item of its own type that is not read as bytes.
+  int dir = px_open(rt_.c_str(), O_RDONLY | O_DIRECTORY, 0);
+  ASSERT_GE(dir, 0) << strerror(errno);
+  ASSERT_EQ(px_describe(dir, &info), 0);
+  EXPECT_EQ(info.type, PX_FD_KIND_DIRECTORY);
+  char c;
+  EXPECT_EQ(px_read(dir, &c, 1), -1);
+  EXPECT_EQ(errno, EISDIR);
+  // A pipe is no item.
+  int fds[2];
+  ASSERT_EQ(px_pipe(fds), 0);
+  EXPECT_EQ(px_describe(fds[0], &info), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(px_ftruncate(fds[1], 0), -1);
+  EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(FileTest, ReadOfAHostFifoWaitsBeyondOneSliceForData) {
+  std::string p = path("fifo");
+  ASSERT_EQ(mkfifo(p.c_str(), 0600), 0);
+  // The server holds both ends, so no end of file comes: the read waits for the writer.
+  int fd = px_open(p.c_str(), O_RDWR, 0);
+  ASSERT_GE(fd, 0) << strerror(errno);
+  std::thread writer([&] {
+    sleepMs(1500);
+    int w = open(p.c_str(), O_WRONLY | O_CLOEXEC);
+    EXPECT_EQ(write(w, "late", 4), 4);
+    close(w);
+  });
+  char buf[16];
+  int64_t start = monotonicMs();
+  ssize_t n = px_read(fd, buf, sizeof buf);
+  int64_t took = monotonicMs() - start;
+  writer.join();
+  ASSERT_EQ(n, 4) << strerror(errno);
+  EXPECT_EQ(std::string(buf, 4), "late");
+  EXPECT_GE(took, 1400);
+  EXPECT_EQ(px_lseek(fd, 0, SEEK_CUR), -1);
+  EXPECT_EQ(errno, ESPIPE);
+}
+
+}  // namespace
