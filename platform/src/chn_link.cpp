@@ -12,12 +12,29 @@
 
 namespace {
 // A frame that went out in full answers true; *again tells that the socket had no room.
-bool sendNow(int fd, const std::vector<uint8_t>& frame, bool* again) {
-  ssize_t n = ::send(fd, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+bool sendNow(int fd, const uint8_t* frame, size_t size, bool* again) {
+  ssize_t n = ::send(fd, frame, size, MSG_DONTWAIT | MSG_NOSIGNAL);
   *again = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
-  return n == static_cast<ssize_t>(frame.size());
+  return n == static_cast<ssize_t>(size);
+}
+bool sendNow(int fd, const std::vector<uint8_t>& frame, bool* again) {
+  return sendNow(fd, frame.data(), frame.size(), again);
 }
 }  // namespace
+
+bool ChnLink::sendFrame(const uint8_t* frame, size_t size) {
+  {
+    std::lock_guard lock(mutex_);
+    if (fd_ < 0 || dropped_ || size == 0 || size > PX_WIRE_MAX_FRAME) return false;
+    if (queue_.empty()) {
+      bool again = false;
+      if (sendNow(fd_, frame, size, &again)) return true;
+      if (!again) return false;
+    }
+  }
+  // It has to wait behind others or for room: the queue keeps a copy.
+  return sendFrame(std::vector<uint8_t>(frame, frame + size));
+}
 
 bool ChnLink::sendFrame(std::vector<uint8_t> frame) {
   std::lock_guard lock(mutex_);

@@ -12,6 +12,7 @@
 // read costs the stream's one read and the send, and no copy of the data in between.
 #include <cerrno>
 #include <chrono>
+#include <memory>
 #include <vector>
 
 #include "platform/error.h"
@@ -79,35 +80,39 @@ bool take(const Ref<InMsg>& in, T* value) {
 }
 
 // A read's reply frame: the frame header, then room for up to `size` bytes that the stream
-// fills in place. Laid out as OutMsg::encode lays out a reply without blocks.
+// fills in place. Laid out as OutMsg::encode lays out a reply without blocks. The memory is the
+// serving thread's own, made once: a link's thread serves one read at a time, and a frame
+// that cannot go out at once is copied by the link.
 class ReadReply {
  public:
-  explicit ReadReply(uint64_t size)
-      // A read of 0 bytes still goes to the stream; one spare byte gives its memory an address.
-      : frame_(PX_FRAME_HEADER_SIZE + (size ? size : 1)), size_(size) {}
+  explicit ReadReply(uint64_t size) : frame_(threadFrame()), size_(size) {}
 
-  Interfaces::MemDesc room() {
-    return Interfaces::MemDesc::direct(frame_.data() + PX_FRAME_HEADER_SIZE, size_);
-  }
-  uint8_t* bytes() { return frame_.data() + PX_FRAME_HEADER_SIZE; }
+  Interfaces::MemDesc room() { return Interfaces::MemDesc::direct(bytes(), size_); }
+  uint8_t* bytes() { return frame_ + PX_FRAME_HEADER_SIZE; }
 
-  // The finished frame: status 1, the request's id and the `n` bytes read.
-  std::vector<uint8_t> take(uint64_t id, uint64_t n) {
-    frame_.resize(PX_FRAME_HEADER_SIZE + n);
-    uint8_t* h = frame_.data();
+  // The finished frame: status 1, the request's id and the `n` bytes read; its size in *size.
+  const uint8_t* finish(uint64_t id, uint64_t n, size_t* size) {
+    uint8_t* h = frame_;
     putU32(h, PX_FRAME_REPLY);
     putU32(h + 4, PX_RESULT_DONE);
     for (int i = 0; i < 8; ++i) h[8 + i] = static_cast<uint8_t>(id >> (8 * i));
     putU32(h + 16, static_cast<uint32_t>(n));
     putU32(h + 20, 0);
-    return std::move(frame_);
+    *size = PX_FRAME_HEADER_SIZE + n;
+    return frame_;
   }
 
  private:
+  static uint8_t* threadFrame() {
+    // Not zero-filled: only bytes the stream wrote are sent.
+    thread_local std::unique_ptr<uint8_t[]> frame(
+        new uint8_t[PX_FRAME_HEADER_SIZE + PX_STREAM_MAX_READ]);
+    return frame.get();
+  }
   static void putU32(uint8_t* p, uint32_t v) {
     for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
   }
-  std::vector<uint8_t> frame_;
+  uint8_t* const frame_;
   const uint64_t size_;
 };
 
@@ -157,7 +162,9 @@ uint32_t Stream::read(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
   if (n > size) n = size;  // a stream must not claim more than it was given room for
   if (const Ref<ChnLink>& link = in->link()) {
     // The frame goes out as InMsg::reply would send it; a link that has gone drops it alike.
-    link->sendFrame(reply.take(in->id(), n));
+    size_t frameSize = 0;
+    const uint8_t* frame = reply.finish(in->id(), n, &frameSize);
+    link->sendFrame(frame, frameSize);
     return kAnswered;
   }
   // A request that came without a link (a test handing one in) is answered through `out`.

@@ -44,6 +44,8 @@ class ChnLink : public Object {
   // Sends one encoded frame without blocking. Answers false when the link has gone, or when
   // the reply queue passed its bound (the link is then dropped).
   bool sendFrame(std::vector<uint8_t> frame);
+  // The same for a frame the caller keeps: copied only when it has to wait for room.
+  bool sendFrame(const uint8_t* frame, size_t size);
   // Shuts the link down from any thread; the channel's thread then disconnects it.
   void shutdown();
   bool isOpen() const;
