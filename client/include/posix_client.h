@@ -163,8 +163,9 @@ int px_abort_waits(void);
  *              or one of 1048576 and above
  *   EINVAL     px_dupfd with a negative minimum or one of 1048576 and above; px_read/px_write
  *              of a description that offers no stream
- *   EMFILE     no number free (px_dup, px_dupfd of a known descriptor); the server could not
- *              make a pipe (px_pipe, px_pipe_channels) or reserve a number
+ *   EMFILE     no number free (px_dup, px_dupfd of a known descriptor; a process holds at
+ *              most 4096 descriptors, placeholders included); the server could not make a
+ *              pipe (px_pipe, px_pipe_channels) or reserve a number
  *   EPIPE      px_write after every reader of the pipe has gone (no host signal is raised)
  *   EAGAIN     a non-blocking read of an empty pipe or write to a full one
  *   EINTR      a host signal handler ran while a read or write waited, and nothing moved

@@ -10,6 +10,7 @@ LogModule fdTableLog;
 
 FDTable::FDTable() : table_(TVector<FileDescriptor*>::create(3)), mon_(Mon::create()) {
   for (uint64_t fd = 0; fd < 3; ++fd) table_->set(fd, new FileDescriptor{});
+  open_ = 3;
 }
 
 FDTable::FDTable(const Ref<FDTable>& parent)
@@ -24,6 +25,7 @@ FDTable::FDTable(const Ref<FDTable>& parent)
     const FileDescriptor* source = parent->table_->get(fd);
     table_->set(fd, source ? new FileDescriptor{source->server, source->closeOnExec} : nullptr);
   }
+  open_ = parent->open_;
 }
 
 FDTable::~FDTable() {
@@ -49,12 +51,14 @@ void FDTable::checkInvariants(uint64_t monLine, uint64_t tableLine, const char* 
 int32_t FDTable::insert(FileDescriptor* entry, int32_t minFd) {
   if (!entry || minFd < 0 || minFd >= kMaxDescriptors) return -1;
   MonLock lock(mon_);
+  if (open_ >= kMaxOpen) return -1;
   uint64_t count = table_->count();
   uint64_t min = static_cast<uint64_t>(minFd);
   if (min < count) {
     for (uint64_t fd = min; fd < count; ++fd) {
       if (table_->get(fd)) continue;
       table_->set(fd, entry);
+      ++open_;
       return static_cast<int32_t>(fd);
     }
   } else {
@@ -64,6 +68,7 @@ int32_t FDTable::insert(FileDescriptor* entry, int32_t minFd) {
   }
   if (table_->count() >= static_cast<uint64_t>(kMaxDescriptors)) return -1;
   table_->append(entry);
+  ++open_;
   return static_cast<int32_t>(table_->count() - 1);
 }
 
@@ -73,6 +78,7 @@ bool FDTable::remove(int32_t fd) {
   FileDescriptor* entry = table_->get(static_cast<uint64_t>(fd));
   if (!entry) return false;
   table_->set(static_cast<uint64_t>(fd), nullptr);
+  --open_;
   delete entry;
   return true;
 }

@@ -24,6 +24,10 @@ class FDTable : public Object {
   // Descriptor numbers stay below this bound: a request for a number beyond it fails instead
   // of asking the heap for a table of billions of slots.
   static constexpr int32_t kMaxDescriptors = 1 << 20;
+  // Entries (placeholders included) one table holds at most. Every open description costs the
+  // server host descriptors (its listening socket, an opened item's file), so a single process
+  // must not be able to take them all from the others.
+  static constexpr uint32_t kMaxOpen = 4096;
 
   // A fresh table: placeholders at 0, 1 and 2.
   FDTable();
@@ -32,7 +36,7 @@ class FDTable : public Object {
   ~FDTable() override;
 
   // Puts `entry` under the lowest free number not below `minFd` and answers it; -1 when `entry`
-  // is null or `minFd` negative. The table owns `entry` on success.
+  // is null, `minFd` negative or the table full (kMaxOpen). The table owns `entry` on success.
   int32_t insert(FileDescriptor* entry, int32_t minFd);
   // Closes `fd`: true when an entry (placeholder or not) was there.
   bool remove(int32_t fd);
@@ -57,5 +61,6 @@ class FDTable : public Object {
   void checkInvariants(uint64_t monLine, uint64_t tableLine, const char* function) const;
 
   Ref<TVector<FileDescriptor*>> table_;  // guarded by mon_
+  uint32_t open_ = 0;                     // guarded by mon_: slots that hold an entry
   Ref<Mon> mon_;
 };

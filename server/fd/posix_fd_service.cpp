@@ -87,8 +87,12 @@ uint32_t dupFd(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& tab
 uint32_t createPipe(const Ref<OutMsg>& reply, FDTable& table) {
   FifoDescriptionPair pair = createFifoPair();
   if (!pair.read || !pair.write) return PX_RESULT_FAILED;
-  int32_t readFd = table.insert(new FileDescriptor{pair.read, false}, 0);
-  if (readFd < 0) return PX_RESULT_FAILED;  // the table is full: the entry was not taken
+  auto* readEntry = new FileDescriptor{pair.read, false};
+  int32_t readFd = table.insert(readEntry, 0);
+  if (readFd < 0) {
+    delete readEntry;  // the table is full: the entry was not taken
+    return PX_RESULT_FAILED;
+  }
   auto* writeEntry = new FileDescriptor{pair.write, false};
   int32_t writeFd = table.insert(writeEntry, 0);
   if (writeFd < 0) {

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "posix/wire.h"
+#include "posix_client.h"
 #include "raw_link.h"
 #include "server_fixture.h"
 
@@ -199,6 +200,29 @@ TEST_F(RobustnessTest, KilledClientWithKeptRequestsLeavesNoTrace) {
   EXPECT_EQ(after.threads, before.threads);
   EXPECT_LE(after.blocks, before.blocks + 2) << before.blocks << " -> " << after.blocks;
   EXPECT_LE(after.bytes, before.bytes + 1024) << before.bytes << " -> " << after.bytes;
+  EXPECT_TRUE(serverAnswers());
+}
+
+TEST_F(RobustnessTest, ADescriptorTableIsBounded) {
+  int taken = 0;
+  int last = -1;
+  while (taken < 5000) {
+    int fd = px_reserve_fd();
+    if (fd < 0) break;
+    last = fd;
+    ++taken;
+  }
+  EXPECT_EQ(errno, EMFILE);
+  EXPECT_EQ(taken, 4096 - 3) << "the placeholders 0, 1 and 2 count too";
+  int fds[2];
+  EXPECT_EQ(px_pipe(fds), -1);
+  EXPECT_EQ(errno, EMFILE);
+  ASSERT_EQ(px_close(last), 0);
+  ASSERT_EQ(px_close(last - 1), 0);
+  ASSERT_EQ(px_pipe(fds), 0) << "closing makes room: " << strerror(errno);
+  EXPECT_EQ(px_write(fds[1], "ok", 2), 2);
+  char buf[4];
+  EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 2);
   EXPECT_TRUE(serverAnswers());
 }
 

@@ -52,6 +52,22 @@ TEST(FDTable, DescriptorNumbersAreBounded) {
   EXPECT_EQ(table.slotCount(), 3u) << "a refused number must not grow the table";
 }
 
+TEST(FDTable, OpenEntriesAreBoundedAndCopiesCountTheirs) {
+  FDTable table;
+  for (uint32_t i = 3; i < FDTable::kMaxOpen; ++i) ASSERT_GE(table.insert(new FileDescriptor{}, 0), 0);
+  auto* e = new FileDescriptor{};
+  EXPECT_EQ(table.insert(e, 0), -1) << "full";
+  EXPECT_EQ(table.dup(0, 0, false), -1);
+  EXPECT_EQ(table.dup(0, 5, true), 5) << "replacing a number takes no more room";
+  Ref<FDTable> parent = new FDTable();
+  ASSERT_TRUE(parent->remove(1));
+  FDTable child(parent);
+  for (uint32_t i = 2; i < FDTable::kMaxOpen; ++i) ASSERT_GE(child.insert(new FileDescriptor{}, 0), 0);
+  EXPECT_EQ(child.insert(e, 0), -1) << "the copy counts what it inherited";
+  EXPECT_TRUE(table.remove(100));
+  EXPECT_EQ(table.insert(e, 0), 100) << "a closed number makes room again";
+}
+
 TEST(FDTable, RemoveRejectsFreeNegativeAndOutOfRangeNumbers) {
   FDTable table;
   EXPECT_FALSE(table.remove(-1));
