@@ -28,6 +28,20 @@ class PipeLifetimeTest : public PipeFixture {
     px_close(fds[0]);
     px_close(fds[1]);
   }
+
+  // Starts the peer with `step` on `fd`, waits until it says `blocked` and a little more (its
+  // call now waits in the server), kills it, and expects the server's threads back at
+  // `baseline`.
+  void killWhileBlocked(const char* step, int fd, const char* blocked, int64_t baseline) {
+    OutputPipe out;
+    int64_t child = spawnPeer({step, std::to_string(fd)}, &out);
+    ASSERT_GT(child, 0) << strerror(errno);
+    ASSERT_EQ(expectLine(out, blocked), blocked);
+    sleepMs(300);
+    ASSERT_EQ(kill(static_cast<pid_t>(child), SIGKILL), 0);
+    EXPECT_EQ(collect(child), 128 + SIGKILL);
+    EXPECT_LE(awaitThreadsAtMost(baseline, kSettleMs), baseline);
+  }
 };
 
 TEST_F(PipeLifetimeTest, ChannelPipeClosesItselfWhenItsConnectionsGo) {
@@ -113,14 +127,7 @@ TEST_F(PipeLifetimeTest, ReaderKilledWhileBlockedLeavesNothingBehind) {
   int64_t baseline = serverThreads();
   ASSERT_GT(baseline, 0);
 
-  OutputPipe out;
-  int64_t child = spawnPeer({"block-read", "3"}, &out);
-  ASSERT_GT(child, 0) << strerror(errno);
-  ASSERT_EQ(expectLine(out, "reading"), "reading");
-  sleepMs(300);  // the read is now waiting in the server
-  ASSERT_EQ(kill(static_cast<pid_t>(child), SIGKILL), 0);
-  EXPECT_EQ(collect(child), 128 + SIGKILL);
-  EXPECT_LE(awaitThreadsAtMost(baseline, kSettleMs), baseline);
+  killWhileBlocked("block-read", fds[0], "reading", baseline);
   // The pipe still works for its other reader, and new pipes are not held up.
   EXPECT_EQ(px_write(fds[1], "after", 5), 5);
   EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 5);
@@ -142,14 +149,7 @@ TEST_F(PipeLifetimeTest, WriterKilledWhileBlockedLeavesNothingBehind) {
   int64_t baseline = serverThreads();
   ASSERT_GT(baseline, 0);
 
-  OutputPipe out;
-  int64_t child = spawnPeer({"block-write", "4"}, &out);
-  ASSERT_GT(child, 0) << strerror(errno);
-  ASSERT_EQ(expectLine(out, "writing"), "writing");
-  sleepMs(300);
-  ASSERT_EQ(kill(static_cast<pid_t>(child), SIGKILL), 0);
-  EXPECT_EQ(collect(child), 128 + SIGKILL);
-  EXPECT_LE(awaitThreadsAtMost(baseline, kSettleMs), baseline);
+  killWhileBlocked("block-write", fds[1], "writing", baseline);
   // The killed write put nothing in: the reader finds the parent's 4096 bytes, and the
   // writer can go on.
   std::string got;

@@ -13,23 +13,7 @@ using namespace chntest;
 
 namespace {
 
-class ChannelTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    man = new RecordingConMan();
-    chn = Chn::create(man);
-    ASSERT_TRUE(chn);
-    server = std::make_unique<Server>(chn);
-  }
-  void TearDown() override { server.reset(); }
-
-  std::string path() const { return chnPath(chn->id()); }
-
-  RuntimeDirScope rt;
-  Ref<RecordingConMan> man;
-  Ref<Chn> chn;
-  std::unique_ptr<Server> server;
-};
+using ChannelTest = ServedChannelTest;
 
 TEST_F(ChannelTest, LinkKnowsItsPeer) {
   Client client(path());

@@ -13,16 +13,8 @@ using namespace chntest;
 
 namespace {
 
-class ChannelFlowTest : public ::testing::Test {
+class ChannelFlowTest : public ServedChannelTest {
  protected:
-  void SetUp() override {
-    man = new RecordingConMan();
-    chn = Chn::create(man);
-    ASSERT_TRUE(chn);
-    server = std::make_unique<Server>(chn);
-  }
-  void TearDown() override { server.reset(); }
-
   // A request from `client`, as the server received it.
   Ref<InMsg> ask(Client& client, uint64_t id) {
     if (!client.send(request(1, id))) return nullptr;
@@ -35,11 +27,6 @@ class ChannelFlowTest : public ::testing::Test {
     if (padding) out->write(pad.data(), pad.size());
     return out;
   }
-
-  RuntimeDirScope rt;
-  Ref<RecordingConMan> man;
-  Ref<Chn> chn;
-  std::unique_ptr<Server> server;
 };
 
 TEST_F(ChannelFlowTest, QueuedRepliesReachASlowReaderInOrder) {

@@ -14,6 +14,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <memory>
 #include <filesystem>
 #include <functional>
 #include <mutex>
@@ -262,6 +263,25 @@ class Server {
   std::deque<Ref<InMsg>> queue_;  // guarded by mutex_
   bool ended_ = false;            // guarded by mutex_
   std::thread thread_;
+};
+
+// A channel in a private runtime directory, served by a Server, with a recording manager.
+class ServedChannelTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    man = new RecordingConMan();
+    chn = Chn::create(man);
+    ASSERT_TRUE(chn);
+    server = std::make_unique<Server>(chn);
+  }
+  void TearDown() override { server.reset(); }
+
+  std::string path() const { return chnPath(chn->id()); }
+
+  RuntimeDirScope rt;
+  Ref<RecordingConMan> man;
+  Ref<Chn> chn;
+  std::unique_ptr<Server> server;
 };
 
 }  // namespace chntest
