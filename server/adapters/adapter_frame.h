@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <new>
 
 #include "common/log.h"
 #include "platform/chn.h"
@@ -44,3 +45,23 @@ class AdapterServiceObj : public Object, public Interface {
   bool connect(const Ref<ChnLink>& /*link*/) override { return true; }
   void disconnect(const Ref<ChnLink>& /*link*/) override {}
 };
+
+namespace posix {
+
+// The `create` of every adapter: a null object is a failed assertion (`condition` at line 23 of
+// `function`) and a null service; so is a failed allocation, logged as "Out of memory".
+template <class Obj, class Interface, class Wrapped>
+Ref<Interface> createAdapter(Ref<Wrapped> wrapped, const char* condition, const char* function) {
+  if (!wrapped) {
+    assertFailed(condition, 23, function);
+    return nullptr;
+  }
+  auto* service = new (std::nothrow) Obj(std::move(wrapped));
+  if (!service) {
+    POSIX_LOG(adapterLogHandle(), 4, "Out of memory");
+    return nullptr;
+  }
+  return service;
+}
+
+}  // namespace posix

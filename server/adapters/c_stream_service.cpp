@@ -1,6 +1,5 @@
 #include "adapters/c_stream_service.h"
 
-#include <new>
 
 #include "adapters/adapter_frame.h"
 
@@ -24,14 +23,6 @@ class CStreamServiceObj : public AdapterServiceObj<CStreamService> {
 }  // namespace
 
 Ref<CStreamService> CStreamService::create(Ref<Interfaces::Stream> strm) {
-  if (!strm) {
-    posix::assertFailed("strm != 0", 23, "CStreamService::create");
-    return nullptr;
-  }
-  auto* service = new (std::nothrow) CStreamServiceObj(std::move(strm));
-  if (!service) {
-    POSIX_LOG(posix::adapterLogHandle(), 4, "Out of memory");
-    return nullptr;
-  }
-  return service;
+  return posix::createAdapter<CStreamServiceObj, CStreamService>(
+      std::move(strm), "strm != 0", "CStreamService::create");
 }

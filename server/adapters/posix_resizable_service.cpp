@@ -1,6 +1,5 @@
 #include "adapters/posix_resizable_service.h"
 
-#include <new>
 #include <posix/wire.h>
 
 #include "adapters/adapter_frame.h"
@@ -44,14 +43,6 @@ class PosixResizableServiceObj : public AdapterServiceObj<PosixResizableService>
 }  // namespace
 
 Ref<PosixResizableService> PosixResizableService::create(Ref<Interfaces::Resizable> resize) {
-  if (!resize) {
-    posix::assertFailed("resize != 0", 23, "PosixResizableService::create");
-    return nullptr;
-  }
-  auto* service = new (std::nothrow) PosixResizableServiceObj(std::move(resize));
-  if (!service) {
-    POSIX_LOG(posix::adapterLogHandle(), 4, "Out of memory");
-    return nullptr;
-  }
-  return service;
+  return posix::createAdapter<PosixResizableServiceObj, PosixResizableService>(
+      std::move(resize), "resize != 0", "PosixResizableService::create");
 }

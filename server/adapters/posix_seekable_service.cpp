@@ -1,6 +1,5 @@
 #include "adapters/posix_seekable_service.h"
 
-#include <new>
 #include <posix/wire.h>
 
 #include "adapters/adapter_frame.h"
@@ -45,14 +44,6 @@ class PosixSeekableServiceObj : public AdapterServiceObj<PosixSeekableService> {
 }  // namespace
 
 Ref<PosixSeekableService> PosixSeekableService::create(Ref<Interfaces::Seekable> seek) {
-  if (!seek) {
-    posix::assertFailed("seek != 0", 23, "PosixSeekableService::create");
-    return nullptr;
-  }
-  auto* service = new (std::nothrow) PosixSeekableServiceObj(std::move(seek));
-  if (!service) {
-    POSIX_LOG(posix::adapterLogHandle(), 4, "Out of memory");
-    return nullptr;
-  }
-  return service;
+  return posix::createAdapter<PosixSeekableServiceObj, PosixSeekableService>(
+      std::move(seek), "seek != 0", "PosixSeekableService::create");
 }
