@@ -2,27 +2,16 @@
 // server's objects and read the replies those objects send.
 #pragma once
 
-#include <posix/wire.h>
-
 #include <cstdint>
-#include <string>
+#include <memory>
 #include <vector>
 
-#include "platform/chn.h"
+#include "platform_chn_support.h"
 
 class ChannelHarness {
  public:
-  struct Block {
-    uint32_t kind;
-    std::vector<uint8_t> bytes;
-  };
-  struct Reply {
-    uint32_t kind = 0;
-    uint32_t code = 0;
-    uint64_t id = 0;
-    std::vector<uint8_t> data;
-    std::vector<Block> blocks;
-  };
+  using Block = chntest::Block;
+  using Reply = chntest::Frame;
 
   // Uses (and on destruction removes) a fresh runtime directory.
   ChannelHarness();
@@ -36,9 +25,9 @@ class ChannelHarness {
   void dropClient();
 
  private:
-  std::string runtimeDir_;
+  chntest::RuntimeDirScope runtimeDir_;  // first in, last out: the channel lives inside it
   Ref<Chn> channel_;
-  int client_ = -1;
+  std::unique_ptr<chntest::Client> client_;
   uint64_t nextId_ = 1;
 };
 

@@ -75,7 +75,7 @@ TEST(StackWalker, RefusesAContextWhoseFramePointerLeadsNowhere) {
   EXPECT_TRUE(StackWalker::create(&context, CoreMemory::create()));
 }
 
-TEST(StackWalker, FollowsTheChainAndMarksAFramePointerThatGoesBackwards) {
+TEST(StackWalker, FollowsTheChainMarksAFramePointerThatGoesBackwardsAndStopsAtTheBound) {
   alignas(16) uint64_t chain[8] = {};
   chain[2] = addressOf(&chain[4]);  // first record: caller's frame higher up
   chain[3] = 0x2222;
@@ -84,31 +84,23 @@ TEST(StackWalker, FollowsTheChainAndMarksAFramePointerThatGoesBackwards) {
   Context context = {};
   context.rip = 0x1111;
   context.rbp = addressOf(&chain[2]);
+  const StackWalker::Frame expected[] = {{0x1111, addressOf(&chain[2]), true},
+                                         {0x2222, addressOf(&chain[4]), true},
+                                         {0x3333, addressOf(&chain[0]), false}};
   std::vector<StackWalker::Frame> frames = walk(context);
-  ASSERT_EQ(frames.size(), 3u);
-  EXPECT_EQ(frames[0].ip, 0x1111u);
-  EXPECT_EQ(frames[0].bp, addressOf(&chain[2]));
-  EXPECT_TRUE(frames[0].bpValid);
-  EXPECT_EQ(frames[1].ip, 0x2222u);
-  EXPECT_EQ(frames[1].bp, addressOf(&chain[4]));
-  EXPECT_TRUE(frames[1].bpValid);
-  EXPECT_EQ(frames[2].ip, 0x3333u);
-  EXPECT_EQ(frames[2].bp, addressOf(&chain[0]));
-  EXPECT_FALSE(frames[2].bpValid);
-
+  ASSERT_EQ(frames.size(), std::size(expected));
+  for (size_t i = 0; i < frames.size(); ++i)
+    EXPECT_TRUE(frames[i].ip == expected[i].ip && frames[i].bp == expected[i].bp &&
+                frames[i].bpValid == expected[i].bpValid) << i;
   chain[5] = 0;  // a null return address ends the walk without another frame
   EXPECT_EQ(walk(context).size(), 2u);
-}
 
-TEST(StackWalker, StopsAfterTheFrameBound) {
-  std::vector<uint64_t> chain(2 * 400);
-  for (size_t i = 0; i + 2 < chain.size(); i += 2) {
-    chain[i] = addressOf(&chain[i + 2]);
-    chain[i + 1] = 0x1000 + i;
+  std::vector<uint64_t> endless(2 * 400);
+  for (size_t i = 0; i + 2 < endless.size(); i += 2) {
+    endless[i] = addressOf(&endless[i + 2]);
+    endless[i + 1] = 0x1000 + i;
   }
-  Context context = {};
-  context.rip = 0x500;
-  context.rbp = addressOf(chain.data());
+  context.rbp = addressOf(endless.data());
   EXPECT_EQ(walk(context).size(), StackWalker::kMaxFrames);
 }
 

@@ -7,9 +7,12 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -29,41 +32,62 @@ namespace chntest {
 
 using Bytes = std::vector<uint8_t>;
 
+// Calls `visit` for each entry of a directory such as /proc/self/task; entries that vanish
+// meanwhile are skipped.
+inline void forEachEntry(const std::string& dir,
+                         const std::function<void(const std::filesystem::path&)>& visit) {
+  std::error_code error;
+  for (auto it = std::filesystem::directory_iterator(dir, error);
+       !error && it != std::filesystem::directory_iterator(); it.increment(error))
+    visit(it->path());
+}
+
 // Threads of this process named `name` (platform threads carry their role's name). Read with
 // read(2): a thread that ends between open and read makes the read fail, which a stream would
 // turn into an exception.
 inline int threadsNamed(const std::string& name) {
   int count = 0;
-  std::error_code error;
-  for (auto it = std::filesystem::directory_iterator("/proc/self/task", error);
-       !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
-    int fd = ::open((it->path() / "comm").c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) continue;
+  forEachEntry("/proc/self/task", [&](const std::filesystem::path& task) {
+    int fd = ::open((task / "comm").c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
     char text[32];
     ssize_t n = ::read(fd, text, sizeof text);
     ::close(fd);
     if (n > 0 && std::string(text, static_cast<size_t>(n)) == name + "\n") ++count;
-  }
+  });
   return count;
+}
+
+// Sets (or with nullptr clears) one environment variable for the scope's life.
+class EnvScope {
+ public:
+  EnvScope(const char* name, const char* value) : name_(name) {
+    const char* old = std::getenv(name);
+    had_ = old != nullptr;
+    if (old) old_ = old;
+    if (value) ::setenv(name, value, 1); else ::unsetenv(name);
+  }
+  ~EnvScope() {
+    if (had_) ::setenv(name_.c_str(), old_.c_str(), 1); else ::unsetenv(name_.c_str());
+  }
+
+ private:
+  std::string name_, old_;
+  bool had_ = false;
+};
+
+// A fresh directory under /tmp; empty when none could be made.
+inline std::string makeTempDir() {
+  char pattern[] = "/tmp/ipc-test-XXXXXX";
+  const char* made = ::mkdtemp(pattern);
+  return made ? made : "";
 }
 
 // POSIX_RUNTIME_DIR points at a fresh directory for the scope's life.
 class RuntimeDirScope {
  public:
-  RuntimeDirScope() {
-    char pattern[] = "/tmp/ipc-test-XXXXXX";
-    const char* made = ::mkdtemp(pattern);
-    dir_ = made ? made : "";
-    const char* old = std::getenv("POSIX_RUNTIME_DIR");
-    hadOld_ = old != nullptr;
-    if (old) old_ = old;
-    ::setenv("POSIX_RUNTIME_DIR", dir_.c_str(), 1);
-  }
+  RuntimeDirScope() : dir_(makeTempDir()), env_("POSIX_RUNTIME_DIR", dir_.c_str()) {}
   ~RuntimeDirScope() {
-    if (hadOld_)
-      ::setenv("POSIX_RUNTIME_DIR", old_.c_str(), 1);
-    else
-      ::unsetenv("POSIX_RUNTIME_DIR");
     std::error_code ignored;
     if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
   }
@@ -71,8 +95,7 @@ class RuntimeDirScope {
 
  private:
   std::string dir_;
-  std::string old_;
-  bool hadOld_ = false;
+  EnvScope env_;
 };
 
 inline void putU32(Bytes& out, uint32_t v) {
@@ -149,6 +172,7 @@ inline Frame request(uint32_t code, uint64_t id, Bytes data = {}, std::vector<Bl
 class Client {
  public:
   explicit Client(const std::string& path) : fd_(chnConnect(path.c_str())) {}
+  explicit Client(int fd) : fd_(fd) {}  // takes a socket connected elsewhere
   ~Client() { if (fd_ >= 0) ::close(fd_); }
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
@@ -189,6 +213,29 @@ class Client {
   int fd_;
 };
 
+// A client whose socket was made beforehand and connected to `path` while the process could not
+// make a single new descriptor (the soft limit at the lowest free number); `starved` runs before
+// the limit is lifted. Null when the socket could not be made or connected.
+inline std::unique_ptr<Client> connectStarved(const std::string& path,
+                                              const std::function<void()>& starved) {
+  int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  rlimit saved{};
+  if (fd < 0 || ::getrlimit(RLIMIT_NOFILE, &saved) != 0) return nullptr;
+  auto client = std::make_unique<Client>(fd);
+  int lowestFree = ::dup(fd);
+  ::close(lowestFree);
+  rlimit tight = saved;
+  tight.rlim_cur = static_cast<rlim_t>(lowestFree);
+  if (lowestFree < 0 || ::setrlimit(RLIMIT_NOFILE, &tight) != 0) return nullptr;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  starved();
+  ::setrlimit(RLIMIT_NOFILE, &saved);
+  return connected ? std::move(client) : nullptr;
+}
+
 // Waits up to `ms` for `done`, checking every few milliseconds.
 inline bool eventually(const std::function<bool()>& done, int ms = 5000) {
   auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
@@ -223,7 +270,7 @@ class RecordingConMan : public Object, public ConMan {
   std::mutex mutex;
   std::vector<Ref<ChnLink>> connects;     // guarded by mutex
   std::vector<Ref<ChnLink>> disconnects;  // guarded by mutex
-  bool refuse = false;                    // guarded by mutex
+  std::atomic<bool> refuse{false};
 };
 
 // Runs receive() on a thread of its own and queues the requests.

@@ -2,11 +2,7 @@
 // and leave nothing behind, close() races incoming connects safely, and a process short of
 // descriptors is not polled in a tight loop.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/resource.h>
-#include <sys/un.h>
 
-#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -26,25 +22,20 @@ class MultiplexAcceptorTest : public MultiplexTest {};
 // Entries of a /proc/self directory: the process's threads or open descriptors.
 size_t countEntries(const char* dir) {
   size_t count = 0;
-  std::error_code error;
-  for (auto it = std::filesystem::directory_iterator(dir, error);
-       !error && it != std::filesystem::directory_iterator(); it.increment(error))
-    ++count;
+  forEachEntry(dir, [&](const std::filesystem::path&) { ++count; });
   return count;
 }
 
 // Descriptors watched by all epoll sets of the process: one "tfd:" line each in fdinfo.
 size_t epollWatches() {
   size_t count = 0;
-  std::error_code error;
-  for (auto it = std::filesystem::directory_iterator("/proc/self/fd", error);
-       !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
+  forEachEntry("/proc/self/fd", [&](const std::filesystem::path& fd) {
     std::error_code ignored;
-    if (std::filesystem::read_symlink(it->path(), ignored) != "anon_inode:[eventpoll]") continue;
-    std::ifstream info("/proc/self/fdinfo/" + it->path().filename().string());
+    if (std::filesystem::read_symlink(fd, ignored) != "anon_inode:[eventpoll]") return;
+    std::ifstream info("/proc/self/fdinfo/" + fd.filename().string());
     for (std::string line; std::getline(info, line);)
       if (line.rfind("tfd:", 0) == 0) ++count;
-  }
+  });
   return count;
 }
 
@@ -66,8 +57,7 @@ TEST_F(MultiplexAcceptorTest, IdleMultiplexesCostNoThreadAndLeaveNothingBehind) 
   for (uint32_t i = 0; i < muxes.size(); i += 7) {
     Client c(chnPath(muxes[i]->channelId()));
     Frame f;
-    ASSERT_TRUE(c.send(bind(1)) && c.recvFrame(&f) && f.code == 1u) << i;
-    ASSERT_TRUE(c.send(request(5, 1)) && c.recvFrame(&f)) << i;
+    ASSERT_TRUE(binds(c, 1) && c.send(request(5, 1)) && c.recvFrame(&f)) << i;
     EXPECT_EQ(f.code, i * 1000 + 5) << i;
   }
 
@@ -91,8 +81,7 @@ TEST_F(MultiplexAcceptorTest, IdleMultiplexesCostNoThreadAndLeaveNothingBehind) 
   ASSERT_TRUE(mux);
   ASSERT_EQ(mux->add(echo(9), new RecordingConMan()), 1u);
   Client again(chnPath(mux->channelId()));
-  Frame f;
-  EXPECT_TRUE(again.send(bind(1)) && again.recvFrame(&f) && f.code == 1u);
+  EXPECT_TRUE(binds(again, 1));
   EXPECT_EQ(threadsNamed("MuxAcceptor"), 1);
 }
 
@@ -121,8 +110,7 @@ TEST_F(MultiplexAcceptorTest, CloseRacingIncomingConnectsEndsEveryLink) {
             continue;
           }
           if (after) ++lateConnects;
-          Frame f;
-          if (c->send(bind(1))) c->recvFrame(&f, 200);  // answered, or ended by the close
+          binds(*c, 1, 200);  // answered, or ended by the close
           held[t].push_back(std::move(c));
         }
       });
@@ -144,56 +132,33 @@ TEST_F(MultiplexAcceptorTest, CloseRacingIncomingConnectsEndsEveryLink) {
 
 // CPU ticks (user and system) the acceptor thread has used, or -1 when it is not running.
 long acceptorTicks() {
-  std::error_code error;
-  for (auto it = std::filesystem::directory_iterator("/proc/self/task", error);
-       !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
-    std::ifstream stat(it->path() / "stat");
+  long ticks = -1;
+  forEachEntry("/proc/self/task", [&](const std::filesystem::path& task) {
+    std::ifstream stat(task / "stat");
     std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    if (text.find("(MuxAcceptor)") == std::string::npos) continue;
+    if (text.find("(MuxAcceptor)") == std::string::npos) return;
     std::istringstream fields(text.substr(text.rfind(')') + 2));
     std::string skipped;
     for (int field = 3; field < 14; ++field) fields >> skipped;  // state .. cmajflt
     long utime = 0, stime = 0;
     fields >> utime >> stime;
-    return utime + stime;
-  }
-  return -1;
+    ticks = utime + stime;
+  });
+  return ticks;
 }
 
 // While the process has no descriptor to spare, a waiting connection is retried now and then,
 // not in a tight loop; once descriptors are free again it is served.
 TEST_F(MultiplexAcceptorTest, AcceptShortOfDescriptorsBacksOffAndRecovers) {
   ASSERT_EQ(mux->add(echo(4), new RecordingConMan()), 1u);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-  int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  ASSERT_GE(fd, 0);
   long ticks = -1;  // the acceptor names itself once it runs, a moment after the first add
   ASSERT_TRUE(eventually([&] { return (ticks = acceptorTicks()) >= 0; }));
-  rlimit old{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
-  int lowestFree = ::dup(fd);
-  ASSERT_GE(lowestFree, 0);
-  ::close(lowestFree);
-  rlimit tight = old;
-  tight.rlim_cur = static_cast<rlim_t>(lowestFree);  // no further descriptor can be made
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
-  const int connected = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
-  EXPECT_EQ(connected, 0);
+  auto client = connectStarved(path, [] {  // nothing here may open a descriptor
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  });
+  ASSERT_TRUE(client);
   EXPECT_LT(acceptorTicks() - ticks, 10);  // a spinning one burns tens
-
-  Bytes bindFrame = encode(bind(1)), raw(64);
-  ASSERT_EQ(::send(fd, bindFrame.data(), bindFrame.size(), MSG_NOSIGNAL),
-            static_cast<ssize_t>(bindFrame.size()));
-  pollfd p{fd, POLLIN, 0};
-  ASSERT_EQ(::poll(&p, 1, 5000), 1);
-  Frame f;
-  raw.resize(static_cast<size_t>(std::max<ssize_t>(0, ::recv(fd, raw.data(), raw.size(), 0))));
-  EXPECT_TRUE(parse(raw, &f) && f.code == 1u);
-  ::close(fd);
+  EXPECT_TRUE(binds(*client, 1));
 }
 
 }  // namespace

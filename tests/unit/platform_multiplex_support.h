@@ -52,6 +52,13 @@ inline Ref<FnService> echo(uint32_t tag) {
 
 inline Frame bind(uint64_t serviceId) { return Frame{PX_FRAME_BIND, 0, serviceId, {}, {}}; }
 
+// Binds `client` to `serviceId`: true when the bind is answered as accepted.
+inline bool binds(Client& client, uint64_t serviceId, int timeoutMs = 5000) {
+  Frame f;
+  return client.send(bind(serviceId)) && client.recvFrame(&f, timeoutMs) &&
+         f.kind == PX_FRAME_REPLY && f.id == serviceId && f.code == 1u;
+}
+
 class MultiplexTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -68,9 +75,7 @@ class MultiplexTest : public ::testing::Test {
   // A client bound to `serviceId`; checks the bind reply.
   std::unique_ptr<Client> bound(uint64_t serviceId) {
     auto client = std::make_unique<Client>(path);
-    Frame f;
-    EXPECT_TRUE(client->send(bind(serviceId)) && client->recvFrame(&f));
-    EXPECT_TRUE(f.kind == PX_FRAME_REPLY && f.id == serviceId && f.code == 1u) << f.code;
+    EXPECT_TRUE(binds(*client, serviceId));
     return client;
   }
 

@@ -1,6 +1,5 @@
 // The platform's core objects: references across threads, the constructor guard, the heap's
 // counts and refusal hook, and the log's filters and line format.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -110,10 +109,8 @@ TEST(ObjectRefs, ConcurrentFirstWeakRefsShareOneProxy) {
   }
   go.store(true);
   for (auto& t : threads) t.join();
-  for (size_t t = 0; t < seen.size(); ++t) {
-    EXPECT_EQ(seen[t], seen[0]);
-    EXPECT_EQ(weaks[t].lock().get(), owner.get());
-  }
+  for (size_t t = 0; t < seen.size(); ++t)
+    EXPECT_TRUE(seen[t] == seen[0] && weaks[t].lock().get() == owner.get()) << t;
   owner.reset();
   for (auto& weak : weaks) EXPECT_FALSE(weak.lock());
 }
@@ -138,26 +135,22 @@ TEST(ObjectRefs, LockRefKeepsAnObjectAliveThroughItsConstructor) {
   EXPECT_EQ(owner->strongCount(), 1u);
 }
 
+// Stats are taken first and checked after, so that nothing the checks allocate is counted.
 TEST(HeapCounts, AllocationsAndNewAreCountedUntilFreed) {
   Heap::Stats before = Heap::stats();
   void* block = Heap::alloc(100, Heap::kSingle, nullptr);
-  Heap::Stats during = Heap::stats();
-  ASSERT_NE(block, nullptr);
+  Heap::Stats withBlock = Heap::stats();
   Heap::free(block, Heap::kSingle, nullptr);
+  auto* object = new Tracked();  // global new goes through the heap as well
+  Heap::Stats withObject = Heap::stats();
+  delete object;
   Heap::Stats after = Heap::stats();
-  EXPECT_EQ(during.liveBlocks, before.liveBlocks + 1);
-  EXPECT_GE(during.liveBytes, before.liveBytes + 100);
+  ASSERT_NE(block, nullptr);
+  EXPECT_EQ(withBlock.liveBlocks, before.liveBlocks + 1);
+  EXPECT_GE(withBlock.liveBytes, before.liveBytes + 100);
+  EXPECT_EQ(withObject.liveBlocks, before.liveBlocks + 1);
   EXPECT_EQ(after.liveBlocks, before.liveBlocks);
   EXPECT_EQ(after.liveBytes, before.liveBytes);
-
-  // Global new goes through the heap as well.
-  before = Heap::stats();
-  auto* object = new Tracked();
-  during = Heap::stats();
-  delete object;
-  after = Heap::stats();
-  EXPECT_EQ(during.liveBlocks, before.liveBlocks + 1);
-  EXPECT_EQ(after.liveBlocks, before.liveBlocks);
 }
 
 TEST(HeapCounts, RefuseAfterRefusesUntilSwitchedOff) {
@@ -195,8 +188,6 @@ TEST(LogFilters, HandlesAreStablePerNameAndPosixLogOffSwitchesFiltersOff) {
   EXPECT_TRUE(SysLogFilter::state(loud));
   EXPECT_FALSE(SysLogFilter::state(quiet));
   EXPECT_TRUE(SysLogFilter::state(prefix));
-  EXPECT_TRUE(SysLogFilter::id(quiet)->equals("OBJTEST QUIET"));
-  EXPECT_TRUE(SysLogFilter::id(0)->equals("DEFAULT"));
 
   std::vector<uint64_t> handles(8);
   std::vector<std::thread> threads;
@@ -207,11 +198,7 @@ TEST(LogFilters, HandlesAreStablePerNameAndPosixLogOffSwitchesFiltersOff) {
 }
 
 TEST(LogFilters, LinesCarryTimeLevelSourceAndText) {
-  char path[] = "/tmp/posix-logline-XXXXXX";
-  int file = mkstemp(path);
-  ASSERT_GE(file, 0);
-  int savedErr = dup(STDERR_FILENO);
-  dup2(file, STDERR_FILENO);
+  testing::internal::CaptureStderr();
   {
     Ref<LogPrinter> printer = SysLogStream::stdOutPrinter();
     printer->setLevel(3);
@@ -221,14 +208,7 @@ TEST(LogFilters, LinesCarryTimeLevelSourceAndText) {
     *printer << "second";
     printer->endLine();
   }
-  dup2(savedErr, STDERR_FILENO);
-  close(savedErr);
-  std::string text(4096, '\0');
-  ssize_t n = pread(file, text.data(), text.size(), 0);
-  close(file);
-  unlink(path);
-  ASSERT_GT(n, 0);
-  text.resize(static_cast<size_t>(n));
+  std::string text = testing::internal::GetCapturedStderr();
   const std::string stamp = R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} 3 OBJTEST LINE: )";
   EXPECT_TRUE(std::regex_match(text, std::regex(stamp + "value ff and -5\n" + stamp + "second\n")))
       << text;

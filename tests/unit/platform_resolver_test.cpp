@@ -1,6 +1,6 @@
 // The stream resolver and the node provider: reads and writes of a FIFO through a real socket,
 // the request checks, handlers that wait for ever released by a hang-up or a close, and node
-// records written straight into replies.
+// records written into replies; messages as streams.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,13 +8,12 @@
 #include "platform/fifo.h"
 #include "platform/multiplex.h"
 #include "platform/nodes.h"
-#include "platform_chn_support.h"
+#include "platform_multiplex_support.h"
 #include "posix/nodes.h"
 #include "posix/wire.h"
 
 using namespace chntest;
 using Interfaces::MemDesc;
-using Libraries::Service::Multiplex;
 using Resolver = Services::Nodes::Resolvers::Stream;
 
 namespace {
@@ -68,56 +67,40 @@ Bytes writeRequest(uint32_t timeoutMs, const Bytes& bytes) {
   return b;
 }
 
-class ResolverTest : public ::testing::Test {
+// The byte count a write is answered with; ~0 when the reply is not a done status and a count.
+uint64_t countOf(const Frame& reply) {
+  return reply.code == 1u && reply.data.size() == 8u ? getU64(reply.data.data()) : ~uint64_t{0};
+}
+
+class ResolverTest : public muxtest::MultiplexTest {
  protected:
   void SetUp() override {
+    MultiplexTest::SetUp();
     stream = new FifoStream(new Fifo(4096));
     resolver = Resolver::create(stream, nullptr, 512);
     ASSERT_TRUE(resolver);
-    mux = Multiplex::create(String::create("ResolverMux"));
-    ASSERT_TRUE(mux);
-    man = new RecordingConMan();
     ASSERT_EQ(mux->add(resolver, man), 1u);
-  }
-  void TearDown() override {
-    mux->close();
-    EXPECT_TRUE(mux->wait(5000));
-  }
-  std::unique_ptr<Client> bound() {
-    auto c = std::make_unique<Client>(chnPath(mux->channelId()));
-    Frame f;
-    EXPECT_TRUE(c->send(Frame{PX_FRAME_BIND, 0, 1, {}, {}}) && c->recvFrame(&f) && f.code == 1);
-    return c;
   }
   // Sends one request and answers its reply (status in code).
   static Frame ask(Client& c, uint32_t code, const Bytes& data, int timeoutMs = 5000) {
     static std::atomic<uint64_t> nextId{1};
     uint64_t id = nextId++;
     Frame f;
-    EXPECT_TRUE(c.send(request(code, id, data)));
-    EXPECT_TRUE(c.recvFrame(&f, timeoutMs));
-    EXPECT_EQ(f.id, id);
+    EXPECT_TRUE(c.send(request(code, id, data)) && c.recvFrame(&f, timeoutMs) && f.id == id);
     return f;
   }
 
-  RuntimeDirScope rt;
   Ref<FifoStream> stream;
   Ref<Resolver> resolver;
-  Ref<Multiplex> mux;
-  Ref<RecordingConMan> man;
+  Ref<RecordingConMan> man = new RecordingConMan();
 };
 
 TEST_F(ResolverTest, ReadsAndWritesAFifoThroughTheSocket) {
-  auto writer = bound(), reader = bound();
-  Frame f = ask(*writer, PX_STREAM_WRITE, writeRequest(1000, {'h', 'e', 'l', 'l', 'o', '!'}));
-  EXPECT_EQ(f.code, 1u);
-  ASSERT_EQ(f.data.size(), 8u);
-  EXPECT_EQ(getU64(f.data.data()), 6u);
-  f = ask(*reader, PX_STREAM_READ, readRequest(4, 1000));
-  EXPECT_EQ(f.code, 1u);
-  EXPECT_EQ(f.data, (Bytes{'h', 'e', 'l', 'l'}));
-  f = ask(*reader, PX_STREAM_READ, readRequest(100, 1000));
-  EXPECT_EQ(f.data, (Bytes{'o', '!'}));
+  auto writer = bound(1), reader = bound(1);
+  EXPECT_EQ(countOf(ask(*writer, PX_STREAM_WRITE, writeRequest(1000, {'h', 'i', '!'}))), 3u);
+  Frame f = ask(*reader, PX_STREAM_READ, readRequest(2, 1000));
+  EXPECT_TRUE(f.code == 1u && f.data == (Bytes{'h', 'i'}));
+  EXPECT_EQ(ask(*reader, PX_STREAM_READ, readRequest(100, 1000)).data, (Bytes{'!'}));
 
   // More than the buffer holds goes through while the reader drains it.
   Bytes big(20000);
@@ -132,7 +115,7 @@ TEST_F(ResolverTest, ReadsAndWritesAFifoThroughTheSocket) {
   });
   f = ask(*writer, PX_STREAM_WRITE, writeRequest(5000, big), 10000);
   drain.join();
-  EXPECT_EQ(getU64(f.data.data()), big.size());
+  EXPECT_EQ(countOf(f), big.size());
   EXPECT_EQ(got, big);
 
   // An empty FIFO: the read waits out its time-out over several slices, then answers nothing.
@@ -149,12 +132,11 @@ TEST_F(ResolverTest, ReadsAndWritesAFifoThroughTheSocket) {
   EXPECT_LT(msSince(start), 1000);
   // A broken FIFO takes nothing.
   stream->fifo->setBroken();
-  f = ask(*writer, PX_STREAM_WRITE, writeRequest(kForever, {1, 2, 3}));
-  EXPECT_EQ(getU64(f.data.data()), 0u);
+  EXPECT_EQ(countOf(ask(*writer, PX_STREAM_WRITE, writeRequest(kForever, {1, 2, 3}))), 0u);
 }
 
 TEST_F(ResolverTest, AReadWaitingForEverEndsWhenTheClientHangsUp) {
-  auto reader = bound();
+  auto reader = bound(1);
   ASSERT_TRUE(reader->send(request(PX_STREAM_READ, 1, readRequest(10, kForever))));
   ASSERT_TRUE(eventually([&] { return stream->active.load() == 1; }));
   reader.reset();
@@ -166,9 +148,9 @@ TEST_F(ResolverTest, AReadWaitingForEverEndsWhenTheClientHangsUp) {
 }
 
 TEST_F(ResolverTest, AWriteWaitingForEverEndsWhenTheMultiplexCloses) {
-  auto writer = bound();
+  auto writer = bound(1);
   Bytes full(4096, 1);
-  ASSERT_EQ(getU64(ask(*writer, PX_STREAM_WRITE, writeRequest(0, full)).data.data()), 4096u);
+  ASSERT_EQ(countOf(ask(*writer, PX_STREAM_WRITE, writeRequest(0, full))), 4096u);
   ASSERT_TRUE(writer->send(request(PX_STREAM_WRITE, 2, writeRequest(kForever, {2}))));
   ASSERT_TRUE(eventually([&] { return stream->calls.load() >= 3; }));  // waiting for room
   auto start = Clock::now();
@@ -179,93 +161,62 @@ TEST_F(ResolverTest, AWriteWaitingForEverEndsWhenTheMultiplexCloses) {
   EXPECT_EQ(man->disconnectCount(), 1u);
 }
 
-// Requests handed to the resolver directly: the checks that come before the stream.
-TEST(ResolverRequestTest, ShortOrUnknownRequestsLeaveTheStreamAlone) {
+// Requests handed to the resolver directly: the checks that come before the stream, and the
+// bounds the stream is called with.
+TEST(ResolverRequestTest, ShortOrUnknownRequestsLeaveTheStreamAloneAndReadsAreBounded) {
   Ref<FifoStream> stream = new FifoStream(new Fifo(100000));
   Ref<Resolver> resolver = Resolver::create(stream, nullptr, 1024);
   EXPECT_FALSE(Resolver::create(nullptr, nullptr, 0));
-  EXPECT_TRUE(resolver->isBound());
-  auto run = [&](uint32_t code, Bytes data, Frame* reply) {
+  auto run = [&](uint32_t code, Bytes data) {
     Bytes raw = encode(request(code, 1, std::move(data)));
-    Ref<InMsg> in = InMsg::decode(raw.data(), raw.size(), nullptr);
     Ref<OutMsg> out = OutMsg::create();
     uint32_t ret = 77;
-    EXPECT_TRUE(resolver->handle(in, out, &ret, 0, nullptr));
-    reply->code = ret;
-    reply->data = out->data();
+    EXPECT_TRUE(resolver->handle(InMsg::decode(raw.data(), raw.size(), nullptr), out, &ret, 0,
+                                 nullptr));
+    return Frame{0, ret, 0, out->data(), {}};
   };
-  Frame r;
-  run(PX_STREAM_READ, Bytes(11), &r);
-  EXPECT_EQ(r.code, PX_RESULT_SHORT_REQUEST);
-  run(PX_STREAM_WRITE, Bytes(3), &r);
-  EXPECT_EQ(r.code, PX_RESULT_SHORT_REQUEST);
-  run(3, readRequest(1, 0), &r);
-  EXPECT_EQ(r.code, PX_RESULT_FAILED);
-  run(0, {}, &r);
-  EXPECT_EQ(r.code, PX_RESULT_FAILED);
+  struct {
+    uint32_t code;
+    Bytes data;
+    uint32_t status;
+  } refused[] = {{PX_STREAM_READ, Bytes(11), PX_RESULT_SHORT_REQUEST},
+                 {PX_STREAM_WRITE, Bytes(3), PX_RESULT_SHORT_REQUEST},
+                 {3, readRequest(1, 0), PX_RESULT_FAILED},
+                 {0, {}, PX_RESULT_FAILED}};
+  for (auto& row : refused) EXPECT_EQ(run(row.code, row.data).code, row.status) << row.code;
   EXPECT_EQ(stream->calls.load(), 0);
 
   // A read never answers more than 64 KiB, whatever it asks for.
   Bytes lots(70000, 5);
-  run(PX_STREAM_WRITE, writeRequest(0, lots), &r);
-  EXPECT_EQ(getU64(r.data.data()), lots.size());
-  run(PX_STREAM_READ, readRequest(~uint64_t{0}, 0), &r);
+  EXPECT_EQ(countOf(run(PX_STREAM_WRITE, writeRequest(0, lots))), lots.size());
+  Frame r = run(PX_STREAM_READ, readRequest(~uint64_t{0}, 0));
   EXPECT_EQ(r.code, 1u);
   EXPECT_EQ(r.data.size(), PX_STREAM_MAX_READ);
   // Reads and writes of nothing still reach the stream once.
   int calls = stream->calls.load();
-  run(PX_STREAM_WRITE, writeRequest(0, {}), &r);
-  EXPECT_EQ(getU64(r.data.data()), 0u);
-  run(PX_STREAM_READ, readRequest(0, 0), &r);
-  EXPECT_TRUE(r.data.empty());
+  EXPECT_EQ(countOf(run(PX_STREAM_WRITE, writeRequest(0, {}))), 0u);
+  EXPECT_TRUE(run(PX_STREAM_READ, readRequest(0, 0)).data.empty());
   EXPECT_EQ(stream->calls.load(), calls + 2);
 }
 
-// Serialises a provider's node into every reply.
-class NodeService : public Object, public Interfaces::Service {
- public:
-  explicit NodeService(Ref<Services::Nodes::Provider> p) : provider(std::move(p)) {}
-  bool handle(const Ref<InMsg>&, const Ref<OutMsg>& out, uint32_t* ret, uint64_t,
-              Ref<Object>*) override {
-    *ret = provider->serialize(out) ? 1 : 0;
-    return true;
-  }
-  bool isBound() override { return true; }
-  uint32_t unbind(Ref<Object>) override { return 0; }
-  Ref<String> name() override { return String::create("Node"); }
-  Ref<Services::Nodes::Provider> provider;
-};
-
-TEST(ProviderTest, WritesTheNodeRecordStraightIntoAReply) {
-  RuntimeDirScope rt;
+TEST(ProviderTest, WritesTheWholeNodeRecordIntoAReplyOrNothing) {
   EXPECT_FALSE(Services::Nodes::Provider::create(nullptr, 0));
   Ref<DeviceNode> node = DeviceNode::create();
   node->add(PX_IFACE_STREAM, 0x1122334455667788ull, 1, 0, PX_ACCESS_READ, 0);
   node->add(PX_IFACE_FIFO_STATUS, 0x99, 2, 0, PX_ACCESS_SERVICE, 0);
   Ref<Services::Nodes::Provider> provider = Services::Nodes::Provider::create(node, 0);
   ASSERT_TRUE(provider);
-
-  Ref<Multiplex> mux = Multiplex::create(String::create("NodeMux"));
-  ASSERT_TRUE(mux);
-  ASSERT_EQ(mux->add(new NodeService(provider), new RecordingConMan()), 1u);
-  Client c(chnPath(mux->channelId()));
-  Frame f;
-  ASSERT_TRUE(c.send(Frame{PX_FRAME_BIND, 0, 1, {}, {}}) && c.recvFrame(&f));
-  ASSERT_TRUE(c.send(request(1, 2)) && c.recvFrame(&f));
-  EXPECT_EQ(f.code, 1u);
-  ASSERT_EQ(f.data.size(), PX_NODE_COUNT_SIZE + 2 * PX_NODE_ENTRY_SIZE);
-  EXPECT_EQ(getU32(f.data.data()), 2u);
-  EXPECT_EQ(getU64(f.data.data() + 4), PX_IFACE_STREAM);
-  EXPECT_EQ(getU64(f.data.data() + 4 + 8), 0x1122334455667788ull);
-  EXPECT_EQ(getU64(f.data.data() + 4 + 32), PX_ACCESS_READ);
-  EXPECT_EQ(getU64(f.data.data() + 4 + 48 + 16), 2u);
-  EXPECT_EQ(f.data, node->record());
-  mux->close();
-  EXPECT_TRUE(mux->wait(5000));
+  Ref<OutMsg> out = OutMsg::create();
+  out->write("x", 1);
+  EXPECT_TRUE(provider->serialize(out));
+  Bytes expected = node->record();
+  expected.insert(expected.begin(), 'x');
+  EXPECT_EQ(out->data(), expected);
+  EXPECT_EQ(expected.size(), 1 + PX_NODE_COUNT_SIZE + 2 * PX_NODE_ENTRY_SIZE);
 
   // A reply without room for the whole record gets none of it.
-  Ref<OutMsg> out = OutMsg::create();
   Bytes filler(PX_WIRE_MAX_FRAME - PX_FRAME_HEADER_SIZE - 60);
+  out = OutMsg::create();
   ASSERT_EQ(out->write(filler.data(), filler.size()), filler.size());
   EXPECT_FALSE(provider->serialize(out));
   EXPECT_EQ(out->data().size(), filler.size());
