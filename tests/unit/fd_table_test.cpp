@@ -70,9 +70,7 @@ TEST(FDTable, OpenEntriesAreBoundedAndCopiesCountTheirs) {
 
 TEST(FDTable, RemoveRejectsFreeNegativeAndOutOfRangeNumbers) {
   FDTable table;
-  EXPECT_FALSE(table.remove(-1));
-  EXPECT_FALSE(table.remove(3));
-  EXPECT_FALSE(table.remove(1000));
+  for (int fd : {-1, 3, 1000}) EXPECT_FALSE(table.remove(fd)) << fd;
   EXPECT_TRUE(table.remove(2));
   EXPECT_FALSE(table.remove(2));
 }
@@ -95,10 +93,8 @@ TEST(FDTable, DupToLowestOntoANumberAndOntoItself) {
   EXPECT_EQ(table.dup(3, 3, true), 3);
   EXPECT_FALSE(table.entry(3)->closeOnExec) << "duplicating onto itself clears close-on-exec";
   EXPECT_EQ(table.entry(3)->server, a);
-  EXPECT_EQ(table.dup(4, 0, false), -1) << "free number";
-  EXPECT_EQ(table.dup(-1, 0, false), -1);
-  EXPECT_EQ(table.dup(99, 0, false), -1);
-  EXPECT_EQ(table.dup(3, -1, false), -1);
+  for (auto [from, to] : {std::pair{4, 0}, {-1, 0}, {99, 0}, {3, -1}})
+    EXPECT_EQ(table.dup(from, to, false), -1) << from << " to " << to << ": free or out of range";
 }
 
 TEST(FDTable, CopySharesDescriptionsAndKeepsNumbering) {

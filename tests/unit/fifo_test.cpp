@@ -10,6 +10,7 @@
 
 #include "fifo/posix_fifo.h"
 #include "fifo/posix_fifo_svc.h"
+#include "item_support.h"
 #include "platform_chn_support.h"
 #include "posix/wire.h"
 
@@ -37,22 +38,19 @@ struct Pipe {
   }
 };
 
-int64_t msSince(Clock::time_point start) {
+// How long `step` took, in milliseconds.
+template <class Step>
+int64_t msTaken(Step step) {
+  auto start = Clock::now();
+  step();
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
 
-// A request with `code` as the status service receives it.
-Ref<InMsg> command(uint32_t code) {
-  Bytes frame = encode(request(code, 1));
-  return InMsg::decode(frame.data(), frame.size(), nullptr);
-}
-
+// The status the service answers to `code`; the answer is the status alone.
 uint32_t ask(const Ref<PosixFifoSvc>& svc, uint32_t code) {
-  uint32_t ret = 99;
-  Ref<OutMsg> out = OutMsg::create();
-  EXPECT_TRUE(svc->handle(command(code), out, &ret, 0, nullptr));
-  EXPECT_TRUE(out->data().empty()) << "the answer is the status alone";
-  return ret;
+  itemtest::Answer a = itemtest::ask(*svc, code);
+  EXPECT_TRUE(a.data.empty());
+  return a.ret;
 }
 
 TEST(FifoEnds, ReadersDrainWhatIsLeftThenSeeEndOfFile) {
@@ -63,9 +61,7 @@ TEST(FifoEnds, ReadersDrainWhatIsLeftThenSeeEndOfFile) {
   pipe.write->closeEnd();
   EXPECT_EQ(pipe.get(100, kForever), " world") << "buffered bytes outlive the writer";
   EXPECT_EQ(pipe.read->status(), PosixFifoBase::kStatusOk);
-  auto start = Clock::now();
-  EXPECT_EQ(pipe.get(100, kForever), "");
-  EXPECT_LT(msSince(start), 1000) << "end-of-file ends the wait at once";
+  EXPECT_LT(msTaken([&] { EXPECT_EQ(pipe.get(100, kForever), ""); }), 1000) << "end-of-file ends the wait at once";
   EXPECT_EQ(pipe.read->status(), PosixFifoBase::kStatusEof);
 }
 
@@ -86,9 +82,7 @@ TEST(FifoEnds, AFullBufferTakesWhatFitsAndATimedOutWriteKeepsStatusZero) {
   std::string big(PosixFifoBase::kFifoCapacity + 100, 'a');
   EXPECT_EQ(pipe.put(big, 50), PosixFifoBase::kFifoCapacity) << "partial write";
   EXPECT_EQ(pipe.write->status(), PosixFifoBase::kStatusOk);
-  auto start = Clock::now();
-  EXPECT_EQ(pipe.put("b", 60), 0u);
-  EXPECT_GE(msSince(start), 50);
+  EXPECT_GE(msTaken([&] { EXPECT_EQ(pipe.put("b", 60), 0u); }), 50);
   EXPECT_EQ(pipe.write->status(), PosixFifoBase::kStatusOk) << "intact FIFO: no error";
   pipe.read->closeEnd();
   EXPECT_EQ(pipe.put("b", kForever), 0u);
@@ -119,18 +113,14 @@ TEST(FifoEnds, WrongEndsAndForeignBuffersLeaveTheBufferAlone) {
 
 TEST(FifoEnds, ReadsTimeOutOnTheFirstByteAndOnTheMonitor) {
   Pipe pipe;
-  auto start = Clock::now();
-  EXPECT_EQ(pipe.get(10, 60), "");
-  EXPECT_GE(msSince(start), 50);
+  EXPECT_GE(msTaken([&] { EXPECT_EQ(pipe.get(10, 60), ""); }), 50);
   EXPECT_EQ(pipe.read->status(), PosixFifoBase::kStatusTimedOut);
 
   // A first reader holds the monitor while it waits; a second one gives up after its own time.
   std::string first;
   std::thread reader([&] { first = pipe.get(10, 5000); });
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  start = Clock::now();
-  EXPECT_EQ(pipe.get(10, 60), "");
-  EXPECT_GE(msSince(start), 50);
+  EXPECT_GE(msTaken([&] { EXPECT_EQ(pipe.get(10, 60), ""); }), 50);
   EXPECT_EQ(pipe.read->status(), PosixFifoBase::kStatusTimedOut);
   pipe.put("late");
   reader.join();
@@ -176,8 +166,8 @@ TEST(FifoStatusService, AnswersMoreDataStatusAndUnknownCommands) {
   EXPECT_TRUE(writeSvc->isBound()) << "the pointer is tested, not the end's life";
   uint32_t ret = 77;
   EXPECT_TRUE(readSvc->handle(nullptr, OutMsg::create(), &ret, 0, nullptr));
-  EXPECT_TRUE(readSvc->handle(command(0), nullptr, &ret, 0, nullptr));
-  EXPECT_TRUE(readSvc->handle(command(0), OutMsg::create(), nullptr, 0, nullptr));
+  EXPECT_TRUE(readSvc->handle(itemtest::inMessage(0), nullptr, &ret, 0, nullptr));
+  EXPECT_TRUE(readSvc->handle(itemtest::inMessage(0), OutMsg::create(), nullptr, 0, nullptr));
   EXPECT_EQ(ret, 77u) << "nothing answered without all three";
 }
 

@@ -1,9 +1,7 @@
 // The server's shared helpers: the exit-handler list and the log idiom (number formatter,
 // assertion lines, lines whose pieces are never built when suppressed).
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -29,51 +27,22 @@ TEST(ExitHandlers, RunInReverseOrderOfRegistrationAndOnlyOnce) {
   EXPECT_EQ(order().size(), 3u) << "handlers are unlinked as they run";
 }
 
-// Captures what the log writes to standard error while it lives.
-class StderrCapture {
- public:
-  StderrCapture() {
-    std::fflush(stderr);
-    file_ = std::tmpfile();
-    saved_ = dup(STDERR_FILENO);
-    dup2(fileno(file_), STDERR_FILENO);
-  }
-  std::string text() {
-    dup2(saved_, STDERR_FILENO);
-    std::string all;
-    std::rewind(file_);
-    char buffer[4096];
-    size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, file_)) > 0) all.append(buffer, n);
-    return all;
-  }
-  ~StderrCapture() {
-    dup2(saved_, STDERR_FILENO);
-    close(saved_);
-    std::fclose(file_);
-  }
-
- private:
-  std::FILE* file_;
-  int saved_;
-};
-
 TEST(LogIdiom, NumbersAreWrittenInHexThenDecimal) {
   uint64_t handle = 0;
   posix::registerLogFilters(&handle);
   EXPECT_EQ(SysLogFilter::id(handle)->c_str(), std::string("POSIX SERVER"));
-  StderrCapture capture;
+  testing::internal::CaptureStderr();
   POSIX_LOG(handle, 1, "Entry created for process " << posix::LogNum{16934});
-  std::string text = capture.text();
+  std::string text = testing::internal::GetCapturedStderr();
   EXPECT_NE(text.find(" 1 POSIX SERVER: Entry created for process 4226h (16934)\n"), std::string::npos) << text;
 }
 
 TEST(LogIdiom, AssertionLineNamesConditionLineAndFunction) {
-  StderrCapture capture;
+  testing::internal::CaptureStderr();
   int* table = nullptr;
   POSIX_ASSERT(table, "table != 0", 44, "FDTable::FDTable");
   POSIX_ASSERT(!table, "never shown", 1, "nobody");
-  std::string text = capture.text();
+  std::string text = testing::internal::GetCapturedStderr();
   EXPECT_NE(text.find(" 4 DEFAULT: ASSERT CONDITION table != 0 FAILED IN LINE 2ch (44), FUNCTION FDTable::FDTable\n"),
             std::string::npos)
       << text;
@@ -85,10 +54,10 @@ TEST(LogIdiom, SuppressedLinesAreNeverBuilt) {
   posix::registerLogFilters(&handle);
   int evaluated = 0;
   auto piece = [&evaluated] { return ++evaluated; };
-  StderrCapture capture;
+  testing::internal::CaptureStderr();
   POSIX_LOG(handle, 0, "below the threshold " << piece());  // the default threshold is 1
   EXPECT_EQ(evaluated, 0);
-  EXPECT_EQ(capture.text(), "");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 }  // namespace
