@@ -9,16 +9,20 @@
 
 #include "server_fixture.h"
 
-namespace {
-
-std::vector<char*> argvOf(const std::vector<std::string>& argv) {
-  std::vector<char*> list;
-  for (const std::string& a : argv) list.push_back(const_cast<char*>(a.c_str()));
-  list.push_back(nullptr);
-  return list;
+pid_t startCommand(const std::vector<std::string>& argv, int outFd, int errFd, int inFd) {
+  std::vector<char*> args;
+  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(inFd >= 0 ? inFd : open("/dev/null", O_RDONLY), 0);
+    dup2(outFd, 1);
+    dup2(errFd >= 0 ? errFd : outFd, 2);
+    execv(args[0], args.data());
+    _exit(127);
+  }
+  return pid;
 }
-
-}  // namespace
 
 CommandResult runCommand(const std::vector<std::string>& argv, const std::string& input,
                          int timeoutMs) {
@@ -27,15 +31,7 @@ CommandResult runCommand(const std::vector<std::string>& argv, const std::string
   if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
     return result;
   }
-  std::vector<char*> args = argvOf(argv);
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(in[0], 0);
-    dup2(out[1], 1);
-    dup2(err[1], 2);
-    execv(args[0], args.data());
-    _exit(127);
-  }
+  pid_t pid = startCommand(argv, out[1], err[1], in[0]);
   close(in[0]);
   close(out[1]);
   close(err[1]);
@@ -44,20 +40,16 @@ CommandResult runCommand(const std::vector<std::string>& argv, const std::string
   int64_t deadline = monotonicMs() + timeoutMs;
   int fds[2] = {out[0], err[0]};
   std::string* sinks[2] = {&result.out, &result.err};
-  int open = 2;
-  while (open > 0 && monotonicMs() < deadline) {
+  while ((fds[0] >= 0 || fds[1] >= 0) && monotonicMs() < deadline) {
     struct pollfd pfd[2] = {{fds[0], POLLIN, 0}, {fds[1], POLLIN, 0}};
     if (poll(pfd, 2, 50) <= 0) continue;
     for (int k = 0; k < 2; ++k) {
-      if (fds[k] < 0 || pfd[k].revents == 0) continue;
       char buf[4096];
-      ssize_t n = read(fds[k], buf, sizeof buf);
-      if (n > 0) {
-        sinks[k]->append(buf, static_cast<size_t>(n));
-      } else {
+      ssize_t n = pfd[k].revents == 0 ? 0 : read(fds[k], buf, sizeof buf);
+      if (n > 0) sinks[k]->append(buf, static_cast<size_t>(n));
+      if (n <= 0 && pfd[k].revents != 0) {
         close(fds[k]);
         fds[k] = -1;
-        --open;
       }
     }
   }
@@ -73,18 +65,4 @@ CommandResult runCommand(const std::vector<std::string>& argv, const std::string
   }
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return result;
-}
-
-pid_t startCommand(const std::vector<std::string>& argv, int outFd) {
-  std::vector<char*> args = argvOf(argv);
-  pid_t pid = fork();
-  if (pid == 0) {
-    int devnull = open("/dev/null", O_RDONLY);
-    dup2(devnull, 0);
-    dup2(outFd, 1);
-    dup2(outFd, 2);
-    execv(args[0], args.data());
-    _exit(127);
-  }
-  return pid;
 }

@@ -1,4 +1,4 @@
-// Running host programs (posixctl, a second server) from the behaviour tests, bounded in time.
+// Running host programs (posixctl, a server) from the behaviour tests, bounded in time.
 #pragma once
 
 #include <sys/types.h>
@@ -16,6 +16,8 @@ struct CommandResult {
 CommandResult runCommand(const std::vector<std::string>& argv, const std::string& input = "",
                          int timeoutMs = 20000);
 
-// Starts argv[0] with standard input /dev/null and standard output and error on `outFd`;
-// answers its pid. The caller waits for it.
-pid_t startCommand(const std::vector<std::string>& argv, int outFd);
+// Starts argv[0] with standard output on `outFd`, standard error on `errFd` (`outFd` when
+// negative) and standard input from `inFd` (/dev/null when negative); answers its pid. The
+// caller waits for it.
+pid_t startCommand(const std::vector<std::string>& argv, int outFd, int errFd = -1,
+                   int inFd = -1);

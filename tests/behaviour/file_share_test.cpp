@@ -7,12 +7,12 @@
 #include <cstring>
 
 #include "command_runner.h"
-#include "file_fixture.h"
 #include "posix/fs_item.h"
+#include "server_fixture.h"
 
 namespace {
 
-class FileShareTest : public FileFixture {};
+using FileShareTest = ServerFixture;
 
 TEST_F(FileShareTest, DuplicatesAndChildrenShareTheOffset) {
   std::string p = hostFile("shared", "abcdefghijklmnop");
@@ -24,21 +24,21 @@ TEST_F(FileShareTest, DuplicatesAndChildrenShareTheOffset) {
   ASSERT_EQ(fd, 3) << strerror(errno);
   int dup = px_dup(fd);
   ASSERT_GE(dup, 0) << strerror(errno);
-  EXPECT_EQ(readN(fd, 2), "ab");
-  EXPECT_EQ(readN(dup, 2), "cd");
+  EXPECT_EQ(readUpTo(fd, 2), "ab");
+  EXPECT_EQ(readUpTo(dup, 2), "cd");
   EXPECT_EQ(px_lseek(dup, 0, SEEK_CUR), 4);
   ASSERT_EQ(px_close(dup), 0);
 
   // The child reads and writes on at the parent's offset; the parent sees where it ended.
   OutputPipe out;
-  int64_t child = spawnPeer({"fds", "readn", "3", "2", "write", "3", "XY"}, &out);
+  int64_t child = spawnProbe({"fds", "readn", "3", "2", "write", "3", "XY"}, &out);
   ASSERT_GT(child, 0) << strerror(errno);
-  EXPECT_EQ(expectLine(out, "fd "), "fd 3 kind 1");
-  EXPECT_EQ(expectLine(out, "got "), "got ef");
-  EXPECT_EQ(expectLine(out, "wrote "), "wrote 2");
+  EXPECT_EQ(out.expect("fd "), "fd 3 kind 1");
+  EXPECT_EQ(out.expect("got "), "got ef");
+  EXPECT_EQ(out.expect("wrote "), "wrote 2");
   EXPECT_EQ(collect(child), 0);
   EXPECT_EQ(px_lseek(fd, 0, SEEK_CUR), 8);
-  EXPECT_EQ(readN(fd, 4), "ijkl");
+  EXPECT_EQ(readUpTo(fd, 4), "ijkl");
   EXPECT_EQ(hostRead(p), "abcdefXYijklmnop");
   // The last close ends the description and every service thread it had in the server.
   ASSERT_EQ(px_close(fd), 0);
@@ -87,10 +87,8 @@ TEST_F(FileShareTest, SocketIsNumberedAndItsServiceAnswersNothing) {
   ASSERT_EQ(px_fd_list(&info, 1), 1);
   EXPECT_EQ(info.kind, PX_FD_KIND_SOCKET);
   char c;
-  EXPECT_EQ(px_read(s, &c, 1), -1);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(px_lseek(s, 0, SEEK_SET), -1);
-  EXPECT_EQ(errno, ESPIPE);
+  EXPECT_ERRNO(px_read(s, &c, 1), EINVAL);
+  EXPECT_ERRNO(px_lseek(s, 0, SEEK_SET), ESPIPE);
   std::unique_ptr<RawLink> link = bindService(s, PX_IFACE_SOCKET);
   ASSERT_TRUE(link);
   uint64_t id = 1;

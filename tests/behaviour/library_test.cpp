@@ -66,8 +66,7 @@ TEST_F(LibraryTest, SignalWaitHeldByAnotherLinkOfTheProcess) {
   int64_t start = monotonicMs();
   // Every waitSignal of the library is answered 0 at once meanwhile: it must neither fail
   // nor return early.
-  EXPECT_EQ(px_sigtimedwait(&sig, nullptr, 300), -1);
-  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_ERRNO(px_sigtimedwait(&sig, nullptr, 300), EAGAIN);
   EXPECT_GE(monotonicMs() - start, 290);
   ASSERT_EQ(px_kill(getpid(), 5), 0);
   RawReply reply;

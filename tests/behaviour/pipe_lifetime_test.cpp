@@ -7,14 +7,13 @@
 #include <cstring>
 #include <filesystem>
 
-#include "pipe_fixture.h"
-#include "raw_link.h"
+#include "server_fixture.h"
 
 namespace {
 
 constexpr int kSettleMs = 10000;
 
-class PipeLifetimeTest : public PipeFixture {
+class PipeLifetimeTest : public ServerFixture {
  protected:
   // A fresh pipe works at once: bytes in, the same bytes out, within a second.
   void expectWorkingPipe() {
@@ -25,18 +24,17 @@ class PipeLifetimeTest : public PipeFixture {
     char buf[8];
     EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 4);
     EXPECT_LT(monotonicMs() - start, 1000);
-    px_close(fds[0]);
-    px_close(fds[1]);
   }
 
-  // Starts the peer with `step` on `fd`, waits until it says `blocked` and a little more (its
-  // call now waits in the server), kills it, and expects the server's threads back at
-  // `baseline`.
-  void killWhileBlocked(const char* step, int fd, const char* blocked, int64_t baseline) {
+  // Starts the probe with `steps`, the last of which blocks, waits until it prints "blocking"
+  // and a little more (its call now waits in the server), kills it, and expects the server's
+  // threads back at `baseline`.
+  void killWhileBlocked(std::vector<std::string> steps, int64_t baseline) {
     OutputPipe out;
-    int64_t child = spawnPeer({step, std::to_string(fd)}, &out);
+    steps.insert(steps.begin(), {"print", "blocking"});
+    int64_t child = spawnProbe(steps, &out);
     ASSERT_GT(child, 0) << strerror(errno);
-    ASSERT_EQ(expectLine(out, blocked), blocked);
+    ASSERT_EQ(out.expect("blocking"), "blocking");
     sleepMs(300);
     ASSERT_EQ(kill(static_cast<pid_t>(child), SIGKILL), 0);
     EXPECT_EQ(collect(child), 128 + SIGKILL);
@@ -44,7 +42,7 @@ class PipeLifetimeTest : public PipeFixture {
   }
 };
 
-TEST_F(PipeLifetimeTest, ChannelPipeClosesItselfWhenItsConnectionsGo) {
+TEST_F(PipeLifetimeTest, ChannelPipeEndsCloseWithTheirConnectionsAndTheirProcess) {
   int64_t before = serverThreads();
   ASSERT_GT(before, 0);
   px_channel* ends[2] = {nullptr, nullptr};
@@ -61,27 +59,21 @@ TEST_F(PipeLifetimeTest, ChannelPipeClosesItselfWhenItsConnectionsGo) {
   // And the other way round: without its reader, a writer gets EPIPE.
   ASSERT_EQ(px_pipe_channels(ends), 0) << strerror(errno);
   px_channel_close(ends[0]);
-  int64_t deadline = monotonicMs() + kSettleMs;
   ssize_t n = 0;
-  while ((n = px_channel_write(ends[1], "x", 1)) == 1 && monotonicMs() < deadline) sleepMs(20);
-  EXPECT_EQ(n, -1);
-  EXPECT_EQ(errno, EPIPE);
+  eventually([&] { return (n = px_channel_write(ends[1], "x", 1)) != 1; }, kSettleMs, 20);
+  EXPECT_ERRNO(n, EPIPE);
   px_channel_close(ends[1]);
   // Nothing of either pipe stays in the server.
   EXPECT_LE(awaitThreadsAtMost(before, kSettleMs), before);
-}
 
-TEST_F(PipeLifetimeTest, ChannelEndsCloseWhenTheirProcessDies) {
-  int64_t before = serverThreads();
-  ASSERT_GT(before, 0);
+  // Both ends of a pipe go with the connections of a process that is killed.
   OutputPipe out;
-  int64_t child = spawnPeer({"channels", "sleep", "60000"}, &out);
+  int64_t child = spawnProbe({"channels", "sleep", "60000"}, &out);
   ASSERT_GT(child, 0) << strerror(errno);
-  ASSERT_EQ(expectLine(out, "channels"), "channels");
+  ASSERT_EQ(out.expect("channels"), "channels");
   EXPECT_GT(serverThreads(), before);
   ASSERT_EQ(kill(static_cast<pid_t>(child), SIGKILL), 0);
   EXPECT_EQ(collect(child), 128 + SIGKILL);
-  // Both ends went with the process's connections.
   EXPECT_LE(awaitThreadsAtMost(before, kSettleMs), before);
 }
 
@@ -108,63 +100,41 @@ TEST_F(PipeLifetimeTest, PipesNobodyConnectsToAreBoundedAndGoWithTheirMaker) {
     EXPECT_EQ(channelFiles(), before + 2 * static_cast<size_t>(made));
   }
   // The link was the process's last: its record and the pipes it left waiting go.
-  int64_t deadline = monotonicMs() + kSettleMs;
-  while (channelFiles() > before && monotonicMs() < deadline) sleepMs(20);
-  EXPECT_EQ(channelFiles(), before);
+  EXPECT_TRUE(eventually([&] { return channelFiles() == before; }, kSettleMs, 20));
   expectWorkingPipe();
 }
 
-TEST_F(PipeLifetimeTest, ReaderKilledWhileBlockedLeavesNothingBehind) {
+TEST_F(PipeLifetimeTest, AReaderOrWriterKilledWhileBlockedLeavesNothingBehind) {
   int fds[2];
   ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
-  // Open this process's links to both ends (stream and status) before counting threads.
+  // Open this process's links to both ends (stream and status) before counting threads: a
+  // refused read, a full pipe and a refused write, then the bytes read back.
   ASSERT_EQ(px_set_nonblock(fds[0], 1), 0);
   char buf[4096];
   EXPECT_EQ(px_read(fds[0], buf, 1), -1);
   ASSERT_EQ(px_set_nonblock(fds[0], 0), 0);
-  EXPECT_EQ(px_write(fds[1], "w", 1), 1);
-  EXPECT_EQ(px_read(fds[0], buf, 1), 1);
+  ASSERT_EQ(px_set_nonblock(fds[1], 1), 0);
+  const std::string full(4096, 'f');
+  EXPECT_EQ(px_write(fds[1], full.data(), 4096), 4096);
+  EXPECT_ERRNO(px_write(fds[1], buf, 1), EAGAIN);
+  EXPECT_EQ(readUpTo(fds[0], 4096), full);
   int64_t baseline = serverThreads();
   ASSERT_GT(baseline, 0);
 
-  killWhileBlocked("block-read", fds[0], "reading", baseline);
-  // The pipe still works for its other reader, and new pipes are not held up.
+  killWhileBlocked({"readn", std::to_string(fds[0]), "1"}, baseline);  // the pipe is empty
+  // The pipe still works for its other reader.
   EXPECT_EQ(px_write(fds[1], "after", 5), 5);
   EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 5);
-  expectWorkingPipe();
-  px_close(fds[0]);
-  px_close(fds[1]);
-}
 
-TEST_F(PipeLifetimeTest, WriterKilledWhileBlockedLeavesNothingBehind) {
-  int fds[2];
-  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
-  // Fill the pipe without blocking; the refused write also opens the write end's status link.
-  ASSERT_EQ(px_set_nonblock(fds[1], 1), 0);
-  char buf[8192];
-  std::memset(buf, 'f', sizeof buf);
-  EXPECT_EQ(px_write(fds[1], buf, 4096), 4096);
-  EXPECT_EQ(px_write(fds[1], buf, 1), -1);
-  EXPECT_EQ(errno, EAGAIN);
-  int64_t baseline = serverThreads();
-  ASSERT_GT(baseline, 0);
-
-  killWhileBlocked("block-write", fds[1], "writing", baseline);
+  EXPECT_EQ(px_write(fds[1], full.data(), 4096), 4096);
+  killWhileBlocked({"write", std::to_string(fds[1]), std::string(4096, 'w')}, baseline);  // full
   // The killed write put nothing in: the reader finds the parent's 4096 bytes, and the
-  // writer can go on.
-  std::string got;
-  while (got.size() < 4096) {
-    ssize_t n = px_read(fds[0], buf, sizeof buf);
-    ASSERT_GT(n, 0) << strerror(errno);
-    got.append(buf, static_cast<size_t>(n));
-  }
-  EXPECT_EQ(got, std::string(4096, 'f'));
+  // writer can go on; new pipes are not held up.
+  EXPECT_EQ(readUpTo(fds[0], 4096), full);
   ASSERT_EQ(px_set_nonblock(fds[1], 0), 0);
   EXPECT_EQ(px_write(fds[1], "more", 4), 4);
   EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 4);
   expectWorkingPipe();
-  px_close(fds[0]);
-  px_close(fds[1]);
 }
 
 }  // namespace

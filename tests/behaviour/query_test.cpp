@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "server_fixture.h"
@@ -11,35 +12,39 @@ namespace {
 
 using QueryTest = ServerFixture;
 
-TEST_F(QueryTest, ProcessThatConnectedByItselfHasNoParentAndLeadsItsGroup) {
+TEST_F(QueryTest, ProcessThatConnectedByItselfHasNoParentNoSharedMemoryAndLeadsItsGroup) {
   EXPECT_EQ(px_getppid(), 0);
   EXPECT_EQ(px_getpgid(0), getpid());
   EXPECT_EQ(px_getpgid(getpid()), getpid());
+  px_shm_id shm{1, 1};
+  EXPECT_ERRNO(px_get_shared_memory(&shm), ENOENT);
 }
 
-TEST_F(QueryTest, SpawnedChildSeesItsParentAndGroup) {
+TEST_F(QueryTest, ChildAndGrandchildSeeTheirParentsAndJoinTheGroup) {
   OutputPipe out;
-  int64_t child = spawnProbe({"ppid", "pgid", "sigwait", "1"}, &out);
+  std::string self = std::to_string(getpid());
+  int64_t child = spawnProbe({"ppid", "pgid", "spawn", helper("px_probe"), "ppid", "pgid",
+                              "sigwait", "1", "exit", "9", "--", "wait"},
+                             &out);
   ASSERT_GT(child, 0);
-  EXPECT_EQ(expectLine(out, "ppid"), "ppid " + std::to_string(getpid()));
-  EXPECT_EQ(expectLine(out, "pgid"), "pgid " + std::to_string(getpid()));
-  // Asked while it runs: a program that ended has left the server's registry.
+  EXPECT_EQ(out.expect("ppid"), "ppid " + self);
+  EXPECT_EQ(out.expect("pgid"), "pgid " + self);
+  // The grandchild may speak before its parent says that it spawned it.
+  std::vector<std::string> lines(3);
+  for (std::string& line : lines) ASSERT_TRUE(out.readLine(&line));
+  auto spawned = std::find_if(lines.begin(), lines.end(),
+                              [](const std::string& l) { return l.rfind("spawned ", 0) == 0; });
+  ASSERT_NE(spawned, lines.end());
+  int64_t grandchild = std::stoll(spawned->substr(8));
+  lines.erase(spawned);
+  EXPECT_EQ(lines, (std::vector<std::string>{"ppid " + std::to_string(child), "pgid " + self}));
+  // Asked while they run: a program that ended has left the server's registry.
   EXPECT_EQ(px_getpgid(child), getpid());
-  EXPECT_EQ(px_kill(child, 1), 0);
-  EXPECT_EQ(px_waitpid(child, nullptr, 0), child);
-}
-
-TEST_F(QueryTest, GrandchildJoinsTheGroupAndNamesItsOwnParent) {
-  OutputPipe out;
-  int64_t child = spawnProbe({"spawn-wait", helper("px_probe"), "ppid", "pgid", "exit", "9"}, &out);
-  ASSERT_GT(child, 0);
-  EXPECT_EQ(expectLine(out, "ppid"), "ppid " + std::to_string(child));
-  EXPECT_EQ(expectLine(out, "pgid"), "pgid " + std::to_string(getpid()));
-  std::string done = expectLine(out, "child");
-  EXPECT_NE(done.find(" exit 9"), std::string::npos) << done;
-  int status = -1;
-  EXPECT_EQ(px_waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(px_getpgid(grandchild), getpid());
+  EXPECT_EQ(px_kill(grandchild, 1), 0);
+  // The grandchild's end reaches its own parent.
+  EXPECT_EQ(out.expect("child"), "child " + std::to_string(grandchild) + " exit 9");
+  EXPECT_EQ(collect(child), 0);
 }
 
 TEST_F(QueryTest, ChildFindsTheSharedMemoryItWasGiven) {
@@ -50,24 +55,16 @@ TEST_F(QueryTest, ChildFindsTheSharedMemoryItWasGiven) {
   strcpy(mem, "ping");
   OutputPipe out;
   std::string probe = helper("px_probe");
-  std::string out1 = "POSIX_STDOUT=" + out.writePath();
+  std::string stdoutEntry = "POSIX_STDOUT=" + out.writePath();
   char* argv[] = {probe.data(), const_cast<char*>("shm"), const_cast<char*>("pong"), nullptr};
-  char* envp[] = {out1.data(), nullptr};
+  char* envp[] = {stdoutEntry.data(), nullptr};
   int64_t child = px_spawn_shared(probe.c_str(), argv, envp, 0, &shm);
   ASSERT_GT(child, 0) << strerror(errno);
-  EXPECT_EQ(expectLine(out, "shm"), "shm ping");
-  int status = -1;
-  EXPECT_EQ(px_waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(out.expect("shm"), "shm ping");
+  EXPECT_EQ(collect(child), 0);
   EXPECT_STREQ(mem, "pong");
   EXPECT_EQ(px_shm_unmap(mem, &shm), 0);
   EXPECT_EQ(px_shm_unlink(&shm), 0);
-}
-
-TEST_F(QueryTest, NoSharedMemoryWithoutASpawner) {
-  px_shm_id shm{1, 1};
-  EXPECT_EQ(px_get_shared_memory(&shm), -1);
-  EXPECT_EQ(errno, ENOENT);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "posix/wire.h"
@@ -25,13 +26,20 @@ void putString(std::vector<uint8_t>& b, const std::string& s) {
   b.insert(b.end(), s.begin(), s.end());
 }
 
-std::vector<uint8_t> requestFrame(uint32_t code, uint64_t id, const std::vector<uint8_t>& data) {
+std::vector<uint8_t> frameHeader(uint32_t kind, uint32_t code, uint64_t id, uint32_t dataLen,
+                                 uint32_t blocks) {
   std::vector<uint8_t> f;
-  putU32(f, PX_FRAME_REQUEST);
+  putU32(f, kind);
   putU32(f, code);
   putU64(f, id);
-  putU32(f, static_cast<uint32_t>(data.size()));
-  putU32(f, 0);
+  putU32(f, dataLen);
+  putU32(f, blocks);
+  return f;
+}
+
+std::vector<uint8_t> requestFrame(uint32_t code, uint64_t id, const std::vector<uint8_t>& data) {
+  std::vector<uint8_t> f =
+      frameHeader(PX_FRAME_REQUEST, code, id, static_cast<uint32_t>(data.size()));
   f.insert(f.end(), data.begin(), data.end());
   return f;
 }
@@ -103,13 +111,11 @@ bool RawLink::roundTrip(uint32_t code, uint64_t id, const std::vector<uint8_t>& 
 }
 
 bool RawLink::closedByServer(int timeoutMs) {
-  int64_t deadline = monotonicMs() + timeoutMs;
   RawReply ignored;
-  for (;;) {
-    int64_t left = deadline - monotonicMs();
-    if (left <= 0) return false;
-    int r = receive(&ignored, static_cast<int>(left));
-    if (r == 0) return true;
-    if (r < 0) return false;
+  int r = 1;
+  int64_t deadline = monotonicMs() + timeoutMs;
+  while (r == 1) {
+    r = receive(&ignored, static_cast<int>(std::max<int64_t>(deadline - monotonicMs(), 0)));
   }
+  return r == 0;
 }

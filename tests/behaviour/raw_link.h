@@ -16,6 +16,9 @@ struct RawReply {
 void putU32(std::vector<uint8_t>& b, uint32_t v);
 void putU64(std::vector<uint8_t>& b, uint64_t v);
 void putString(std::vector<uint8_t>& b, const std::string& s);
+// A frame header; `dataLen` and `blocks` as the header claims them, whatever follows.
+std::vector<uint8_t> frameHeader(uint32_t kind, uint32_t code, uint64_t id, uint32_t dataLen = 0,
+                                 uint32_t blocks = 0);
 // A request frame: header, `data`, no blocks.
 std::vector<uint8_t> requestFrame(uint32_t code, uint64_t id,
                                   const std::vector<uint8_t>& data = {});

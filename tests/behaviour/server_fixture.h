@@ -3,17 +3,56 @@
 // SetUp makes RT with mkdtemp, points POSIX_RUNTIME_DIR at it, starts POSIX_SERVER_BINARY
 // with its output appended to RT/server.log and waits (bounded) until "posix.service" answers.
 // TearDown stops the server with SIGTERM (bounded, then SIGKILL), kills the programs it
-// started that are still running, and removes RT.
+// started that are still running, fails the test on a sanitizer report in RT/*.log, and
+// removes RT.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "posix_client.h"
+#include "raw_link.h"
+
+// Milliseconds since an arbitrary start (monotonic).
+int64_t monotonicMs();
+void sleepMs(int ms);
+
+// Polls `done` every `stepMs` until it answers true; false after `timeoutMs`.
+template <class F>
+bool eventually(F&& done, int timeoutMs = 5000, int stepMs = 10) {
+  int64_t deadline = monotonicMs() + timeoutMs;
+  while (!done()) {
+    if (monotonicMs() >= deadline) return false;
+    sleepMs(stepMs);
+  }
+  return true;
+}
+
+// Expects `call` to fail (answer -1) with errno `err`.
+#define EXPECT_ERRNO(call, err)                  \
+  do {                                           \
+    auto result_ = (call);                       \
+    int errno_ = errno;                          \
+    EXPECT_EQ(result_, -1) << #call;             \
+    EXPECT_EQ(errno_, err) << #call << ": " << strerror(errno_); \
+  } while (0)
+
+// The text of /proc/<pid>/stat, empty when the process has gone; and its state letter ('?').
+std::string procStat(pid_t pid);
+char hostState(pid_t pid);
+// Waits for a host child of the test to end; its wait status, or -1 after `timeoutMs`.
+int waitExit(pid_t pid, int timeoutMs);
+// The whole content of a host file ("" when it cannot be read).
+std::string hostRead(const std::string& path);
+// Reads through px_read until `limit` bytes or end-of-file; fails the test on an error.
+std::string readUpTo(int fd, size_t limit = 1 << 20);
 
 // A pipe whose write end a spawned program gets as its standard output (POSIX_STDOUT names
 // it through /proc), so that the test reads the program's lines.
@@ -27,9 +66,10 @@ class OutputPipe {
   // "/proc/<test pid>/fd/<write end>".
   std::string writePath() const;
   int writeFd() const { return write_; }
-  void closeWrite();
   // The next line without its newline; false after `timeoutMs` or at end of file.
   bool readLine(std::string* line, int timeoutMs = 5000);
+  // Reads lines until one starts with `prefix`; the whole line, or "" on time-out.
+  std::string expect(const std::string& prefix, int timeoutMs = 5000);
 
  private:
   int read_ = -1;
@@ -53,36 +93,40 @@ class ServerFixture : public ::testing::Test {
 
   // Starts POSIX_SERVER_BINARY on RT with stdout and stderr appended to `logPath`.
   pid_t launchServer(const std::string& logPath);
-  // Waits until a round trip to "posix.service" answers; false after `timeoutMs`.
-  bool waitAnswering(int timeoutMs);
   // Sends SIGTERM to the fixture's server and answers its wait status (-1: it did not end).
   int stopServer(int timeoutMs = 10000);
 
   std::string path(const std::string& relative) const { return rt_ + "/" + relative; }
   static std::string helper(const std::string& name);
-  std::string serverLog() const;
+  // RT/server.log.
+  std::string serverLog() const { return hostRead(path("server.log")); }
+  // Writes `bytes` to the host file RT/<name>; its path.
+  std::string hostFile(const std::string& name, const std::string& bytes);
+
   // Asks the server for its heap and thread counts (SIGUSR1 writes them to the log).
   bool heapStats(HeapStats* out, int timeoutMs = 5000);
+  // The server's thread count, or -1 when it did not tell.
+  int64_t serverThreads();
+  // Waits until the server's thread count is at most `count`; the last count seen.
+  int64_t awaitThreadsAtMost(int64_t count, int timeoutMs = 10000);
 
-  // Starts the probe helper with `args` through the server; with `out`, its standard output
-  // and error go to that pipe. Extra entries are added to the environment.
-  // Spawns `program` through the server with this process's environment plus `extraEnv`,
-  // its output and error going to `out` when given.
+  // Spawns `program` through the server with this process's environment, its output and
+  // error going to `out` when given. The child inherits the caller's descriptors.
   int64_t spawnProgram(const std::string& program, const std::vector<std::string>& args,
-                       OutputPipe* out = nullptr, const std::vector<std::string>& extraEnv = {});
-  int64_t spawnProbe(const std::vector<std::string>& args, OutputPipe* out = nullptr,
-                     const std::vector<std::string>& extraEnv = {});
-  // Reads lines from `out` until one starts with `prefix`; the whole line, or "" on time-out.
-  static std::string expectLine(OutputPipe& out, const std::string& prefix, int timeoutMs = 5000);
+                       OutputPipe* out = nullptr);
+  // The same for the px_probe helper.
+  int64_t spawnProbe(const std::vector<std::string>& args, OutputPipe* out = nullptr);
+  // Collects `child` with a bounded non-blocking wait; its exit code, or -1.
+  static int collect(int64_t child, int timeoutMs = 10000);
+
+  // The serialised table's record of `fd`; false when the table has none.
+  static bool tableRecord(int fd, px_fd_record* out);
+  // The interface types of a record's node entries, in order.
+  static std::vector<uint64_t> interfaceTypes(const px_fd_record& record);
+  // A link to the first entry of `type` in fd's node, bound to its service; null (and a test
+  // failure) when there is none or the bind is refused.
+  std::unique_ptr<RawLink> bindService(int fd, uint64_t type);
 
   std::string rt_;
   pid_t server_ = 0;
 };
-
-// Milliseconds since an arbitrary start (monotonic).
-// The text of /proc/<pid>/stat, empty when the process has gone.
-std::string procStat(pid_t pid);
-int64_t monotonicMs();
-void sleepMs(int ms);
-// Waits for a host child of the test to end; its wait status, or -1 after `timeoutMs`.
-int waitExit(pid_t pid, int timeoutMs);

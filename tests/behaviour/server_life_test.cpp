@@ -4,58 +4,47 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
 #include <thread>
 
 #include "server_fixture.h"
 
 namespace {
 
-using ServerLifeTest = ServerFixture;
+class ServerLifeTest : public ServerFixture {
+ protected:
+  // The channel and the device entry the server makes in RT.
+  bool filesExist() {
+    struct stat st;
+    bool channel = lstat(path("chn/posix.service").c_str(), &st) == 0;
+    bool device = lstat(path("dev/tmp/.PosixService").c_str(), &st) == 0;
+    EXPECT_EQ(channel, device);
+    return channel && device;
+  }
+};
 
-bool exists(const std::string& p) {
-  struct stat st;
-  return lstat(p.c_str(), &st) == 0;
-}
-
-TEST_F(ServerLifeTest, SecondServerOnTheSameDirectoryGivesUp) {
-  std::string log = path("second.log");
-  pid_t second = launchServer(log);
+TEST_F(ServerLifeTest, SecondServerGivesUpAndSigtermRemovesTheFilesAndExitsZero) {
+  pid_t second = launchServer(path("second.log"));
   ASSERT_GT(second, 0);
   int status = waitExit(second, 10000);
   ASSERT_NE(status, -1) << "the second server did not end";
-  ASSERT_TRUE(WIFEXITED(status)) << status;
-  EXPECT_EQ(WEXITSTATUS(status), 255);
-  std::string text;
-  {
-    std::ifstream in(log);
-    text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 255) << status;
+  std::string text = hostRead(path("second.log"));
   EXPECT_NE(text.find("Could not accquire channel posix.service"), std::string::npos) << text;
   // The first server keeps its channel and its files.
   px_fini();
   EXPECT_GE(px_getppid(), 0);
   EXPECT_EQ(px_server_pid(), server_);
-  EXPECT_TRUE(exists(path("chn/posix.service")));
-  EXPECT_TRUE(exists(path("dev/tmp/.PosixService")));
-}
+  EXPECT_TRUE(filesExist());
 
-TEST_F(ServerLifeTest, SigtermRemovesItsFilesAndExitsZero) {
-  ASSERT_TRUE(exists(path("chn/posix.service")));
-  ASSERT_TRUE(exists(path("dev/tmp/.PosixService")));
   // A client with kept requests does not hold the shutdown up.
   int sig = 0;
   EXPECT_EQ(px_sigtimedwait(&sig, nullptr, 50), -1);
-  int status = stopServer();
+  status = stopServer();
   ASSERT_NE(status, -1) << "the server did not end on SIGTERM";
-  ASSERT_TRUE(WIFEXITED(status)) << status;
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_FALSE(exists(path("chn/posix.service")));
-  EXPECT_FALSE(exists(path("dev/tmp/.PosixService")));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_FALSE(filesExist());
   // Calls now fail instead of blocking.
-  EXPECT_EQ(px_sigtimedwait(&sig, nullptr, 5000), -1);
-  EXPECT_EQ(errno, ECONNRESET);
+  EXPECT_ERRNO(px_sigtimedwait(&sig, nullptr, 5000), ECONNRESET);
   px_fini();
   EXPECT_EQ(px_getppid(), -1);
   EXPECT_TRUE(errno == ENOENT || errno == ECONNREFUSED) << errno;
@@ -70,7 +59,7 @@ TEST_F(ServerLifeTest, BlockingCallsEndWhenTheServerDies) {
     result = px_waitpid(child, nullptr, 0);
     err = errno;
   });
-  sleepMs(200);
+  sleepMs(200);  // time for the wait to reach the server
   kill(server_, SIGKILL);
   waiter.join();
   kill(static_cast<pid_t>(child), SIGKILL);  // no longer the server's to clean up

@@ -1,29 +1,30 @@
-/*
- * px_probe: a program the behaviour tests start through the server. It runs its arguments as
- * a list of steps, in order, and prints one line per result on standard output (flushed at
- * once, so a test can read it through a pipe while the probe still runs):
- *
- *   ready                 connect to the server; prints "ready"
- *   ppid                  prints "ppid N"
- *   pgid [PID]            prints "pgid N" (own group without PID)
- *   exit N                ends with exit code N
- *   raise N               raises host signal N (the server reports 128 + N)
- *   sleep MS              sleeps
- *   sigwait N             waits for N signals; prints "signal S code C status X pid P" each
- *   kill PID SIG          prints "kill ok" or fails
- *   spawn PATH [ARG...] --         starts a child (with the probe's standard output and
- *                                  error); prints "spawned PID"
- *   spawn-wait PATH [ARG...] [--]  starts a child and waits; prints "child PID exit CODE"
- *   hold PATH [ARG...] [--]        starts a child, keeps a signal wait in one thread and a
- *                                  blocking wait for the child in another; prints "holding PID"
- *   shm TEXT              reads the shared memory from its spawner, prints "shm <contents>",
- *                         then writes TEXT into it
- *   env NAME              prints "env NAME=VALUE" or "env NAME unset"
- *   print TEXT / eprint TEXT       writes TEXT to standard output / standard error
- *   cat                   copies standard input to standard output
- *
- * A failing step prints "error STEP: <reason>" and ends the probe with exit code 99.
- */
+// px_probe: a program the behaviour tests start through the server. It runs its arguments as
+// a list of steps, in order, and prints one line per result on standard output (line
+// buffered, so a test reads each line through a pipe while the probe still runs). FD is a
+// descriptor the probe inherited from its spawner.
+//
+//   ready | ppid | pgid        connects / asks the server; prints "ready" / "ppid N" / "pgid N"
+//   exit N | raise N | sleep MS   ends with code N / raises host signal N / sleeps
+//   sigwait N                  waits for N signals; prints "signal S code C status X pid P" each
+//   spawn PATH [ARG...] [--]   starts a child with the probe's standard output and error;
+//                              prints "spawned PID"
+//   wait                       waits for the last child spawned; prints "child PID exit CODE"
+//   hold                       keeps a signal wait in a second thread; prints "holding"
+//   shm TEXT                   prints "shm <the spawner's shared memory>", then writes TEXT in it
+//   env NAME                   prints "env NAME=VALUE" or "env NAME unset"
+//   print TEXT | eprint TEXT   writes TEXT to standard output / standard error
+//   cat                        copies standard input to standard output
+//   fds                        prints "fd N kind K" per known descriptor, then "fds done"
+//   write FD TEXT              prints "wrote N"
+//   readn FD N                 reads until N bytes or end-of-file; prints "got <bytes>"
+//   close FD                   prints "closed FD"
+//   records FD COUNT TAG       writes COUNT records of 5..4096 bytes, each a header (TAG, u16
+//                              payload length) and the payload filled with TAG; "records done"
+//   channels                   makes a pipe of the process service, writes "x" through it and
+//                              keeps both handles; prints "channels"
+//
+// A failing step prints "error STEP: <reason>" and ends the probe with exit code 99.
+
 #define _GNU_SOURCE
 #include <errno.h>
 #include <pthread.h>
@@ -36,168 +37,171 @@
 
 #include "posix_client.h"
 
-static void out(const char* fmt, long long a, long long b, long long c, long long d) {
-  printf(fmt, a, b, c, d);
-  fflush(stdout);
-}
+extern char** environ;
 
-static void die(const char* step) {
+static char** words;         // argv
+static int wordCount, next;  // argc; the index of the next word
+static const char* step;     // the step running, for the error line
+static char** a;             // its arguments
+static long long child = -1; // the last child spawned
+static char buf[65536];
+
+static void die(void) {
   printf("error %s: %s\n", step, strerror(errno));
-  fflush(stdout);
   exit(99);
 }
 
-static long long number(const char* step, const char* text) {
+// Answers `v`; a negative one (a failed call) ends the probe.
+static long long must(long long v) {
+  if (v < 0) die();
+  return v;
+}
+
+// Argument k as a number.
+static long long num(int k) {
   char* end = NULL;
-  if (text == NULL) {
+  long long v = strtoll(a[k], &end, 10);
+  if (*a[k] == '\0' || *end != '\0') {
     errno = EINVAL;
-    die(step);
-  }
-  long long v = strtoll(text, &end, 10);
-  if (*text == '\0' || *end != '\0') {
-    errno = EINVAL;
-    die(step);
+    die();
   }
   return v;
 }
 
-/* Collects argv[*i..] up to "--" or the end into a NULL-terminated list (in place). */
-static char** childArgs(int argc, char** argv, int* i) {
-  char** list = calloc((size_t)argc + 1, sizeof *list);
-  int n = 0;
-  while (*i < argc && strcmp(argv[*i], "--") != 0) list[n++] = argv[(*i)++];
-  if (*i < argc) ++*i; /* skip "--" */
-  list[n] = NULL;
-  return list;
-}
-
-/* The probe's environment plus POSIX_STDOUT/POSIX_STDERR naming its own standard output and
- * error, so that a child's lines reach the same reader. */
-static char** childEnv(void) {
-  extern char** environ;
-  size_t n = 0;
-  while (environ[n] != NULL) ++n;
-  char** env = calloc(n + 3, sizeof *env);
-  size_t k = 0;
-  for (size_t j = 0; j < n; ++j) {
-    if (strncmp(environ[j], "POSIX_STDOUT=", 13) != 0 &&
-        strncmp(environ[j], "POSIX_STDERR=", 13) != 0) {
-      env[k++] = environ[j];
-    }
-  }
-  static char outEntry[64], errEntry[64];
-  snprintf(outEntry, sizeof outEntry, "POSIX_STDOUT=/proc/%d/fd/1", (int)getpid());
-  snprintf(errEntry, sizeof errEntry, "POSIX_STDERR=/proc/%d/fd/2", (int)getpid());
-  env[k++] = outEntry;
-  env[k++] = errEntry;
-  env[k] = NULL;
-  return env;
+static void writeAll(int fd, const void* p, size_t n) {
+  if (px_write(fd, p, n) != (ssize_t)n) die();
 }
 
 static void* signalWaiter(void* arg) {
-  (void)arg;
   int sig = 0;
   px_sigwait(&sig, NULL);
-  return NULL;
+  return arg;
 }
 
+// Takes the step's `n` arguments (-1: the rest, up to a "--" that is dropped) as `a`.
+static int take(int n) {
+  a = words + next;
+  if (n < 0) {
+    for (n = 0; next + n < wordCount && strcmp(words[next + n], "--") != 0; ++n) {
+    }
+    words[next + n] = NULL;  // ends the child's list (argv[argc] is NULL already)
+    ++n;
+  } else if (next + n > wordCount) {
+    errno = EINVAL;
+    die();
+  }
+  next += n;
+  return 1;
+}
+
+#define STEP(name, n) else if (strcmp(step, name) == 0 && take(n))
+
 int main(int argc, char** argv) {
-  int i = 1;
-  while (i < argc) {
-    const char* step = argv[i++];
-    if (strcmp(step, "ready") == 0) {
-      if (px_init() != 0) die(step);
-      out("ready\n", 0, 0, 0, 0);
-    } else if (strcmp(step, "ppid") == 0) {
-      long long p = px_getppid();
-      if (p < 0) die(step);
-      out("ppid %lld\n", p, 0, 0, 0);
-    } else if (strcmp(step, "pgid") == 0) {
-      long long pid = 0;
-      if (i < argc && (argv[i][0] >= '0' && argv[i][0] <= '9')) pid = number(step, argv[i++]);
-      long long g = px_getpgid(pid);
-      if (g < 0) die(step);
-      out("pgid %lld\n", g, 0, 0, 0);
-    } else if (strcmp(step, "exit") == 0) {
-      exit((int)number(step, argv[i]));
-    } else if (strcmp(step, "raise") == 0) {
-      raise((int)number(step, argv[i++]));
-    } else if (strcmp(step, "sleep") == 0) {
-      long long ms = number(step, i < argc ? argv[i++] : NULL);
-      struct timespec ts = {(time_t)(ms / 1000), (long)(ms % 1000) * 1000000L};
+  setvbuf(stdout, NULL, _IOLBF, 0);
+  words = argv;
+  wordCount = argc;
+  for (next = 1; next < argc;) {
+    step = argv[next++];
+    if (0) {
+    }
+    STEP("ready", 0) {
+      must(px_init());
+      printf("ready\n");
+    }
+    STEP("ppid", 0) printf("ppid %lld\n", must(px_getppid()));
+    STEP("pgid", 0) printf("pgid %lld\n", must(px_getpgid(0)));
+    STEP("exit", 1) exit((int)num(0));
+    STEP("raise", 1) raise((int)num(0));
+    STEP("sleep", 1) {
+      struct timespec ts = {(time_t)(num(0) / 1000), (long)(num(0) % 1000) * 1000000L};
       nanosleep(&ts, NULL);
-    } else if (strcmp(step, "sigwait") == 0) {
-      long long n = number(step, i < argc ? argv[i++] : NULL);
-      for (long long k = 0; k < n; ++k) {
-        int sig = 0;
-        px_siginfo info;
-        if (px_sigwait(&sig, &info) != 0) die(step);
-        printf("signal %d code %u status %u pid %llu\n", sig, info.code, info.exit_code,
-               (unsigned long long)info.pid);
-        fflush(stdout);
-      }
-    } else if (strcmp(step, "kill") == 0) {
-      long long pid = number(step, i < argc ? argv[i++] : NULL);
-      long long sig = number(step, i < argc ? argv[i++] : NULL);
-      if (px_kill(pid, (int)sig) != 0) die(step);
-      out("kill ok\n", 0, 0, 0, 0);
-    } else if (strcmp(step, "spawn") == 0 || strcmp(step, "spawn-wait") == 0 ||
-               strcmp(step, "hold") == 0) {
-      char** args = childArgs(argc, argv, &i);
-      if (args[0] == NULL) {
-        errno = EINVAL;
-        die(step);
-      }
-      char** env = childEnv();
-      long long child = px_spawn(args[0], args, env, PX_SPAWN_SEARCH_PATH);
-      free(args);
-      free(env);
-      if (child < 0) die(step);
-      if (strcmp(step, "spawn") == 0) {
-        out("spawned %lld\n", child, 0, 0, 0);
-        continue;
-      }
-      if (strcmp(step, "hold") == 0) {
-        pthread_t t;
-        if (pthread_create(&t, NULL, signalWaiter, NULL) != 0) die(step);
-        out("holding %lld\n", child, 0, 0, 0);
-      }
+    }
+    STEP("sigwait", 1) for (long long k = num(0); k > 0; --k) {
+      int sig = 0;
+      px_siginfo info;
+      must(px_sigwait(&sig, &info));
+      printf("signal %d code %u status %u pid %llu\n", sig, info.code, info.exit_code,
+             (unsigned long long)info.pid);
+    }
+    STEP("spawn", -1) {
+      // The child's standard output and error are the probe's own, so that its lines reach
+      // the same reader.
+      char path[64];
+      snprintf(path, sizeof path, "/proc/%d/fd/1", (int)getpid());
+      setenv("POSIX_STDOUT", path, 1);
+      path[strlen(path) - 1] = '2';
+      setenv("POSIX_STDERR", path, 1);
+      errno = EINVAL;  // no program named
+      child = must(a[0] != NULL ? px_spawn(a[0], a, environ, PX_SPAWN_SEARCH_PATH) : -1);
+      printf("spawned %lld\n", child);
+    }
+    STEP("wait", 0) {
       int status = 0;
-      long long got = px_waitpid(child, &status, 0);
-      if (got != child) die(step);
-      out("child %lld exit %lld\n", child, status, 0, 0);
-    } else if (strcmp(step, "shm") == 0) {
-      const char* text = i < argc ? argv[i++] : "";
+      if (px_waitpid(child, &status, 0) != child) die();
+      printf("child %lld exit %d\n", child, status);
+    }
+    STEP("hold", 0) {
+      pthread_t t;
+      if (pthread_create(&t, NULL, signalWaiter, NULL) != 0) die();
+      printf("holding\n");
+    }
+    STEP("shm", 1) {
       px_shm_id id;
-      if (px_get_shared_memory(&id) != 0) die(step);
+      must(px_get_shared_memory(&id));
       char* mem = px_shm_map(&id);
-      if (mem == NULL) die(step);
+      if (mem == NULL) die();
       printf("shm %.*s\n", (int)strnlen(mem, id.size), mem);
-      fflush(stdout);
-      strncpy(mem, text, id.size);
+      strncpy(mem, a[0], id.size);
       px_shm_unmap(mem, &id);
-    } else if (strcmp(step, "env") == 0) {
-      const char* name = i < argc ? argv[i++] : "";
-      const char* value = getenv(name);
-      if (value != NULL) {
-        printf("env %s=%s\n", name, value);
-      } else {
-        printf("env %s unset\n", name);
+    }
+    STEP("env", 1) {
+      if (getenv(a[0]) == NULL) printf("env %s unset\n", a[0]);
+      else printf("env %s=%s\n", a[0], getenv(a[0]));
+    }
+    STEP("print", 1) printf("%s\n", a[0]);
+    STEP("eprint", 1) fprintf(stderr, "%s\n", a[0]);
+    STEP("cat", 0) for (ssize_t n; (n = read(0, buf, sizeof buf)) > 0;) {
+      if (write(1, buf, (size_t)n) != n) die();
+    }
+    STEP("fds", 0) {
+      px_fd_info list[64];
+      int n = (int)must(px_fd_list(list, 64));
+      for (int k = 0; k < n && k < 64; ++k) printf("fd %d kind %d\n", list[k].fd, list[k].kind);
+      printf("fds done\n");
+    }
+    STEP("write", 2) {
+      writeAll((int)num(0), a[1], strlen(a[1]));
+      printf("wrote %zu\n", strlen(a[1]));
+    }
+    STEP("readn", 2) {
+      size_t want = (size_t)num(1), got = 0;
+      for (ssize_t n = 1; got < want && got < sizeof buf && n > 0; got += (size_t)n) {
+        n = must(px_read((int)num(0), buf + got, want - got));
       }
-      fflush(stdout);
-    } else if (strcmp(step, "print") == 0 || strcmp(step, "eprint") == 0) {
-      FILE* f = step[0] == 'e' ? stderr : stdout;
-      fprintf(f, "%s\n", i < argc ? argv[i++] : "");
-      fflush(f);
-    } else if (strcmp(step, "cat") == 0) {
-      char buf[4096];
-      ssize_t n;
-      while ((n = read(0, buf, sizeof buf)) > 0) {
-        if (write(1, buf, (size_t)n) != n) die(step);
+      printf("got %.*s\n", (int)got, buf);
+    }
+    STEP("close", 1) {
+      must(px_close((int)num(0)));
+      printf("closed %s\n", a[0]);
+    }
+    STEP("records", 3) {
+      for (long long k = 0, count = num(1); k < count; ++k) {
+        size_t size = 5 + (size_t)((k * 1237) % 4092);
+        memset(buf, a[2][0], size);
+        buf[1] = (char)((size - 3) & 0xFF);
+        buf[2] = (char)((size - 3) >> 8);
+        writeAll((int)num(0), buf, size);
       }
-    } else {
+      printf("records done\n");
+    }
+    STEP("channels", 0) {
+      px_channel* ends[2];
+      if (px_pipe_channels(ends) != 0 || px_channel_write(ends[1], "x", 1) != 1) die();
+      printf("channels\n");
+    }
+    else {
       errno = EINVAL;
-      die(step);
+      die();
     }
   }
   return 0;
