@@ -10,15 +10,7 @@ static_assert(std::endian::native == std::endian::little);
 
 namespace posix {
 
-uint64_t adapterLogHandle() {
-  // Registering the same names again answers the same handles, so the first user may do it.
-  static const uint64_t handle = [] {
-    LogModule module;
-    module.init();
-    return module.handle;
-  }();
-  return handle;
-}
+LogModule adapterLog;
 
 bool checkAdapterRequest(const Ref<InMsg>& in, const Ref<OutMsg>& out, const uint32_t* ret,
                          const char* function) {
@@ -29,7 +21,7 @@ bool checkAdapterRequest(const Ref<InMsg>& in, const Ref<OutMsg>& out, const uin
 }
 
 void logInvalidCommand(const char* function, uint32_t code) {
-  POSIX_LOG(adapterLogHandle(), 1,
+  POSIX_LOG(adapterLog.handle, 1,
             function << " : " << "Invalid command " << dec << static_cast<int32_t>(code));
 }
 

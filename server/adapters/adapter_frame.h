@@ -10,14 +10,12 @@
 #include <cstdint>
 #include <new>
 
+#include "adapters/adapter_log.h"
 #include "common/log.h"
 #include "platform/chn.h"
 #include "platform/service.h"
 
 namespace posix {
-
-// The adapters' handle of "POSIX SERVER", registered on first use.
-uint64_t adapterLogHandle();
 
 // The log-only assertions of a request's three arguments, written for `function`. Answers
 // whether all three are there; a handler serves nothing without them.
@@ -58,7 +56,7 @@ Ref<Interface> createAdapter(Ref<Wrapped> wrapped, const char* condition, const 
   }
   auto* service = new (std::nothrow) Obj(std::move(wrapped));
   if (!service) {
-    POSIX_LOG(adapterLogHandle(), 4, "Out of memory");
+    POSIX_LOG(adapterLog.handle, 4, "Out of memory");
     return nullptr;
   }
   return service;

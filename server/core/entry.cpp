@@ -3,6 +3,7 @@
 // the exit handlers that release those objects when the image is unloaded.
 #include "platform/image.h"
 
+#include "adapters/adapter_log.h"
 #include "common/exit_handlers.h"
 #include "core/close_queue.h"
 #include "core/server_main.h"
@@ -47,6 +48,7 @@ const Initialiser kStaticInitialisers[] = {
     [] { posix::fdTableLog.init(); },
     [] { posix::fdServiceLog.init(); },
     [] { posix::fifoLog.init(); },
+    [] { posix::adapterLog.init(); },
     [] { posix::crashLog.init(); },
     createProcessRegistry,
     createProcessMonitor,
