@@ -19,6 +19,9 @@ int usage(const std::string& text);
 // Prints "posixctl: <what>: <strerror(err)>" on standard error; answers kExitFailure.
 int failure(const std::string& what, int err);
 
+// Replaces or adds the NAME=VALUE `entry` in `env`.
+void setEnvEntry(std::vector<std::string>& env, const std::string& entry);
+
 // Parses a whole decimal integer; false for anything else.
 bool parseInt(const char* s, int64_t* out);
 

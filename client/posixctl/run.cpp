@@ -12,6 +12,7 @@
 
 #include "posix_client.h"
 #include "posixctl.h"
+#include "std_files.h"
 
 extern char** environ;
 
@@ -38,8 +39,9 @@ void* forwardSignals(void*) {
   return nullptr;
 }
 
-// Replaces or adds NAME=VALUE in `env`.
-void setEntry(std::vector<std::string>& env, const std::string& entry) {
+}  // namespace
+
+void setEnvEntry(std::vector<std::string>& env, const std::string& entry) {
   std::string name = entry.substr(0, entry.find('=') + 1);
   for (std::string& e : env) {
     if (e.compare(0, name.size(), name) == 0) {
@@ -49,22 +51,6 @@ void setEntry(std::vector<std::string>& env, const std::string& entry) {
   }
   env.push_back(entry);
 }
-
-// POSIX_STDIN/STDOUT/STDERR name our standard files through /proc so that the server opens
-// the very same files for the program. A file that cannot be opened again (closed, a socket)
-// is left out: the program then gets the server's default.
-void addStandardFiles(std::vector<std::string>& env) {
-  static const char* const names[] = {"POSIX_STDIN", "POSIX_STDOUT", "POSIX_STDERR"};
-  for (int fd = 0; fd < 3; ++fd) {
-    std::string path = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(fd);
-    int probe = open(path.c_str(), (fd == 0 ? O_RDONLY : O_WRONLY) | O_NONBLOCK | O_CLOEXEC);
-    if (probe < 0) continue;
-    close(probe);
-    setEntry(env, std::string(names[fd]) + "=" + path);
-  }
-}
-
-}  // namespace
 
 int cmdRun(const std::vector<std::string>& args) {
   std::vector<std::string> extra;
@@ -99,10 +85,20 @@ int cmdRun(const std::vector<std::string>& args) {
     if (rc != kExitOk) return rc;
   }
 
+  // Block the two signals before the program exists and before the relays of its standard
+  // files start, so that one that comes early stays pending until the forwarding thread
+  // knows whom to kill.
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+
   std::vector<std::string> env;
   for (char** e = environ; *e != nullptr; ++e) env.push_back(*e);
-  for (const std::string& p : extra) setEntry(env, p);
-  addStandardFiles(env);
+  for (const std::string& p : extra) setEnvEntry(env, p);
+  StdFiles stdFiles;
+  stdFiles.prepare(env);
   std::vector<char*> envp;
   for (std::string& e : env) envp.push_back(e.data());
   envp.push_back(nullptr);
@@ -111,16 +107,10 @@ int cmdRun(const std::vector<std::string>& args) {
   for (std::string& a : argvStore) argv.push_back(a.data());
   argv.push_back(nullptr);
 
-  // Block the two signals before the program exists, so that one that comes early stays
-  // pending until the forwarding thread knows whom to kill.
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
-
   int64_t child = px_spawn(argv[0], argv.data(), envp.data(), PX_SPAWN_SEARCH_PATH);
-  if (child < 0) return failure("cannot run " + argvStore[0], errno);
+  int spawnError = errno;
+  stdFiles.started();
+  if (child < 0) return failure("cannot run " + argvStore[0], spawnError);
   runningChild.store(child);
   pthread_t forwarder;
   if (pthread_create(&forwarder, nullptr, forwardSignals, nullptr) == 0) pthread_detach(forwarder);
@@ -128,7 +118,10 @@ int cmdRun(const std::vector<std::string>& args) {
   for (;;) {
     int status = 0;
     int64_t got = px_waitpid(child, &status, 0);
-    if (got == child) return status & 0xFF;
+    if (got == child) {
+      stdFiles.finish();
+      return status & 0xFF;
+    }
     if (got < 0 && errno == EINTR) continue;  // waits aborted: wait again
     return failure("wait", got < 0 ? errno : EPROTO);
   }

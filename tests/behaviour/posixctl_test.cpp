@@ -90,6 +90,23 @@ TEST_F(PosixctlTest, RunPassesExitCodeAndStandardFilesAndKillsTheProgramOnSigter
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 128 + 9) << status;
 }
 
+// Standard files that cannot simply be opened again by path (regular files, whose offset the
+// shell shares with run; sockets) reach the program through run's relays: output lands in
+// order between the shell's own writes, standard error beside standard output keeps its order,
+// and input continues where the shell stopped reading.
+TEST_F(PosixctlTest, RunSharesRegularFilesWithItsShell) {
+  ASSERT_EQ(ctl({"start"}).exitCode, 0);
+  std::ofstream(path("in.txt")) << "first\nsecond\nthird\n";
+  const std::string script = "{ echo one; read line; echo \"shell $line\"; \"$0\" run \"$1\" print two "
+                             "eprint err cat; echo three; } < \"$2\" > \"$3\" 2>&1";
+  CommandResult r = runCommand({"/bin/sh", "-c", script, POSIXCTL_BINARY, helper("px_probe"),
+                                path("in.txt"), path("out.txt")});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  std::ifstream out(path("out.txt"));
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(out), {}),
+            "one\nshell first\ntwo\nerr\nsecond\nthird\nthree\n");
+}
+
 TEST_F(PosixctlTest, UsageErrorsAndFailures) {
   for (const std::vector<std::string>& usage : std::vector<std::vector<std::string>>{
            {}, {"bogus"}, {"run"}, {"run", "--env", "NOEQUALS", "x"}, {"kill", "-s", "99", "1"},
