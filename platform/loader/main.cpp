@@ -62,7 +62,7 @@ void* signalThread(void*) {
     siginfo_t info;
     int received = sigwaitinfo(&set, &info);
     if (received == SIGTERM || received == SIGINT) {
-      Runtime::removeOwnedFiles();
+      Runtime::shutDown();
       _exit(0);
     }
     if (received == SIGUSR1) writeStats();

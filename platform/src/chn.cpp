@@ -146,23 +146,33 @@ Ref<Chn> Chn::create(Ref<ConMan> conMan, Ref<String> name) {
   Ref<Chn> chn = new Chn();
   Impl* s = new Impl();
   chn->impl_ = s;
-  s->listenFd = listenAtFreshId(&chn->id_, &s->socketPath);
+  {
+    Runtime::MakingFile making;
+    errno = ESHUTDOWN;
+    if (making.allowed()) s->listenFd = listenAtFreshId(&chn->id_, &s->socketPath);
+    if (s->listenFd >= 0) making.own(s->socketPath);
+  }
   if (s->listenFd < 0) {
     Error::set(errno);
     chn->id_ = 0;
     s->filesRemoved = true;  // nothing was made
     return nullptr;
   }
-  Runtime::ownFile(s->socketPath);
   s->idText = hexId(chn->id_);
   if (name) {
     s->namePath = Runtime::path(std::string("chn/") + name->c_str());
-    if (!claimName(s->namePath, s->idText)) {
+    bool claimed = false;
+    {
+      Runtime::MakingFile making;
+      errno = ESHUTDOWN;
+      claimed = making.allowed() && claimName(s->namePath, s->idText);
+      if (claimed) making.own(s->namePath);
+    }
+    if (!claimed) {
       Error::set(errno);
       s->namePath.clear();
       return nullptr;  // the destructor removes the socket
     }
-    Runtime::ownFile(s->namePath);
   }
   s->epollFd = ::epoll_create1(EPOLL_CLOEXEC);
   s->wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);

@@ -23,13 +23,17 @@ Ref<Multiplex> Multiplex::create(Ref<String> name) {
   if (!name) name = String::create("Multiplex");
   Ref<Core> core = new Core();
   core->name = name;
-  core->listenFd = chnListenAtFreshId(&core->id, &core->socketPath);
+  {
+    Runtime::MakingFile making;
+    errno = ESHUTDOWN;
+    if (making.allowed()) core->listenFd = chnListenAtFreshId(&core->id, &core->socketPath);
+    if (core->listenFd >= 0) making.own(core->socketPath);
+  }
   if (core->listenFd < 0) {
     Error::set(errno);
     core->fileRemoved = true;  // nothing was made
     return nullptr;
   }
-  Runtime::ownFile(core->socketPath);
   if (!MuxAcceptor::watch(core)) {
     Error::set(errno);
     return nullptr;  // ~Core closes the socket and removes its file

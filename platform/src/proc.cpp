@@ -122,7 +122,7 @@ bool Proc::stop(uint64_t pid) { return sendSignal(pid, SIGSTOP); }
 bool Proc::cont(uint64_t pid) { return sendSignal(pid, SIGCONT); }
 
 void Proc::exit(int32_t code) {
-  Runtime::removeOwnedFiles();
+  Runtime::shutDown();
   ::_exit(static_cast<int>(static_cast<uint32_t>(code) & 0xFF));
 }
 

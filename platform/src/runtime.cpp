@@ -17,6 +17,20 @@ namespace {
 // may still add or remove files while the process runs its exit-time destructors.
 std::mutex& g_ownedMutex = *new std::mutex;
 std::vector<std::string>& g_owned = *new std::vector<std::string>;  // guarded by g_ownedMutex
+bool g_ownedRemoved = false;  // guarded by g_ownedMutex: the shut-down has removed the files
+
+void removeListedLocked() {
+  for (const std::string& file : g_owned) ::unlink(file.c_str());
+  g_owned.clear();
+}
+
+void listLocked(const std::string& file) {
+  if (g_ownedRemoved) {
+    ::unlink(file.c_str());  // made while shutting down: it goes at once
+    return;
+  }
+  if (std::find(g_owned.begin(), g_owned.end(), file) == g_owned.end()) g_owned.push_back(file);
+}
 
 const char* envValue(const char* name) {
   const char* value = std::getenv(name);
@@ -79,8 +93,13 @@ bool prepare(std::string* why) {
 
 void ownFile(const std::string& file) {
   std::lock_guard lock(g_ownedMutex);
-  if (std::find(g_owned.begin(), g_owned.end(), file) == g_owned.end()) g_owned.push_back(file);
+  listLocked(file);
 }
+
+MakingFile::MakingFile() { g_ownedMutex.lock(); }
+MakingFile::~MakingFile() { g_ownedMutex.unlock(); }
+bool MakingFile::allowed() const { return !g_ownedRemoved; }
+void MakingFile::own(const std::string& file) { listLocked(file); }
 
 void disownFile(const std::string& file) {
   std::lock_guard lock(g_ownedMutex);
@@ -89,10 +108,15 @@ void disownFile(const std::string& file) {
 }
 
 void removeOwnedFiles() {
-  // Runs on the shut-down thread as well: it only unlinks what is listed, allocating nothing.
   std::lock_guard lock(g_ownedMutex);
-  for (const std::string& file : g_owned) ::unlink(file.c_str());
-  g_owned.clear();
+  removeListedLocked();
+}
+
+void shutDown() {
+  // Runs on the shut-down thread: it only unlinks what is listed, allocating nothing.
+  std::lock_guard lock(g_ownedMutex);
+  removeListedLocked();
+  g_ownedRemoved = true;
 }
 
 }  // namespace Runtime

@@ -1,12 +1,15 @@
 // The runtime directory, owned files, device nodes and the root directory's bindings.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <iterator>
 
 #include "platform/devnode.h"
+#include "platform/error.h"
+#include "platform/multiplex.h"
 #include "platform_chn_support.h"
 
 using namespace chntest;
@@ -90,6 +93,35 @@ TEST(Runtime, OwnedFilesAreRemovedAndDisownedOnesKept) {
   Runtime::removeOwnedFiles();
   EXPECT_TRUE(exists(kept));
   EXPECT_FALSE(exists(gone));
+}
+
+// The shut-down is for good: what is owned goes, a file owned afterwards goes at once, and no
+// new channel socket is made (a socket made while the process ends would be left behind).
+// Shutting down cannot be undone, so it happens in a child process.
+TEST(Runtime, ShutDownRemovesOwnedFilesAndRefusesNewOnes) {
+  RuntimeDirScope rt;
+  std::string owned = rt.dir() + "/owned", late = rt.dir() + "/late";
+  ASSERT_TRUE(Runtime::prepare(nullptr));
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    std::ofstream(owned) << "o";
+    Runtime::ownFile(owned);
+    Runtime::shutDown();
+    std::ofstream(late) << "l";
+    Runtime::ownFile(late);
+    bool allowed = Runtime::MakingFile().allowed();
+    bool refused = !allowed && !Libraries::Service::Multiplex::create(String::create("late")) &&
+                   Error::get() == ESHUTDOWN;
+    _exit(refused ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_FALSE(exists(owned));
+  EXPECT_FALSE(exists(late));
+  std::error_code ignored;
+  EXPECT_TRUE(std::filesystem::is_empty(rt.dir() + "/chn", ignored)) << "no socket was made";
 }
 
 TEST(DeviceNodes, RecordIsCountThenSixLittleEndianWords) {
