@@ -111,7 +111,17 @@ bool watch(int epollFd, int fd, uint64_t key) {
 
 }  // namespace
 
-int chnListenAtFreshId(uint64_t* id, std::string* path) { return listenAtFreshId(id, path); }
+int chnListenAtFreshId(uint64_t* id, std::string* path) {
+  // Made and listed as owned in one step, so that a shut-down never leaves it behind.
+  Runtime::MakingFile making;
+  if (!making.allowed()) {
+    errno = ESHUTDOWN;
+    return -1;
+  }
+  int fd = listenAtFreshId(id, path);
+  if (fd >= 0) making.own(*path);
+  return fd;
+}
 
 std::string chnPath(uint64_t id) { return Runtime::path("chn/" + hexId(id)); }
 
@@ -146,12 +156,7 @@ Ref<Chn> Chn::create(Ref<ConMan> conMan, Ref<String> name) {
   Ref<Chn> chn = new Chn();
   Impl* s = new Impl();
   chn->impl_ = s;
-  {
-    Runtime::MakingFile making;
-    errno = ESHUTDOWN;
-    if (making.allowed()) s->listenFd = listenAtFreshId(&chn->id_, &s->socketPath);
-    if (s->listenFd >= 0) making.own(s->socketPath);
-  }
+  s->listenFd = chnListenAtFreshId(&chn->id_, &s->socketPath);
   if (s->listenFd < 0) {
     Error::set(errno);
     chn->id_ = 0;

@@ -46,8 +46,9 @@ struct Chn::Impl {
   std::vector<uint8_t> buffer;   // one datagram, PX_WIRE_MAX_FRAME bytes
 };
 
-// A non-blocking listening socket at a fresh RT/chn/<id> (chn.cpp): answers the socket and
-// fills `id` and `path`, or answers -1 with errno set. The service multiplex makes its socket
+// A non-blocking listening socket at a fresh RT/chn/<id> (chn.cpp), owned by the process (it
+// goes at shut-down): answers the socket and fills `id` and `path`, or answers -1 with errno
+// set (ESHUTDOWN once the process has shut down). The service multiplex makes its socket
 // this way too.
 int chnListenAtFreshId(uint64_t* id, std::string* path);
 

@@ -23,12 +23,7 @@ Ref<Multiplex> Multiplex::create(Ref<String> name) {
   if (!name) name = String::create("Multiplex");
   Ref<Core> core = new Core();
   core->name = name;
-  {
-    Runtime::MakingFile making;
-    errno = ESHUTDOWN;
-    if (making.allowed()) core->listenFd = chnListenAtFreshId(&core->id, &core->socketPath);
-    if (core->listenFd >= 0) making.own(core->socketPath);
-  }
+  core->listenFd = chnListenAtFreshId(&core->id, &core->socketPath);
   if (core->listenFd < 0) {
     Error::set(errno);
     core->fileRemoved = true;  // nothing was made
