@@ -31,6 +31,9 @@ extern "C" {
 #define PX_RESULT_DONE 1u
 #define PX_RESULT_SHORT_REQUEST 9u
 #define PX_RESULT_REPLY_UNWRITTEN 10u
+/* A bound of the caller, or the reserve the server keeps for others, was reached; nothing was
+ * done. docs/protocol.md lists the bounds. */
+#define PX_RESULT_LIMIT 11u
 
 /* Wait for ever, where a time-out in milliseconds is asked for. */
 #define PX_WAIT_FOREVER 0xFFFFFFFFu
