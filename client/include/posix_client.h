@@ -99,7 +99,7 @@ int64_t px_server_pid(void);
  *                  into the server's own, usually its log).
  * A relative PROGRAM resolves against the child's working directory; with PX_SPAWN_SEARCH_PATH
  * and no slash it is looked up in envp's PATH. The child leads a host process group of its
- * own (its pgid is its pid); what it starts itself with the host's fork stays in that group.
+ * own (its pgid is its pid), which what it starts with the host's fork joins unless it moves.
  * Result 0 ("could not start"): errno is the server's reason: ENOENT (no such program or
  * directory), EACCES, ENOEXEC, ENOTDIR, ETXTBSY... from the program's start; ENXIO when an
  * output file is a FIFO without a reader (nothing a start opens may wait on another process);
