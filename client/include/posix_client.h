@@ -85,12 +85,26 @@ int64_t px_server_pid(void);
 
 /* Starts PROGRAM as a child of the caller; answers its pid.
  * argv: NULL-terminated (NULL = no arguments); envp: NULL-terminated "NAME=VALUE" entries,
- * NULL = the caller's environment. A relative path with a slash is made absolute against the
- * caller's working directory. The child's standard files are the host paths named by
- * POSIX_STDIN, POSIX_STDOUT, POSIX_STDERR in envp, when present.
- * Result 0 ("could not start"): errno from a local check of the program (ENOENT, EACCES,
- * ENOTDIR...) when that finds a reason, else ENOEXEC. E2BIG when the request does not fit in
- * one frame. */
+ * NULL = the caller's environment. These names in envp are taken by the server, not passed on:
+ *   POSIX_CWD      the child's working directory. Default: the caller's.
+ *   POSIX_STDIN, POSIX_STDOUT, POSIX_STDERR
+ *                  host paths the server opens as the child's standard input (read-only),
+ *                  output and error (write-only, appending); relative to POSIX_CWD. The empty
+ *                  value starts the child with that descriptor closed. Default: the caller's
+ *                  own descriptor 0, 1, 2, named as /proc/<caller>/fd/N and so opened again:
+ *                  a terminal, pipe or device is the same file; a regular file is the same
+ *                  file with an offset of its own (output appends at its end, input starts at
+ *                  its beginning); a closed descriptor stays closed; a socket cannot be opened
+ *                  again, so the server's default stands (input /dev/null, output and error
+ *                  into the server's own, usually its log).
+ * A relative PROGRAM resolves against the child's working directory; with PX_SPAWN_SEARCH_PATH
+ * and no slash it is looked up in envp's PATH. The child leads a host process group of its
+ * own (its pgid is its pid), which what it starts with the host's fork joins unless it moves.
+ * Result 0 ("could not start"): errno is the server's reason: ENOENT (no such program or
+ * directory), EACCES, ENOEXEC, ENOTDIR, ETXTBSY... from the program's start; ENXIO when an
+ * output file is a FIFO without a reader (nothing a start opens may wait on another process);
+ * ETIMEDOUT when the start took longer than 5 seconds (it is then given up); EINVAL for a path
+ * holding a NUL byte. E2BIG when the request does not fit in one frame. */
 int64_t px_spawn(const char* path, char* const argv[], char* const envp[], int flags);
 
 /* As px_spawn; the child finds `shm` with px_get_shared_memory(). */

@@ -1,18 +1,27 @@
-// posixctl run: starts PROGRAM through the server with posixctl's own standard files, waits
-// for it and exits with its exit code. SIGINT and SIGTERM kill the program through the server.
+// posixctl run: starts PROGRAM through the server with posixctl's own standard files and
+// working directory, waits for it and exits with its exit code. The host signals that would
+// end a program run directly from a shell (interrupt, quit, terminate, hang-up) are passed on
+// to the program's host process group; a second one, or a program that has not ended five
+// seconds after a terminate or hang-up, is killed through the server.
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
+#include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstring>
 
 #include "posix_client.h"
 #include "posixctl.h"
 #include "std_files.h"
+
+#ifndef PIDFD_SIGNAL_PROCESS_GROUP
+#define PIDFD_SIGNAL_PROCESS_GROUP (1U << 2)
+#endif
 
 extern char** environ;
 
@@ -20,23 +29,78 @@ namespace posixctl {
 
 namespace {
 
-std::atomic<int64_t> runningChild{0};
+constexpr int kKillAfterMs = 5000;
 
-// Waits for SIGINT/SIGTERM (blocked in every other thread) and kills the program.
-void* forwardSignals(void*) {
+sigset_t forwardedSignals() {
   sigset_t set;
   sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
+  for (int sig : {SIGINT, SIGQUIT, SIGTERM, SIGHUP}) sigaddset(&set, sig);
+  return set;
+}
+
+// The program: its pid (its process group's id too) and a pidfd taken right after the start,
+// which tells whether this is still the same process when its pid could have been reused.
+struct Program {
+  int64_t pid = 0;
+  int pidfd = -1;
+};
+
+bool ended(const Program& p) {
+  struct pollfd pfd = {p.pidfd, POLLIN, 0};
+  return poll(&pfd, 1, 0) == 1;
+}
+
+void killThroughServer(const Program& p) {
+  if (px_kill(p.pid, PX_SIGKILL) != 0 && errno != ESRCH) {
+    fprintf(stderr, "posixctl: kill %lld: %s\n", static_cast<long long>(p.pid), strerror(errno));
+  }
+}
+
+// Sends `sig` to the program's process group while its leader lives; a group whose leader has
+// ended is left alone (its number may belong to someone else by now). Killed through the
+// server when posixctl may not signal it (the server runs as another user).
+void signalGroup(const Program& p, int sig) {
+  if (p.pidfd < 0) return killThroughServer(p);
+  long rc = syscall(SYS_pidfd_send_signal, p.pidfd, sig, nullptr, PIDFD_SIGNAL_PROCESS_GROUP);
+  if (rc != 0 && errno == EINVAL && !ended(p)) {  // a kernel without group signals by pidfd
+    rc = kill(static_cast<pid_t>(-p.pid), sig);
+  }
+  if (rc != 0 && errno == EPERM) killThroughServer(p);
+}
+
+// Waits for the forwarded signals (blocked in every other thread) and passes them on.
+void* forwardSignals(void* arg) {
+  const Program& program = *static_cast<Program*>(arg);
+  sigset_t set = forwardedSignals();
+  int seen = 0;
+  bool deadline = false;
   for (;;) {
-    int sig = 0;
-    if (sigwait(&set, &sig) != 0) continue;
-    int64_t child = runningChild.load();
-    if (child > 0 && px_kill(child, PX_SIGKILL) != 0) {
-      fprintf(stderr, "posixctl: kill %lld: %s\n", static_cast<long long>(child), strerror(errno));
+    struct timespec wait = {kKillAfterMs / 1000, 0};
+    int sig = sigtimedwait(&set, nullptr, deadline ? &wait : nullptr);
+    if (sig < 0) {
+      if (errno != EAGAIN) continue;
+      killThroughServer(program);  // a terminate or hang-up was not obeyed in time
+      deadline = false;
+      continue;
     }
+    if (++seen > 1) {
+      killThroughServer(program);
+      continue;
+    }
+    signalGroup(program, sig);
+    deadline = sig == SIGTERM || sig == SIGHUP;
   }
   return nullptr;
+}
+
+// The exit code of a program that could not start, as a shell gives it: 127 when it was not
+// found, 126 when it could not be executed; 1 when the server failed.
+int startFailure(const std::string& program, int err) {
+  const char* why = err == ETIMEDOUT ? "its start did not finish in time" : strerror(err);
+  fprintf(stderr, "posixctl: cannot run %s: %s\n", program.c_str(), why);
+  if (err == ENOENT) return 127;
+  if (err == ECONNREFUSED || err == ECONNRESET || err == EPROTO) return kExitFailure;
+  return 126;
 }
 
 }  // namespace
@@ -53,6 +117,7 @@ void setEnvEntry(std::vector<std::string>& env, const std::string& entry) {
 }
 
 int cmdRun(const std::vector<std::string>& args) {
+  StdFiles stdFiles;  // first: it occupies closed standard descriptors
   std::vector<std::string> extra;
   size_t i = 0;
   for (; i < args.size(); ++i) {
@@ -85,19 +150,15 @@ int cmdRun(const std::vector<std::string>& args) {
     if (rc != kExitOk) return rc;
   }
 
-  // Block the two signals before the program exists and before the relays of its standard
-  // files start, so that one that comes early stays pending until the forwarding thread
-  // knows whom to kill.
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
+  // Block the forwarded signals before the program exists and before the relays of its
+  // standard files start, so that one that comes early stays pending until the forwarding
+  // thread knows whom to pass it to.
+  sigset_t set = forwardedSignals();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 
   std::vector<std::string> env;
   for (char** e = environ; *e != nullptr; ++e) env.push_back(*e);
   for (const std::string& p : extra) setEnvEntry(env, p);
-  StdFiles stdFiles;
   stdFiles.prepare(env);
   std::vector<char*> envp;
   for (std::string& e : env) envp.push_back(e.data());
@@ -107,13 +168,15 @@ int cmdRun(const std::vector<std::string>& args) {
   for (std::string& a : argvStore) argv.push_back(a.data());
   argv.push_back(nullptr);
 
-  int64_t child = px_spawn(argv[0], argv.data(), envp.data(), PX_SPAWN_SEARCH_PATH);
+  static Program program;  // read by the forwarding thread until the process ends
+  program.pid = px_spawn(argv[0], argv.data(), envp.data(), PX_SPAWN_SEARCH_PATH);
   int spawnError = errno;
   stdFiles.started();
-  if (child < 0) return failure("cannot run " + argvStore[0], spawnError);
-  runningChild.store(child);
+  if (program.pid < 0) return startFailure(argvStore[0], spawnError);
+  program.pidfd = static_cast<int>(syscall(SYS_pidfd_open, static_cast<pid_t>(program.pid), 0));
+  int64_t child = program.pid;
   pthread_t forwarder;
-  if (pthread_create(&forwarder, nullptr, forwardSignals, nullptr) == 0) pthread_detach(forwarder);
+  if (pthread_create(&forwarder, nullptr, forwardSignals, &program) == 0) pthread_detach(forwarder);
 
   for (;;) {
     int status = 0;

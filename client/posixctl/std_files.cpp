@@ -56,15 +56,24 @@ struct StdFiles::Relay {
   }
 };
 
+StdFiles::StdFiles() {
+  for (int fd = 0; fd < 3; ++fd) {
+    closed_[fd] = fcntl(fd, F_GETFD) < 0 && errno == EBADF;
+    // The lowest free number is `fd` itself: the ones below are open or occupied by now.
+    if (closed_[fd]) ::open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY);
+  }
+}
+
 void StdFiles::prepare(std::vector<std::string>& env) {
   // A relay that writes to a pipe or socket whose reader has gone sees EPIPE, not a signal.
   signal(SIGPIPE, SIG_IGN);
   struct stat seen[3];
-  bool open[3] = {false, false, false};
   Relay* outputRelays[3] = {nullptr, nullptr, nullptr};
   for (int fd = 0; fd < 3; ++fd) {
-    open[fd] = fstat(fd, &seen[fd]) == 0;
-    if (!open[fd]) continue;  // closed: the program gets the server's default
+    if (closed_[fd] || fstat(fd, &seen[fd]) != 0) {
+      setEnvEntry(env, std::string(kNames[fd]) + "=");  // the program starts with it closed
+      continue;
+    }
     bool reopens = !S_ISREG(seen[fd].st_mode) && !S_ISSOCK(seen[fd].st_mode);
     if (reopens) {
       int probe = ::open(procPath(fd).c_str(), (fd == 0 ? O_RDONLY : O_WRONLY) | O_NONBLOCK | O_CLOEXEC);

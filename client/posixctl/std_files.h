@@ -15,13 +15,14 @@ namespace posixctl {
 
 class StdFiles {
  public:
-  StdFiles() = default;
+  // Notes which of 0, 1, 2 are closed and occupies them; made before anything else opens.
+  StdFiles();
   StdFiles(const StdFiles&) = delete;
   StdFiles& operator=(const StdFiles&) = delete;
   ~StdFiles();
 
-  // Adds POSIX_STDIN/STDOUT/STDERR to `env` for each standard file that is open, making the
-  // pipes and starting the relays that are needed.
+  // Adds POSIX_STDIN/STDOUT/STDERR to `env` for each standard file (empty for a closed one),
+  // making the pipes and starting the relays that are needed.
   void prepare(std::vector<std::string>& env);
   // The program has started: closes posixctl's ends that only the program should hold.
   void started();
@@ -32,6 +33,7 @@ class StdFiles {
  private:
   struct Relay;
   std::vector<Relay*> relays_;
+  bool closed_[3] = {false, false, false};
 };
 
 }  // namespace posixctl

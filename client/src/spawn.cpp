@@ -1,13 +1,14 @@
-// Starting programs through the server. The server answers only "could not start", so the
-// library looks at the program itself to give the caller a reason.
+// Starting programs through the server. By default a child gets the caller's working directory
+// and standard files: the library names them to the server, which opens them again by path.
 #include <errno.h>
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "internal.h"
 #include "posix_client.h"
@@ -18,67 +19,59 @@ namespace pxc {
 
 namespace {
 
-// errno for a program file that cannot be run, 0 when it looks runnable.
-int checkProgram(const std::string& path) {
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0) return errno;
-  if (S_ISDIR(st.st_mode)) return EACCES;
-  if (access(path.c_str(), X_OK) != 0) return errno;
-  return 0;
-}
+using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-// Why the server could not start `path`: the first reason a local look finds, else ENOEXEC.
-int spawnFailure(const char* path, char* const envp[], int flags) {
-  if (std::strchr(path, '/') != nullptr || (flags & PX_SPAWN_SEARCH_PATH) == 0) {
-    int err = checkProgram(path);
-    return err != 0 ? err : ENOEXEC;
+// The pairs for each of the working directory and the standard files that envp does not name
+// itself: the caller's own, named through /proc so that a pipe, terminal or device is the same
+// file. A closed descriptor is named empty (the child starts with it closed); a socket cannot
+// be opened by path and is left out (the server's default stands).
+Pairs callerDefaults(char* const envp[]) {
+  static const char* const kNames[] = {"POSIX_STDIN", "POSIX_STDOUT", "POSIX_STDERR", "POSIX_CWD"};
+  bool named[4] = {false, false, false, false};
+  for (char* const* e = envp; *e != nullptr; ++e) {
+    for (int k = 0; k < 4; ++k) {
+      size_t n = std::strlen(kNames[k]);
+      if (std::strncmp(*e, kNames[k], n) == 0 && (*e)[n] == '=') named[k] = true;
+    }
   }
-  // PATH of the environment handed to the child first (the server searches that one).
-  const char* search = nullptr;
-  for (char* const* e = envp; e != nullptr && *e != nullptr; ++e) {
-    if (std::strncmp(*e, "PATH=", 5) == 0) search = *e + 5;
+  Pairs pairs;
+  std::string self = "/proc/" + std::to_string(getpid());
+  for (int fd = 0; fd < 3; ++fd) {
+    struct stat st;
+    if (named[fd]) continue;
+    if (fstat(fd, &st) != 0) {
+      pairs.emplace_back(kNames[fd], "");
+    } else if (!S_ISSOCK(st.st_mode)) {
+      pairs.emplace_back(kNames[fd], self + "/fd/" + std::to_string(fd));
+    }
   }
-  if (search == nullptr) search = getenv("PATH");
-  if (search == nullptr) search = "/usr/local/bin:/usr/bin:/bin";
-  int found = ENOENT;
-  for (const char* dir = search;; ) {
-    const char* end = std::strchr(dir, ':');
-    // Built in a buffer: GCC 12 at -O2 misreads std::string assignments here (-Wrestrict).
-    size_t span = end == nullptr ? std::strlen(dir) : static_cast<size_t>(end - dir);
-    int length = static_cast<int>(span);
-    char candidate[PATH_MAX];
-    std::snprintf(candidate, sizeof candidate, "%.*s/%s", length > 0 ? length : 1,
-                  length > 0 ? dir : ".", path);
-    int err = checkProgram(candidate);
-    if (err == 0) return ENOEXEC;        // a runnable candidate exists: it failed otherwise
-    if (err == EACCES) found = EACCES;   // found, but not runnable
-    if (end == nullptr) break;
-    dir = end + 1;
+  if (!named[3]) {
+    // A directory that was removed has no path; /proc still leads to it.
+    char cwd[PATH_MAX];
+    pairs.emplace_back(kNames[3], getcwd(cwd, sizeof cwd) != nullptr ? cwd : self + "/cwd");
   }
-  return found;
+  return pairs;
 }
 
 int64_t spawn(const char* path, char* const argv[], char* const envp[], int flags,
               const px_shm_id* shm) {
   if (path == nullptr || path[0] == '\0') return fail(ENOENT);
   if (envp == nullptr) envp = environ;
-  // The server resolves a relative path against its own working directory, not ours.
-  std::string program = path;
-  if (path[0] != '/' && std::strchr(path, '/') != nullptr) {
-    char cwd[PATH_MAX];
-    if (getcwd(cwd, sizeof cwd) == nullptr) return fail(errno);
-    program = std::string(cwd) + "/" + path;
-  }
+  Pairs defaults = callerDefaults(envp);
   FrameWriter req(shm != nullptr ? PX_CMD_SPAWN_SHARED : PX_CMD_SPAWN);
-  req.str(program.c_str(), program.size());
+  req.str(path);
   req.u32((flags & PX_SPAWN_SEARCH_PATH) != 0 ? PX_SPAWN_FLAG_SEARCH_PATH : 0);
   uint64_t argc = 0;
   while (argv != nullptr && argv[argc] != nullptr) ++argc;
   req.u64(argc);
   for (uint64_t i = 0; i < argc; ++i) req.str(argv[i]);
-  uint64_t envc = 0;
+  uint64_t envc = defaults.size();
   for (char* const* e = envp; *e != nullptr; ++e) envc += std::strchr(*e, '=') != nullptr;
   req.u64(envc);
+  for (const auto& [name, value] : defaults) {
+    req.str(name.c_str());
+    req.str(value.c_str());
+  }
   for (char* const* e = envp; *e != nullptr; ++e) {
     const char* eq = std::strchr(*e, '=');
     if (eq == nullptr) continue;  // not a NAME=VALUE entry
@@ -93,7 +86,11 @@ int64_t spawn(const char* path, char* const argv[], char* const envp[], int flag
   Reply reply;
   int err = transact(req, &reply);
   if (err != 0) return fail(err);
-  if (reply.code == PX_RESULT_FAILED) return fail(spawnFailure(program.c_str(), envp, flags));
+  if (reply.code == PX_RESULT_FAILED) {
+    uint32_t reason = 0;  // the server's errno value; a server that sends none: ENOEXEC
+    if (reply.data.size() >= sizeof reason) std::memcpy(&reason, reply.data.data(), sizeof reason);
+    return fail(reason != 0 ? static_cast<int>(reason) : ENOEXEC);
+  }
   if (reply.code != PX_RESULT_DONE) return fail(errnoForResult(reply.code, EPROTO));
   uint64_t pid = 0;
   if (!reply.dataU64(0, &pid) || pid == 0) return fail(EPROTO);

@@ -6,6 +6,7 @@
 
 #include "core/posix_service.h"
 #include "core/request_reader.h"
+#include "platform/error.h"
 
 namespace {
 
@@ -41,7 +42,11 @@ uint32_t PosixService::spawn(const Ref<PosixProcess>& caller, const Ref<InMsg>& 
   ProgramStart start;
   if (!decodeStart(request, &start)) return PX_RESULT_FAILED;
   Ref<PosixProcess> child = PosixProcess::spawn(caller, std::move(start));
-  if (!child) return PX_RESULT_FAILED;
+  if (!child) {
+    // The reason travels with the failure, so the client need not guess it.
+    writeValue(reply, Error::get());
+    return PX_RESULT_FAILED;
+  }
   writeValue(reply, child->pid());
   return PX_RESULT_DONE;
 }

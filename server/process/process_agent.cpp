@@ -1,7 +1,10 @@
 #include "process/process_agent.h"
 
+#include <cerrno>
+
 #include "fd/fd_table.h"
 #include "fifo/unclaimed_pipe_ends.h"
+#include "platform/error.h"
 #include "process/process_group.h"
 #include "process/process_log.h"
 #include "process/process_registry.h"
@@ -9,6 +12,12 @@
 namespace posix {
 LogModule agentLog;
 }
+
+namespace {
+// How long the service thread waits for a program start. A start that is not waiting on
+// anything takes milliseconds; one that is has been handed something nobody answers.
+constexpr uint32_t kStartLimitMs = 5000;
+}  // namespace
 using posix::agentLog;
 using posix::LogNum;
 
@@ -20,6 +29,19 @@ void ProcessAgent::run() {
   process_->pid_ = Binary::create(path, start_.startFlags, start_.arguments.data(),
                                   start_.arguments.size(), start_.environment, start_.startOptions);
   uint64_t pid = process_->pid_;
+  startError_ = pid == 0 ? Error::get() : 0;
+  int expected = kStarting;
+  if (!state_.compare_exchange_strong(expected, kReported)) {
+    // Given up by the spawning thread: nobody knows this program, so it does not stay.
+    POSIX_LOG(agentLog.handle, 2, "Program start given up after " << LogNum{kStartLimitMs}
+                                      << " ms: " << path);
+    if (pid != 0) {
+      Proc::terminate(pid);
+      Proc::wait();
+    }
+    process_.reset();
+    return;
+  }
   started_->up();
   if (pid == 0) {
     POSIX_LOG(agentLog.handle, 2, "Could not create new process for " << path);
@@ -58,6 +80,14 @@ void PosixProcess::markTerminated(uint32_t exitCode) {
   unclaimedPipeEnds_->closeAll();
 }
 
+bool ProcessAgent::awaitStart(uint32_t timeoutMs) {
+  if (started_->down(timeoutMs)) return true;
+  int expected = kStarting;
+  if (state_.compare_exchange_strong(expected, kAbandoned)) return false;
+  started_->down();  // the agent reported just now: its post is on the way
+  return true;
+}
+
 Ref<PosixProcess> PosixProcess::spawn(const Ref<PosixProcess>& parent, ProgramStart start) {
   if (!parent) return nullptr;
   Ref<PosixProcess> child = new PosixProcess();
@@ -66,11 +96,18 @@ Ref<PosixProcess> PosixProcess::spawn(const Ref<PosixProcess>& parent, ProgramSt
 
   Ref<ProcessAgent> agent = new ProcessAgent(child, std::move(start));
   Ref<Thd> thread = Thd::create(agent);
+  Error::set(EAGAIN);
   if (!thread) return nullptr;
   thread->setName("PosixChild");
   if (!thread->start()) return nullptr;
-  agent->awaitStart();
-  if (child->pid_ == 0) return nullptr;
+  if (!agent->awaitStart(kStartLimitMs)) {
+    Error::set(ETIMEDOUT);
+    return nullptr;
+  }
+  if (child->pid_ == 0) {
+    Error::set(agent->startError());
+    return nullptr;
+  }
 
   child->setGroup(parent->group());
   child->fdTable_ = new FDTable(parent->fdTable());

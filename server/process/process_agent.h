@@ -5,7 +5,13 @@
 // only then does the agent handle the program's end, so a program that ends at once is still
 // seen as a child. (With one semaphore for both directions, an agent whose program ended before
 // the spawning thread woke would take back its own post.)
+//
+// The spawning thread is the service's main thread, so it waits for the start only a bounded
+// time: a start that hangs (a program or directory on a file system that does not answer)
+// is given up, `state_` says so, and the agent then kills whatever it started late.
 #pragma once
+
+#include <atomic>
 
 #include "platform/sync.h"
 #include "platform/thread.h"
@@ -15,8 +21,11 @@ class ProcessAgent : public Object, public Exec {
  public:
   ProcessAgent(Ref<PosixProcess> process, ProgramStart start);
 
-  // Blocks until the program has been started or has failed to start.
-  void awaitStart() { started_->down(); }
+  // Waits until the program has been started or has failed to start: true. False when that
+  // took longer than `timeoutMs`; the start is then given up for good.
+  bool awaitStart(uint32_t timeoutMs);
+  // Why the start failed (an errno value), once awaitStart answered true and the pid is 0.
+  uint32_t startError() const { return startError_; }
   // Lets the agent go on to handle the program's end.
   void releaseEnd() { linked_->up(); }
 
@@ -27,4 +36,7 @@ class ProcessAgent : public Object, public Exec {
   ProgramStart start_;
   Ref<Sem> started_;
   Ref<Sem> linked_;
+  enum State : int { kStarting, kReported, kAbandoned };
+  std::atomic<int> state_{kStarting};  // which of the agent and the spawning thread came first
+  uint32_t startError_ = 0;            // written before `started_` is posted
 };

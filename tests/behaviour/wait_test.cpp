@@ -33,7 +33,7 @@ class WaitTest : public ServerFixture {
   }
 };
 
-TEST_F(WaitTest, ExitCodesArriveUnchangedAndSpawnFailuresGiveLocalReasons) {
+TEST_F(WaitTest, ExitCodesArriveUnchangedAndSpawnFailuresGiveTheirReasons) {
   char* argv[] = {const_cast<char*>("nothing"), nullptr};
   EXPECT_ERRNO(px_spawn(path("no-such-dir/program").c_str(), argv, nullptr, 0), ENOENT);
   EXPECT_ERRNO(px_spawn("no-such-program-anywhere", argv, nullptr, PX_SPAWN_SEARCH_PATH), ENOENT);

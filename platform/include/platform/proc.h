@@ -70,11 +70,14 @@ class Binary {
   static constexpr uint32_t kSearchPath = 1;
 
   // Starts a program with posix_spawn and answers its pid, or 0 with Error set. argv is
-  // args[0..argc) as given; the environment is env's pairs plus POSIX_RUNTIME_DIR. The child's
-  // standard input, output and error are the host files named by POSIX_STDIN, POSIX_STDOUT and
-  // POSIX_STDERR in env (those three are not passed on), else /dev/null for input and the
-  // server's own output and error. Bit kSearchPath looks a path without a slash up in env's
-  // PATH (else the server's).
+  // args[0..argc) as given; the environment is env's pairs plus POSIX_RUNTIME_DIR. These
+  // names in env are consumed, not passed on: POSIX_CWD, the program's working directory
+  // (else the server's); POSIX_STDIN, POSIX_STDOUT, POSIX_STDERR, the host files that become
+  // its standard input, output and error (a relative name resolves against POSIX_CWD; an
+  // empty one starts the program with that descriptor closed), else /dev/null for input and
+  // the server's own output and error. Nothing named can make the start wait: an output FIFO
+  // with no reader fails with ENXIO. The program leads a host process group of its own. Bit
+  // kSearchPath looks a path without a slash up in env's PATH (else the server's).
   static uint64_t create(const Ref<String>& path, uint32_t startFlags, const Ref<String>* args,
                          uint64_t argc, const Ref<Env>& env, uint32_t startOptions);
 

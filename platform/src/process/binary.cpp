@@ -15,6 +15,7 @@
 #include "platform/error.h"
 #include "platform/proc.h"
 #include "platform/runtime.h"
+#include "program_files.h"
 
 namespace {
 
@@ -23,16 +24,14 @@ namespace {
 // nothing else to pair the two.
 thread_local pid_t t_lastStarted = 0;
 
-constexpr const char* kStdIn = "POSIX_STDIN";
-constexpr const char* kStdOut = "POSIX_STDOUT";
-constexpr const char* kStdErr = "POSIX_STDERR";
 constexpr const char* kRuntimeDir = "POSIX_RUNTIME_DIR";
 
 bool named(const Ref<String>& name, const char* text) { return name && name->equals(text); }
 
 // The first regular, executable `dir/file` along a PATH-style list; an empty entry is the
-// current directory.
-bool searchPath(const std::string& list, const std::string& file, std::string* found) {
+// current directory, and a relative entry resolves against `base` (the program's working
+// directory, where the program will be exec'd from).
+bool searchPath(int base, const std::string& list, const std::string& file, std::string* found) {
   size_t start = 0;
   for (;;) {
     size_t colon = list.find(':', start);
@@ -40,8 +39,8 @@ bool searchPath(const std::string& list, const std::string& file, std::string* f
     std::string dir = list.substr(start, length);
     std::string candidate = (dir.empty() ? std::string(".") : dir) + "/" + file;
     struct stat st;
-    if (::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
-        ::access(candidate.c_str(), X_OK) == 0) {
+    if (::fstatat(base, candidate.c_str(), &st, 0) == 0 && S_ISREG(st.st_mode) &&
+        ::faccessat(base, candidate.c_str(), X_OK, 0) == 0) {
       *found = candidate;
       return true;
     }
@@ -67,8 +66,10 @@ struct SpawnSetup {
 };
 
 // The child must not inherit what the server blocks or ignores: an empty mask, and every
-// catchable signal back to its default action.
-int resetSignals(posix_spawnattr_t* attr) {
+// catchable signal back to its default action. It leads a host process group of its own, so
+// that a signal meant for the program and what it starts itself reaches no one else (and a
+// terminal's signals for the server's group do not reach it).
+int setAttributes(posix_spawnattr_t* attr) {
   sigset_t none;
   sigset_t all;
   sigemptyset(&none);
@@ -77,7 +78,11 @@ int resetSignals(posix_spawnattr_t* attr) {
   sigdelset(&all, SIGSTOP);
   int rc = posix_spawnattr_setsigmask(attr, &none);
   if (rc == 0) rc = posix_spawnattr_setsigdefault(attr, &all);
-  if (rc == 0) rc = posix_spawnattr_setflags(attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  if (rc == 0) rc = posix_spawnattr_setpgroup(attr, 0);
+  if (rc == 0) {
+    rc = posix_spawnattr_setflags(attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
+                                            POSIX_SPAWN_SETPGROUP);
+  }
   return rc;
 }
 
@@ -112,19 +117,18 @@ Ref<String> Env::get(const char* name) const {
 uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<String>* args,
                         uint64_t argc, const Ref<Env>& env, uint32_t /*startOptions*/) {
   if (!path || path->length() == 0) return fail(ENOENT);
+  if (std::strlen(path->c_str()) != path->length()) return fail(EINVAL);
 
-  // The environment: env's pairs without the three standard-file entries, which are consumed
-  // here, and with this instance's runtime directory so that the program finds its server.
+  // The environment: env's pairs without the working directory and standard-file entries,
+  // which are consumed here, and with this instance's runtime directory so that the program
+  // finds its server.
   std::vector<std::string> envText;
-  const char* stdFiles[3] = {nullptr, nullptr, nullptr};
+  ProgramFiles files;
   Ref<String> pathList;
   for (uint64_t i = 0; env && i < env->count(); ++i) {
     Ref<String> name = env->nameAt(i);
     Ref<String> value = env->valueAt(i);
-    if (named(name, kStdIn)) { stdFiles[0] = value->c_str(); continue; }
-    if (named(name, kStdOut)) { stdFiles[1] = value->c_str(); continue; }
-    if (named(name, kStdErr)) { stdFiles[2] = value->c_str(); continue; }
-    if (named(name, kRuntimeDir)) continue;
+    if (files.take(name, value) || named(name, kRuntimeDir)) continue;
     if (named(name, "PATH")) pathList = value;
     envText.push_back(std::string(name->c_str()) + "=" + value->c_str());
   }
@@ -139,22 +143,16 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
   argv.push_back(nullptr);
 
   SpawnSetup setup;
-  // The child's files are opened anew in the child; nothing is created or truncated. Output
-  // appends, so a file the caller's own output goes to is continued rather than overwritten.
-  int rc = posix_spawn_file_actions_addopen(&setup.actions, STDIN_FILENO,
-                                            stdFiles[0] ? stdFiles[0] : "/dev/null", O_RDONLY, 0);
-  if (rc == 0 && stdFiles[1])
-    rc = posix_spawn_file_actions_addopen(&setup.actions, STDOUT_FILENO, stdFiles[1], O_WRONLY | O_APPEND, 0);
-  if (rc == 0 && stdFiles[2])
-    rc = posix_spawn_file_actions_addopen(&setup.actions, STDERR_FILENO, stdFiles[2], O_WRONLY | O_APPEND, 0);
-  if (rc == 0) rc = resetSignals(&setup.attr);
+  int rc = files.open();
+  if (rc == 0) rc = files.addActions(&setup.actions);
+  if (rc == 0) rc = setAttributes(&setup.attr);
   if (rc != 0) return fail(rc);
 
   std::string program = path->c_str();
   bool usePathSearch = (startFlags & kSearchPath) != 0 && program.find('/') == std::string::npos;
   if (usePathSearch && pathList) {
     std::string found;
-    if (!searchPath(pathList->c_str(), program, &found)) return fail(ENOENT);
+    if (!searchPath(files.dirFd(), pathList->c_str(), program, &found)) return fail(ENOENT);
     program = found;
     usePathSearch = false;
   }

@@ -6,8 +6,8 @@
 //   ready | ppid | pgid        connects / asks the server; prints "ready" / "ppid N" / "pgid N"
 //   exit N | raise N | sleep MS   ends with code N / raises host signal N / sleeps
 //   sigwait N                  waits for N signals; prints "signal S code C status X pid P" each
-//   spawn PATH [ARG...] [--]   starts a child with the probe's standard output and error;
-//                              prints "spawned PID"
+//   spawn PATH [ARG...] [--]   starts a child (with the probe's standard files, the library's
+//                              default); prints "spawned PID"
 //   wait                       waits for the last child spawned; prints "child PID exit CODE"
 //   hold                       keeps a signal wait in a second thread; prints "holding"
 //   shm TEXT                   prints "shm <the spawner's shared memory>", then writes TEXT in it
@@ -124,13 +124,6 @@ int main(int argc, char** argv) {
              (unsigned long long)info.pid);
     }
     STEP("spawn", -1) {
-      // The child's standard output and error are the probe's own, so that its lines reach
-      // the same reader.
-      char path[64];
-      snprintf(path, sizeof path, "/proc/%d/fd/1", (int)getpid());
-      setenv("POSIX_STDOUT", path, 1);
-      path[strlen(path) - 1] = '2';
-      setenv("POSIX_STDERR", path, 1);
       errno = EINVAL;  // no program named
       child = must(a[0] != NULL ? px_spawn(a[0], a, environ, PX_SPAWN_SEARCH_PATH) : -1);
       printf("spawned %lld\n", child);

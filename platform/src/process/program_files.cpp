@@ -1,0 +1,91 @@
+#include "program_files.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+// A name that holds a NUL byte would open only its part before the NUL.
+bool wholeName(const Ref<String>& name) { return std::strlen(name->c_str()) == name->length(); }
+
+// Opens `name` relative to `dir` without waiting for anything: O_NONBLOCK for the open only,
+// cleared again so the program sees the blocking file it expects. The descriptor lands above
+// the standard numbers (a server whose own 0, 1 or 2 is closed would otherwise get one there,
+// and one start's dup2 could overwrite another of its files) and is closed on exec.
+int openNoWait(int dir, const Ref<String>& name, int access, int* out) {
+  if (!wholeName(name)) return EINVAL;
+  int fd = ::openat(dir, name->c_str(), access | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) return errno;
+  if (fd <= STDERR_FILENO) {
+    int high = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    int err = errno;
+    ::close(fd);
+    if (high < 0) return err;
+    fd = high;
+  }
+  int flags = ::fcntl(fd, F_GETFL);
+  if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+    int err = errno;
+    ::close(fd);
+    return err;
+  }
+  *out = fd;
+  return 0;
+}
+
+}  // namespace
+
+ProgramFiles::~ProgramFiles() {
+  if (dir_ >= 0) ::close(dir_);
+  for (int fd : fds_) {
+    if (fd >= 0) ::close(fd);
+  }
+}
+
+bool ProgramFiles::take(const Ref<String>& name, const Ref<String>& value) {
+  if (!name) return false;
+  if (name->equals(kDirName)) {
+    dirName_ = value->length() > 0 ? value : nullptr;  // empty: the server's directory
+    return true;
+  }
+  for (int i = 0; i < 3; ++i) {
+    if (!name->equals(kNames[i])) continue;
+    names_[i] = value;
+    return true;
+  }
+  return false;
+}
+
+int ProgramFiles::open() {
+  if (dirName_) {
+    if (!wholeName(dirName_)) return EINVAL;
+    dir_ = ::open(dirName_->c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (dir_ < 0) return errno;
+  }
+  // Input is /dev/null unless named; output and error stay the server's own unless named.
+  if (!names_[0]) names_[0] = String::create("/dev/null");
+  for (int i = 0; i < 3; ++i) {
+    if (!names_[i] || names_[i]->length() == 0) continue;
+    // Output appends, so a file that the starter's own output goes to is continued.
+    int access = i == 0 ? O_RDONLY : O_WRONLY | O_APPEND;
+    if (int err = openNoWait(dirFd(), names_[i], access, &fds_[i])) return err;
+  }
+  return 0;
+}
+
+int ProgramFiles::addActions(posix_spawn_file_actions_t* actions) const {
+  int rc = dir_ >= 0 ? posix_spawn_file_actions_addfchdir_np(actions, dir_) : 0;
+  for (int i = 0; rc == 0 && i < 3; ++i) {
+    if (fds_[i] >= 0) {
+      rc = posix_spawn_file_actions_adddup2(actions, fds_[i], i);
+    } else if (names_[i]) {  // named empty: the program starts with it closed
+      rc = posix_spawn_file_actions_addclose(actions, i);
+    }
+  }
+  return rc;
+}
+
+int ProgramFiles::dirFd() const { return dir_ >= 0 ? dir_ : AT_FDCWD; }

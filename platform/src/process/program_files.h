@@ -1,0 +1,44 @@
+// The working directory and standard files of a program about to start, opened by the server
+// before the program exists.
+//
+// A start must never wait on what its starter named: posix_spawn waits for the child until it
+// has run its file actions and exec'd, the agent thread waits for posix_spawn, and the service
+// thread waits for the agent. An open() in the child's file actions of a FIFO with no writer
+// would block that whole chain. So the directory is opened as a path only (O_PATH, which never
+// blocks) and each standard file without blocking (O_NONBLOCK: a FIFO with no writer opens at
+// once, one with no reader fails with ENXIO), then made blocking again for the program. The
+// file actions then only change directory through a descriptor and duplicate descriptors.
+#pragma once
+
+#include <spawn.h>
+
+#include "platform/string.h"
+
+class ProgramFiles {
+ public:
+  // The names consumed from a program's environment; a standard file whose name is set to the
+  // empty string starts closed.
+  static constexpr const char* kNames[3] = {"POSIX_STDIN", "POSIX_STDOUT", "POSIX_STDERR"};
+  static constexpr const char* kDirName = "POSIX_CWD";
+
+  ProgramFiles() = default;
+  ~ProgramFiles();
+  ProgramFiles(const ProgramFiles&) = delete;
+  ProgramFiles& operator=(const ProgramFiles&) = delete;
+
+  // Keeps `value` when `name` is one of the consumed names; false for any other name.
+  bool take(const Ref<String>& name, const Ref<String>& value);
+  // Opens the directory, then the standard files (a relative name resolves against the
+  // directory); 0 or an errno value.
+  int open();
+  // Adds the directory change and the descriptor moves to `actions`; 0 or an errno value.
+  int addActions(posix_spawn_file_actions_t* actions) const;
+  // Where a relative path of this start resolves: the directory, or AT_FDCWD without one.
+  int dirFd() const;
+
+ private:
+  Ref<String> dirName_;
+  Ref<String> names_[3];
+  int dir_ = -1;
+  int fds_[3] = {-1, -1, -1};
+};
