@@ -22,6 +22,7 @@ enum DescriptionType : int32_t {
   kTypeBlockDevice = 4,
   kTypeFifo = 5,
   kTypeSocket = 6,
+  kTypeTableMore = 7,  // a serialised table goes on in a further reply
   kTypeTableEnd = 8,
   kTypeOther = 9,
 };
