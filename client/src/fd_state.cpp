@@ -61,10 +61,8 @@ int loadLocked() {
   if (err != 0) return err;
   fs().link = ServiceLink::openNamed(PX_FD_SERVICE_NAME, &err);
   if (fs().link == nullptr) return err;
-  FrameWriter get(PX_FD_CMD_GET_TABLE);
-  err = fs().link->call(get, &reply);
   std::vector<TableRecord> records;
-  if (err == 0 && !parseTable(reply.data, &records)) err = EPROTO;
+  err = fetchTable([](FrameWriter& req, Reply* out) { return fs().link->call(req, out); }, &records);
   if (err != 0) {
     dropLocked();
     return err;

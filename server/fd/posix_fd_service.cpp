@@ -82,6 +82,14 @@ uint32_t dupFd(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& tab
   return reply->write(&fd, sizeof fd) == sizeof fd ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
 }
 
+// The table from the number the request names (u64, 0 when it names none) on, as much as fits
+// in one reply; the result is the number of entries in the whole table.
+uint32_t getTable(const Ref<InMsg>& request, const Ref<OutMsg>& reply, const FDTable& table) {
+  uint64_t first = 0;
+  if (request->read(&first, sizeof first) != sizeof first) first = 0;
+  return static_cast<uint32_t>(table.serialize(reply, first, PX_WIRE_MAX_FRAME - reply->frameSize()));
+}
+
 // A new pipe: the read end under the lowest free number, then the write end under the next;
 // each number followed by the node provider record of its description.
 uint32_t createPipe(const Ref<OutMsg>& reply, FDTable& table) {
@@ -143,9 +151,7 @@ uint32_t PosixFDService::handle(const Ref<InMsg>& request, const Ref<OutMsg>& re
   switch (request->code()) {
     case PX_FD_CMD_CLOSE: return closeFd(request, table);
     case PX_FD_CMD_DUP: return dupFd(request, reply, table);
-    case PX_FD_CMD_GET_TABLE:
-      // The result is the number of entries present, placeholders included.
-      return static_cast<uint32_t>(table.serialize(reply));
+    case PX_FD_CMD_GET_TABLE: return getTable(request, reply, table);
     case PX_FD_CMD_OPEN: return openItem(request, reply, table);
     case PX_FD_CMD_CREATE_PIPE: return createPipe(reply, table);
     case PX_FD_CMD_CREATE_SOCKET: return createSocket(reply, table);
