@@ -47,9 +47,11 @@ int loadLocked() {
   std::call_once(watch, [] {
     pthread_atfork(nullptr, nullptr, [] { forked.store(true, std::memory_order_relaxed); });
   });
-  // A new instance (px_fini and another runtime directory) or a fork: start again.
+  // A new instance (px_fini and another runtime directory), a fork, or a server that has gone
+  // (its descriptions went with it, and a new server on the same instance has a table of its
+  // own): start again.
   if (forked.exchange(false, std::memory_order_relaxed) ||
-      (fs().loaded && fs().instance != runtimeDir())) {
+      (fs().loaded && (fs().instance != runtimeDir() || !fs().link->alive()))) {
     dropLocked();
   }
   if (fs().loaded) return 0;

@@ -158,6 +158,8 @@ class ServiceLink {
   ServiceLink(const ServiceLink&) = delete;
   ServiceLink& operator=(const ServiceLink&) = delete;
 
+  // False once the other end has closed the link (its server has gone). Never waits.
+  bool alive() const;
   // One request and its reply: 0 or ECONNRESET (the server went), ETIMEDOUT, EPROTO... After
   // an error the link is unusable. `*interrupted` (may be null) is set when a host signal
   // handler ran while the call waited.
