@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <map>
+#include <tuple>
 
 #include "internal.h"
 
@@ -71,12 +72,17 @@ int loadLocked() {
   }
   fs().loaded = true;
   fs().instance = runtimeDir();
+  // Numbers of one description carry the same node: they share one Description. Found by
+  // the node's identifying entry, so that a full table loads in one pass.
+  std::map<std::tuple<uint64_t, uint64_t, uint64_t>, std::shared_ptr<Description>> seen;
   for (TableRecord& rec : records) {
-    std::shared_ptr<Description> d;
-    for (auto& [fd, existing] : fs().fds) {
-      if (existing && existing->sameAs(rec.node)) d = existing;
-    }
+    const px_node_entry* id = rec.node.find(PX_IFACE_STREAM);
+    if (id == nullptr && !rec.node.entries.empty()) id = &rec.node.entries[0];
+    std::shared_ptr<Description>* shared =
+        id != nullptr ? &seen[std::make_tuple(id->type, id->channel, id->service)] : nullptr;
+    std::shared_ptr<Description> d = shared != nullptr ? *shared : nullptr;
     if (!d) d = std::make_shared<Description>(rec.type, std::move(rec.node));
+    if (shared != nullptr) *shared = d;
     fs().fds[static_cast<int>(rec.fd)] = d;
   }
   return 0;
