@@ -162,7 +162,8 @@ int px_abort_waits(void);
  * the descriptor service "posix.fd.service" and reach each open file description through the
  * services its node lists (a stream for the bytes, a status service for pipe ends). The first
  * call fetches the table, so a program started with px_spawn sees the descriptors its parent
- * had, under the same numbers. Numbers 0, 1 and 2 of a process that started on its own are
+ * had, under the same numbers. When that server has gone, the next call fetches the table of
+ * the server that answers now: the old descriptors went with their server (EBADF). Numbers 0, 1 and 2 of a process that started on its own are
  * taken (placeholders without a description); its first descriptor is 3.
  *
  * Each description has at most one link per service in a process, shared by all its local
@@ -177,9 +178,14 @@ int px_abort_waits(void);
  *              or one of 1048576 and above
  *   EINVAL     px_dupfd with a negative minimum or one of 1048576 and above; px_read/px_write
  *              of a description that offers no stream
- *   EMFILE     no number free (px_dup, px_dupfd of a known descriptor; a process holds at
- *              most 4096 descriptors, placeholders included); the server could not make a
- *              pipe (px_pipe, px_pipe_channels) or reserve a number
+ *   EMFILE     the server refused for a bound (its result 11): no number free (a process
+ *              holds at most 4096 descriptors, placeholders included), or the process holds
+ *              as many descriptions as it may (pipe ends, opened files and sockets it made and
+ *              that are still open anywhere: the server's descriptor limit / 16, from 16 to
+ *              4096; px_pipe_channels also leaves at most that limit / 64 ends unconnected),
+ *              or the server keeps its last descriptors back for others (docs/protocol.md
+ *              section 10.2 gives the numbers); also a pipe (px_pipe, px_pipe_channels) or a
+ *              number (px_reserve_fd) the server could not make
  *   EPIPE      px_write after every reader of the pipe has gone (no host signal is raised)
  *   EAGAIN     a non-blocking read of an empty pipe or write to a full one
  *   EINTR      a host signal handler ran while a read or write waited, and nothing moved
@@ -260,7 +266,8 @@ const char* px_fd_kind_name(int kind);
  *
  * errno values, beyond those of the descriptor calls above:
  *   px_open      the host's own error for the open (ENOENT, EACCES, EISDIR, EEXIST...);
- *                EMFILE when the server made no description or had no number free; EFAULT
+ *                EMFILE when the server made no description or refused for a bound (as
+ *                above; the item is then not opened, created or truncated); EFAULT
  *                for a NULL path, ENOENT for an empty one
  *   px_read      EBADF when the item was opened write-only, EISDIR for a directory
  *   px_write     EBADF when the item was opened read-only, EISDIR for a directory, EIO when

@@ -33,9 +33,7 @@ int dup(int fd, int target, bool replace) {
   bool known = false;
   std::shared_ptr<Description> d = session.get(fd, &known);
   if (reply.code != PX_RESULT_DONE) {
-    // The server tells no reason; a number it refused that this process knows can only have
-    // found no free number.
-    if (reply.code == PX_RESULT_FAILED && known && !replace) return fail(EMFILE);
+    if (reply.code == PX_RESULT_LIMIT) return fail(EMFILE);  // no number free
     return fail(reply.code == PX_RESULT_FAILED || reply.code == PX_FD_RESULT_BAD_FD ? EBADF
                                                                                    : EPROTO);
   }
@@ -59,7 +57,7 @@ int px_pipe(int fds[2]) {
   pxc::Reply reply;
   int err = session.request(req, &reply);
   if (err != 0) return pxc::fail(err);
-  if (reply.code == PX_RESULT_FAILED) return pxc::fail(EMFILE);
+  if (reply.code == PX_RESULT_FAILED || reply.code == PX_RESULT_LIMIT) return pxc::fail(EMFILE);
   if (reply.code != PX_RESULT_DONE) return pxc::fail(EPROTO);
   size_t at = 0;
   int32_t ends[2] = {-1, -1};
@@ -138,7 +136,7 @@ int px_reserve_fd(void) {
   int err = session.request(req, &reply);
   if (err != 0) return pxc::fail(err);
   int fd = -1;
-  if (reply.code == PX_RESULT_FAILED) return pxc::fail(EMFILE);
+  if (reply.code == PX_RESULT_FAILED || reply.code == PX_RESULT_LIMIT) return pxc::fail(EMFILE);
   if (reply.code != PX_FD_RESULT_NO_NODE || !pxc::replyFd(reply, &fd)) return pxc::fail(EPROTO);
   session.set(fd, nullptr);
   return fd;

@@ -21,7 +21,7 @@ int px_pipe_channels(px_channel* ends[2]) {
   pxc::Reply reply;
   int err = pxc::transact(req, &reply);
   if (err != 0) return pxc::fail(err);
-  if (reply.code == PX_RESULT_FAILED) return pxc::fail(EMFILE);
+  if (reply.code == PX_RESULT_FAILED || reply.code == PX_RESULT_LIMIT) return pxc::fail(EMFILE);
   if (reply.code != PX_RESULT_DONE) return pxc::fail(EPROTO);
   size_t at = 0;
   pxc::NodeRecord nodes[2];

@@ -1,6 +1,7 @@
 // Links to single services: the descriptor service (a plain named channel) and the services of
 // descriptions, which live on multiplexes and need a bind frame before the first request.
 #include <errno.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/uio.h>
@@ -31,6 +32,14 @@ ServiceLink* ServiceLink::openPath(const std::string& path, int* err) {
     return nullptr;
   }
   return new ServiceLink(fd);
+}
+
+bool ServiceLink::alive() const {
+  pollfd p = {fd_, POLLRDHUP, 0};
+  while (::poll(&p, 1, 0) < 0) {
+    if (errno != EINTR) return false;
+  }
+  return (p.revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)) == 0;
 }
 
 ServiceLink* ServiceLink::openNamed(const char* name, int* err) {

@@ -26,7 +26,7 @@ int registerReply(FdSession& session, const Reply& reply, int32_t type) {
     session.request(giveBack, &ignored);
     return fail(EPROTO);
   }
-  if (reply.code == PX_RESULT_FAILED) return fail(EMFILE);
+  if (reply.code == PX_RESULT_FAILED || reply.code == PX_RESULT_LIMIT) return fail(EMFILE);
   if (reply.code != PX_RESULT_DONE || !takeI32(reply.data, &at, &fd) || fd < 0 ||
       !parseNode(reply.data, &at, &node)) {
     return fail(EPROTO);

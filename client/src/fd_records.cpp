@@ -1,12 +1,11 @@
-// Decoding of node records and of the serialised descriptor table (little-endian throughout).
+// Decoding of node records and of the serialised descriptor table (little-endian throughout),
+// and fetching the table, which the server hands out in as many replies as it needs.
 #include "internal.h"
 
 namespace pxc {
 
 namespace {
 
-// The type value that ends a serialised table.
-constexpr int32_t kTableEnd = 8;
 // More entries than any node of this system lists: a count beyond it is taken as garbage.
 constexpr uint32_t kMaxEntries = 64;
 
@@ -53,15 +52,46 @@ bool parseNode(const std::vector<uint8_t>& data, size_t* at, NodeRecord* out) {
   return true;
 }
 
-bool parseTable(const std::vector<uint8_t>& data, std::vector<TableRecord>* out) {
-  out->clear();
+namespace {
+
+enum class Page { Bad, More, End };
+
+// Appends the records of one reply to `out`; on More, `*next` is the number to ask for next.
+Page parsePage(const std::vector<uint8_t>& data, std::vector<TableRecord>* out, uint64_t* next) {
   size_t at = 0;
   for (;;) {
     TableRecord rec;
-    if (!takeI32(data, &at, &rec.type)) return false;
-    if (rec.type == kTableEnd) return true;
-    if (!take(data, &at, 8, &rec.fd) || !parseNode(data, &at, &rec.node)) return false;
-    out->push_back(rec);
+    if (!takeI32(data, &at, &rec.type)) return Page::Bad;
+    if (rec.type == PX_FD_TABLE_END) return at == data.size() ? Page::End : Page::Bad;
+    if (!take(data, &at, 8, &rec.fd)) return Page::Bad;
+    if (rec.type == PX_FD_TABLE_MORE) {
+      *next = rec.fd;
+      return at == data.size() ? Page::More : Page::Bad;
+    }
+    if (!parseNode(data, &at, &rec.node)) return Page::Bad;
+    out->push_back(std::move(rec));
+  }
+}
+
+}  // namespace
+
+int fetchTable(const std::function<int(FrameWriter&, Reply*)>& call, std::vector<TableRecord>* out) {
+  out->clear();
+  uint64_t first = 0;
+  for (;;) {
+    FrameWriter req(PX_FD_CMD_GET_TABLE);
+    req.u64(first);
+    Reply reply;
+    int err = call(req, &reply);
+    if (err != 0) return err;
+    size_t before = out->size();
+    uint64_t next = 0;
+    Page page = parsePage(reply.data, out, &next);
+    if (page == Page::End) return 0;
+    // Each continued reply must hold records and go on past the last of them; anything else
+    // would never end.
+    if (page == Page::Bad || out->size() == before || next <= out->back().fd) return EPROTO;
+    first = next;
   }
 }
 

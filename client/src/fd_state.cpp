@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <map>
+#include <tuple>
 
 #include "internal.h"
 
@@ -47,9 +48,11 @@ int loadLocked() {
   std::call_once(watch, [] {
     pthread_atfork(nullptr, nullptr, [] { forked.store(true, std::memory_order_relaxed); });
   });
-  // A new instance (px_fini and another runtime directory) or a fork: start again.
+  // A new instance (px_fini and another runtime directory), a fork, or a server that has gone
+  // (its descriptions went with it, and a new server on the same instance has a table of its
+  // own): start again.
   if (forked.exchange(false, std::memory_order_relaxed) ||
-      (fs().loaded && fs().instance != runtimeDir())) {
+      (fs().loaded && (fs().instance != runtimeDir() || !fs().link->alive()))) {
     dropLocked();
   }
   if (fs().loaded) return 0;
@@ -61,22 +64,25 @@ int loadLocked() {
   if (err != 0) return err;
   fs().link = ServiceLink::openNamed(PX_FD_SERVICE_NAME, &err);
   if (fs().link == nullptr) return err;
-  FrameWriter get(PX_FD_CMD_GET_TABLE);
-  err = fs().link->call(get, &reply);
   std::vector<TableRecord> records;
-  if (err == 0 && !parseTable(reply.data, &records)) err = EPROTO;
+  err = fetchTable([](FrameWriter& req, Reply* out) { return fs().link->call(req, out); }, &records);
   if (err != 0) {
     dropLocked();
     return err;
   }
   fs().loaded = true;
   fs().instance = runtimeDir();
+  // Numbers of one description carry the same node: they share one Description. Found by
+  // the node's identifying entry, so that a full table loads in one pass.
+  std::map<std::tuple<uint64_t, uint64_t, uint64_t>, std::shared_ptr<Description>> seen;
   for (TableRecord& rec : records) {
-    std::shared_ptr<Description> d;
-    for (auto& [fd, existing] : fs().fds) {
-      if (existing && existing->sameAs(rec.node)) d = existing;
-    }
+    const px_node_entry* id = rec.node.find(PX_IFACE_STREAM);
+    if (id == nullptr && !rec.node.entries.empty()) id = &rec.node.entries[0];
+    std::shared_ptr<Description>* shared =
+        id != nullptr ? &seen[std::make_tuple(id->type, id->channel, id->service)] : nullptr;
+    std::shared_ptr<Description> d = shared != nullptr ? *shared : nullptr;
     if (!d) d = std::make_shared<Description>(rec.type, std::move(rec.node));
+    if (shared != nullptr) *shared = d;
     fs().fds[static_cast<int>(rec.fd)] = d;
   }
   return 0;

@@ -10,12 +10,10 @@ extern "C" {
 int px_fd_table(px_fd_record* out, int max) {
   pxc::FdSession session;
   if (session.error() != 0) return pxc::fail(session.error());
-  pxc::FrameWriter req(PX_FD_CMD_GET_TABLE);
-  pxc::Reply reply;
-  int err = session.request(req, &reply);
-  if (err != 0) return pxc::fail(err);
   std::vector<pxc::TableRecord> records;
-  if (!pxc::parseTable(reply.data, &records)) return pxc::fail(EPROTO);
+  int err = pxc::fetchTable(
+      [&](pxc::FrameWriter& req, pxc::Reply* out) { return session.request(req, out); }, &records);
+  if (err != 0) return pxc::fail(err);
   int count = 0;
   for (pxc::TableRecord& rec : records) {
     if (out != nullptr && count < max) {

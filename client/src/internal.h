@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -135,8 +136,10 @@ struct TableRecord {
 
 // Reads a node record at `*at` of `data` and moves `*at` past it; false when it runs short.
 bool parseNode(const std::vector<uint8_t>& data, size_t* at, NodeRecord* out);
-// Reads a whole serialised table up to its end marker; false when it is malformed.
-bool parseTable(const std::vector<uint8_t>& data, std::vector<TableRecord>* out);
+// Fetches the whole serialised table, one reply after the other as the server continues it,
+// through `call` (one GetTable request and its reply: 0 or an errno value). 0, the transport's
+// error, or EPROTO when a reply is malformed or does not move on.
+int fetchTable(const std::function<int(FrameWriter&, Reply*)>& call, std::vector<TableRecord>* out);
 // A little-endian i32 at `*at`, moving past it; false when the data runs short.
 bool takeI32(const std::vector<uint8_t>& data, size_t* at, int32_t* out);
 
@@ -155,6 +158,8 @@ class ServiceLink {
   ServiceLink(const ServiceLink&) = delete;
   ServiceLink& operator=(const ServiceLink&) = delete;
 
+  // False once the other end has closed the link (its server has gone). Never waits.
+  bool alive() const;
   // One request and its reply: 0 or ECONNRESET (the server went), ETIMEDOUT, EPROTO... After
   // an error the link is unusable. `*interrupted` (may be null) is set when a host signal
   // handler ran while the call waited.

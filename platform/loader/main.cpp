@@ -1,6 +1,8 @@
 // posix-server's main: prepares the instance, sets up signal handling and runs the linked
 // image. SIGTERM and SIGINT shut the instance down cleanly (its sockets and node files go);
-// SIGUSR1 writes one line of heap and thread counts so that tests can watch for leaks.
+// SIGUSR1 writes one line of heap, thread and host descriptor counts so that tests can watch
+// for leaks.
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -12,6 +14,7 @@
 #include <string>
 
 #include "platform/heap.h"
+#include "platform/host_files.h"
 #include "platform/image.h"
 #include "platform/log.h"
 #include "platform/runtime.h"
@@ -19,30 +22,31 @@
 
 namespace {
 
-// The "Threads:" line of /proc/self/status; 0 when it cannot be read.
+// /proc/self/status, opened at start and kept: the stats are asked for most when something
+// is wrong, and a server out of descriptors could not open it then.
+int statusFd = -1;
+
+// The "Threads:" line of /proc/self/status; 0 when it cannot be read. A read from offset 0
+// makes the kernel write the file afresh.
 uint64_t threadCount() {
-  FILE* status = std::fopen("/proc/self/status", "re");
-  if (!status) return 0;
-  char line[256];
-  uint64_t count = 0;
-  while (std::fgets(line, sizeof line, status)) {
-    if (std::strncmp(line, "Threads:", 8) == 0) {
-      count = std::strtoull(line + 8, nullptr, 10);
-      break;
-    }
-  }
-  std::fclose(status);
-  return count;
+  char text[4096];
+  ssize_t got = statusFd >= 0 ? ::pread(statusFd, text, sizeof text - 1, 0) : -1;
+  if (got <= 0) return 0;
+  text[got] = '\0';
+  const char* line = std::strstr(text, "\nThreads:");
+  return line != nullptr ? std::strtoull(line + 9, nullptr, 10) : 0;
 }
 
 void writeStats() {
   Heap::Stats heap = Heap::stats();  // read before the line itself allocates anything
   uint64_t threads = threadCount();
+  uint64_t descriptors = HostFiles::inUse();
   Ref<LogPrinter> printer = SysLogStream::stdOutPrinter();
   printer->setLevel(1);
   printer->setSource(String::create("PLATFORM"));
   *printer << "stats: heap bytes " << heap.liveBytes << " blocks " << heap.liveBlocks
-           << " threads " << threads;
+           << " threads " << threads << " descriptors " << descriptors << " of "
+           << HostFiles::limit();
   printer->endLine();
 }
 
@@ -88,12 +92,16 @@ int main() {
   // Blocked before any thread exists, so that every later thread inherits the mask.
   sigset_t set = handledSignals();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  // Every client link is a descriptor.
+  // Every client link and every description is a descriptor: take all the host allows. The
+  // server's bounds on descriptions follow from this limit.
   struct rlimit files;
   if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
     files.rlim_cur = files.rlim_max;
     setrlimit(RLIMIT_NOFILE, &files);
   }
+  statusFd = ::open("/proc/self/status", O_RDONLY | O_CLOEXEC);
+  // Still one thread: what the process holds now is its starting point.
+  HostFiles::calibrate();
   pthread_t waiter;
   if (pthread_create(&waiter, nullptr, signalThread, nullptr) != 0) {
     std::fprintf(stderr, "posix-server: cannot start the signal thread\n");

@@ -5,6 +5,7 @@
 #include "core/posix_service.h"
 #include "core/request_reader.h"
 #include "core/service_log.h"
+#include "fd/description_budget.h"
 #include "fifo/fifo_pairs.h"
 #include "fifo/unclaimed_pipe_ends.h"
 #include "process/process_group.h"
@@ -16,10 +17,14 @@ namespace {
 
 // A pipe handed out as two node providers, the read end's then the write end's. Each end closes
 // with its last client connection; until a client connects it stays open, counted against the
-// caller's bound of waiting ends and closed when the caller ends.
+// caller's bound of waiting ends and closed when the caller ends. Each end counts among the
+// descriptions the caller holds until it closes.
 uint32_t createPipe(const Ref<PosixProcess>& caller, const Ref<OutMsg>& reply) {
   const Ref<UnclaimedPipeEnds>& waiting = caller->unclaimedPipeEnds();
-  if (!waiting->admit(2)) return PX_RESULT_FAILED;
+  if (!waiting->admit(2)) return PX_RESULT_LIMIT;
+  Ref<DescriptionCharge> readCharge = caller->descriptions()->charge(1);
+  Ref<DescriptionCharge> writeCharge = readCharge ? caller->descriptions()->charge(1) : nullptr;
+  if (!writeCharge) return PX_RESULT_LIMIT;
   PipeProviderPair pair = createPipePair();
   if (!pair.read || !pair.write) {
     // Half a pipe is of no use to anyone: withdraw the end that was made.
@@ -27,6 +32,8 @@ uint32_t createPipe(const Ref<PosixProcess>& caller, const Ref<OutMsg>& reply) {
     if (pair.writeCloser) pair.writeCloser->closeUnclaimed();
     return PX_RESULT_FAILED;
   }
+  pair.readCloser->setCharge(std::move(readCharge));
+  pair.writeCloser->setCharge(std::move(writeCharge));
   waiting->add(pair.readCloser);
   waiting->add(pair.writeCloser);
   if (!pair.read->serialize(reply) || !pair.write->serialize(reply)) return PX_RESULT_REPLY_UNWRITTEN;

@@ -1,15 +1,18 @@
-// The descriptor table of one process: descriptor numbers (the index) to FileDescriptor
-// entries, each referring to a shared open file description. A null slot is a free number; an
-// entry without a description is a placeholder that keeps its number taken. A fresh table holds
-// placeholders at 0, 1 and 2.
+// The descriptor table of one process: descriptor numbers to FileDescriptor entries, each
+// referring to a shared open file description. An entry without a description is a
+// placeholder that keeps its number taken. A fresh table holds placeholders at 0, 1 and 2.
+//
+// The table keeps only the numbers that are taken, in ascending order, so its memory and the
+// cost of copying it into a child follow the entries it holds (at most kMaxOpen), however high
+// their numbers are.
 //
 // `mon_` serialises every operation on the table and is re-entrant (dup removes and inserts
 // while holding it). The copy constructor holds the parent table's monitor while it copies.
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
-#include "common/tvector.h"
 #include "fd/file_description_server.h"
 #include "platform/stream.h"
 #include "platform/sync.h"
@@ -21,13 +24,14 @@ struct FileDescriptor {
 
 class FDTable : public Object {
  public:
-  // Descriptor numbers stay below this bound: a request for a number beyond it fails instead
-  // of asking the heap for a table of billions of slots.
+  // Descriptor numbers stay below this bound.
   static constexpr int32_t kMaxDescriptors = 1 << 20;
-  // Entries (placeholders included) one table holds at most. Every open description costs the
-  // server host descriptors (its listening socket, an opened item's file), so a single process
-  // must not be able to take them all from the others.
+  // Entries (placeholders included) one table holds at most.
   static constexpr uint32_t kMaxOpen = 4096;
+  // What insert and dup answer when they fail: a bad argument, or no room (the table holds
+  // kMaxOpen entries, or every number from the one asked for up to the bound is taken).
+  static constexpr int32_t kBadNumber = -1;
+  static constexpr int32_t kNoRoom = -2;
 
   // A fresh table: placeholders at 0, 1 and 2.
   FDTable();
@@ -35,32 +39,41 @@ class FDTable : public Object {
   explicit FDTable(const Ref<FDTable>& parent);
   ~FDTable() override;
 
-  // Puts `entry` under the lowest free number not below `minFd` and answers it; -1 when `entry`
-  // is null, `minFd` negative or the table full (kMaxOpen). The table owns `entry` on success.
+  // Puts `entry` under the lowest free number not below `minFd` and answers it; kBadNumber
+  // when `entry` is null or `minFd` negative or beyond the bound, kNoRoom when the table is
+  // full. The table owns `entry` on success.
   int32_t insert(FileDescriptor* entry, int32_t minFd);
   // Closes `fd`: true when an entry (placeholder or not) was there.
   bool remove(int32_t fd);
   // A second descriptor for the description of `oldFd`: the lowest free number not below
-  // `newFd`, or exactly `newFd` (closing what was there) when `replace` is set. -1 on failure.
+  // `newFd`, or exactly `newFd` (closing what was there) when `replace` is set. kBadNumber
+  // when `oldFd` is free or a number is bad, kNoRoom as for insert.
   int32_t dup(int32_t oldFd, int32_t newFd, bool replace);
 
-  // Writes the whole table to `out` in its serialised form and answers the number of entries
-  // present, placeholders included (they are counted and logged but not written). Per
-  // descriptor with a description, in ascending order: i32 type, u64 descriptor number, the
-  // node provider record of the description's node; then the i32 end marker 8. Writing stops at
-  // the first write `out` does not take whole, and the end marker is then left out, so a reader
-  // never mistakes a cut table for a whole one. Nothing is written when `out` is null (answer 0).
-  int32_t serialize(const Ref<Interfaces::Stream>& out) const;
+  // Writes the records of the descriptors numbered `first` and above to `out`, in ascending
+  // order: per descriptor with a description, i32 type, u64 number and the node provider
+  // record of the description's node (placeholders are logged, not written); then the i32 end
+  // marker. A record that would take the output past `maxBytes` is not written: a continuation
+  // record (i32 kTypeTableMore, u64 its number) ends the output instead, and the reader asks
+  // again from that number. Writing stops at the first write `out` does not take whole, and
+  // neither marker is written then. Answers the number of entries in the whole table,
+  // placeholders included; 0 and nothing written when `out` is null.
+  int32_t serialize(const Ref<Interfaces::Stream>& out, uint64_t first = 0,
+                    uint64_t maxBytes = UINT64_MAX) const;
 
-  // Slots in the table (free numbers included); the entry at `fd` or null. Tests and the
-  // descriptor service's listing use them.
-  uint64_t slotCount() const;
+  // Entries held (placeholders included); the entry at `fd` or null.
+  uint32_t size() const;
   const FileDescriptor* entry(int32_t fd) const;
 
  private:
-  void checkInvariants(uint64_t monLine, uint64_t tableLine, const char* function) const;
+  struct Slot {
+    int32_t fd;
+    FileDescriptor* entry;  // owned
+  };
+  void checkMonitor(uint64_t line, const char* function) const;
+  // The first slot whose number is not below `fd`.
+  std::vector<Slot>::const_iterator lowerBound(int64_t fd) const;
 
-  Ref<TVector<FileDescriptor*>> table_;  // guarded by mon_
-  uint32_t open_ = 0;                     // guarded by mon_: slots that hold an entry
+  std::vector<Slot> slots_;  // guarded by mon_: ascending numbers
   Ref<Mon> mon_;
 };

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 
+#include "fd/description_budget.h"
 #include "platform/devnode.h"
 #include "platform/multiplex.h"
 #include "platform/object.h"
@@ -22,6 +23,7 @@ enum DescriptionType : int32_t {
   kTypeBlockDevice = 4,
   kTypeFifo = 5,
   kTypeSocket = 6,
+  kTypeTableMore = 7,  // a serialised table goes on in a further reply
   kTypeTableEnd = 8,
   kTypeOther = 9,
 };
@@ -33,6 +35,9 @@ class FileDescriptionServer : public virtual RefCount {
   // The node that lists the description's services; set on every server handed to a table.
   const Ref<DeviceNode>& node() const { return node_; }
   const Ref<Libraries::Service::Multiplex>& multiplex() const { return multiplex_; }
+  // The share of its maker's budget that the description holds for its life; set once, by
+  // the service that made it, before any table holds it.
+  void setCharge(Ref<DescriptionCharge> charge) { charge_ = std::move(charge); }
 
  protected:
   // Hands a multiplex that is still set to the close queue, then releases the node.
@@ -41,4 +46,7 @@ class FileDescriptionServer : public virtual RefCount {
   // Set by the concrete server while it is built, then only read.
   Ref<Libraries::Service::Multiplex> multiplex_;
   Ref<DeviceNode> node_;
+
+ private:
+  Ref<DescriptionCharge> charge_;
 };

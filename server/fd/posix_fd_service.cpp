@@ -4,6 +4,7 @@
 #include <posix/posix_service.h>
 #include <posix/wire.h>
 
+#include "fd/description_budget.h"
 #include "fd/fd_log.h"
 #include "fd/fd_table.h"
 #include "fd/file_description_server_fs_item.h"
@@ -18,15 +19,27 @@ LogModule fdServiceLog;
 
 namespace {
 
+// The host descriptors each kind of description holds while nobody is linked to it.
+constexpr uint32_t kItemFiles = 2;    // the opened item and the listening socket
+constexpr uint32_t kSocketFiles = 2;  // the socket and the listening socket
+constexpr uint32_t kFifoEndFiles = 1;
+
+// The result for what insert or dup answered when it found no number.
+uint32_t refusal(int32_t fd) { return fd == FDTable::kNoRoom ? PX_RESULT_LIMIT : PX_RESULT_FAILED; }
+
+// Whether `count` more entries fit in the table; checked before a description is made, so
+// that a refused request has opened, created or truncated nothing.
+bool roomFor(const FDTable& table, uint32_t count) { return table.size() + count <= FDTable::kMaxOpen; }
+
 // Puts `entry` under the lowest free number and answers that number, then the node provider
 // record of its description. Result 8 when no node stands behind the number (a reserved
-// number has no description at all); 0, with the entry freed, when no number is free.
+// number has no description at all); 11, with the entry freed, when the table is full.
 uint32_t registerDescriptor(const Ref<OutMsg>& reply, FDTable& table, FileDescriptor* entry) {
   Ref<FileDescriptionServer> server = entry->server;
   int32_t fd = table.insert(entry, 0);
   if (fd < 0) {
     delete entry;
-    return PX_RESULT_FAILED;
+    return refusal(fd);
   }
   if (reply->write(&fd, sizeof fd) != sizeof fd) return PX_RESULT_REPLY_UNWRITTEN;
   Ref<Services::Nodes::Provider> provider =
@@ -41,12 +54,15 @@ uint32_t reserve(const Ref<OutMsg>& reply, FDTable& table) {
 
 // Opens a host item: string path, u32 open flags, u32 mode (both 0 when missing). When the host
 // refuses, result 7 and its error code; no number is taken then.
-uint32_t openItem(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& table) {
+uint32_t openItem(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& table,
+                  DescriptionBudget& budget) {
   Ref<String> path = String::create(request);
   uint32_t flags = 0;
   uint32_t mode = 0;
   request->read(&flags, sizeof flags);
   request->read(&mode, sizeof mode);
+  Ref<DescriptionCharge> charge = roomFor(table, 1) ? budget.charge(kItemFiles) : nullptr;
+  if (!charge) return PX_RESULT_LIMIT;
   Ref<LocalFileDescriptionFSItem> item = LocalFileDescriptionFSItem::open(path, flags, mode);
   if (!item) {
     uint32_t error = Error::get();
@@ -55,12 +71,16 @@ uint32_t openItem(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& 
   }
   Ref<FileDescriptionServerFSItem> server = FileDescriptionServerFSItem::create(std::move(item));
   if (!server) return PX_RESULT_FAILED;
+  server->setCharge(std::move(charge));
   return registerDescriptor(reply, table, new FileDescriptor{server, false});
 }
 
-uint32_t createSocket(const Ref<OutMsg>& reply, FDTable& table) {
+uint32_t createSocket(const Ref<OutMsg>& reply, FDTable& table, DescriptionBudget& budget) {
+  Ref<DescriptionCharge> charge = roomFor(table, 1) ? budget.charge(kSocketFiles) : nullptr;
+  if (!charge) return PX_RESULT_LIMIT;
   Ref<FileDescriptionServerSocket> server = FileDescriptionServerSocket::create();
   if (!server) return PX_RESULT_FAILED;
+  server->setCharge(std::move(charge));
   return registerDescriptor(reply, table, new FileDescriptor{server, false});
 }
 
@@ -78,27 +98,41 @@ uint32_t dupFd(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& tab
   uint8_t replace = 0;
   if (request->read(&replace, sizeof replace) != sizeof replace) replace = 0;
   int32_t fd = table.dup(oldFd, newFd, replace != 0);
-  if (fd < 0) return PX_RESULT_FAILED;
+  if (fd < 0) return refusal(fd);
   return reply->write(&fd, sizeof fd) == sizeof fd ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
+}
+
+// The table from the number the request names (u64, 0 when it names none) on, as much as fits
+// in one reply; the result is the number of entries in the whole table.
+uint32_t getTable(const Ref<InMsg>& request, const Ref<OutMsg>& reply, const FDTable& table) {
+  uint64_t first = 0;
+  if (request->read(&first, sizeof first) != sizeof first) first = 0;
+  return static_cast<uint32_t>(table.serialize(reply, first, PX_WIRE_MAX_FRAME - reply->frameSize()));
 }
 
 // A new pipe: the read end under the lowest free number, then the write end under the next;
 // each number followed by the node provider record of its description.
-uint32_t createPipe(const Ref<OutMsg>& reply, FDTable& table) {
+uint32_t createPipe(const Ref<OutMsg>& reply, FDTable& table, DescriptionBudget& budget) {
+  if (!roomFor(table, 2)) return PX_RESULT_LIMIT;
+  Ref<DescriptionCharge> readCharge = budget.charge(kFifoEndFiles);
+  Ref<DescriptionCharge> writeCharge = readCharge ? budget.charge(kFifoEndFiles) : nullptr;
+  if (!writeCharge) return PX_RESULT_LIMIT;
   FifoDescriptionPair pair = createFifoPair();
   if (!pair.read || !pair.write) return PX_RESULT_FAILED;
+  pair.read->setCharge(std::move(readCharge));
+  pair.write->setCharge(std::move(writeCharge));
   auto* readEntry = new FileDescriptor{pair.read, false};
   int32_t readFd = table.insert(readEntry, 0);
   if (readFd < 0) {
-    delete readEntry;  // the table is full: the entry was not taken
-    return PX_RESULT_FAILED;
+    delete readEntry;  // the entry was not taken
+    return refusal(readFd);
   }
   auto* writeEntry = new FileDescriptor{pair.write, false};
   int32_t writeFd = table.insert(writeEntry, 0);
   if (writeFd < 0) {
     delete writeEntry;
     table.remove(readFd);
-    return PX_RESULT_FAILED;
+    return refusal(writeFd);
   }
   Ref<Services::Nodes::Provider> readNode = Services::Nodes::Provider::create(pair.read->node(), 0);
   Ref<Services::Nodes::Provider> writeNode = Services::Nodes::Provider::create(pair.write->node(), 0);
@@ -134,21 +168,20 @@ void PosixFDService::run() {
     reply->setCode(PX_RESULT_FAILED);
     Ref<PosixProcess> process = connections_->get(request->link()->tag());
     Ref<FDTable> table = process ? process->fdTable() : nullptr;
-    if (table) reply->setCode(handle(request, reply, *table));
+    if (table) reply->setCode(handle(request, reply, *table, *process->descriptions()));
     request->reply(reply);
   }
 }
 
-uint32_t PosixFDService::handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& table) {
+uint32_t PosixFDService::handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& table,
+                                DescriptionBudget& budget) {
   switch (request->code()) {
     case PX_FD_CMD_CLOSE: return closeFd(request, table);
     case PX_FD_CMD_DUP: return dupFd(request, reply, table);
-    case PX_FD_CMD_GET_TABLE:
-      // The result is the number of entries present, placeholders included.
-      return static_cast<uint32_t>(table.serialize(reply));
-    case PX_FD_CMD_OPEN: return openItem(request, reply, table);
-    case PX_FD_CMD_CREATE_PIPE: return createPipe(reply, table);
-    case PX_FD_CMD_CREATE_SOCKET: return createSocket(reply, table);
+    case PX_FD_CMD_GET_TABLE: return getTable(request, reply, table);
+    case PX_FD_CMD_OPEN: return openItem(request, reply, table, budget);
+    case PX_FD_CMD_CREATE_PIPE: return createPipe(reply, table, budget);
+    case PX_FD_CMD_CREATE_SOCKET: return createSocket(reply, table, budget);
     case PX_FD_CMD_RESERVE:
     case PX_FD_CMD_RESERVE_ALT1:
     case PX_FD_CMD_RESERVE_ALT2: return reserve(reply, table);

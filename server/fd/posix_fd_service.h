@@ -11,6 +11,7 @@
 #include "platform/thread.h"
 #include "process/posix_process.h"
 
+class DescriptionBudget;
 class FDTable;
 
 class PosixFDService : public Object, public Exec, public ConMan {
@@ -24,8 +25,10 @@ class PosixFDService : public Object, public Exec, public ConMan {
   bool connect(const Ref<ChnLink>& link) override;
   void disconnect(const Ref<ChnLink>& link) override;
 
-  // Handles one request for `table` and answers the result code.
-  static uint32_t handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& table);
+  // Handles one request for the process whose table is `table` and whose new descriptions
+  // are charged to `budget`, and answers the result code.
+  static uint32_t handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& table,
+                         DescriptionBudget& budget);
 
  private:
   Ref<Chn> channel_;

@@ -7,6 +7,11 @@ void AutocloseSvcMultiplex::setMultiplex(Ref<Libraries::Service::Multiplex> mult
   multiplex_ = std::move(multiplex);
 }
 
+void AutocloseSvcMultiplex::setCharge(Ref<DescriptionCharge> charge) {
+  MonLock lock(monitor_);
+  charge_ = std::move(charge);
+}
+
 bool AutocloseSvcMultiplex::connect(const Ref<ChnLink>& link) {
   if (inner_ && !inner_->connect(link)) return false;
   MonLock lock(monitor_);
@@ -18,6 +23,7 @@ bool AutocloseSvcMultiplex::connect(const Ref<ChnLink>& link) {
 
 void AutocloseSvcMultiplex::disconnect(const Ref<ChnLink>& link) {
   Ref<Libraries::Service::Multiplex> multiplex;
+  Ref<DescriptionCharge> charge;  // released once the multiplex has closed
   {
     MonLock lock(monitor_);
     if (!open_) return;
@@ -26,12 +32,14 @@ void AutocloseSvcMultiplex::disconnect(const Ref<ChnLink>& link) {
     if (!multiplex_) return;
     open_ = false;
     multiplex = std::move(multiplex_);
+    charge = std::move(charge_);
   }
   // The platform lets a multiplex be closed and waited for from one of its own link threads:
   // the wait then covers every thread but this one.
   multiplex->close();
   multiplex->wait(kForever);
   multiplex.reset();
+  charge.reset();
   inner_.reset();
 }
 
@@ -47,6 +55,7 @@ bool AutocloseSvcMultiplex::closeUnclaimed() {
     if (!open_ || claimed_ || !multiplex_) return false;
     open_ = false;
     multiplex = std::move(multiplex_);
+    charge_.reset();
   }
   closeLater(std::move(multiplex));
   return true;

@@ -10,13 +10,14 @@
 // yet stays open until its maker withdraws it (closeUnclaimed, when the process that made it
 // ends or holds too many such ends).
 //
-// Locking: `monitor_` guards openCount_, open_, claimed_ and multiplex_. The platform serialises
+// Locking: `monitor_` guards openCount_, open_, claimed_, multiplex_ and charge_. The platform serialises
 // the notifications of one multiplex; the monitor is for closeUnclaimed(), which runs on other
 // threads. It is never held while a multiplex is closed or waited for.
 #pragma once
 
 #include <cstdint>
 
+#include "fd/description_budget.h"
 #include "platform/chn.h"
 #include "platform/multiplex.h"
 #include "platform/sync.h"
@@ -28,6 +29,8 @@ class AutocloseSvcMultiplex : public Object, public ConMan {
   // The multiplex to close; set by its publisher right after it is made, before any client can
   // connect.
   void setMultiplex(Ref<Libraries::Service::Multiplex> multiplex);
+  // The share of its maker's budget that the end holds until it closes.
+  void setCharge(Ref<DescriptionCharge> charge);
   // A further manager consulted first on every notification; nothing in the server sets one.
   void setInner(Ref<ConMan> inner) { inner_ = std::move(inner); }
 
@@ -54,6 +57,7 @@ class AutocloseSvcMultiplex : public Object, public ConMan {
   Ref<Mon> monitor_;
   Ref<ConMan> inner_;  // set before the multiplex serves anyone, then only read
   Ref<Libraries::Service::Multiplex> multiplex_;
+  Ref<DescriptionCharge> charge_;  // released when the end closes
   uint64_t openCount_ = 0;  // connections accepted and not yet gone
   bool open_ = true;        // false once the multiplex has been closed
   bool claimed_ = false;    // true from the first accepted connection on

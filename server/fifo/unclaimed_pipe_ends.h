@@ -1,14 +1,16 @@
 // The published pipe ends that one process made and that no client has connected to yet.
 // Such an end has no owner but its future clients, so without a bound a process could make
-// the server keep any number of them. The process's list admits at most kMaxEnds waiting ends
+// the server keep any number of them. The process's list admits at most maxEnds() waiting ends
 // (ends that have been claimed since leave the list as it is looked at) and closes the ends
-// still waiting when the process ends.
+// still waiting when the process ends. Each waiting end also counts among the descriptions
+// its maker holds (DescriptionBudget) until it closes.
 //
 // Locking: `monitor_` guards `ends_`; it is never held while an end is closed. Lock order: the
 // list's monitor before an end's.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "fifo/autoclose_multiplex.h"
@@ -16,7 +18,9 @@
 
 class UnclaimedPipeEnds : public Object {
  public:
-  static constexpr size_t kMaxEnds = 128;  // 64 pipes
+  // Waiting ends one process may leave: L/64 for a descriptor limit L, at least 8 and at most
+  // 128 (64 pipes).
+  static size_t maxEnds(uint64_t limit);
 
   static Ref<UnclaimedPipeEnds> create() { return new UnclaimedPipeEnds(); }
 

@@ -1,5 +1,6 @@
 #include "process/posix_process.h"
 
+#include "fd/description_budget.h"
 #include "fd/fd_table.h"
 #include "fifo/unclaimed_pipe_ends.h"
 #include "process/process_group.h"
@@ -18,7 +19,8 @@ PosixProcess::PosixProcess()
       children_(TVector<Ref<PosixProcess>>::create()),
       zombies_(TVector<Ref<PosixProcess>>::create()),
       waitEntries_(TVector<WaitEntry*>::create()),
-      unclaimedPipeEnds_(UnclaimedPipeEnds::create()) {}
+      unclaimedPipeEnds_(UnclaimedPipeEnds::create()),
+      descriptions_(DescriptionBudget::create()) {}
 
 PosixProcess::~PosixProcess() {
   // A record whose program never started (pid 0) was never an entry of its own.

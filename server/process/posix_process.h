@@ -21,6 +21,7 @@
 #include "platform/string.h"
 #include "platform/sync.h"
 
+class DescriptionBudget;
 class FDTable;
 class PosixProcessGroup;
 class UnclaimedPipeEnds;
@@ -80,6 +81,8 @@ class PosixProcess : public Object {
   // The published pipe ends this process made that no client has connected to yet; they are
   // closed when the process ends.
   const Ref<UnclaimedPipeEnds>& unclaimedPipeEnds() const { return unclaimedPipeEnds_; }
+  // The descriptions this process made that are still alive, and its bounds on them.
+  const Ref<DescriptionBudget>& descriptions() const { return descriptions_; }
   // The shared memory handed over at creation, granted to this process; all zero if none.
   ShMemID grantSharedMemory();
   bool terminated() const { return terminated_.load(std::memory_order_acquire); }
@@ -117,4 +120,5 @@ class PosixProcess : public Object {
   Ref<InMsg> signalWaiter_;
   Ref<PosixProcessGroup> group_;  // set while the record is made, on the main thread
   Ref<UnclaimedPipeEnds> unclaimedPipeEnds_;  // set in the constructor; locks itself
+  Ref<DescriptionBudget> descriptions_;       // set in the constructor; atomic inside
 };

@@ -186,20 +186,4 @@ TEST_F(RobustnessTest, KilledClientWithKeptRequestsLeavesNoTrace) {
   EXPECT_TRUE(serverAnswers());
 }
 
-TEST_F(RobustnessTest, ADescriptorTableIsBounded) {
-  int taken = 0, last = -1;
-  for (int fd; taken < 5000 && (fd = px_reserve_fd()) >= 0; ++taken) last = fd;
-  EXPECT_EQ(errno, EMFILE);
-  EXPECT_EQ(taken, 4096 - 3) << "the placeholders 0, 1 and 2 count too";
-  int fds[2];
-  EXPECT_ERRNO(px_pipe(fds), EMFILE);
-  ASSERT_EQ(px_close(last), 0);
-  ASSERT_EQ(px_close(last - 1), 0);
-  ASSERT_EQ(px_pipe(fds), 0) << "closing makes room: " << strerror(errno);
-  EXPECT_EQ(px_write(fds[1], "ok", 2), 2);
-  char buf[4];
-  EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 2);
-  EXPECT_TRUE(serverAnswers());
-}
-
 }  // namespace

@@ -164,17 +164,17 @@ bool ServerFixture::heapStats(HeapStats* out, int timeoutMs) {
   size_t from = serverLog().size(), at = std::string::npos;
   if (server_ <= 0 || kill(server_, SIGUSR1) != 0) return false;
   std::string log;
-  unsigned long long bytes = 0, blocks = 0, threads = 0;
+  unsigned long long bytes = 0, blocks = 0, threads = 0, descriptors = 0;
   if (!eventually([&] {
         log = serverLog();
         at = log.find(kMarker, from);
         return at != std::string::npos && log.find('\n', at) != std::string::npos;
       }, timeoutMs) ||
-      sscanf(log.c_str() + at, "stats: heap bytes %llu blocks %llu threads %llu", &bytes, &blocks,
-             &threads) != 3) {
+      sscanf(log.c_str() + at, "stats: heap bytes %llu blocks %llu threads %llu descriptors %llu",
+             &bytes, &blocks, &threads, &descriptors) != 4) {
     return false;
   }
-  *out = HeapStats{bytes, blocks, threads};
+  *out = HeapStats{bytes, blocks, threads, descriptors};
   return true;
 }
 

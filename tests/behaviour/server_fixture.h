@@ -81,6 +81,7 @@ struct HeapStats {
   uint64_t bytes = 0;
   uint64_t blocks = 0;
   uint64_t threads = 0;
+  uint64_t descriptors = 0;  // host descriptors the server holds
 };
 
 class ServerFixture : public ::testing::Test {
@@ -103,7 +104,8 @@ class ServerFixture : public ::testing::Test {
   // Writes `bytes` to the host file RT/<name>; its path.
   std::string hostFile(const std::string& name, const std::string& bytes);
 
-  // Asks the server for its heap and thread counts (SIGUSR1 writes them to the log).
+  // Asks the server for its heap, thread and descriptor counts (SIGUSR1 writes them to the
+  // log).
   bool heapStats(HeapStats* out, int timeoutMs = 5000);
   // The server's thread count, or -1 when it did not tell.
   int64_t serverThreads();

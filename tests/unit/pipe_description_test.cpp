@@ -1,15 +1,10 @@
 // Pipe descriptions and published pipe ends: how each end's node is laid out, an end marked and
-// its clients let go at once when its description dies, the serialised descriptor table's
-// placeholders and its cut when too large, and published ends that close with their last
-// connection or are withdrawn while nobody has claimed them.
+// its clients let go at once when its description dies, and published ends that close with
+// their last connection or are withdrawn while nobody has claimed them.
 #include <gtest/gtest.h>
 
-#include <posix/fd_service.h>
 #include <posix/nodes.h>
-#include <posix/wire.h>
 
-#include "fd/fd_table.h"
-#include "fd/posix_fd_service.h"
 #include "fifo/autoclose_multiplex.h"
 #include "fifo/fifo_pairs.h"
 #include "platform_chn_support.h"
@@ -80,34 +75,6 @@ TEST_F(PipeDescriptionTest, ADyingDescriptionMarksTheBufferAtOnceAndLetsItsClien
   pair.read.reset();
   EXPECT_TRUE(pair.write->fifoEnd()->fifo()->broken());
   EXPECT_TRUE(reader->closedByPeer(3000));
-}
-
-TEST_F(PipeDescriptionTest, PlaceholdersAreCountedButNotSerialised) {
-  FDTable table;
-  Ref<OutMsg> out = OutMsg::create();
-  testing::internal::CaptureStderr();  // each placeholder is warned of
-  EXPECT_EQ(table.serialize(out), 3);
-  testing::internal::GetCapturedStderr();
-  EXPECT_EQ(out->data(), (Bytes{8, 0, 0, 0})) << "the end marker alone";
-  EXPECT_EQ(table.serialize(nullptr), 0);
-}
-
-TEST_F(PipeDescriptionTest, ATableTooLargeForOneReplyIsCutWithoutTheEndMarker) {
-  FDTable table;
-  Bytes pipeRequest = encode(request(PX_FD_CMD_CREATE_PIPE, 1));
-  ASSERT_EQ(PosixFDService::handle(InMsg::decode(pipeRequest.data(), pipeRequest.size(), nullptr),
-                                   OutMsg::create(), table),
-            1u);
-  for (int i = 0; i < 2000; ++i) ASSERT_GE(table.dup(3, 0, false), 0);
-  Ref<OutMsg> out = OutMsg::create();
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(table.serialize(out), 2005);
-  testing::internal::GetCapturedStderr();
-  // One record: i32 type, u64 number, the node record.
-  size_t recordSize = 4 + 8 + table.entry(3)->server->node()->record().size();
-  ASSERT_GT(out->data().size(), 0u);
-  EXPECT_LE(out->frameSize(), PX_WIRE_MAX_FRAME);
-  EXPECT_EQ(out->data().size() % recordSize, 0u) << "only whole records, and no end marker";
 }
 
 TEST_F(PipeDescriptionTest, AutocloseCountsConnectionsAndClosesOnlyOnce) {

@@ -15,6 +15,7 @@
 #include "platform/error.h"
 #include "platform/runtime.h"
 #include "posix/wire.h"
+#include "file/host_fd.h"
 
 namespace {
 
@@ -84,18 +85,18 @@ int listenAtFreshId(uint64_t* id, std::string* path) {
       errno = ENAMETOOLONG;
       return -1;
     }
-    int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    int fd = HostFd::opened(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (fd < 0) return -1;
     if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
       if (::listen(fd, SOMAXCONN) == 0) return fd;
       int saved = errno;
       ::unlink(path->c_str());
-      ::close(fd);
+      HostFd::close(fd);
       errno = saved;
       return -1;
     }
     int saved = errno;
-    ::close(fd);
+    HostFd::close(fd);
     errno = saved;
     if (saved != EADDRINUSE) return -1;  // an id collision is the only reason to try again
   }
@@ -179,8 +180,8 @@ Ref<Chn> Chn::create(Ref<ConMan> conMan, Ref<String> name) {
       return nullptr;  // the destructor removes the socket
     }
   }
-  s->epollFd = ::epoll_create1(EPOLL_CLOEXEC);
-  s->wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  s->epollFd = HostFd::opened(::epoll_create1(EPOLL_CLOEXEC));
+  s->wakeFd = HostFd::opened(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   if (s->epollFd < 0 || s->wakeFd < 0 || !watch(s->epollFd, s->wakeFd, ChnServe::kWakeKey) ||
       !watch(s->epollFd, s->listenFd, ChnServe::kListenKey)) {
     Error::set(errno);
@@ -233,8 +234,8 @@ Chn::~Chn() {
   }
   ChnServe::removeFiles(s);
   if (tear) ChnServe::tearDown(s);
-  if (s.epollFd >= 0) ::close(s.epollFd);
-  if (s.wakeFd >= 0) ::close(s.wakeFd);
+  HostFd::close(s.epollFd);
+  HostFd::close(s.wakeFd);
   delete impl_;
 }
 

@@ -9,6 +9,7 @@
 
 #include "chn_impl.h"
 #include "posix/wire.h"
+#include "file/host_fd.h"
 
 namespace {
 // A frame that went out in full answers true; *again tells that the socket had no room.
@@ -117,7 +118,7 @@ bool ChnLink::flush() {
 
 void ChnLink::closeSocket() {
   std::lock_guard lock(mutex_);
-  if (fd_ >= 0) ::close(fd_);
+  HostFd::close(fd_);
   fd_ = -1;
   channel_ = nullptr;
   wakeFd_ = -1;
@@ -126,5 +127,5 @@ void ChnLink::closeSocket() {
 }
 
 ChnLink::~ChnLink() {
-  if (fd_ >= 0) ::close(fd_);
+  HostFd::close(fd_);
 }

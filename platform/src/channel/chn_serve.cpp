@@ -13,6 +13,7 @@
 #include "chn_impl.h"
 #include "platform/error.h"
 #include "posix/wire.h"
+#include "file/host_fd.h"
 
 Ref<InMsg> Chn::receive() {
   if (!impl_) return nullptr;
@@ -102,7 +103,7 @@ void ChnServe::acceptLinks(Chn::Impl& s, Chn* chn) {
       std::lock_guard lock(s.mutex);
       if (s.closed) return;  // a manager may close the channel from its connect
     }
-    int fd = ::accept4(s.listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    int fd = HostFd::opened(::accept4(s.listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (fd < 0) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
       if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
@@ -114,7 +115,7 @@ void ChnServe::acceptLinks(Chn::Impl& s, Chn* chn) {
       return;
     }
     if (s.links.size() >= kMaxLinks) {
-      ::close(fd);
+      HostFd::close(fd);
       continue;
     }
     ucred peer{};
@@ -243,7 +244,7 @@ void ChnServe::tearDown(Chn::Impl& s) {
     entry.link->closeSocket();
   }
   s.ready.clear();
-  if (s.listenFd >= 0) ::close(s.listenFd);
+  HostFd::close(s.listenFd);
   s.listenFd = -1;
   s.listenWatched = false;
   s.conMan.reset();  // the manager often holds the channel: this breaks the cycle

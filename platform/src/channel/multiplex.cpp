@@ -10,6 +10,7 @@
 #include "multiplex_core.h"
 #include "platform/error.h"
 #include "platform/runtime.h"
+#include "file/host_fd.h"
 
 namespace Libraries::Service {
 
@@ -72,7 +73,7 @@ Multiplex::Core*& Multiplex::Core::current() {
 }
 
 Multiplex::Core::~Core() {
-  if (listenFd >= 0) ::close(listenFd);
+  HostFd::close(listenFd);
   removeFile();
 }
 

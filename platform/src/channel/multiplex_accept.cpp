@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "multiplex_core.h"
+#include "file/host_fd.h"
 
 namespace Libraries::Service {
 namespace {
@@ -102,7 +103,7 @@ class Acceptor : public Object, public Exec {
       }
     }
     // Unlisted: the acceptor can no longer reach the socket, so it may close outside the lock.
-    ::close(gone.fd);
+    HostFd::close(gone.fd);
   }
 
   void run() override {
@@ -148,16 +149,16 @@ class Acceptor : public Object, public Exec {
 
   bool makeEpollLocked() {
     if (epollFd_ >= 0) return true;
-    int wake = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    int wake = HostFd::opened(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     if (wake < 0) return false;
-    int epoll = ::epoll_create1(EPOLL_CLOEXEC);
+    int epoll = HostFd::opened(::epoll_create1(EPOLL_CLOEXEC));
     epoll_event ev{};
     ev.events = EPOLLIN;
     ev.data.u64 = kWakeKey;
     if (epoll < 0 || ::epoll_ctl(epoll, EPOLL_CTL_ADD, wake, &ev) != 0) {
       int error = errno;
-      if (epoll >= 0) ::close(epoll);
-      ::close(wake);
+      HostFd::close(epoll);
+      HostFd::close(wake);
       errno = error;
       return false;
     }
@@ -176,7 +177,7 @@ class Acceptor : public Object, public Exec {
       if (it == listeners_.end()) return;  // unwatched since the event was reported
       const Listener& l = it->second;
       for (int i = 0; i < kAcceptBatch; ++i) {
-        int fd = ::accept4(l.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        int fd = HostFd::opened(::accept4(l.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (fd < 0) {
           if (errno == EINTR || errno == ECONNABORTED) continue;
           if (errno != EAGAIN && errno != EWOULDBLOCK) pauseLocked(key, l.fd);

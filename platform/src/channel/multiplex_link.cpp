@@ -15,6 +15,7 @@
 
 #include "multiplex_core.h"
 #include "posix/wire.h"
+#include "file/host_fd.h"
 
 using Libraries::Service::Multiplex;
 
@@ -66,7 +67,7 @@ Ref<ChnLink> MuxLinkServe::make(int fd, uint64_t peerPid) {
 
 void MuxLinkServe::run(Multiplex::Core& core, const Ref<ChnLink>& link) {
   State st{core, link, link->fd_, std::unique_ptr<uint8_t[]>(new uint8_t[PX_WIRE_MAX_FRAME]), 0, {}};
-  int wake = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  int wake = HostFd::opened(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   if (wake >= 0) {
     {
       std::lock_guard lock(link->mutex_);
@@ -104,7 +105,7 @@ void MuxLinkServe::run(Multiplex::Core& core, const Ref<ChnLink>& link) {
     core.endNotify();
   }
   link->closeSocket();  // clears the link's wakeFd_ under its lock before the close below
-  if (wake >= 0) ::close(wake);
+  HostFd::close(wake);
 }
 
 // False when the link must end: it closed, or its client broke the wire format.

@@ -10,6 +10,7 @@
 
 #include "platform/error.h"
 #include "platform/local_file.h"
+#include "file/host_fd.h"
 
 namespace {
 
@@ -37,8 +38,8 @@ Ref<LocalFileDescriptionFSItem> LocalFileDescriptionFSItem::open(const Ref<Strin
   // as it likes. Non-blocking mode is taken off again unless it was asked for.
   int fd;
   do {
-    fd = ::open(path->c_str(), static_cast<int>(openFlags) | O_CLOEXEC | O_NONBLOCK,
-                static_cast<mode_t>(openMode));
+    fd = HostFd::opened(::open(path->c_str(), static_cast<int>(openFlags) | O_CLOEXEC | O_NONBLOCK,
+                               static_cast<mode_t>(openMode)));
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) {
     Error::set(static_cast<uint32_t>(errno));
@@ -51,7 +52,7 @@ Ref<LocalFileDescriptionFSItem> LocalFileDescriptionFSItem::open(const Ref<Strin
   struct stat st;
   if (::fstat(fd, &st) != 0) {
     Error::set(static_cast<uint32_t>(errno));
-    ::close(fd);
+    HostFd::close(fd);
     return nullptr;
   }
   const int32_t type = typeOf(st.st_mode);
@@ -73,4 +74,4 @@ Ref<Interfaces::Resizable> LocalFileDescriptionFSItem::resizable() {
   return this;
 }
 
-LocalFileDescriptionFSItem::~LocalFileDescriptionFSItem() { ::close(fd_); }
+LocalFileDescriptionFSItem::~LocalFileDescriptionFSItem() { HostFd::close(fd_); }

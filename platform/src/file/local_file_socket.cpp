@@ -7,9 +7,10 @@
 
 #include "platform/error.h"
 #include "platform/local_file.h"
+#include "file/host_fd.h"
 
 Ref<LocalFileDescriptionNetSocket> LocalFileDescriptionNetSocket::create() {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int fd = HostFd::opened(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (fd < 0) {
     Error::set(static_cast<uint32_t>(errno));
     return nullptr;
@@ -17,4 +18,4 @@ Ref<LocalFileDescriptionNetSocket> LocalFileDescriptionNetSocket::create() {
   return new LocalFileDescriptionNetSocket(fd);
 }
 
-LocalFileDescriptionNetSocket::~LocalFileDescriptionNetSocket() { ::close(fd_); }
+LocalFileDescriptionNetSocket::~LocalFileDescriptionNetSocket() { HostFd::close(fd_); }

@@ -12,6 +12,7 @@
 #include "platform/error.h"
 #include "platform/proc.h"
 #include "platform/runtime.h"
+#include "file/host_fd.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ bool randomId(uint64_t* id) {
 bool SharedMemory::grant(uint64_t /*pid*/) { return true; }
 
 SharedMemory::~SharedMemory() {
-  if (fd_ >= 0) ::close(fd_);
+  HostFd::close(fd_);
 }
 
 Ref<SharedMemory> ShMem::open(ShMemID id) {
@@ -45,7 +46,7 @@ Ref<SharedMemory> ShMem::open(ShMemID id) {
     Error::set(EINVAL);
     return nullptr;
   }
-  int fd = ::open(objectPath(id.id).c_str(), O_RDWR | O_CLOEXEC);
+  int fd = HostFd::opened(::open(objectPath(id.id).c_str(), O_RDWR | O_CLOEXEC));
   if (fd < 0) {
     Error::set(static_cast<uint32_t>(errno));
     return nullptr;
@@ -62,7 +63,7 @@ Ref<SharedMemory> ShMem::create(uint64_t size) {
       return nullptr;
     }
     std::string path = objectPath(id);
-    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    int fd = HostFd::opened(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (fd < 0 && errno == EEXIST) continue;
     if (fd < 0) {
       Error::set(static_cast<uint32_t>(errno));
@@ -70,7 +71,7 @@ Ref<SharedMemory> ShMem::create(uint64_t size) {
     }
     if (::ftruncate(fd, static_cast<off_t>(size)) != 0) {
       Error::set(static_cast<uint32_t>(errno));
-      ::close(fd);
+      HostFd::close(fd);
       ::unlink(path.c_str());
       return nullptr;
     }

@@ -14,12 +14,16 @@
 //   env NAME                   prints "env NAME=VALUE" or "env NAME unset"
 //   print TEXT | eprint TEXT   writes TEXT to standard output / standard error
 //   cat                        copies standard input to standard output
-//   fds                        prints "fd N kind K" per known descriptor, then "fds done"
+//   fds                        prints "fd N kind K" per known descriptor (the first 64),
+//                              "fds count COUNT", then "fds done"
 //   write FD TEXT              prints "wrote N"
 //   readn FD N                 reads until N bytes or end-of-file; prints "got <bytes>"
 //   close FD                   prints "closed FD"
 //   records FD COUNT TAG       writes COUNT records of 5..4096 bytes, each a header (TAG, u16
 //                              payload length) and the payload filled with TAG; "records done"
+//   hog WHAT                   makes pipes, channels (pipes of the process service), sockets or
+//                              opens the file WHAT until refused (at most 5000); prints
+//                              "hog MADE <reason>"
 //   channels                   makes a pipe of the process service, writes "x" through it and
 //                              keeps both handles; prints "channels"
 //
@@ -27,6 +31,7 @@
 
 #define _GNU_SOURCE
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
@@ -160,7 +165,7 @@ int main(int argc, char** argv) {
       px_fd_info list[64];
       int n = (int)must(px_fd_list(list, 64));
       for (int k = 0; k < n && k < 64; ++k) printf("fd %d kind %d\n", list[k].fd, list[k].kind);
-      printf("fds done\n");
+      printf("fds count %d\nfds done\n", n);
     }
     STEP("write", 2) {
       writeAll((int)num(0), a[1], strlen(a[1]));
@@ -186,6 +191,18 @@ int main(int argc, char** argv) {
         writeAll((int)num(0), buf, size);
       }
       printf("records done\n");
+    }
+    STEP("hog", 1) {
+      long long made = 0;
+      int fds[2];
+      px_channel* ends[2];
+      for (int rc = 0; rc >= 0 && made < 5000; made += rc >= 0) {
+        if (strcmp(a[0], "pipe") == 0) rc = px_pipe(fds);
+        else if (strcmp(a[0], "channels") == 0) rc = px_pipe_channels(ends);
+        else if (strcmp(a[0], "socket") == 0) rc = px_socket();
+        else rc = px_open(a[0], O_RDONLY, 0);
+      }
+      printf("hog %lld %s\n", made, strerror(errno));
     }
     STEP("channels", 0) {
       px_channel* ends[2];
