@@ -26,7 +26,7 @@ struct SignalName {
 const SignalName kSignals[] = {
     {0, nullptr, "probe: checks that the process exists and may be signalled"},
     {PX_SIGKILL, "KILL", "ends the program at once (any program)"},
-    {PX_SIGCHLD, "CHLD", "a child ended (sent by the server to the parent)"},
+    {PX_SIGCHLD, "CHLD", "a child ended (the server sends it); only programs using the library"},
     {PX_SIGCONT, "CONT", "resumes a stopped program (any program)"},
     {PX_SIGSTOP, "STOP", "stops the program until CONT (any program)"},
 };

@@ -20,7 +20,7 @@ std::string path(const std::string& relative);
 // full so that its pid cannot be asked. Nothing is sent.
 long listener(const std::string& path);
 // Removes what a server that was killed left in RT/chn: sockets nobody listens on (and that
-// were not made in the last seconds, which may still be on their way to listening) and names
+// were not made in the last second, which may still be on their way to listening) and names
 // that lead to no socket. Call it before making channels, when no server answers on RT.
 void removeStaleChannels();
 // Called with the path RT/chn/<name> each time this process claims a channel name; one

@@ -54,7 +54,14 @@ void makeParents(const std::string& path) {
 
 // A socket made this recently may belong to a server that is starting now and has bound it
 // but not yet called listen(): it is not taken for stale.
-constexpr time_t kFreshSeconds = 5;
+constexpr int64_t kFreshMs = 1000;
+
+// Milliseconds since the status of the file `st` last changed (for a socket: since its bind).
+int64_t ageMs(const struct stat& st) {
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  return (now.tv_sec - st.st_ctim.tv_sec) * 1000 + (now.tv_nsec - st.st_ctim.tv_nsec) / 1000000;
+}
 
 std::atomic<void (*)(const std::string&)> g_nameObserver{nullptr};
 
@@ -132,7 +139,7 @@ void removeStaleChannels() {
     std::string file = chn + "/" + entry->d_name;
     struct stat st;
     if (::lstat(file.c_str(), &st) != 0) continue;
-    if (S_ISSOCK(st.st_mode) && st.st_ctime + kFreshSeconds < ::time(nullptr)) sockets.push_back(file);
+    if (S_ISSOCK(st.st_mode) && ageMs(st) >= kFreshMs) sockets.push_back(file);
     if (S_ISLNK(st.st_mode)) names.push_back(file);
   }
   ::closedir(dir);
