@@ -54,6 +54,8 @@ const std::string& runtimeDir() {
     } else {
       dir = "/tmp/posix-" + std::to_string(geteuid());
     }
+    // "RT/" would make lstat follow a symlink at RT.
+    while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
   }
   return dir;
 }

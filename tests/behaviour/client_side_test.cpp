@@ -52,7 +52,7 @@ TEST_F(ClientSideTest, ARuntimeDirectoryThatIsNotOurOwnIsRefusedAndNothingIsWrit
   ASSERT_EQ(chmod(other.c_str(), 0755), 0);
   r = ctl({"status"});
   EXPECT_NE(r.err.find("group or others may use it"), std::string::npos) << r.err;
-  useRuntimeDir(path("link"));  // a symlink to our own RT
+  useRuntimeDir(path("link") + "/");  // a symlink to our own RT
   EXPECT_ERRNO(px_getppid(), EACCES);
   useRuntimeDir("");
   EXPECT_NE(access(path("victim").c_str(), F_OK), 0) << "written through a planted link";
