@@ -16,7 +16,10 @@ build:
 	@cmake --preset $(PRESET) >/dev/null
 	cmake --build --preset $(PRESET) -j $(JOBS)
 
-run: build
+# Builds the server alone, then runs it.
+run:
+	@cmake --preset $(PRESET) >/dev/null
+	cmake --build --preset $(PRESET) -j $(JOBS) --target posix-server
 	$(BUILD)/server/posix-server
 
 test: build
@@ -24,7 +27,7 @@ test: build
 
 bench:
 	@cmake --preset release >/dev/null
-	cmake --build --preset release -j $(JOBS)
+	cmake --build --preset release -j $(JOBS) --target posix_bench
 	build/release/bench/posix_bench
 
 clean:

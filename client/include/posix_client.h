@@ -18,7 +18,13 @@
  *   6  EINTR    (wait only) the wait was aborted by px_abort_waits()
  *   9, 10, any other code   EPROTO
  * Transport errors: ECONNRESET when the server went away during a call, ECONNREFUSED (stale
- * socket) or ENOENT (no socket) when no server runs on the runtime directory.
+ * socket) or ENOENT (no socket) when no server runs on the runtime directory, ETIMEDOUT when
+ * the server did not answer within 20 seconds a request it answers at once (every call but a
+ * blocking px_waitpid and px_sigwait, which wait as long as they must).
+ * EACCES: the library refuses a runtime directory that is not the caller's own (not a
+ * directory, a symlink, owned by another user than the effective uid, or open to group or
+ * others), and a server on it that runs as another user; it sends nothing there.
+ * No descriptor the library opens takes number 0, 1 or 2.
  *
  * The library is thread-safe. Each call takes one connection of a small pool for its whole
  * duration (a blocking wait holds one, other threads open more). Signals arrive on one

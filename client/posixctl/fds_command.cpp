@@ -2,8 +2,9 @@
 // descriptor: number, type code and name, then the node's entries
 //   "3 5 fifo 0x10010:<channel>/<service>:2 0x880000:<channel>/<service>:32"
 // (interface type, channel id in hex and service id, access flags). Numbers taken without a
-// description are not in the serialised table and not listed. Mostly for tests and scripts:
-// a program started by `posixctl run` shows what it inherited with `fds` of its own library.
+// description are not in the serialised table and not listed; an empty table is said in
+// words. Mostly for tests and scripts: a program started by `posixctl run` shows what it
+// inherited with `fds` of its own library.
 #include <errno.h>
 #include <inttypes.h>
 #include <stdio.h>
@@ -21,9 +22,13 @@ int cmdFds(const std::vector<std::string>& args) {
   int count = 0;
   for (;;) {
     count = px_fd_table(records.data(), static_cast<int>(records.size()));
-    if (count < 0) return failure("fds", errno);
+    if (count < 0) return callFailure("fds", errno);
     if (static_cast<size_t>(count) <= records.size()) break;
     records.resize(static_cast<size_t>(count));  // the table grew: fetch it again
+  }
+  if (count == 0) {
+    printf("no descriptor has a description (0, 1 and 2 of a process that started on its own "
+           "have none)\n");
   }
   for (int i = 0; i < count; ++i) {
     const px_fd_record& r = records[static_cast<size_t>(i)];

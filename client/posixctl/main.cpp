@@ -14,8 +14,9 @@ namespace {
 const char kHelp[] =
     "usage: posixctl COMMAND [ARG...]\n"
     "\n"
-    "Controls the POSIX service server of the instance in the runtime directory\n"
-    "($POSIX_RUNTIME_DIR, else $XDG_RUNTIME_DIR/posix, else /tmp/posix-<uid>).\n"
+    "Controls the POSIX service server of the instance in the runtime directory RT\n"
+    "($POSIX_RUNTIME_DIR, else $XDG_RUNTIME_DIR/posix, else /tmp/posix-<uid>). RT must be a\n"
+    "directory of your own that group and others cannot use; posixctl refuses any other.\n"
     "\n"
     "  start [--server PATH]   start a server in the background (log: RT/server.log)\n"
     "  stop                    stop the background server (exit 0 also when none runs)\n"
@@ -23,15 +24,22 @@ const char kHelp[] =
     "  run [--env NAME=VALUE]... [--] PROGRAM [ARG...]\n"
     "                          run PROGRAM through the server (starting one if needed) with\n"
     "                          posixctl's standard files; exit with its exit code\n"
-    "  kill [-s SIG] PID...    send signal SIG (default 9) to each PID\n"
-    "  killpg [-s SIG] PGID    send signal SIG (default 9) to group PGID (0: posixctl's own)\n"
-    "  pgid PID                print the group of PID\n"
+    "  kill [-s SIG | -SIG] PID...\n"
+    "                          send SIG (default 15, a request to end) to each PID\n"
+    "  kill -l [SIG]           list the system's signals and what each does\n"
+    "  killpg [-s SIG | -SIG] PGID\n"
+    "                          send SIG (default 15) to group PGID (0: posixctl's own)\n"
+    "  pgid PID                print the group of PID (0: posixctl itself)\n"
     "  ppid                    print posixctl's parent as the server knows it (0: none)\n"
     "  fds                     list posixctl's descriptor table as the server serialises it\n"
-    "  cat PATH...             copy each file, read through the server, to standard output\n"
-    "  help                    this text\n"
+    "  cat [--] PATH...        copy each file, read through the server, to standard output\n"
+    "                          ('-': standard input)\n"
+    "  help, --help            this text\n"
+    "  --version               posixctl's version\n"
     "\n"
-    "Signal numbers are the system's own: 9 kill, 16 child, 17 continue, 18 stop.\n"
+    "SIG is a number from 0 to 31 or a name: KILL (9), CHLD (16), CONT (17), STOP (18). The\n"
+    "numbers are the system's own, not the host's. KILL, CONT and STOP act on any program; every\n"
+    "other signal reaches only programs that use the library.\n"
     "The server binary for start: --server PATH, $POSIX_SERVER_BIN, posix-server next to\n"
     "posixctl or in ../server relative to it, else PATH.\n";
 
@@ -69,6 +77,10 @@ int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 2, argv + argc);
   if (cmd == "help" || cmd == "--help" || cmd == "-h") {
     fputs(kHelp, stdout);
+    return kExitOk;
+  }
+  if (cmd == "--version" || cmd == "version") {
+    printf("posixctl %s\n", POSIX_VERSION);
     return kExitOk;
   }
   if (cmd == "start") return cmdStart(args);

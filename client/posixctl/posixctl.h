@@ -25,8 +25,23 @@ void setEnvEntry(std::vector<std::string>& env, const std::string& entry);
 // Parses a whole decimal integer; false for anything else.
 bool parseInt(const char* s, int64_t* out);
 
-// The pid of the server that answers a round trip on the runtime directory, or 0.
-int64_t answeringServer();
+// The pid of the server that answers a round trip on the runtime directory, or 0 with *err
+// (may be null) set to the library's errno.
+int64_t answeringServer(int* err = nullptr);
+
+// Prints "posixctl: <what>: <reason>" for a library call that failed with `err`, naming the
+// runtime directory when no server answers there (with how to start one), when it is refused
+// (and why) or when its server hangs. Answers kExitFailure.
+int callFailure(const std::string& what, int err);
+// Why the library refuses the runtime directory or the server on it, as a sentence; "" when
+// it does not (or the directory does not exist).
+std::string runtimeRefusal();
+// Opens the runtime directory for making files in it: a directory of our own, checked as the
+// library and the server check it. The descriptor, or -1 with a message in *error.
+int openRuntimeDir(std::string* error);
+// Moves `fd` above 2 (close-on-exec) when it took a closed standard descriptor, so that no
+// file of posixctl's own becomes a standard file of a program; -1 with errno (fd closed).
+int aboveStandardFds(int fd);
 
 // Starts a server in the background unless one answers. `serverPath` may be empty.
 // `quiet` prints nothing on success. Answers an exit code.

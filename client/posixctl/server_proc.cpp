@@ -22,22 +22,34 @@ std::string pidFilePath() { return std::string(px_runtime_dir()) + "/server.pid"
 
 }  // namespace
 
-void writePidFile(pid_t pid) {
-  std::string path = pidFilePath();
-  std::string tmp = path + ".tmp";
-  FILE* f = fopen(tmp.c_str(), "we");
-  if (f == nullptr) return;
-  fprintf(f, "%d\n", pid);
-  if (fclose(f) == 0) rename(tmp.c_str(), path.c_str());
+// Written to a temporary file and renamed, so that a reader never sees half a pid. Both names
+// are opened without following links and the temporary one is made fresh (O_EXCL): whatever
+// stands in the directory under those names, nothing outside it is written.
+void writePidFile(int rtFd, pid_t pid) {
+  const char* tmp = "server.pid.tmp";
+  unlinkat(rtFd, tmp, 0);
+  int fd = openat(rtFd, tmp, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) return;
+  std::string text = std::to_string(pid) + "\n";
+  bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  if (close(fd) == 0 && written) {
+    renameat(rtFd, tmp, rtFd, "server.pid");
+  } else {
+    unlinkat(rtFd, tmp, 0);
+  }
 }
 
 pid_t readPidFile() {
-  FILE* f = fopen(pidFilePath().c_str(), "re");
-  if (f == nullptr) return 0;
-  int pid = 0;
-  if (fscanf(f, "%d", &pid) != 1 || pid <= 0) pid = 0;
-  fclose(f);
-  return pid;
+  int fd = open(pidFilePath().c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return 0;
+  char text[32] = {};
+  ssize_t n = read(fd, text, sizeof text - 1);
+  close(fd);
+  int64_t pid = 0;
+  if (n <= 0) return 0;
+  text[n] = '\0';
+  if (text[n - 1] == '\n') text[n - 1] = '\0';
+  return parseInt(text, &pid) && pid > 0 && pid <= INT32_MAX ? static_cast<pid_t>(pid) : 0;
 }
 
 void removePidFile() { unlink(pidFilePath().c_str()); }
@@ -66,10 +78,11 @@ bool serverOfInstance(pid_t pid) {
   return false;
 }
 
-int64_t answeringServer() {
-  if (px_getppid() < 0) return 0;
-  int64_t pid = px_server_pid();
-  return pid > 0 ? pid : 0;
+int64_t answeringServer(int* err) {
+  int64_t pid = px_getppid() < 0 ? -1 : px_server_pid();
+  if (pid > 0) return pid;
+  if (err != nullptr) *err = errno;
+  return 0;
 }
 
 }  // namespace posixctl

@@ -7,8 +7,8 @@
 
 namespace posixctl {
 
-// RT/server.pid: written by start, removed by stop.
-void writePidFile(pid_t pid);
+// RT/server.pid: written by start (into the checked runtime directory `rtFd`), removed by stop.
+void writePidFile(int rtFd, pid_t pid);
 pid_t readPidFile();  // 0 when there is none or it holds no pid
 void removePidFile();
 

@@ -66,11 +66,22 @@ int makeDirs(const std::string& path) {
 
 // Forks twice so that the server belongs to no shell and is nobody's child here. Answers the
 // server's pid, or 0 with *err set.
+// A pipe whose ends are above 2, so that the server's standard files never replace them.
+int makePipe(int ends[2]) {
+  if (pipe2(ends, O_CLOEXEC) != 0) return errno;
+  ends[0] = aboveStandardFds(ends[0]);
+  ends[1] = aboveStandardFds(ends[1]);
+  if (ends[0] >= 0 && ends[1] >= 0) return 0;
+  int err = errno;
+  if (ends[0] >= 0) close(ends[0]);
+  if (ends[1] >= 0) close(ends[1]);
+  return err;
+}
+
 pid_t launch(const std::string& binary, const std::string& rt, int logFd, int* err) {
   int pidPipe[2], execPipe[2];
-  if (pipe2(pidPipe, O_CLOEXEC) != 0) return *err = errno, 0;
-  if (pipe2(execPipe, O_CLOEXEC) != 0) {
-    *err = errno;
+  if ((*err = makePipe(pidPipe)) != 0) return 0;
+  if ((*err = makePipe(execPipe)) != 0) {
     close(pidPipe[0]);
     close(pidPipe[1]);
     return 0;
@@ -113,24 +124,38 @@ pid_t launch(const std::string& binary, const std::string& rt, int logFd, int* e
 }  // namespace
 
 int startServer(const std::string& serverPath, bool quiet) {
-  int64_t running = answeringServer();
+  int err = 0;
+  int64_t running = answeringServer(&err);
   if (running > 0) {
     if (!quiet) printf("already running (pid %lld)\n", static_cast<long long>(running));
     return kExitOk;
   }
+  if (err == EACCES || err == ETIMEDOUT) return callFailure("start", err);
   std::string binary = findServerBinary(serverPath);
   if (binary.empty()) return failure("cannot find posix-server (use --server PATH)", ENOENT);
   std::string rt = px_runtime_dir();
-  int err = makeDirs(rt);
+  err = makeDirs(rt);
   if (err != 0) return failure(rt, err);
+  // Files are made only in a directory of our own, and never through a link planted there.
+  std::string error;
+  int rtFd = openRuntimeDir(&error);
+  if (rtFd < 0) {
+    fprintf(stderr, "posixctl: start: %s\n", error.c_str());
+    return kExitFailure;
+  }
   std::string logPath = rt + "/server.log";
-  int logFd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  if (logFd < 0) return failure(logPath, errno);
-  err = 0;
+  int logFd = aboveStandardFds(
+      openat(rtFd, "server.log", O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (logFd < 0) {
+    err = errno;
+    close(rtFd);
+    return failure(logPath, err);
+  }
   pid_t pid = launch(binary, rt, logFd, &err);
   close(logFd);
+  if (pid != 0) writePidFile(rtFd, pid);
+  close(rtFd);
   if (pid == 0) return failure("cannot start " + binary, err);
-  writePidFile(pid);
 
   for (int waited = 0; waited < kStartWaitMs; waited += 20) {
     if (answeringServer() > 0) {

@@ -30,7 +30,9 @@ int cmdStop(const std::vector<std::string>& args) {
   if (!args.empty()) return usage("stop takes no arguments");
   // The server that answers is the one to stop; a pid file alone counts only while its
   // process still is this instance's server.
-  pid_t target = static_cast<pid_t>(answeringServer());
+  int err = 0;
+  pid_t target = static_cast<pid_t>(answeringServer(&err));
+  if (target == 0 && err == EACCES) return callFailure("stop", err);
   if (target == 0) {
     pid_t recorded = readPidFile();
     if (recorded > 0 && serverOfInstance(recorded)) target = recorded;
@@ -54,11 +56,13 @@ int cmdStop(const std::vector<std::string>& args) {
 
 int cmdStatus(const std::vector<std::string>& args) {
   if (!args.empty()) return usage("status takes no arguments");
-  int64_t pid = answeringServer();
+  int err = 0;
+  int64_t pid = answeringServer(&err);
   if (pid > 0) {
     printf("running (pid %lld)\n", static_cast<long long>(pid));
     return kExitOk;
   }
+  if (err == EACCES || err == ETIMEDOUT) return callFailure("status", err);
   printf("not running\n");
   return kExitFailure;
 }

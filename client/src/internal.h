@@ -60,11 +60,28 @@ void decodeHeader(const uint8_t* p, px_frame_header* out);
 // The runtime directory, found on first use and kept until reset().
 const std::string& runtimeDir();
 void resetRuntimeDir();
+// Whether the runtime directory is the caller's own: a directory, not a symlink, owned by the
+// effective uid and closed to group and others (what the server itself demands). 0; ENOENT
+// when it does not exist; EACCES when it is someone else's or open to others.
+int checkRuntimeDir();
+
+// Longest wait for the reply to a request that the server answers at once: a reply that
+// takes this long means the server hangs (ETIMEDOUT).
+constexpr int kReplyTimeoutMs = 20000;
+
+// Moves `fd` to a number above 2 (close-on-exec) when it took a standard descriptor that was
+// closed, so that no link of the library is ever a program's standard input or output.
+// Answers the descriptor, or -1 with errno set (`fd` is closed then).
+int aboveStandardFds(int fd);
 
 // A link to "posix.service". Used by one thread at a time.
 class Connection {
  public:
-  // Connects; null with *err set (ENOENT, ECONNREFUSED...).
+  // receive() time-outs besides a count of milliseconds.
+  static constexpr int kForever = -1;
+  static constexpr int kReplyLimit = -2;  // kReplyTimeoutMs, then ETIMEDOUT
+
+  // Connects; null with *err set (ENOENT, ECONNREFUSED, EACCES...).
   static Connection* open(int* err);
   ~Connection();
   Connection(const Connection&) = delete;
@@ -72,11 +89,12 @@ class Connection {
 
   // Sends a frame; 0 or an errno value (ECONNRESET when the server has gone).
   int send(const std::vector<uint8_t>& frame);
-  // Receives the next reply; 0, EAGAIN after `timeoutMs` (negative = for ever), ECONNRESET
-  // when the server has gone, EPROTO for a frame that is not a reply.
+  // Receives the next reply; 0, EAGAIN after `timeoutMs` milliseconds (or ETIMEDOUT for
+  // kReplyLimit), ECONNRESET when the server has gone, EPROTO for a frame that is not a reply.
   int receive(Reply* out, int timeoutMs);
-  // Waits for the reply with request id `id`, skipping stale replies to earlier requests.
-  int await(uint64_t id, Reply* out);
+  // Waits for the reply with request id `id`, skipping stale replies to earlier requests;
+  // `timeoutMs` as for receive.
+  int await(uint64_t id, Reply* out, int timeoutMs);
   // The server's pid (SO_PEERCRED of the listening socket), 0 if unknown.
   int64_t peerPid() const;
   int fd() const { return fd_; }
@@ -88,7 +106,11 @@ class Connection {
 };
 
 uint64_t nextRequestId();
-// A connected SOCK_SEQPACKET socket to `path`, or -1 with *err set.
+// A link to the channel socket `path` in the runtime directory, or -1 with *err set. The
+// directory is checked first (checkRuntimeDir), and the process that accepted the link must
+// run as the caller's effective uid (EACCES otherwise): that is checked before anything is
+// sent, so nothing reaches a server planted by another user. The descriptor is above 2, and
+// a reply that takes kReplyTimeoutMs ends a blocking receive (EAGAIN).
 int connectSeqpacket(const std::string& path, int* err);
 
 // The pool: a connection for one call. release(conn, reusable=false) closes it.
@@ -96,7 +118,9 @@ Connection* acquire(int* err, bool* reused);
 void release(Connection* conn, bool reusable);
 // One request on a pooled connection: 0 or an errno value; retries once on a fresh connection
 // when a pooled one turns out to lead to a server that has gone before the request was sent.
-int transact(FrameWriter& req, Reply* out);
+// A request the server answers at once fails with ETIMEDOUT when no reply comes within
+// kReplyTimeoutMs; one that may legitimately wait (`mayWait`: a blocking wait) waits for ever.
+int transact(FrameWriter& req, Reply* out, bool mayWait = false);
 // Drops every pooled connection when the process is a fork of the one that made them.
 void checkFork();
 void resetPool();
@@ -150,7 +174,7 @@ class ServiceLink {
  public:
   // Longest wait for one reply. Requests of this library ask the server for at most a
   // one-second slice, so a reply that takes this long means the server hangs.
-  static constexpr int kReplyTimeoutMs = 20000;
+  static constexpr int kReplyTimeoutMs = pxc::kReplyTimeoutMs;
 
   static ServiceLink* openNamed(const char* name, int* err);
   static ServiceLink* openService(uint64_t channel, uint64_t service, int* err);

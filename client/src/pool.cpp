@@ -77,7 +77,7 @@ void release(Connection* conn, bool reusable) {
   delete conn;
 }
 
-int transact(FrameWriter& req, Reply* out) {
+int transact(FrameWriter& req, Reply* out, bool mayWait) {
   if (!req.ok()) return E2BIG;
   for (;;) {
     int err = 0;
@@ -93,7 +93,7 @@ int transact(FrameWriter& req, Reply* out) {
       if (reused && err == ECONNRESET) continue;
       return err;
     }
-    err = conn->await(id, out);
+    err = conn->await(id, out, mayWait ? Connection::kForever : Connection::kReplyLimit);
     release(conn, err == 0);
     return err;
   }

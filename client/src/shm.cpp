@@ -38,16 +38,19 @@ extern "C" {
 
 int px_shm_create(uint64_t size, px_shm_id* out) {
   if (out == nullptr || size > static_cast<uint64_t>(INT64_MAX)) return pxc::fail(EINVAL);
-  // The server makes RT/shm at start; make it here too so a client may go first.
+  // The server makes RT/shm at start; make it here too so a client may go first, but only in
+  // a runtime directory of our own.
+  int err = pxc::checkRuntimeDir();
+  if (err != 0) return pxc::fail(err);
   mkdir((pxc::runtimeDir() + "/shm").c_str(), 0700);
   for (int attempt = 0; attempt < 8; ++attempt) {
     uint64_t id = pxc::randomId();
     std::string path = pxc::shmPath(id);
-    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0 && errno == EEXIST) continue;
     if (fd < 0) return pxc::fail(errno);
     if (ftruncate(fd, static_cast<off_t>(size)) != 0) {
-      int err = errno;
+      err = errno;
       close(fd);
       unlink(path.c_str());
       return pxc::fail(err);
@@ -62,7 +65,9 @@ int px_shm_create(uint64_t size, px_shm_id* out) {
 
 int px_shm_open(const px_shm_id* shm) {
   if (shm == nullptr || shm->id == 0) return pxc::fail(EINVAL);
-  int fd = open(pxc::shmPath(shm->id).c_str(), O_RDWR | O_CLOEXEC);
+  int err = pxc::checkRuntimeDir();
+  if (err != 0) return pxc::fail(err);
+  int fd = open(pxc::shmPath(shm->id).c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return pxc::fail(errno);
   return fd;
 }

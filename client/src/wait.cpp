@@ -49,7 +49,7 @@ int64_t px_waitpid(int64_t pid, int* status, int options) {
   req.u64(value);
   req.u64(wireOptions);
   pxc::Reply reply;
-  int err = pxc::transact(req, &reply);
+  int err = pxc::transact(req, &reply, (options & PX_WNOHANG) == 0);
   if (err != 0) return pxc::fail(err);
 
   if (reply.code == PX_RESULT_DONE) {

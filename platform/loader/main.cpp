@@ -1,7 +1,8 @@
 // posix-server's main: prepares the instance, sets up signal handling and runs the linked
 // image. SIGTERM and SIGINT shut the instance down cleanly (its sockets and node files go);
 // SIGUSR1 writes one line of heap, thread and host descriptor counts so that tests can watch
-// for leaks.
+// for leaks. The log says when the server serves and when it stopped, and which server holds RT
+// when another one already runs there.
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -19,8 +20,41 @@
 #include "platform/log.h"
 #include "platform/runtime.h"
 #include "platform/string.h"
+#include "posix/posix_service.h"
 
 namespace {
+
+const char kHelp[] =
+    "usage: posix-server [--help | --version]\n"
+    "\n"
+    "Runs the POSIX service server in the foreground on the runtime directory RT\n"
+    "($POSIX_RUNTIME_DIR, else $XDG_RUNTIME_DIR/posix, else /tmp/posix-<uid>), which it creates\n"
+    "with mode 0700 and refuses when another user owns it or group or others may use it.\n"
+    "Clients connect to RT/chn/posix.service. One server runs per RT. SIGTERM or SIGINT stops\n"
+    "it cleanly; SIGUSR1 writes a line of heap, thread and descriptor counts to the log.\n"
+    "\n"
+    "The log goes to standard error. POSIX_LOG_LEVEL (default 1) hides lines below a level;\n"
+    "POSIX_LOG_OFF names filters to switch off (e.g. \"POSIX SERVER\").\n"
+    "'posixctl start' runs a server in the background instead.\n";
+
+// One line of the loader's own at `level`, unless the log level hides it.
+void logLine(uint32_t level, const std::string& text) {
+  if (SysLogFilter::level() > level) return;
+  Ref<LogPrinter> printer = SysLogStream::stdOutPrinter();
+  printer->setLevel(level);
+  printer->setSource(String::create("PLATFORM"));
+  *printer << text.c_str();
+  printer->endLine();
+}
+
+void serving(const std::string& namePath) {
+  std::string suffix = std::string("/") + PX_SERVICE_NAME;
+  if (namePath.size() < suffix.size() ||
+      namePath.compare(namePath.size() - suffix.size(), suffix.size(), suffix) != 0) {
+    return;
+  }
+  logLine(1, "serving on " + namePath + ", pid " + std::to_string(::getpid()));
+}
 
 // /proc/self/status, opened at start and kept: the stats are asked for most when something
 // is wrong, and a server out of descriptors could not open it then.
@@ -67,6 +101,7 @@ void* signalThread(void*) {
     int received = sigwaitinfo(&set, &info);
     if (received == SIGTERM || received == SIGINT) {
       Runtime::shutDown();
+      logLine(1, "stopped");
       _exit(0);
     }
     if (received == SIGUSR1) writeStats();
@@ -76,12 +111,36 @@ void* signalThread(void*) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+      std::fputs(kHelp, stdout);
+      return 0;
+    }
+    if (std::strcmp(argv[i], "--version") == 0) {
+      std::printf("posix-server %s\n", POSIX_VERSION);
+      return 0;
+    }
+    std::fprintf(stderr, "posix-server: unknown argument '%s' (see posix-server --help)\n", argv[i]);
+    return 2;
+  }
   std::string why;
   if (!Runtime::prepare(&why)) {
     std::fprintf(stderr, "posix-server: %s\n", why.c_str());
     return 1;
   }
+  // A server that already runs keeps RT: the name claim below fails and says so; this line
+  // says who holds it. Otherwise whatever a killed server left in RT/chn goes now.
+  std::string service = Runtime::path(std::string("chn/") + PX_SERVICE_NAME);
+  long holder = Runtime::listener(service);
+  if (holder > 0) {
+    logLine(4, "a server already runs on " + service + ", pid " + std::to_string(holder));
+  } else if (holder < 0) {
+    logLine(4, "a server already runs on " + service);
+  } else {
+    Runtime::removeStaleChannels();
+  }
+  Runtime::onNameClaimed(serving);
   // A reply to a client that has gone must fail with EPIPE, not end the server.
   signal(SIGPIPE, SIG_IGN);
   // A shell starts background jobs with SIGINT ignored, and an ignored signal is discarded

@@ -23,8 +23,11 @@ PosixProcess::PosixProcess()
       descriptions_(DescriptionBudget::create()) {}
 
 PosixProcess::~PosixProcess() {
-  // A record whose program never started (pid 0) was never an entry of its own.
-  if (pid_ != 0 && !parent_.lock()) POSIX_LOG(processLog.handle, 1, "Entry for orphan process " << LogNum{pid_} << " removed");
+  // A record whose program never started (pid 0) was never an entry of its own. A process
+  // that connected on its own never had a parent: its end is routine, logged at debug level.
+  if (pid_ != 0 && !parent_.lock()) {
+    POSIX_LOG(processLog.handle, parent_.get() ? 1 : 0, "Entry for orphan process " << LogNum{pid_} << " removed");
+  }
   // Waits still queued belong to a client that will never be answered: free them.
   for (uint64_t i = 0; i < waitEntries_->count(); ++i) delete waitEntries_->get(i);
   unclaimedPipeEnds_->closeAll();

@@ -48,6 +48,9 @@ TEST_F(PosixctlTest, StartStatusStop) {
   EXPECT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(r.out, "already running (pid " + std::to_string(pid) + ")\n");
   EXPECT_NE(serverLog().find("Entry created"), std::string::npos) << "log goes to RT/server.log";
+  EXPECT_NE(serverLog().find("serving on " + path("chn/posix.service") + ", pid " +
+                             std::to_string(pid)),
+            std::string::npos);
 
   r = ctl({"stop"});
   EXPECT_EQ(r.exitCode, 0) << r.err;
@@ -55,6 +58,7 @@ TEST_F(PosixctlTest, StartStatusStop) {
   char state = hostState(pid);
   EXPECT_TRUE(state == '?' || state == 'Z') << state;
   EXPECT_FALSE(std::ifstream(path("server.pid")).good());
+  EXPECT_NE(serverLog().find("PLATFORM: stopped\n"), std::string::npos);
   r = ctl({"status"});
   EXPECT_EQ(r.exitCode, 1);
   r = ctl({"stop"});
@@ -100,23 +104,48 @@ TEST_F(PosixctlTest, RunSharesRegularFilesWithItsShell) {
 TEST_F(PosixctlTest, UsageErrorsAndFailures) {
   for (const std::vector<std::string>& usage : std::vector<std::vector<std::string>>{
            {}, {"bogus"}, {"run"}, {"run", "--env", "NOEQUALS", "x"}, {"kill", "-s", "99", "1"},
-           {"kill", "abc"}}) {
+           {"kill", "abc"}, {"kill", "-9", "abc"}, {"kill", "-TERM", "1"}, {"pgid", "abc"},
+           {"cat", "--bogus"}}) {
     EXPECT_EQ(ctl(usage).exitCode, 2) << testing::PrintToString(usage);
   }
   EXPECT_EQ(ctl({"help"}).exitCode, 0);
-  // No server: a query fails with the reason.
-  CommandResult r = ctl({"pgid", "1"});
-  EXPECT_EQ(r.exitCode, 1);
-  EXPECT_FALSE(r.err.empty());
+  EXPECT_EQ(ctl({"--version"}).out.rfind("posixctl ", 0), 0u);
+  // No server: every query says so, and how to start one.
+  for (const std::vector<std::string>& query : std::vector<std::vector<std::string>>{
+           {"pgid", "1"}, {"kill", "1"}, {"killpg", "5"}, {"fds"}, {"ppid"}, {"cat", "x"}}) {
+    CommandResult r = ctl(query);
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_NE(r.err.find("no server answers on " + rt_ + "; start one with 'posixctl start'"),
+              std::string::npos) << r.err;
+  }
   EXPECT_EQ(ctl({"start", "--server", path("no-such-dir/posix-server")}).exitCode, 1);
   unsetenv("POSIX_SERVER_BIN");
   ASSERT_EQ(ctl({"start", "--server", POSIX_SERVER_BINARY}).exitCode, 0);
-  r = ctl({"kill", "-s", "0", "4194321"});
+  CommandResult r = ctl({"kill", "-s", "0", "4194321"});
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_NE(r.err.find("No such process"), std::string::npos) << r.err;
   r = ctl({"ppid"});
   EXPECT_EQ(r.exitCode, 0);
   EXPECT_EQ(r.out, "0\n");
+  EXPECT_NE(ctl({"fds"}).out.find("no descriptor"), std::string::npos);
+  EXPECT_NE(ctl({"kill", "-l"}).out.find(" 9 KILL"), std::string::npos);
+
+  // A program that does not use the library exists for -s 0 and is not killed by default.
+  int64_t sleeper = spawnProgram("/bin/sleep", {"30"});
+  ASSERT_GT(sleeper, 0);
+  std::string pid = std::to_string(sleeper);
+  EXPECT_EQ(ctl({"kill", "-s", "0", pid}).exitCode, 0);
+  r = ctl({"kill", pid});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_NE(r.err.find("does not use the library"), std::string::npos) << r.err;
+  EXPECT_EQ(ctl({"kill", "-KILL", pid}).exitCode, 0);
+  EXPECT_EQ(collect(sleeper), 128 + 9);
+
+  // cat: standard input, and a write error fails.
+  EXPECT_EQ(ctl({"cat", "--help"}).exitCode, 0);
+  EXPECT_EQ(ctl({"cat", "-"}, "from stdin").out, "from stdin");
+  std::string file = hostFile("a.txt", "abc");
+  EXPECT_EQ(runCommand({"/bin/sh", "-c", "\"$0\" cat \"$1\" >&-", POSIXCTL_BINARY, file}).exitCode, 1);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <thread>
 
 #include "server_fixture.h"
@@ -22,7 +23,13 @@ class ServerLifeTest : public ServerFixture {
   }
 };
 
+size_t entries(const std::string& dir) {
+  auto all = std::filesystem::directory_iterator(dir);
+  return static_cast<size_t>(std::distance(all, std::filesystem::directory_iterator()));
+}
+
 TEST_F(ServerLifeTest, SecondServerGivesUpAndSigtermRemovesTheFilesAndExitsZero) {
+  size_t channels = entries(path("chn"));
   pid_t second = launchServer(path("second.log"));
   ASSERT_GT(second, 0);
   int status = waitExit(second, 10000);
@@ -30,7 +37,11 @@ TEST_F(ServerLifeTest, SecondServerGivesUpAndSigtermRemovesTheFilesAndExitsZero)
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 255) << status;
   std::string text = hostRead(path("second.log"));
   EXPECT_NE(text.find("Could not accquire channel posix.service"), std::string::npos) << text;
-  // The first server keeps its channel and its files.
+  EXPECT_NE(text.find("a server already runs on " + path("chn/posix.service") + ", pid " +
+                      std::to_string(server_)),
+            std::string::npos) << text;
+  // The first server keeps its channel and its files; the second left no socket behind.
+  EXPECT_EQ(entries(path("chn")), channels);
   px_fini();
   EXPECT_GE(px_getppid(), 0);
   EXPECT_EQ(px_server_pid(), server_);
@@ -50,9 +61,12 @@ TEST_F(ServerLifeTest, SecondServerGivesUpAndSigtermRemovesTheFilesAndExitsZero)
   EXPECT_TRUE(errno == ENOENT || errno == ECONNREFUSED) << errno;
 }
 
-TEST_F(ServerLifeTest, BlockingCallsEndWhenTheServerDies) {
+// ... and what a killed server leaves in RT/chn goes when the next one starts.
+TEST_F(ServerLifeTest, BlockingCallsEndWhenTheServerDiesAndTheNextServerCleansUp) {
   int64_t child = spawnProbe({"sleep", "20000"});
   ASSERT_GT(child, 0);
+  int fds[2];
+  ASSERT_EQ(px_pipe(fds), 0);  // a multiplex with a socket of its own
   int64_t result = 0;
   int err = 0;
   std::thread waiter([&] {
@@ -65,6 +79,21 @@ TEST_F(ServerLifeTest, BlockingCallsEndWhenTheServerDies) {
   kill(static_cast<pid_t>(child), SIGKILL);  // no longer the server's to clean up
   EXPECT_EQ(result, -1);
   EXPECT_EQ(err, ECONNRESET);
+
+  std::vector<std::string> left;
+  for (const auto& entry : std::filesystem::directory_iterator(path("chn"))) {
+    left.push_back(entry.path());
+  }
+  EXPECT_GE(left.size(), 5u) << "the names, their sockets and the pipe's";
+  sleepMs(1100);  // a socket younger than a second may be a starting server's
+  server_ = launchServer(path("server.log"));
+  px_fini();
+  ASSERT_TRUE(eventually([] { return px_getppid() >= 0; }));
+  for (const std::string& file : left) {
+    std::string name = file.substr(file.rfind('/') + 1);
+    if (name == "posix.service" || name == "posix.fd.service") continue;  // claimed again
+    EXPECT_NE(access(file.c_str(), F_OK), 0) << file << " was left behind";
+  }
 }
 
 }  // namespace

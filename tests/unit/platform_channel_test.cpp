@@ -136,35 +136,4 @@ TEST(ChannelFairness, AFloodingClientDoesNotStarveAnother) {
   chn->close();
 }
 
-TEST(ChannelName, LiveNameIsRefusedAndStaleNameReplaced) {
-  RuntimeDirScope rt;
-  Ref<RecordingConMan> man = new RecordingConMan();
-  std::string named = rt.dir() + "/chn/test.service";
-  {  // a stale name: a socket file nobody listens on any more
-    Ref<Chn> dead = Chn::create(man);
-    ASSERT_TRUE(dead);
-    ASSERT_EQ(::symlink(chnPath(dead->id()).c_str(), named.c_str()), 0);
-  }
-  Ref<Chn> first = Chn::create(man, String::create("test.service"));
-  ASSERT_TRUE(first);
-  char hex[17];
-  std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(first->id()));
-  EXPECT_EQ(std::filesystem::read_symlink(named).string(), hex);
-  Server server(first);
-  Client byName(named);
-  ASSERT_TRUE(byName.send(request(3, 3)));
-  Ref<InMsg> msg = server.next();
-  ASSERT_TRUE(msg && msg->code() == 3u);
-
-  // A live holder keeps the name; the refused channel leaves no socket behind.
-  Error::set(0);
-  EXPECT_FALSE(Chn::create(man, String::create("test.service")));
-  EXPECT_EQ(Error::get(), static_cast<uint32_t>(EADDRINUSE));
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(rt.dir() + "/chn"),
-                          std::filesystem::directory_iterator()),
-            2);
-  server.stop();
-  EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(named)));
-}
-
 }  // namespace

@@ -98,8 +98,12 @@ class RuntimeDirScope {
   EnvScope env_;
 };
 
+// Grows the vector first and then writes into it: GCC 12 at -O3 takes a push_back or insert
+// into a vector that was empty for a write past the end (a false -Wstringop-overflow).
 inline void putU32(Bytes& out, uint32_t v) {
-  for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+  size_t at = out.size();
+  out.resize(at + 4);
+  for (size_t i = 0; i < 4; ++i) out[at + i] = static_cast<uint8_t>(v >> (8 * i));
 }
 inline void putU64(Bytes& out, uint64_t v) {
   putU32(out, static_cast<uint32_t>(v));

@@ -15,6 +15,19 @@ bool prepare(std::string* why);
 // RT/<relative>.
 std::string path(const std::string& relative);
 
+// The pid of the process listening on the socket at `path`: 0 when nobody listens (no file,
+// or a socket left behind by a process that died), -1 when someone listens but its backlog is
+// full so that its pid cannot be asked. Nothing is sent.
+long listener(const std::string& path);
+// Removes what a server that was killed left in RT/chn: sockets nobody listens on (and that
+// were not made in the last second, which may still be on their way to listening) and names
+// that lead to no socket. Call it before making channels, when no server answers on RT.
+void removeStaleChannels();
+// Called with the path RT/chn/<name> each time this process claims a channel name; one
+// observer, set before channels are made (the loader logs that the server serves).
+void onNameClaimed(void (*observer)(const std::string& namePath));
+void nameClaimed(const std::string& namePath);
+
 // Files this process made and must remove when it shuts down (sockets, node files, links).
 void ownFile(const std::string& path);
 void disownFile(const std::string& path);

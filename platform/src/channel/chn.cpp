@@ -47,25 +47,13 @@ bool validName(const char* name) {
   return std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0;
 }
 
-// True when a channel answers at `path`. A full backlog (EAGAIN) still means someone listens.
-bool answers(const std::string& path) {
-  sockaddr_un address;
-  if (!fillAddress(path, &address)) return false;
-  int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (fd < 0) return false;
-  int rc = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  bool live = rc == 0 || errno == EAGAIN || errno == EINPROGRESS;
-  ::close(fd);
-  return live;
-}
-
 // Points RT/chn/<name> at our socket. A live holder of the name wins (EADDRINUSE); a stale
 // one, whose socket nobody listens on any more, is replaced.
 bool claimName(const std::string& namePath, const std::string& idText) {
   for (int attempt = 0; attempt < 8; ++attempt) {
     if (::symlink(idText.c_str(), namePath.c_str()) == 0) return true;
     if (errno != EEXIST) return false;
-    if (answers(namePath)) {
+    if (Runtime::listener(namePath) != 0) {
       errno = EADDRINUSE;
       return false;
     }
@@ -179,6 +167,7 @@ Ref<Chn> Chn::create(Ref<ConMan> conMan, Ref<String> name) {
       s->namePath.clear();
       return nullptr;  // the destructor removes the socket
     }
+    Runtime::nameClaimed(s->namePath);
   }
   s->epollFd = HostFd::opened(::epoll_create1(EPOLL_CLOEXEC));
   s->wakeFd = HostFd::opened(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));

@@ -1,8 +1,14 @@
 // The instance's runtime directory and the list of files this process made in it.
 #include "platform/runtime.h"
 
+#include <dirent.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include <algorithm>
 #include <cerrno>
@@ -45,6 +51,19 @@ void makeParents(const std::string& path) {
     if (::mkdir(parent.c_str(), 0700) != 0 && errno != EEXIST) return;
   }
 }
+
+// A socket made this recently may belong to a server that is starting now and has bound it
+// but not yet called listen(): it is not taken for stale.
+constexpr int64_t kFreshMs = 1000;
+
+// Milliseconds since the status of the file `st` last changed (for a socket: since its bind).
+int64_t ageMs(const struct stat& st) {
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  return (now.tv_sec - st.st_ctim.tv_sec) * 1000 + (now.tv_nsec - st.st_ctim.tv_nsec) / 1000000;
+}
+
+std::atomic<void (*)(const std::string&)> g_nameObserver{nullptr};
 
 bool fail(std::string* why, const std::string& text) {
   if (why) *why = text;
@@ -89,6 +108,54 @@ bool prepare(std::string* why) {
       return fail(why, p + " is not a directory");
   }
   return true;
+}
+
+long listener(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) return 0;
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) return 0;
+  long pid = 0;
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+    ucred cred{};
+    socklen_t length = sizeof cred;
+    pid = ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &length) == 0 ? cred.pid : -1;
+  } else if (errno == EAGAIN || errno == EINPROGRESS) {
+    pid = -1;  // a full backlog: someone listens
+  }
+  ::close(fd);
+  return pid;
+}
+
+void removeStaleChannels() {
+  std::string chn = path("chn");
+  DIR* dir = ::opendir(chn.c_str());
+  if (!dir) return;
+  std::vector<std::string> sockets, names;
+  while (dirent* entry = ::readdir(dir)) {
+    if (entry->d_name[0] == '.') continue;
+    std::string file = chn + "/" + entry->d_name;
+    struct stat st;
+    if (::lstat(file.c_str(), &st) != 0) continue;
+    if (S_ISSOCK(st.st_mode) && ageMs(st) >= kFreshMs) sockets.push_back(file);
+    if (S_ISLNK(st.st_mode)) names.push_back(file);
+  }
+  ::closedir(dir);
+  for (const std::string& file : sockets) {
+    if (listener(file) == 0) ::unlink(file.c_str());
+  }
+  struct stat st;
+  for (const std::string& file : names) {
+    if (::stat(file.c_str(), &st) != 0 && errno == ENOENT) ::unlink(file.c_str());
+  }
+}
+
+void onNameClaimed(void (*observer)(const std::string& namePath)) { g_nameObserver = observer; }
+
+void nameClaimed(const std::string& namePath) {
+  if (auto observer = g_nameObserver.load()) observer(namePath);
 }
 
 void ownFile(const std::string& file) {
