@@ -156,7 +156,20 @@ TEST_F(FileTest, TruncateAndDescribeFollowTheOpenMode) {
   EXPECT_EQ(interfaceTypes(rec),
             (std::vector<uint64_t>{PX_IFACE_STREAM, PX_IFACE_STREAM_ADAPTER, PX_IFACE_SEEKABLE,
                                    PX_IFACE_RESIZABLE, PX_IFACE_FS_ITEM}));
+  // Only the bytes are read and written; every entry is on the description's one channel.
+  for (uint32_t i = 0; i < rec.entry_count; ++i) {
+    EXPECT_EQ(rec.entries[i].access, i == 0 ? PX_ACCESS_READ | PX_ACCESS_WRITE : PX_ACCESS_SERVICE);
+    EXPECT_EQ(rec.entries[i].channel, rec.entries[0].channel);
+  }
 
+  // A device seeks but is not resized; the flags are kept as they were asked for.
+  int dev = px_open("/dev/null", O_RDWR | O_APPEND, 0);
+  ASSERT_EQ(px_describe(dev, &info), 0) << strerror(errno);
+  EXPECT_EQ(info.type, PX_FD_KIND_CHAR_DEVICE);
+  EXPECT_EQ(info.open_flags, static_cast<uint32_t>(O_RDWR | O_APPEND));
+  ASSERT_TRUE(tableRecord(dev, &rec));
+  EXPECT_EQ(interfaceTypes(rec), (std::vector<uint64_t>{PX_IFACE_STREAM, PX_IFACE_STREAM_ADAPTER,
+                                                        PX_IFACE_SEEKABLE, PX_IFACE_FS_ITEM}));
   // A directory is an item of its own type that is not read as bytes.
   int dir = px_open(rt_.c_str(), O_RDONLY | O_DIRECTORY, 0);
   ASSERT_GE(dir, 0) << strerror(errno);
@@ -192,6 +205,11 @@ TEST_F(FileTest, ReadOfAHostFifoWaitsBeyondOneSliceForData) {
   EXPECT_EQ(std::string(buf, 4), "late");
   EXPECT_GE(took, 1400);
   EXPECT_ERRNO(px_lseek(fd, 0, SEEK_CUR), ESPIPE);
+  px_fd_record rec;
+  ASSERT_TRUE(tableRecord(fd, &rec));
+  EXPECT_EQ(rec.type, PX_FD_KIND_OTHER);
+  EXPECT_EQ(interfaceTypes(rec), (std::vector<uint64_t>{PX_IFACE_STREAM, PX_IFACE_STREAM_ADAPTER,
+                                                        PX_IFACE_FS_ITEM}));
 }
 
 }  // namespace

@@ -86,6 +86,7 @@ TEST_F(PipeLifetimeTest, PipesNobodyConnectsToAreBoundedAndGoWithTheirMaker) {
   px_fini();  // the process's only links are the raw ones below
   size_t before = channelFiles();
   int made = 0;
+  int64_t threads = -1, fds = -1;
   {
     RawLink link(path("chn/posix.service"));
     ASSERT_TRUE(link.connected());
@@ -93,14 +94,20 @@ TEST_F(PipeLifetimeTest, PipesNobodyConnectsToAreBoundedAndGoWithTheirMaker) {
     for (uint64_t id = 1; id <= 100; ++id) {
       ASSERT_TRUE(link.roundTrip(PX_CMD_CREATE_PIPE, id, {}, &reply));
       if (reply.code != PX_RESULT_DONE) break;
-      ++made;
+      if (++made == 1) {  // the first pipe brings the one acceptor of all multiplexes
+        threads = serverThreads();
+        fds = serverFds() - 2;  // without that pipe's two listening sockets
+      }
     }
     EXPECT_EQ(reply.code, PX_RESULT_FAILED) << "a bound on pipes nobody connected to";
     EXPECT_EQ(made, 64);
     EXPECT_EQ(channelFiles(), before + 2 * static_cast<size_t>(made));
+    EXPECT_LE(serverThreads(), threads) << "a pipe nobody connects to costs no thread";
   }
-  // The link was the process's last: its record and the pipes it left waiting go.
+  // The link was the process's last: its record and the pipes it left waiting go, with every
+  // descriptor the server had for them.
   EXPECT_TRUE(eventually([&] { return channelFiles() == before; }, kSettleMs, 20));
+  EXPECT_TRUE(eventually([&] { return serverFds() <= fds; }, kSettleMs, 20)) << serverFds() << " > " << fds;
   expectWorkingPipe();
 }
 

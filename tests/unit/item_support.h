@@ -1,10 +1,9 @@
-// Test support for opened items: host files in a private directory, and requests handed to a
-// service in-process with the reply it built.
+// Test support for opened items and their services: host files in a private directory, and
+// requests handed to a service in-process with the reply it built.
 #pragma once
 
 #include <fcntl.h>
 
-#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -27,11 +26,6 @@ class TempDir : public chntest::RuntimeDirScope {
   }
 };
 
-inline std::string contentOf(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 inline Ref<LocalFileDescriptionFSItem> openItem(const std::string& path, uint32_t flags,
                                                 uint32_t mode = 0600) {
   return LocalFileDescriptionFSItem::open(String::create(path.c_str()), flags, mode);
@@ -47,19 +41,13 @@ struct Answer {
   Bytes data;
 };
 
-// Hands one request to `service`; `out` may be given to test a reply that is already full.
-inline Answer ask(Interfaces::Service& service, uint32_t code, const Bytes& data = {},
-                  Ref<OutMsg> out = OutMsg::create()) {
+// Hands one request to `service`.
+inline Answer ask(Interfaces::Service& service, uint32_t code, const Bytes& data = {}) {
   Answer a;
+  Ref<OutMsg> out = OutMsg::create();
   EXPECT_TRUE(service.handle(inMessage(code, data), out, &a.ret, 0, nullptr));
   a.data = out->data();
   return a;
-}
-
-inline Bytes u64Bytes(uint64_t v) {
-  Bytes b;
-  chntest::putU64(b, v);
-  return b;
 }
 
 }  // namespace itemtest

@@ -1,6 +1,6 @@
-// Host items as local file descriptions, on real files: reads and writes at the one offset the
-// host keeps, which items offer seeking and resizing, the host's refusals, waits that end at
-// their time-out, and host descriptors closed with the last holder.
+// Host items as local file descriptions, on real files: the host's refusals, waits that end at
+// their time-out, and host descriptors closed with the last holder. (Reads and writes at the
+// description's offset, and which items offer seeking and resizing: the file behaviour tests.)
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -34,44 +34,6 @@ int descriptorsOn(const std::string& path) {
   for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd", error))
     if (std::filesystem::read_symlink(fd.path(), error) == path) ++count;
   return count;
-}
-
-TEST(LocalFileItem, ReadsAndWritesMoveTheOneOffsetTheHostKeeps) {
-  TempDir tmp;
-  std::string path = tmp.file("data", "abcdef");
-  Ref<LocalFileDescriptionFSItem> item = openItem(path, O_RDWR);
-  ASSERT_TRUE(item);
-  EXPECT_EQ(readSome(*item, 2), "ab");
-  EXPECT_EQ(item->seek(3), 3u);
-  EXPECT_EQ(readSome(*item, 2), "de");
-  EXPECT_EQ(writeText(*item, "XYZ"), 3u) << "the write lands where the read stopped";
-  EXPECT_EQ(item->position(), 8u);
-  EXPECT_EQ(contentOf(path), "abcdeXYZ");
-  EXPECT_EQ(readSome(*item, 10), "") << "end of file";
-}
-
-TEST(LocalFileItem, SeekAndResizeAreOfferedByWhatTheItemIsAndHowItWasOpened) {
-  TempDir tmp;
-  std::string path = tmp.file("data", "12345");
-  ASSERT_EQ(::mkfifo(tmp.path("fifo").c_str(), 0600), 0);
-  struct Case {
-    std::string path;
-    uint32_t flags;
-    int32_t type;
-    bool seek, resize;
-  } cases[] = {
-      {path, O_RDONLY, 1, true, false},      {path, O_WRONLY, 1, true, true},
-      {path, O_RDWR | O_APPEND, 1, true, true}, {tmp.dir(), O_RDONLY | O_DIRECTORY, 2, true, false},
-      {"/dev/null", O_RDWR, 3, true, false}, {tmp.path("fifo"), O_RDWR, 9, false, false},
-  };
-  for (const Case& c : cases) {
-    Ref<LocalFileDescriptionFSItem> item = openItem(c.path, c.flags);
-    ASSERT_TRUE(item) << c.path;
-    EXPECT_EQ(item->descriptionType(), c.type) << c.path;
-    EXPECT_EQ(item->seekable() != nullptr, c.seek) << c.path << " flags " << c.flags;
-    EXPECT_EQ(item->resizable() != nullptr, c.resize) << c.path << " flags " << c.flags;
-    EXPECT_EQ(item->openFlags(), c.flags) << "kept as asked, without the close-on-exec flag";
-  }
 }
 
 TEST(LocalFileItem, RefusalsLeaveTheHostErrorAndNoDescriptorOpen) {
