@@ -63,6 +63,7 @@ TEST_F(FileTest, RelativePathsAreTheCallersAndFailuresCarryTheHostsError) {
   EXPECT_EQ(readUpTo(fd, 100), "relative");
 
   int before = px_fd_table(nullptr, 0);
+  int64_t hostFds = serverFds();
   struct Case {
     std::string path;
     int flags;
@@ -84,6 +85,17 @@ TEST_F(FileTest, RelativePathsAreTheCallersAndFailuresCarryTheHostsError) {
     SCOPED_TRACE(k.path);
     EXPECT_ERRNO(px_open(k.path.c_str(), k.flags, 0600), k.err);
   }
+  EXPECT_EQ(serverFds(), hostFds) << "a failed open left a host descriptor open";
+  // A path with a zero byte in it (which the library cannot send) is refused, not cut short.
+  RawLink fdService(path("chn/posix.fd.service"));
+  std::vector<uint8_t> open, err;
+  putString(open, path("rel.txt") + std::string("\0.x", 3));
+  putU32(open, O_RDONLY);
+  putU32(err, EINVAL);
+  RawReply reply;
+  ASSERT_TRUE(fdService.roundTrip(4, 1, open, &reply));
+  EXPECT_EQ(reply.code, 7u);
+  EXPECT_EQ(reply.data, err);
   EXPECT_EQ(px_fd_table(nullptr, 0), before) << "a failed open took a number";
 }
 
@@ -187,6 +199,10 @@ TEST_F(FileTest, TruncateAndDescribeFollowTheOpenMode) {
 TEST_F(FileTest, ReadOfAHostFifoWaitsBeyondOneSliceForData) {
   std::string p = path("fifo");
   ASSERT_EQ(mkfifo(p.c_str(), 0600), 0);
+  // Opening never waits, not even for a writer.
+  int64_t start = monotonicMs();
+  EXPECT_EQ(px_close(px_open(p.c_str(), O_RDONLY, 0)), 0);
+  EXPECT_LT(monotonicMs() - start, 1000);
   // The server holds both ends, so no end of file comes: the read waits for the writer.
   int fd = px_open(p.c_str(), O_RDWR, 0);
   ASSERT_GE(fd, 0) << strerror(errno);
@@ -197,7 +213,7 @@ TEST_F(FileTest, ReadOfAHostFifoWaitsBeyondOneSliceForData) {
     close(w);
   });
   char buf[16];
-  int64_t start = monotonicMs();
+  start = monotonicMs();
   ssize_t n = px_read(fd, buf, sizeof buf);
   int64_t took = monotonicMs() - start;
   writer.join();

@@ -1,11 +1,14 @@
 // How long pipe ends live: a pipe of the process service closes itself when its connections
-// go, and a client killed while its read or write waits in the server leaves no thread behind
-// and does not hold up the pipe or later ones.
+// go, and a client killed while its read or write of a pipe or host FIFO waits in the server
+// leaves no thread behind and does not hold up the pipe, its other readers or later pipes.
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <cstring>
 #include <filesystem>
+#include <functional>
 
 #include "server_fixture.h"
 
@@ -27,15 +30,17 @@ class PipeLifetimeTest : public ServerFixture {
   }
 
   // Starts the probe with `steps`, the last of which blocks, waits until it prints "blocking"
-  // and a little more (its call now waits in the server), kills it, and expects the server's
-  // threads back at `baseline`.
-  void killWhileBlocked(std::vector<std::string> steps, int64_t baseline) {
+  // and a little more (its call now waits in the server), runs `meanwhile`, kills the probe,
+  // and expects the server's threads back at `baseline`.
+  void killWhileBlocked(std::vector<std::string> steps, int64_t baseline,
+                        const std::function<void()>& meanwhile = [] {}) {
     OutputPipe out;
     steps.insert(steps.begin(), {"print", "blocking"});
     int64_t child = spawnProbe(steps, &out);
     ASSERT_GT(child, 0) << strerror(errno);
     ASSERT_EQ(out.expect("blocking"), "blocking");
     sleepMs(300);
+    meanwhile();
     ASSERT_EQ(kill(static_cast<pid_t>(child), SIGKILL), 0);
     EXPECT_EQ(collect(child), 128 + SIGKILL);
     EXPECT_LE(awaitThreadsAtMost(baseline, kSettleMs), baseline);
@@ -128,7 +133,14 @@ TEST_F(PipeLifetimeTest, AReaderOrWriterKilledWhileBlockedLeavesNothingBehind) {
   int64_t baseline = serverThreads();
   ASSERT_GT(baseline, 0);
 
-  killWhileBlocked({"readn", std::to_string(fds[0]), "1"}, baseline);  // the pipe is empty
+  // The pipe is empty; a second reader that may not wait is answered at once meanwhile.
+  killWhileBlocked({"readn", std::to_string(fds[0]), "1"}, baseline, [&] {
+    ASSERT_EQ(px_set_nonblock(fds[0], 1), 0);
+    int64_t start = monotonicMs();
+    EXPECT_ERRNO(px_read(fds[0], buf, 1), EAGAIN);
+    EXPECT_LT(monotonicMs() - start, 900);
+    ASSERT_EQ(px_set_nonblock(fds[0], 0), 0);
+  });
   // The pipe still works for its other reader.
   EXPECT_EQ(px_write(fds[1], "after", 5), 5);
   EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 5);
@@ -142,6 +154,11 @@ TEST_F(PipeLifetimeTest, AReaderOrWriterKilledWhileBlockedLeavesNothingBehind) {
   EXPECT_EQ(px_write(fds[1], "more", 4), 4);
   EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 4);
   expectWorkingPipe();
+  // A host FIFO is read in slices too: a reader killed while it waits leaves nothing behind.
+  ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
+  int fifo = px_open(path("fifo").c_str(), O_RDWR, 0);
+  ASSERT_GE(fifo, 0) << strerror(errno);
+  killWhileBlocked({"readn", std::to_string(fifo), "1"}, serverThreads());
 }
 
 }  // namespace

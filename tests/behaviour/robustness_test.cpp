@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <inttypes.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -116,6 +117,14 @@ TEST_F(RobustnessTest, WellFormedButWrongRequestsAreAnsweredQuicklyOnAnOpenLink)
   int64_t child = spawnProbe({"exit", "1"});
   ASSERT_GT(child, 0);
   EXPECT_EQ(collect(child), 1);
+  // A process the server does not know gets no link to the descriptor service.
+  pid_t stranger = fork();
+  if (stranger == 0) {
+    RawLink fds(path("chn/posix.fd.service"));
+    _exit(fds.connected() && fds.closedByServer(3000) ? 0 : 1);
+  }
+  int status = waitExit(stranger, 5000);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 // The multiplexed services of descriptions: a broken or misplaced frame closes only its link, a
@@ -165,7 +174,8 @@ TEST_F(RobustnessTest, ServicesOfDescriptionsRefuseBadFramesAndRequests) {
 
   auto seek = bindService(fd, PX_IFACE_SEEKABLE), resize = bindService(fd, PX_IFACE_RESIZABLE);
   auto pipeRead = bindService(fds[0], PX_IFACE_STREAM), status = bindService(fds[0], PX_IFACE_FIFO_STATUS);
-  ASSERT_TRUE(seek && resize && pipeRead && status);
+  auto socket = bindService(px_socket(), PX_IFACE_SOCKET);
+  ASSERT_TRUE(seek && resize && pipeRead && status && socket);
   std::vector<uint8_t> writeX;
   putU32(writeX, 0);
   writeX.push_back('x');
@@ -186,6 +196,10 @@ TEST_F(RobustnessTest, ServicesOfDescriptionsRefuseBadFramesAndRequests) {
       {pipeRead.get(), PX_STREAM_WRITE, writeX, PX_RESULT_DONE, 8},  // takes nothing...
       {status.get(), 1, {}, 4, 0},                                   // ...as a write on a read end
       {status.get(), 9, {}, 2, 0},
+      {socket.get(), 0, std::vector<uint8_t>(8), PX_RESULT_FAILED, 0},  // serves nothing at all
+      {socket.get(), 1, std::vector<uint8_t>(8), PX_RESULT_FAILED, 0},
+      {socket.get(), 4, {}, PX_RESULT_FAILED, 0},
+      {socket.get(), ~0u, {}, PX_RESULT_FAILED, 0},
   };
   for (const auto& r : requests) {
     SCOPED_TRACE(id);

@@ -26,6 +26,11 @@ class ServerLifeTest : public ServerFixture {
 };
 
 TEST_F(ServerLifeTest, SecondServerGivesUpAndSigtermRemovesTheFilesAndExitsZero) {
+  auto channels = [&] {
+    auto all = std::filesystem::directory_iterator(path("chn"));
+    return std::distance(begin(all), end(all));
+  };
+  const auto before = channels();
   pid_t second = launchServer(path("second.log"));
   ASSERT_GT(second, 0);
   int status = waitExit(second, 10000);
@@ -33,6 +38,7 @@ TEST_F(ServerLifeTest, SecondServerGivesUpAndSigtermRemovesTheFilesAndExitsZero)
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 255) << status;
   std::string text = hostRead(path("second.log"));
   EXPECT_NE(text.find("Could not accquire channel posix.service"), std::string::npos) << text;
+  EXPECT_EQ(channels(), before) << "the second server left a socket behind";
   // The first server keeps its channel and its files.
   px_fini();
   EXPECT_GE(px_getppid(), 0);
