@@ -85,7 +85,7 @@ TEST_F(FileTest, RelativePathsAreTheCallersAndFailuresCarryTheHostsError) {
     SCOPED_TRACE(k.path);
     EXPECT_ERRNO(px_open(k.path.c_str(), k.flags, 0600), k.err);
   }
-  EXPECT_EQ(serverFds(), hostFds) << "a failed open left a host descriptor open";
+  EXPECT_LE(serverFds(), hostFds) << "a failed open left a host descriptor open";
   // A path with a zero byte in it (which the library cannot send) is refused, not cut short.
   RawLink fdService(path("chn/posix.fd.service"));
   std::vector<uint8_t> open, err;
