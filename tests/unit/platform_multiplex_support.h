@@ -1,5 +1,5 @@
-// Test support for service multiplex tests: a service made of a function, an echo service, the
-// bind frame, and a fixture with a fresh multiplex on a private runtime directory.
+// Test support for service multiplex tests: a service made of a function, an echo service, a
+// bind that must be accepted, and a fixture with a fresh multiplex on a private runtime directory.
 #pragma once
 
 #include <gtest/gtest.h>
