@@ -3,6 +3,7 @@
 #   make test   build and pass every test (PRESET=asan or PRESET=tsan for the sanitizer runs)
 # and:
 #   make bench  build optimised and run the benchmarks against their Linux equivalents
+#   make stress build the server and run the stress tools against it (MINUTES=2 by default)
 
 PRESET ?= debug
 BUILD := build/$(PRESET)
@@ -29,6 +30,13 @@ bench:
 	@cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS) --target posix_bench
 	build/release/bench/posix_bench
+
+MINUTES ?= 2
+.PHONY: stress
+stress:
+	@cmake --preset $(PRESET) >/dev/null
+	cmake --build --preset $(PRESET) -j $(JOBS) --target posix-server
+	python3 tests/stress/run.py --server $(BUILD)/server/posix-server --minutes $(MINUTES)
 
 clean:
 	rm -rf build

@@ -63,6 +63,7 @@ TEST_F(FileTest, RelativePathsAreTheCallersAndFailuresCarryTheHostsError) {
   EXPECT_EQ(readUpTo(fd, 100), "relative");
 
   int before = px_fd_table(nullptr, 0);
+  int64_t hostFds = serverFds();
   struct Case {
     std::string path;
     int flags;
@@ -84,6 +85,17 @@ TEST_F(FileTest, RelativePathsAreTheCallersAndFailuresCarryTheHostsError) {
     SCOPED_TRACE(k.path);
     EXPECT_ERRNO(px_open(k.path.c_str(), k.flags, 0600), k.err);
   }
+  EXPECT_LE(serverFds(), hostFds) << "a failed open left a host descriptor open";
+  // A path with a zero byte in it (which the library cannot send) is refused, not cut short.
+  RawLink fdService(path("chn/posix.fd.service"));
+  std::vector<uint8_t> open, err;
+  putString(open, path("rel.txt") + std::string("\0.x", 3));
+  putU32(open, O_RDONLY);
+  putU32(err, EINVAL);
+  RawReply reply;
+  ASSERT_TRUE(fdService.roundTrip(4, 1, open, &reply));
+  EXPECT_EQ(reply.code, 7u);
+  EXPECT_EQ(reply.data, err);
   EXPECT_EQ(px_fd_table(nullptr, 0), before) << "a failed open took a number";
 }
 
@@ -156,7 +168,20 @@ TEST_F(FileTest, TruncateAndDescribeFollowTheOpenMode) {
   EXPECT_EQ(interfaceTypes(rec),
             (std::vector<uint64_t>{PX_IFACE_STREAM, PX_IFACE_STREAM_ADAPTER, PX_IFACE_SEEKABLE,
                                    PX_IFACE_RESIZABLE, PX_IFACE_FS_ITEM}));
+  // Only the bytes are read and written; every entry is on the description's one channel.
+  for (uint32_t i = 0; i < rec.entry_count; ++i) {
+    EXPECT_EQ(rec.entries[i].access, i == 0 ? PX_ACCESS_READ | PX_ACCESS_WRITE : PX_ACCESS_SERVICE);
+    EXPECT_EQ(rec.entries[i].channel, rec.entries[0].channel);
+  }
 
+  // A device seeks but is not resized; the flags are kept as they were asked for.
+  int dev = px_open("/dev/null", O_RDWR | O_APPEND, 0);
+  ASSERT_EQ(px_describe(dev, &info), 0) << strerror(errno);
+  EXPECT_EQ(info.type, PX_FD_KIND_CHAR_DEVICE);
+  EXPECT_EQ(info.open_flags, static_cast<uint32_t>(O_RDWR | O_APPEND));
+  ASSERT_TRUE(tableRecord(dev, &rec));
+  EXPECT_EQ(interfaceTypes(rec), (std::vector<uint64_t>{PX_IFACE_STREAM, PX_IFACE_STREAM_ADAPTER,
+                                                        PX_IFACE_SEEKABLE, PX_IFACE_FS_ITEM}));
   // A directory is an item of its own type that is not read as bytes.
   int dir = px_open(rt_.c_str(), O_RDONLY | O_DIRECTORY, 0);
   ASSERT_GE(dir, 0) << strerror(errno);
@@ -174,6 +199,10 @@ TEST_F(FileTest, TruncateAndDescribeFollowTheOpenMode) {
 TEST_F(FileTest, ReadOfAHostFifoWaitsBeyondOneSliceForData) {
   std::string p = path("fifo");
   ASSERT_EQ(mkfifo(p.c_str(), 0600), 0);
+  // Opening never waits, not even for a writer.
+  int64_t start = monotonicMs();
+  EXPECT_EQ(px_close(px_open(p.c_str(), O_RDONLY, 0)), 0);
+  EXPECT_LT(monotonicMs() - start, 1000);
   // The server holds both ends, so no end of file comes: the read waits for the writer.
   int fd = px_open(p.c_str(), O_RDWR, 0);
   ASSERT_GE(fd, 0) << strerror(errno);
@@ -184,7 +213,7 @@ TEST_F(FileTest, ReadOfAHostFifoWaitsBeyondOneSliceForData) {
     close(w);
   });
   char buf[16];
-  int64_t start = monotonicMs();
+  start = monotonicMs();
   ssize_t n = px_read(fd, buf, sizeof buf);
   int64_t took = monotonicMs() - start;
   writer.join();
@@ -192,6 +221,11 @@ TEST_F(FileTest, ReadOfAHostFifoWaitsBeyondOneSliceForData) {
   EXPECT_EQ(std::string(buf, 4), "late");
   EXPECT_GE(took, 1400);
   EXPECT_ERRNO(px_lseek(fd, 0, SEEK_CUR), ESPIPE);
+  px_fd_record rec;
+  ASSERT_TRUE(tableRecord(fd, &rec));
+  EXPECT_EQ(rec.type, PX_FD_KIND_OTHER);
+  EXPECT_EQ(interfaceTypes(rec), (std::vector<uint64_t>{PX_IFACE_STREAM, PX_IFACE_STREAM_ADAPTER,
+                                                        PX_IFACE_FS_ITEM}));
 }
 
 }  // namespace

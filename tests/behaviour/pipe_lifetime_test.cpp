@@ -1,11 +1,14 @@
 // How long pipe ends live: a pipe of the process service closes itself when its connections
-// go, and a client killed while its read or write waits in the server leaves no thread behind
-// and does not hold up the pipe or later ones.
+// go, and a client killed while its read or write of a pipe or host FIFO waits in the server
+// leaves no thread behind and does not hold up the pipe, its other readers or later pipes.
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <cstring>
 #include <filesystem>
+#include <functional>
 
 #include "server_fixture.h"
 
@@ -27,15 +30,17 @@ class PipeLifetimeTest : public ServerFixture {
   }
 
   // Starts the probe with `steps`, the last of which blocks, waits until it prints "blocking"
-  // and a little more (its call now waits in the server), kills it, and expects the server's
-  // threads back at `baseline`.
-  void killWhileBlocked(std::vector<std::string> steps, int64_t baseline) {
+  // and a little more (its call now waits in the server), runs `meanwhile`, kills the probe,
+  // and expects the server's threads back at `baseline`.
+  void killWhileBlocked(std::vector<std::string> steps, int64_t baseline,
+                        const std::function<void()>& meanwhile = [] {}) {
     OutputPipe out;
     steps.insert(steps.begin(), {"print", "blocking"});
     int64_t child = spawnProbe(steps, &out);
     ASSERT_GT(child, 0) << strerror(errno);
     ASSERT_EQ(out.expect("blocking"), "blocking");
     sleepMs(300);
+    meanwhile();
     ASSERT_EQ(kill(static_cast<pid_t>(child), SIGKILL), 0);
     EXPECT_EQ(collect(child), 128 + SIGKILL);
     EXPECT_LE(awaitThreadsAtMost(baseline, kSettleMs), baseline);
@@ -86,6 +91,7 @@ TEST_F(PipeLifetimeTest, PipesNobodyConnectsToAreBoundedAndGoWithTheirMaker) {
   px_fini();  // the process's only links are the raw ones below
   size_t before = channelFiles();
   int made = 0;
+  int64_t threads = -1, fds = -1;
   {
     RawLink link(path("chn/posix.service"));
     ASSERT_TRUE(link.connected());
@@ -93,14 +99,20 @@ TEST_F(PipeLifetimeTest, PipesNobodyConnectsToAreBoundedAndGoWithTheirMaker) {
     for (uint64_t id = 1; id <= 100; ++id) {
       ASSERT_TRUE(link.roundTrip(PX_CMD_CREATE_PIPE, id, {}, &reply));
       if (reply.code != PX_RESULT_DONE) break;
-      ++made;
+      if (++made == 1) {  // the first pipe brings the one acceptor of all multiplexes
+        threads = serverThreads();
+        fds = serverFds() - 2;  // without that pipe's two listening sockets
+      }
     }
     EXPECT_EQ(reply.code, PX_RESULT_LIMIT) << "a bound on pipes nobody connected to";
     EXPECT_EQ(made, 64);
     EXPECT_EQ(channelFiles(), before + 2 * static_cast<size_t>(made));
+    EXPECT_LE(serverThreads(), threads) << "a pipe nobody connects to costs no thread";
   }
-  // The link was the process's last: its record and the pipes it left waiting go.
+  // The link was the process's last: its record and the pipes it left waiting go, with every
+  // descriptor the server had for them.
   EXPECT_TRUE(eventually([&] { return channelFiles() == before; }, kSettleMs, 20));
+  EXPECT_TRUE(eventually([&] { return serverFds() <= fds; }, kSettleMs, 20)) << serverFds() << " > " << fds;
   expectWorkingPipe();
 }
 
@@ -121,7 +133,14 @@ TEST_F(PipeLifetimeTest, AReaderOrWriterKilledWhileBlockedLeavesNothingBehind) {
   int64_t baseline = serverThreads();
   ASSERT_GT(baseline, 0);
 
-  killWhileBlocked({"readn", std::to_string(fds[0]), "1"}, baseline);  // the pipe is empty
+  // The pipe is empty; a second reader that may not wait is answered at once meanwhile.
+  killWhileBlocked({"readn", std::to_string(fds[0]), "1"}, baseline, [&] {
+    ASSERT_EQ(px_set_nonblock(fds[0], 1), 0);
+    int64_t start = monotonicMs();
+    EXPECT_ERRNO(px_read(fds[0], buf, 1), EAGAIN);
+    EXPECT_LT(monotonicMs() - start, 900);
+    ASSERT_EQ(px_set_nonblock(fds[0], 0), 0);
+  });
   // The pipe still works for its other reader.
   EXPECT_EQ(px_write(fds[1], "after", 5), 5);
   EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 5);
@@ -135,6 +154,11 @@ TEST_F(PipeLifetimeTest, AReaderOrWriterKilledWhileBlockedLeavesNothingBehind) {
   EXPECT_EQ(px_write(fds[1], "more", 4), 4);
   EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 4);
   expectWorkingPipe();
+  // A host FIFO is read in slices too: a reader killed while it waits leaves nothing behind.
+  ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
+  int fifo = px_open(path("fifo").c_str(), O_RDWR, 0);
+  ASSERT_GE(fifo, 0) << strerror(errno);
+  killWhileBlocked({"readn", std::to_string(fifo), "1"}, serverThreads());
 }
 
 }  // namespace

@@ -1,9 +1,10 @@
 // Pipes and descriptors within one process: bytes and end-of-file, the wrong end, non-blocking
-// reads, a blocked reader woken by the writer's close, and the numbering rules of dup.
+// calls, blocked calls woken by the other end's close, and the numbering rules of dup.
 #include <errno.h>
 
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <thread>
 
 #include "server_fixture.h"
@@ -44,32 +45,46 @@ TEST_F(PipeLocalTest, NonBlockingCallsAnswerAtOnce) {
   char buf[8192];
   int64_t start = monotonicMs();
   EXPECT_ERRNO(px_read(fds[0], buf, sizeof buf), EAGAIN);
-  // A full pipe takes 4096 bytes; a non-blocking write beyond that answers what fit.
+  // A pipe takes 4096 bytes; a non-blocking write of more answers what fit.
   std::memset(buf, 'a', sizeof buf);
-  EXPECT_EQ(px_write(fds[1], buf, 4096), 4096);
+  EXPECT_EQ(px_write(fds[1], buf, 5000), 4096);
   EXPECT_ERRNO(px_write(fds[1], buf, 100), EAGAIN);
   EXPECT_LT(monotonicMs() - start, 900) << "non-blocking calls waited";
   EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 4096);
 }
 
-TEST_F(PipeLocalTest, BlockedReaderIsWokenByTheWritersClose) {
-  int fds[2];
-  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
+// Runs `call` on a thread, closes `fd` after `afterMs` while the call still waits, and answers
+// what the call answered (its errno in `err`); the call must end within 1.5 s of the close.
+ssize_t wokenByClose(const std::function<ssize_t()>& call, int fd, int afterMs, int* err) {
   std::atomic<ssize_t> result{-2};
   std::atomic<int64_t> endedAt{0};
-  std::thread reader([&] {
-    char buf[16];
-    result = px_read(fds[0], buf, sizeof buf);
+  std::thread waiter([&] {
+    ssize_t r = call();
+    *err = errno;
     endedAt = monotonicMs();
+    result = r;
   });
-  // Long enough for the read to be waiting in the server for more than one slice.
-  sleepMs(1500);
-  EXPECT_EQ(result.load(), -2) << "the read did not wait";
+  sleepMs(afterMs);
+  EXPECT_EQ(result.load(), -2) << "the call did not wait";
   int64_t closedAt = monotonicMs();
-  ASSERT_EQ(px_close(fds[1]), 0);
-  reader.join();
-  EXPECT_EQ(result.load(), 0);
+  EXPECT_EQ(px_close(fd), 0);
+  waiter.join();
   EXPECT_LT(endedAt.load() - closedAt, 1500);
+  return result;
+}
+
+TEST_F(PipeLocalTest, BlockedCallsAreWokenByTheOtherEndsClose) {
+  int fds[2], err = 0;
+  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
+  char buf[16];
+  // Long enough for the read to be waiting in the server for more than one slice.
+  EXPECT_EQ(wokenByClose([&] { return px_read(fds[0], buf, sizeof buf); }, fds[1], 1500, &err), 0);
+  // A writer waiting for room gets EPIPE when the last reader goes.
+  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
+  const std::string full(4096, 'f');
+  ASSERT_EQ(px_write(fds[1], full.data(), full.size()), 4096);
+  EXPECT_EQ(wokenByClose([&] { return px_write(fds[1], "x", 1); }, fds[0], 300, &err), -1);
+  EXPECT_EQ(err, EPIPE);
 }
 
 TEST_F(PipeLocalTest, DupFollowsTheNumberingRules) {

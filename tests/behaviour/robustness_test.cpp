@@ -1,14 +1,19 @@
 // Robustness of the server against bad and greedy clients: malformed and oversize frames,
-// wrong requests and absurd counts, a client that never reads, a client killed with requests
-// kept, and a full descriptor table.
+// wrong requests and absurd counts on every kind of channel, a client that never reads, a
+// client killed with requests kept, and a full descriptor table.
 #include <errno.h>
+#include <fcntl.h>
+#include <inttypes.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstring>
 #include <thread>
 
+#include "posix/fs_item.h"
+#include "posix/nodes.h"
 #include "posix/wire.h"
 #include "posix_client.h"
 #include "raw_link.h"
@@ -51,7 +56,9 @@ TEST_F(RobustnessTest, MalformedAndOversizeFramesCloseOnlyTheirLink) {
       trailing,                                      // bytes after the frame
       frameHeader(PX_FRAME_REQUEST, kAsk, 1, 0, 1),  // a block that is not there
       blockPastEnd,                                  // a block past the end
+      frameHeader(PX_FRAME_REQUEST, kAsk, 1, 0, ~0u),  // a block count that cannot fit
       frameHeader(PX_FRAME_REPLY, 1, 1),             // not a request
+      frameHeader(PX_FRAME_BIND, 0, 1),              // a bind on a plain channel
       frameHeader(7, 1, 1),                          // no such kind
       requestFrame(kAsk, 1, largest),                // one byte over the largest
   };
@@ -110,6 +117,100 @@ TEST_F(RobustnessTest, WellFormedButWrongRequestsAreAnsweredQuicklyOnAnOpenLink)
   int64_t child = spawnProbe({"exit", "1"});
   ASSERT_GT(child, 0);
   EXPECT_EQ(collect(child), 1);
+  // A process the server does not know gets no link to the descriptor service.
+  pid_t stranger = fork();
+  if (stranger == 0) {
+    RawLink fds(path("chn/posix.fd.service"));
+    _exit(fds.connected() && fds.closedByServer(3000) ? 0 : 1);
+  }
+  int status = waitExit(stranger, 5000);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+// The multiplexed services of descriptions: a broken or misplaced frame closes only its link, a
+// bind to no such service is answered 0 and closed, and short, unknown or misdirected requests
+// are refused without touching the item.
+TEST_F(RobustnessTest, ServicesOfDescriptionsRefuseBadFramesAndRequests) {
+  std::string p = hostFile("data", std::string(70000, 'd'));
+  int fd = px_open(p.c_str(), O_RDWR, 0), fds[2];
+  ASSERT_GE(fd, 0) << strerror(errno);
+  ASSERT_EQ(px_pipe(fds), 0);
+  std::unique_ptr<RawLink> stream = bindService(fd, PX_IFACE_STREAM);
+  ASSERT_TRUE(stream);
+  px_fd_record rec;
+  ASSERT_TRUE(tableRecord(fd, &rec));
+  char channel[17];
+  snprintf(channel, sizeof channel, "%016" PRIx64, rec.entries[0].channel);
+  std::vector<uint8_t> lying = requestFrame(PX_STREAM_READ, 1, {1, 2, 3}), bindData = frameHeader(PX_FRAME_BIND, 0, 1, 1);
+  lying[16] = 200;  // data length beyond the datagram
+  bindData.push_back(0);
+  const std::pair<bool, std::vector<uint8_t>> frames[] = {
+      {false, requestFrame(PX_STREAM_READ, 1)},        // a request before any bind
+      {false, frameHeader(PX_FRAME_BIND, 4, 1)},       // a bind with a code
+      {false, bindData},                               // a bind with data
+      {false, frameHeader(PX_FRAME_BIND, 0, 99)},      // a bind to no such service
+      {true, frameHeader(PX_FRAME_REPLY, 0, 1)},       // a reply from the client
+      {true, frameHeader(PX_FRAME_BIND, 0, 1)},        // a second bind
+      {true, lying},
+      {true, std::vector<uint8_t>(PX_WIRE_MAX_FRAME + 1, 0)},
+  };
+  std::vector<uint8_t> readAll;
+  putU64(readAll, ~uint64_t{0});
+  putU32(readAll, 0);
+  RawReply reply;
+  uint64_t id = 1;
+  for (const auto& [bindFirst, bytes] : frames) {
+    SCOPED_TRACE(id);
+    auto link = bindFirst ? bindService(fd, PX_IFACE_STREAM)
+                          : std::make_unique<RawLink>(path(std::string("chn/") + channel));
+    ASSERT_TRUE(link && link->send(bytes));
+    EXPECT_TRUE(link->closedByServer(3000));
+    // The healthy link goes on; a read never answers more than 64 KiB, whatever it asks for.
+    ASSERT_TRUE(stream->roundTrip(PX_STREAM_READ, id++, readAll, &reply));
+    EXPECT_EQ(reply.code, PX_RESULT_DONE);
+    EXPECT_EQ(reply.data.size(), PX_STREAM_MAX_READ);
+    ASSERT_EQ(px_lseek(fd, 0, SEEK_SET), 0);
+  }
+
+  auto seek = bindService(fd, PX_IFACE_SEEKABLE), resize = bindService(fd, PX_IFACE_RESIZABLE);
+  auto pipeRead = bindService(fds[0], PX_IFACE_STREAM), status = bindService(fds[0], PX_IFACE_FIFO_STATUS);
+  auto socket = bindService(px_socket(), PX_IFACE_SOCKET);
+  ASSERT_TRUE(seek && resize && pipeRead && status && socket);
+  std::vector<uint8_t> writeX;
+  putU32(writeX, 0);
+  writeX.push_back('x');
+  const struct {
+    RawLink* link;
+    uint32_t code;
+    std::vector<uint8_t> data;
+    uint32_t result;
+    size_t replyBytes;
+  } requests[] = {
+      {stream.get(), PX_STREAM_READ, std::vector<uint8_t>(11), PX_RESULT_SHORT_REQUEST, 0},
+      {stream.get(), PX_STREAM_WRITE, std::vector<uint8_t>(3), PX_RESULT_SHORT_REQUEST, 0},
+      {stream.get(), 3, {}, PX_RESULT_FAILED, 0},
+      {seek.get(), PX_SEEK_CMD_SEEK, std::vector<uint8_t>(7), PX_ITEM_RESULT_SHORT, 0},
+      {resize.get(), PX_RESIZE_CMD_RESIZE, std::vector<uint8_t>(3), PX_ITEM_RESULT_SHORT, 0},
+      {seek.get(), PX_RESIZE_CMD_SIZE, {}, PX_RESULT_FAILED, 0},  // the other's numbering
+      {resize.get(), PX_SEEK_CMD_POSITION, {}, PX_RESULT_FAILED, 0},
+      {pipeRead.get(), PX_STREAM_WRITE, writeX, PX_RESULT_DONE, 8},  // takes nothing...
+      {status.get(), 1, {}, 4, 0},                                   // ...as a write on a read end
+      {status.get(), 9, {}, 2, 0},
+      {socket.get(), 0, std::vector<uint8_t>(8), PX_RESULT_FAILED, 0},  // serves nothing at all
+      {socket.get(), 1, std::vector<uint8_t>(8), PX_RESULT_FAILED, 0},
+      {socket.get(), 4, {}, PX_RESULT_FAILED, 0},
+      {socket.get(), ~0u, {}, PX_RESULT_FAILED, 0},
+  };
+  for (const auto& r : requests) {
+    SCOPED_TRACE(id);
+    ASSERT_TRUE(r.link->roundTrip(r.code, id++, r.data, &reply));
+    EXPECT_EQ(reply.code, r.result);
+    EXPECT_EQ(reply.data, std::vector<uint8_t>(r.replyBytes, 0));
+  }
+  px_item_info info;
+  ASSERT_EQ(px_describe(fd, &info), 0);
+  EXPECT_EQ(info.size, 70000);
+  EXPECT_EQ(px_lseek(fd, 0, SEEK_CUR), 0);
 }
 
 TEST_F(RobustnessTest, ClientThatNeverReadsDoesNotStallOthers) {

@@ -183,6 +183,12 @@ int64_t ServerFixture::serverThreads() {
   return heapStats(&stats) ? static_cast<int64_t>(stats.threads) : -1;
 }
 
+int64_t ServerFixture::serverFds() const {
+  std::error_code ec;
+  auto fds = std::filesystem::directory_iterator("/proc/" + std::to_string(server_) + "/fd", ec);
+  return ec ? -1 : std::distance(begin(fds), end(fds));
+}
+
 int64_t ServerFixture::awaitThreadsAtMost(int64_t count, int timeoutMs) {
   int64_t seen = -1;
   eventually([&] { return (seen = serverThreads()) <= count; }, timeoutMs, 50);

@@ -109,6 +109,8 @@ class ServerFixture : public ::testing::Test {
   bool heapStats(HeapStats* out, int timeoutMs = 5000);
   // The server's thread count, or -1 when it did not tell.
   int64_t serverThreads();
+  // The number of descriptors the server has open, or -1.
+  int64_t serverFds() const;
   // Waits until the server's thread count is at most `count`; the last count seen.
   int64_t awaitThreadsAtMost(int64_t count, int timeoutMs = 10000);
 

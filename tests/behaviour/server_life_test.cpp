@@ -1,4 +1,5 @@
-// The server's life on its runtime directory: one server per directory, clean shutdown.
+// The server's life on its runtime directory: one server per directory, its node, clean
+// shutdown, and a new server after one that was killed.
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -7,6 +8,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "posix/nodes.h"
 #include "server_fixture.h"
 
 namespace {
@@ -46,6 +48,14 @@ TEST_F(ServerLifeTest, SecondServerGivesUpAndSigtermRemovesTheFilesAndExitsZero)
   EXPECT_GE(px_getppid(), 0);
   EXPECT_EQ(px_server_pid(), server_);
   EXPECT_TRUE(filesExist());
+  // The server's node, reached through the root's entry tmp: one entry naming posix.service.
+  std::vector<uint8_t> node;
+  putU32(node, 1);
+  std::string channel = std::filesystem::read_symlink(path("chn/posix.service")).filename();
+  for (uint64_t v : {uint64_t{PX_IFACE_POSIX_SERVICE}, uint64_t{std::stoull(channel, nullptr, 16)},
+                     uint64_t{0}, uint64_t{0}, uint64_t{PX_ACCESS_SERVICE}, uint64_t{0}})
+    putU64(node, v);
+  EXPECT_EQ(hostRead(path("root/tmp/.PosixService")), std::string(node.begin(), node.end()));
 
   // A client with kept requests does not hold the shutdown up.
   int sig = 0;

@@ -45,13 +45,22 @@ void announce() {
 
 }  // namespace
 
-// Outside the anonymous namespace so that the symbol keeps a plain name for addr2line. The
-// store is written in assembly so that no sanitizer check stands in front of the fault. The
-// local gives the function a stack frame: an optimising compiler leaves a leaf function
-// without one its frame pointer untouched, and the walk would then skip the caller.
+// Outside the anonymous namespace so that the symbol keeps a plain name for addr2line. It loads
+// a marker into every general register but rsp and rbp (0x1a rax, 0x1b rbx, 0x1c rcx, 0x1d rdx,
+// 0x51 rsi, 0xd1 rdi, 0x108 to 0x115 r8 to r15), then stores to address 0; in assembly, so that
+// no sanitizer check stands in front of the fault. The local gives the function a stack frame:
+// an optimising compiler leaves a leaf function without one its frame pointer untouched, and
+// the walk would then skip the caller.
 [[gnu::noinline]] void crashProbeNullWrite() {
   volatile int value = 1;
-  asm volatile("movl %0, 0" ::"r"(value) : "memory");
+  (void)value;
+  asm volatile(
+      "movq $0x1a, %%rax\n\tmovq $0x1b, %%rbx\n\tmovq $0x1c, %%rcx\n\tmovq $0x1d, %%rdx\n\t"
+      "movq $0x51, %%rsi\n\tmovq $0xd1, %%rdi\n\tmovq $0x108, %%r8\n\tmovq $0x109, %%r9\n\t"
+      "movq $0x110, %%r10\n\tmovq $0x111, %%r11\n\tmovq $0x112, %%r12\n\tmovq $0x113, %%r13\n\t"
+      "movq $0x114, %%r14\n\tmovq $0x115, %%r15\n\tmovl $1, 0\n\t" ::
+          : "rax", "rbx", "rcx", "rdx", "rsi", "rdi", "r8", "r9", "r10", "r11", "r12", "r13",
+            "r14", "r15", "memory");
 }
 
 // Allocates after the heap was told to refuse: the heap wrapper divides by zero.

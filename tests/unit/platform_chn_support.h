@@ -17,9 +17,9 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
-#include <memory>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -32,29 +32,21 @@ namespace chntest {
 
 using Bytes = std::vector<uint8_t>;
 
-// Calls `visit` for each entry of a directory such as /proc/self/task; entries that vanish
-// meanwhile are skipped.
-inline void forEachEntry(const std::string& dir,
-                         const std::function<void(const std::filesystem::path&)>& visit) {
-  std::error_code error;
-  for (auto it = std::filesystem::directory_iterator(dir, error);
-       !error && it != std::filesystem::directory_iterator(); it.increment(error))
-    visit(it->path());
-}
-
 // Threads of this process named `name` (platform threads carry their role's name). Read with
 // read(2): a thread that ends between open and read makes the read fail, which a stream would
 // turn into an exception.
 inline int threadsNamed(const std::string& name) {
   int count = 0;
-  forEachEntry("/proc/self/task", [&](const std::filesystem::path& task) {
-    int fd = ::open((task / "comm").c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return;
+  std::error_code error;
+  for (auto it = std::filesystem::directory_iterator("/proc/self/task", error);
+       !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
+    int fd = ::open((it->path() / "comm").c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) continue;
     char text[32];
     ssize_t n = ::read(fd, text, sizeof text);
     ::close(fd);
     if (n > 0 && std::string(text, static_cast<size_t>(n)) == name + "\n") ++count;
-  });
+  }
   return count;
 }
 
@@ -76,14 +68,13 @@ class EnvScope {
   bool had_ = false;
 };
 
-// A fresh directory under /tmp; empty when none could be made.
 inline std::string makeTempDir() {
   char pattern[] = "/tmp/ipc-test-XXXXXX";
   const char* made = ::mkdtemp(pattern);
   return made ? made : "";
 }
 
-// POSIX_RUNTIME_DIR points at a fresh directory for the scope's life.
+// POSIX_RUNTIME_DIR points at a fresh directory under /tmp for the scope's life.
 class RuntimeDirScope {
  public:
   RuntimeDirScope() : dir_(makeTempDir()), env_("POSIX_RUNTIME_DIR", dir_.c_str()) {}
@@ -116,18 +107,13 @@ inline uint64_t getU64(const uint8_t* p) {
   return getU32(p) | static_cast<uint64_t>(getU32(p + 4)) << 32;
 }
 
-struct Block {
-  uint32_t kind;
-  Bytes bytes;
-  bool operator==(const Block&) const = default;
-};
-
+// A frame without its typed blocks (a reply's blocks are checked for their length, then
+// skipped).
 struct Frame {
   uint32_t kind = 0;
   uint32_t code = 0;
   uint64_t id = 0;
   Bytes data;
-  std::vector<Block> blocks;
 };
 
 inline Bytes encode(const Frame& f) {
@@ -136,13 +122,8 @@ inline Bytes encode(const Frame& f) {
   putU32(out, f.code);
   putU64(out, f.id);
   putU32(out, static_cast<uint32_t>(f.data.size()));
-  putU32(out, static_cast<uint32_t>(f.blocks.size()));
+  putU32(out, 0);
   out.insert(out.end(), f.data.begin(), f.data.end());
-  for (const Block& b : f.blocks) {
-    putU32(out, b.kind);
-    putU32(out, static_cast<uint32_t>(b.bytes.size()));
-    out.insert(out.end(), b.bytes.begin(), b.bytes.end());
-  }
   return out;
 }
 
@@ -155,21 +136,15 @@ inline bool parse(const Bytes& raw, Frame* f) {
   uint64_t dataLen = getU32(raw.data() + 16), count = getU32(raw.data() + 20), pos = 24;
   if (dataLen > raw.size() - pos) return false;
   f->data.assign(raw.begin() + 24, raw.begin() + 24 + dataLen);
-  pos += dataLen;
-  f->blocks.clear();
-  for (uint64_t i = 0; i < count; ++i) {
-    if (raw.size() - pos < 8) return false;
-    uint32_t kind = getU32(raw.data() + pos), length = getU32(raw.data() + pos + 4);
-    pos += 8;
-    if (length > raw.size() - pos) return false;
-    f->blocks.push_back({kind, Bytes(raw.begin() + pos, raw.begin() + pos + length)});
-    pos += length;
+  for (pos += dataLen; count > 0; --count) {
+    if (raw.size() - pos < 8 || getU32(raw.data() + pos + 4) > raw.size() - pos - 8) return false;
+    pos += 8 + getU32(raw.data() + pos + 4);
   }
   return pos == raw.size();
 }
 
-inline Frame request(uint32_t code, uint64_t id, Bytes data = {}, std::vector<Block> blocks = {}) {
-  return Frame{1, code, id, std::move(data), std::move(blocks)};
+inline Frame request(uint32_t code, uint64_t id, Bytes data = {}) {
+  return Frame{1, code, id, std::move(data)};
 }
 
 // A raw client link.
@@ -182,7 +157,6 @@ class Client {
   Client& operator=(const Client&) = delete;
 
   bool connected() const { return fd_ >= 0; }
-  int fd() const { return fd_; }
   bool sendRaw(const Bytes& bytes) {
     return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
   }
@@ -217,27 +191,34 @@ class Client {
   int fd_;
 };
 
-// A client whose socket was made beforehand and connected to `path` while the process could not
-// make a single new descriptor (the soft limit at the lowest free number); `starved` runs before
-// the limit is lifted. Null when the socket could not be made or connected.
-inline std::unique_ptr<Client> connectStarved(const std::string& path,
-                                              const std::function<void()>& starved) {
-  int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+// Clients whose sockets were made beforehand and connected to `paths` while the process could
+// not make a single new descriptor (the soft limit at the lowest free number); `starved` runs
+// before the limit is lifted. Empty when a socket could not be made or connected.
+inline std::vector<std::unique_ptr<Client>> connectStarved(const std::vector<std::string>& paths,
+                                                           const std::function<void()>& starved) {
+  std::vector<std::unique_ptr<Client>> clients;
+  std::vector<int> fds;
+  for (size_t i = 0; i < paths.size(); ++i) {
+    fds.push_back(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    clients.push_back(std::make_unique<Client>(fds.back()));
+  }
   rlimit saved{};
-  if (fd < 0 || ::getrlimit(RLIMIT_NOFILE, &saved) != 0) return nullptr;
-  auto client = std::make_unique<Client>(fd);
-  int lowestFree = ::dup(fd);
+  int lowestFree = fds.empty() ? -1 : ::dup(fds[0]);
   ::close(lowestFree);
+  if (lowestFree < 0 || ::getrlimit(RLIMIT_NOFILE, &saved) != 0) return {};
   rlimit tight = saved;
   tight.rlim_cur = static_cast<rlim_t>(lowestFree);
-  if (lowestFree < 0 || ::setrlimit(RLIMIT_NOFILE, &tight) != 0) return nullptr;
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  if (::setrlimit(RLIMIT_NOFILE, &tight) != 0) return {};
+  bool connected = true;
+  for (size_t i = 0; i < paths.size(); ++i) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, paths[i].c_str(), sizeof address.sun_path - 1);
+    connected = connected && ::connect(fds[i], reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  }
   starved();
   ::setrlimit(RLIMIT_NOFILE, &saved);
-  return connected ? std::move(client) : nullptr;
+  return connected ? std::move(clients) : std::vector<std::unique_ptr<Client>>{};
 }
 
 // Waits up to `ms` for `done`, checking every few milliseconds.
@@ -264,7 +245,6 @@ class RecordingConMan : public Object, public ConMan {
   }
   size_t connectCount() { std::lock_guard lock(mutex); return connects.size(); }
   size_t disconnectCount() { std::lock_guard lock(mutex); return disconnects.size(); }
-  Ref<ChnLink> connected(size_t i) { std::lock_guard lock(mutex); return connects.at(i); }
   bool wasDisconnected(const Ref<ChnLink>& link) {
     std::lock_guard lock(mutex);
     for (auto& l : disconnects) if (l.get() == link.get()) return true;
@@ -281,9 +261,7 @@ class RecordingConMan : public Object, public ConMan {
 class Server {
  public:
   explicit Server(Ref<Chn> chn) : chn_(std::move(chn)), thread_([this] { run(); }) {}
-  ~Server() { stop(); }
-  void stop() {
-    if (!thread_.joinable()) return;
+  ~Server() {
     chn_->close();
     thread_.join();
   }
@@ -295,8 +273,6 @@ class Server {
     queue_.pop_front();
     return msg;
   }
-  bool ended() { std::lock_guard lock(mutex_); return ended_; }
-  const Ref<Chn>& chn() const { return chn_; }
 
  private:
   void run() {
@@ -305,34 +281,12 @@ class Server {
       queue_.push_back(msg);
       cond_.notify_all();
     }
-    std::lock_guard lock(mutex_);
-    ended_ = true;
   }
   Ref<Chn> chn_;
   std::mutex mutex_;
   std::condition_variable cond_;
   std::deque<Ref<InMsg>> queue_;  // guarded by mutex_
-  bool ended_ = false;            // guarded by mutex_
   std::thread thread_;
-};
-
-// A channel in a private runtime directory, served by a Server, with a recording manager.
-class ServedChannelTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    man = new RecordingConMan();
-    chn = Chn::create(man);
-    ASSERT_TRUE(chn);
-    server = std::make_unique<Server>(chn);
-  }
-  void TearDown() override { server.reset(); }
-
-  std::string path() const { return chnPath(chn->id()); }
-
-  RuntimeDirScope rt;
-  Ref<RecordingConMan> man;
-  Ref<Chn> chn;
-  std::unique_ptr<Server> server;
 };
 
 }  // namespace chntest

@@ -1,5 +1,5 @@
-// Test support for service multiplex tests: a service made of a function, an echo service, the
-// bind frame, and a fixture with a fresh multiplex on a private runtime directory.
+// Test support for service multiplex tests: a service made of a function, an echo service, a
+// bind that must be accepted, and a fixture with a fresh multiplex on a private runtime directory.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,17 +17,16 @@ namespace muxtest {
 using chntest::Bytes;
 using chntest::Client;
 using chntest::Frame;
-using chntest::RuntimeDirScope;
 using Libraries::Service::Multiplex;
 
-// A service whose handle is a function; it checks that the multiplex passes no extras.
+// A service whose handle is a function.
 using Handler = std::function<bool(const Ref<InMsg>&, const Ref<OutMsg>&, uint32_t*)>;
 class FnService : public Object, public Interfaces::Service {
  public:
   explicit FnService(Handler h) : handler_(std::move(h)) {}
-  bool handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t* ret, uint64_t value,
-              Ref<Object>* extra) override {
-    return value != 0 || extra != nullptr || handler_(in, out, ret);  // extras: status 0
+  bool handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t* ret, uint64_t,
+              Ref<Object>*) override {
+    return handler_(in, out, ret);
   }
   bool isBound() override { return true; }
   uint32_t unbind(Ref<Object>) override { return 0; }
@@ -37,25 +36,21 @@ class FnService : public Object, public Interfaces::Service {
   Handler handler_;
 };
 
-// Answers status tag*1000 + code, data = tag and the request's data, the blocks unchanged.
+// Answers status tag*1000 + code, data = tag and the request's data.
 inline Ref<FnService> echo(uint32_t tag) {
   return new FnService([tag](const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t* ret) {
     out->write(&tag, sizeof tag);
     Bytes data(in->remaining());
     if (!data.empty()) out->write(data.data(), in->read(data.data(), data.size()));
-    for (uint32_t i = 0; i < in->blockCount(); ++i)
-      out->addBlock(in->block(i).kind, in->block(i).data, in->block(i).length);
     *ret = tag * 1000 + in->code();
     return true;
   });
 }
 
-inline Frame bind(uint64_t serviceId) { return Frame{PX_FRAME_BIND, 0, serviceId, {}, {}}; }
-
 // Binds `client` to `serviceId`: true when the bind is answered as accepted.
 inline bool binds(Client& client, uint64_t serviceId, int timeoutMs = 5000) {
   Frame f;
-  return client.send(bind(serviceId)) && client.recvFrame(&f, timeoutMs) &&
+  return client.send(Frame{PX_FRAME_BIND, 0, serviceId, {}}) && client.recvFrame(&f, timeoutMs) &&
          f.kind == PX_FRAME_REPLY && f.id == serviceId && f.code == 1u;
 }
 
@@ -72,14 +67,8 @@ class MultiplexTest : public ::testing::Test {
     if (mux) mux->close();
     EXPECT_TRUE(!mux || mux->wait(5000));
   }
-  // A client bound to `serviceId`; checks the bind reply.
-  std::unique_ptr<Client> bound(uint64_t serviceId) {
-    auto client = std::make_unique<Client>(path);
-    EXPECT_TRUE(binds(*client, serviceId));
-    return client;
-  }
 
-  RuntimeDirScope rt;
+  chntest::RuntimeDirScope rt;
   std::string name;
   Ref<Multiplex> mux;
   std::string path;

@@ -1,5 +1,7 @@
-// Processes, programs and shared memory of the hosted platform, on a private runtime directory.
-#include <fcntl.h>
+// Processes and programs of the hosted platform where only a unit test reaches: a name that
+// holds parentheses, pids that would signal groups, the PATH search and the environment handed
+// over. (Stop, continue and kill, exit codes and signal dispositions, waits of concurrent
+// programs, standard files and shared memory: the behaviour tests.)
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -8,7 +10,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cinttypes>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -33,12 +34,6 @@ std::string readAll(const std::string& path) {
 void writeFile(const std::string& path, const std::string& text, mode_t mode = 0600) {
   std::ofstream(path) << text;
   chmod(path.c_str(), mode);
-}
-
-bool isStopped(uint64_t pid) {
-  std::string stat = readAll("/proc/" + std::to_string(pid) + "/stat");
-  size_t close = stat.rfind(')');
-  return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] == 'T';
 }
 
 class ProcTest : public ::testing::Test {
@@ -84,27 +79,6 @@ TEST_F(ProcTest, InfoOfSelfParsesNameAfterTheLastParenthesis) {
   EXPECT_GE(info->threadCount(), 2u);
 }
 
-TEST_F(ProcTest, InfoStopContinueAndKillOfAChild) {
-  uint64_t pid = start({"/bin/sleep", "30"});
-  ASSERT_NE(pid, 0u);
-  Ref<ProcInfo> info = Proc::info(pid);
-  ASSERT_TRUE(info);
-  EXPECT_STREQ(info->name()->c_str(), "sleep");
-  EXPECT_EQ(info->parentPid(), Proc::current());
-  EXPECT_EQ(info->level(), getuid() == 0 ? 1u : 0u);
-  EXPECT_EQ(info->threadCount(), 1u);
-
-  EXPECT_TRUE(Proc::stop(pid));
-  EXPECT_TRUE(chntest::eventually([&] { return isStopped(pid); }));
-  EXPECT_TRUE(Proc::cont(pid));
-  EXPECT_TRUE(chntest::eventually([&] { return !isStopped(pid); }));
-  EXPECT_TRUE(Proc::terminate(pid));
-  EXPECT_EQ(Proc::wait(), 128u + SIGKILL);
-  EXPECT_FALSE(Proc::info(pid));  // reaped: /proc/<pid> is gone
-  EXPECT_FALSE(Proc::terminate(pid));
-  EXPECT_EQ(Error::get(), static_cast<uint32_t>(ESRCH));
-}
-
 TEST_F(ProcTest, PidsThatWouldSignalGroupsAreRefused) {
   const uint64_t zeroAsPid = uint64_t{1} << 32;  // truncates to pid 0
   EXPECT_FALSE(Proc::info(0));
@@ -126,31 +100,6 @@ TEST_F(ProcTest, PidsThatWouldSignalGroupsAreRefused) {
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
-}
-
-// Signals the server ignores or blocks are not inherited: the child dies of its own SIGTERM.
-TEST_F(ProcTest, WaitAnswersExitCodesAndSignalsOfThisThreadsProgramsOnly) {
-  EXPECT_EQ(run({"/bin/sh", "-c", "exit 7"}), 7u);
-  EXPECT_EQ(Proc::wait(), 0xFFFFFFFFu);  // already collected
-
-  ASSERT_NE(start({"/bin/sh", "-c", "kill -9 $$"}), 0u);
-  uint32_t elsewhere = 0;
-  std::thread([&] { elsewhere = Proc::wait(); }).join();
-  EXPECT_EQ(elsewhere, 0xFFFFFFFFu);  // that thread started nothing
-  EXPECT_EQ(Proc::wait(), 137u);
-
-  struct sigaction ignore = {}, old = {};
-  ignore.sa_handler = SIG_IGN;
-  sigaction(SIGTERM, &ignore, &old);
-  sigset_t term, oldMask;
-  sigemptyset(&term);
-  sigaddset(&term, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &term, &oldMask);
-  uint64_t pid = start({"/bin/sh", "-c", "kill -TERM $$; exit 3"});
-  pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
-  sigaction(SIGTERM, &old, nullptr);
-  ASSERT_NE(pid, 0u);
-  EXPECT_EQ(Proc::wait(), 128u + SIGTERM);
 }
 
 // Earlier PATH entries hold a non-executable file and a directory of the program's name; the
@@ -203,31 +152,6 @@ TEST_F(ProcTest, EnvironmentAndStandardFilesAreTheOnesHandedOver) {
                 {{"PATH", "/usr/bin:/bin"}, {"POSIX_STDOUT", out}}),
             0u);
   EXPECT_EQ(readAll(out), "/dev/null\n");
-}
-
-TEST_F(ProcTest, SharedMemoryObjectsLiveInTheRuntimeDirectory) {
-  Ref<SharedMemory> made = ShMem::create(4096);
-  ASSERT_TRUE(made);
-  ShMemID id = made->id();
-  EXPECT_EQ(id.size, 4096u);
-  char name[32];
-  snprintf(name, sizeof name, "/shm/%016" PRIx64, id.id);
-  struct stat st;
-  ASSERT_EQ(stat((rt_ + name).c_str(), &st), 0) << name;
-  EXPECT_EQ(st.st_size, 4096);
-  EXPECT_EQ(st.st_mode & 0777, 0600u);
-  Ref<SharedMemory> other = ShMem::create(16);
-  EXPECT_TRUE(other && other->id().id != id.id);
-
-  Ref<SharedMemory> opened = ShMem::open(id);
-  ASSERT_TRUE(opened);
-  EXPECT_EQ(opened->id().id, id.id);
-  EXPECT_TRUE(opened->grant(1));
-  EXPECT_FALSE(ShMem::open(ShMemID{0, 4096}));
-  unlink((rt_ + name).c_str());
-  Error::set(0);
-  EXPECT_FALSE(ShMem::open(id));
-  EXPECT_EQ(Error::get(), static_cast<uint32_t>(ENOENT));
 }
 
 }  // namespace
