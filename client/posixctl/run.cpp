@@ -144,7 +144,10 @@ int cmdRun(const std::vector<std::string>& args) {
   }
   if (i >= args.size()) return usage("run: no program given");
 
-  if (answeringServer() == 0) {
+  int serverErr = 0;
+  if (answeringServer(&serverErr) == 0) {
+    // A runtime directory or server we may not trust is no reason to start another one.
+    if (serverErr == EACCES) return callFailure("run", serverErr);
     fprintf(stderr, "posixctl: no server answers on %s; starting one\n", px_runtime_dir());
     int rc = startServer("", true);
     if (rc != kExitOk) return rc;
