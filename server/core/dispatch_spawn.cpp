@@ -1,22 +1,32 @@
 // Starting programs through "posix.service". The counts in a spawn request are checked against
 // what the request can still hold (a string takes at least 4 bytes, an environment pair 8)
-// before anything is allocated for them: a larger count is a short request, answered 0.
+// before anything is allocated for them: a larger count is a short request, answered 0. A
+// string with a zero byte inside (path, argument, environment name or value) is refused too:
+// the host would see only the part before it.
 #include <posix/posix_service.h>
 #include <posix/wire.h>
+
+#include <cstring>
 
 #include "core/posix_service.h"
 #include "core/request_reader.h"
 
 namespace {
 
+bool whole(const Ref<String>& text) { return std::strlen(text->c_str()) == text->length(); }
+
 bool decodeStart(const Ref<InMsg>& request, ProgramStart* start) {
   start->path = String::create(request);
+  if (!whole(start->path)) return false;
   readValue(request, &start->startFlags);
   uint64_t argc = 0;
   readValue(request, &argc);
   if (argc > request->remaining() / PX_WIRE_STRING_HEADER) return false;
   start->arguments.reserve(argc);
-  for (uint64_t i = 0; i < argc; ++i) start->arguments.push_back(String::create(request));
+  for (uint64_t i = 0; i < argc; ++i) {
+    start->arguments.push_back(String::create(request));
+    if (!whole(start->arguments.back())) return false;
+  }
   uint64_t envc = 0;
   readValue(request, &envc);
   if (envc > request->remaining() / (2 * PX_WIRE_STRING_HEADER)) return false;
@@ -24,6 +34,7 @@ bool decodeStart(const Ref<InMsg>& request, ProgramStart* start) {
   for (uint64_t i = 0; i < envc; ++i) {
     Ref<String> name = String::create(request);
     Ref<String> value = String::create(request);
+    if (!whole(name) || !whole(value)) return false;
     start->environment->set(name, value);
   }
   readValue(request, &start->startOptions);
