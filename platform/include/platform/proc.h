@@ -49,11 +49,6 @@ class Proc {
   // The identity of process `pid` now; empty when there is none or `pid` is a thread that does
   // not lead its process.
   static ProcIdentity identity(uint64_t pid);
-  // SIGKILL, SIGSTOP and SIGCONT to whatever process has `pid` now (send() of its identity);
-  // true on success.
-  static bool terminate(uint64_t pid);
-  static bool stop(uint64_t pid);
-  static bool cont(uint64_t pid);
   // Sends `what` to the process `who`, only while its pid still names that process (a pidfd is
   // opened and its start time checked first). With `withGroup` it also goes to the host process
   // group that `who` leads; the caller makes sure that `who` has not been collected yet, so that

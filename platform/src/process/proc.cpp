@@ -110,11 +110,6 @@ Ref<ProcInfo> Proc::info(uint64_t pid) {
   return info;
 }
 
-// By pid: to whatever process has the pid now, never to a thread of one or to this process.
-bool Proc::terminate(uint64_t pid) { return send(identity(pid), HostSignal::Kill); }
-bool Proc::stop(uint64_t pid) { return send(identity(pid), HostSignal::Stop); }
-bool Proc::cont(uint64_t pid) { return send(identity(pid), HostSignal::Cont); }
-
 void Proc::exit(int32_t code) {
   Runtime::shutDown();
   ::_exit(static_cast<int>(static_cast<uint32_t>(code) & 0xFF));
