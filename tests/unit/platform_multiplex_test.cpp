@@ -153,19 +153,6 @@ TEST_F(MultiplexTest, CloseEndsEveryLinkAndThreadAndRemovesTheSocket) {
   EXPECT_TRUE(eventually([&] { return threadsNamed(name) == 0; }));
 }
 
-TEST_F(MultiplexTest, LinksBeyondTheBoundAreRefused) {
-  ASSERT_EQ(mux->add(echo(1), new RecordingConMan()), 1u);
-  std::vector<std::unique_ptr<Client>> clients;
-  for (size_t i = 0; i < Multiplex::kMaxLinks; ++i) clients.push_back(bound(1));
-  Client extra(path);
-  EXPECT_TRUE(extra.closedByPeer());
-  clients.pop_back();  // a place comes free
-  EXPECT_TRUE(eventually([&] {
-    Client again(path);
-    return binds(again, 1, 500);
-  }));
-}
-
 // Counts links in plain fields (the multiplex runs one notification at a time) and closes the
 // multiplex from inside the last disconnect, as a pipe end's manager does.
 class ClosingConMan : public Object, public ConMan {
