@@ -16,6 +16,8 @@
  *   4  EPERM    the caller may not signal the target (nobody was signalled)
  *   5  ECHILD   (wait only) nothing to collect, now or later
  *   6  EINTR    (wait only) the wait was aborted by px_abort_waits()
+ *   11 EAGAIN   a bound of the caller was reached (too many broadcasts waiting, or a link
+ *               refused because the process holds too many); EMFILE for descriptor calls
  *   9, 10, any other code   EPROTO
  * Transport errors: ECONNRESET when the server went away during a call, ECONNREFUSED (stale
  * socket) or ENOENT (no socket) when no server runs on the runtime directory, ETIMEDOUT when

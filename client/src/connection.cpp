@@ -184,6 +184,8 @@ int Connection::await(uint64_t id, Reply* out, int timeoutMs) {
     int err = receive(out, timeoutMs);
     if (err != 0) return err;
     if (out->id == id) return 0;
+    // The server refused the link itself (a bound of this process): id 0, result 11.
+    if (out->id == 0 && out->code == PX_RESULT_LIMIT) return EAGAIN;
     // A reply to an earlier request (an extra answer): not ours, skip it.
   }
 }

@@ -19,6 +19,8 @@ int errnoForResult(uint32_t code, int zeroErrno) {
       return ECHILD;
     case PX_RESULT_ABORTED:
       return EINTR;
+    case PX_RESULT_LIMIT:
+      return EAGAIN;
     default:
       // 9 (short request), 10 (reply unwritten) and codes this library does not know.
       return EPROTO;

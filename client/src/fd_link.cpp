@@ -68,6 +68,7 @@ ServiceLink* ServiceLink::openService(uint64_t channel, uint64_t service, int* e
     else if (static_cast<size_t>(n) > link->buffer_.size() ||
              !decodeReply(link->buffer_.data(), static_cast<size_t>(n), &reply))
       rc = EPROTO;
+    else if (reply.id == 0 && reply.code == PX_RESULT_LIMIT) rc = EAGAIN;  // refused: a bound
     else if (reply.id != service || reply.code != PX_RESULT_DONE) rc = ECONNREFUSED;
     else break;
   }
@@ -118,6 +119,8 @@ int ServiceLink::call(FrameWriter& req, Reply* out, bool* interrupted) {
     if (static_cast<size_t>(n) > buffer_.size()) return EPROTO;
     if (!decodeReply(buffer_.data(), static_cast<size_t>(n), out)) return EPROTO;
     if (out->id == id) return 0;
+    // The server refused the link itself (a bound of this process): id 0, result 11.
+    if (out->id == 0 && out->code == PX_RESULT_LIMIT) return EAGAIN;
     // An answer to an earlier request of this link that its caller gave up on: skip it.
   }
 }
@@ -147,6 +150,7 @@ int ServiceLink::callInto(FrameWriter& req, void* buf, size_t cap, uint32_t* sta
     if (h.kind != PX_FRAME_REPLY || h.data_len > static_cast<size_t>(n) - sizeof head) {
       return EPROTO;
     }
+    if (h.id == 0 && h.code == PX_RESULT_LIMIT) return EAGAIN;  // the link was refused
     if (h.id != id) continue;  // a stale answer, as in call; ours overwrites its bytes
     if (h.data_len > cap) return EPROTO;
     *status = h.code;

@@ -52,7 +52,9 @@ bool PosixService::dispatch(Ref<InMsg> request, Ref<OutMsg> reply, uint32_t* res
   }
   switch (request->code()) {
     case PX_CMD_KILL: *resultCode = kill(caller, request); break;
-    case PX_CMD_KILL_GROUP: *resultCode = killGroup(caller, request); break;
+    case PX_CMD_KILL_GROUP:
+      if (!killGroup(caller, request, resultCode)) return false;  // a broadcast answers later
+      break;
     case PX_CMD_WAIT_SIGNAL:
       if (caller->waitSignal(request)) return false;
       *resultCode = PX_RESULT_FAILED;
@@ -92,7 +94,7 @@ bool PosixService::dispatch(Ref<InMsg> request, Ref<OutMsg> reply, uint32_t* res
 uint32_t PosixService::getGroupId(const Ref<InMsg>& request, const Ref<OutMsg>& reply) {
   uint64_t pid = 0;
   if (!readValue(request, &pid)) return PX_RESULT_SHORT_REQUEST;
-  Ref<PosixProcess> process = PosixProcess::find(pid);
+  Ref<PosixProcess> process = PosixProcess::findByPid(pid);
   if (!process) return PX_RESULT_NO_PROCESS;
   uint64_t groupId = pid;
   if (Ref<PosixProcessGroup> group = process->group())

@@ -1,10 +1,17 @@
 // Signals sent through "posix.service": to one process, to a group, or to every process.
+//
+// A target is named by pid and is the process that has that pid now: a record of an earlier
+// process with the same pid (still held by a link a forked child kept) is never signalled in
+// its place. Levels come from the records, settled when they were made.
 #include <posix/posix_service.h>
+#include <posix/wire.h>
 
+#include <unordered_set>
 #include <vector>
 
 #include "core/posix_service.h"
 #include "core/request_reader.h"
+#include "platform/error.h"
 #include "process/process_group.h"
 
 namespace {
@@ -13,21 +20,35 @@ bool readSignalRequest(const Ref<InMsg>& request, uint64_t* target, uint32_t* si
   return readValue(request, target) && readValue(request, signum) && readValue(request, info);
 }
 
-// A process the server does not serve may still be killed, stopped or continued by a caller
-// whose privilege is not below the target's; it never receives any other signal.
-uint32_t signalUnconnected(const Ref<PosixProcess>& caller, uint64_t pid, uint32_t signum) {
-  Ref<ProcInfo> target = Proc::info(pid);
-  if (!target) return PX_RESULT_NO_PROCESS;
-  Ref<ProcInfo> sender = Proc::info(caller->pid());
-  if (!sender || sender->level() < target->level()) return PX_RESULT_NOT_PERMITTED;
-  bool done;
+bool hostSignal(uint32_t signum, HostSignal* what) {
   switch (signum) {
-    case PX_SIG_KILL: done = Proc::terminate(pid); break;
-    case PX_SIG_CONT: done = Proc::cont(pid); break;
-    case PX_SIG_STOP: done = Proc::stop(pid); break;
-    default: return PX_RESULT_NO_PROCESS;
+    case PX_SIG_KILL: *what = HostSignal::Kill; return true;
+    case PX_SIG_STOP: *what = HostSignal::Stop; return true;
+    case PX_SIG_CONT: *what = HostSignal::Cont; return true;
+    default: return false;
   }
-  return done ? PX_RESULT_DONE : PX_RESULT_NOT_PERMITTED;
+}
+
+// A process the server does not serve may still be killed, stopped or continued by a caller
+// whose level is not below the target's; it never receives any other signal. A program the
+// server started that has not connected is such a process too, but its record knows the host
+// process group it leads.
+uint32_t signalUnconnected(const Ref<PosixProcess>& caller, const ProcIdentity& who, uint32_t signum) {
+  Ref<PosixProcess> started = PosixProcess::find(who);
+  uint32_t level = 0;
+  if (started) {
+    level = started->level();
+  } else {
+    Ref<ProcInfo> info = Proc::info(who.pid);
+    if (!info) return PX_RESULT_NO_PROCESS;
+    level = info->level();
+  }
+  if (caller->level() < level) return PX_RESULT_NOT_PERMITTED;
+  HostSignal what;
+  if (!hostSignal(signum, &what)) return PX_RESULT_NO_PROCESS;
+  if (started) return started->hostSignal(what);
+  if (Proc::send(who, what)) return PX_RESULT_DONE;
+  return Error::get() == ESRCH ? PX_RESULT_NO_PROCESS : PX_RESULT_NOT_PERMITTED;
 }
 
 }  // namespace
@@ -38,40 +59,52 @@ uint32_t PosixService::kill(const Ref<PosixProcess>& caller, const Ref<InMsg>& r
   StatusRecord info{};
   if (!readSignalRequest(request, &pid, &signum, &info)) return PX_RESULT_SHORT_REQUEST;
   if (signum >= PX_SIG_COUNT) return PX_RESULT_BAD_SIGNAL;
-  Ref<PosixProcess> target = findByPid(pid);
-  if (!target) return signalUnconnected(caller, pid, signum);
+  // A thread id that does not lead its process, the server's threads among them, has none.
+  ProcIdentity who = Proc::identity(pid);
+  if (!who) return PX_RESULT_NO_PROCESS;
+  Ref<PosixProcess> target = findConnected(who);
+  if (!target) return signalUnconnected(caller, who, signum);
   if (!target->mayControl(caller)) return PX_RESULT_NOT_PERMITTED;
   return target->signal(caller, signum, &info, RecordPlacement::Data);
 }
 
-uint32_t PosixService::killGroup(const Ref<PosixProcess>& caller, const Ref<InMsg>& request) {
+bool PosixService::killGroup(const Ref<PosixProcess>& caller, const Ref<InMsg>& request,
+                             uint32_t* result) {
   uint64_t selector = 0;
-  uint32_t signum = 0;
-  StatusRecord info{};
-  if (!readSignalRequest(request, &selector, &signum, &info)) return PX_RESULT_SHORT_REQUEST;
-
+  Broadcast b;
+  if (!readSignalRequest(request, &selector, &b.signum, &b.record)) {
+    *result = PX_RESULT_SHORT_REQUEST;
+    return true;
+  }
+  if (broadcasts_.full(caller)) {
+    *result = PX_RESULT_LIMIT;
+    return true;
+  }
+  b.request = request;
+  b.sender = caller;
   if (selector == PX_KILL_SELECTOR_ALL) {
-    Ref<ProcInfo> callerInfo = Proc::info(caller->pid());
-    if (!callerInfo || signum >= PX_SIG_COUNT) return PX_RESULT_NOT_PERMITTED;
-    // A process connected through several links is signalled once.
-    std::vector<PosixProcess*> visited;
-    bool counted = false;
+    // Signals of 32 or more reach nobody and never count.
+    if (b.signum >= PX_SIG_COUNT) {
+      *result = PX_RESULT_NOT_PERMITTED;
+      return true;
+    }
+    // Every connected process whose level is not above the caller's, once each, in the order
+    // of the connection table; the caller too.
+    b.everyProcess = true;
+    std::unordered_set<PosixProcess*> seen;
     for (uint64_t id = 1; id < processes_->capacity(); ++id) {
       Ref<PosixProcess> target = processes_->get(id);
-      if (!target) continue;
-      bool seen = false;
-      for (PosixProcess* p : visited) seen = seen || p == target.get();
-      if (seen) continue;
-      visited.push_back(target.get());
-      Ref<ProcInfo> targetInfo = Proc::info(target->pid());
-      if (!targetInfo || targetInfo->level() > callerInfo->level()) continue;
-      if (target->signal(caller, signum, &info, RecordPlacement::Data) == PX_RESULT_DONE) counted = true;
+      if (!target || target->level() > caller->level() || !seen.insert(target.get()).second) continue;
+      b.targets.push_back(std::move(target));
     }
-    return counted ? PX_RESULT_DONE : PX_RESULT_NOT_PERMITTED;
+  } else {
+    Ref<PosixProcessGroup> group =
+        selector == PX_KILL_SELECTOR_OWN_GROUP ? caller->group() : PosixProcessGroup::find(selector);
+    if (!group) {
+      *result = PX_RESULT_NO_PROCESS;
+      return true;
+    }
+    b.targets = group->members();
   }
-
-  Ref<PosixProcessGroup> group =
-      selector == PX_KILL_SELECTOR_OWN_GROUP ? caller->group() : PosixProcessGroup::find(selector);
-  if (!group) return PX_RESULT_NO_PROCESS;
-  return group->signalAll(caller, signum, &info);
+  return broadcasts_.submit(std::move(b), result);
 }

@@ -1,8 +1,13 @@
 // Starting programs through "posix.service". The counts in a spawn request are checked against
 // what the request can still hold (a string takes at least 4 bytes, an environment pair 8)
-// before anything is allocated for them: a larger count is a short request, answered 0.
+// before anything is allocated for them: a larger count is a short request, answered 0. A
+// string with a zero byte inside (path, argument, environment name or value) is refused too:
+// the host would see only the part before it.
 #include <posix/posix_service.h>
 #include <posix/wire.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include "core/posix_service.h"
 #include "core/request_reader.h"
@@ -10,21 +15,30 @@
 
 namespace {
 
-bool decodeStart(const Ref<InMsg>& request, ProgramStart* start) {
+bool whole(const Ref<String>& text) { return std::strlen(text->c_str()) == text->length(); }
+
+// 0 when the request decoded; EINVAL for a string with a zero byte inside; EPROTO for a count
+// the request cannot hold.
+uint32_t decodeStart(const Ref<InMsg>& request, ProgramStart* start) {
   start->path = String::create(request);
+  if (!whole(start->path)) return EINVAL;
   readValue(request, &start->startFlags);
   uint64_t argc = 0;
   readValue(request, &argc);
-  if (argc > request->remaining() / PX_WIRE_STRING_HEADER) return false;
+  if (argc > request->remaining() / PX_WIRE_STRING_HEADER) return EPROTO;
   start->arguments.reserve(argc);
-  for (uint64_t i = 0; i < argc; ++i) start->arguments.push_back(String::create(request));
+  for (uint64_t i = 0; i < argc; ++i) {
+    start->arguments.push_back(String::create(request));
+    if (!whole(start->arguments.back())) return EINVAL;
+  }
   uint64_t envc = 0;
   readValue(request, &envc);
-  if (envc > request->remaining() / (2 * PX_WIRE_STRING_HEADER)) return false;
+  if (envc > request->remaining() / (2 * PX_WIRE_STRING_HEADER)) return EPROTO;
   start->environment = Env::create();
   for (uint64_t i = 0; i < envc; ++i) {
     Ref<String> name = String::create(request);
     Ref<String> value = String::create(request);
+    if (!whole(name) || !whole(value)) return EINVAL;
     start->environment->set(name, value);
   }
   readValue(request, &start->startOptions);
@@ -32,7 +46,7 @@ bool decodeStart(const Ref<InMsg>& request, ProgramStart* start) {
     readValue(request, &start->sharedMemory.id);
     readValue(request, &start->sharedMemory.size);
   }
-  return true;
+  return 0;
 }
 
 }  // namespace
@@ -40,7 +54,9 @@ bool decodeStart(const Ref<InMsg>& request, ProgramStart* start) {
 uint32_t PosixService::spawn(const Ref<PosixProcess>& caller, const Ref<InMsg>& request,
                              const Ref<OutMsg>& reply) {
   ProgramStart start;
-  if (!decodeStart(request, &start)) return PX_RESULT_FAILED;
+  uint32_t refused = decodeStart(request, &start);
+  if (refused == EINVAL) writeValue(reply, refused);
+  if (refused != 0) return PX_RESULT_FAILED;
   Ref<PosixProcess> child = PosixProcess::spawn(caller, std::move(start));
   if (!child) {
     // The reason travels with the failure, so the client need not guess it.

@@ -18,9 +18,11 @@ PosixService::PosixService() {
 bool PosixService::connect(const Ref<ChnLink>& link) {
   POSIX_ASSERT(link, "link != 0", 56, "PosixService::connect");
   if (!link) return false;  // the hosted channel never passes one; nothing to bind
-  uint64_t pid = link->peerPid();
-  Ref<PosixProcess> process = PosixProcess::find(pid);
-  if (!process) process = PosixProcess::createEntry(pid);
+  // The platform admits only links whose peer it could identify. A record of an earlier
+  // process with the same pid is never handed over: the identity includes the start time.
+  const ProcIdentity& identity = link->peerIdentity();
+  Ref<PosixProcess> process = PosixProcess::find(identity);
+  if (!process) process = PosixProcess::createEntry(identity, Proc::levelOfUser(link->peerUid()));
   link->setTag(processes_->add(process));
   return true;
 }
@@ -30,20 +32,28 @@ void PosixService::disconnect(const Ref<ChnLink>& link) {
   if (link) processes_->remove(link->tag());
 }
 
-Ref<PosixProcess> PosixService::findByPid(uint64_t pid) const {
-  return processes_->find([pid](const Ref<PosixProcess>& process) { return process->pid() == pid; });
+Ref<PosixProcess> PosixService::findConnected(const ProcIdentity& identity) const {
+  return processes_->find([&](const Ref<PosixProcess>& process) { return process->identity() == identity; });
 }
 
 void PosixService::mainLoop() {
   // The result code outlives a request on purpose: a request that sets none (abortWaits) is
   // answered with the previous request's code.
   uint32_t resultCode = PX_RESULT_FAILED;
-  while (Ref<InMsg> request = chn_->receive()) {
-    Ref<OutMsg> reply = OutMsg::create();
-    Ref<Object> slot;
-    if (dispatch(request, reply, &resultCode, 0, &slot)) {
-      reply->setCode(resultCode);
-      request->reply(reply);
+  for (;;) {
+    // With broadcasts waiting, only the requests there are now; then a round of their slices
+    // once the requests read in one pass over the links have all been served.
+    const bool waitForever = broadcasts_.idle();
+    Ref<InMsg> request = chn_->receive(waitForever ? kForever : 0);
+    if (!request && (waitForever || chn_->isClosed())) return;
+    if (request) {
+      Ref<OutMsg> reply = OutMsg::create();
+      Ref<Object> slot;
+      if (dispatch(request, reply, &resultCode, 0, &slot)) {
+        reply->setCode(resultCode);
+        request->reply(reply);
+      }
     }
+    if (!chn_->hasReady()) broadcasts_.runRound();
   }
 }

@@ -1,15 +1,17 @@
 // The process service, channel "posix.service": the object behind the channel, its connection
 // table and the dispatcher of its requests. Every connection is bound to the PosixProcess of
-// the client's pid (made on first connect), and every request finds its caller through the
-// connection's tag.
+// the client's identity (pid and start time, made on first connect), and every request finds
+// its caller through the connection's tag.
 //
-// Everything here runs on the main thread: the channel's connects and disconnects and every
-// request, one at a time, so the connection table needs no lock.
+// Everything here runs on the main thread: the channel's connects and disconnects, every
+// request, one at a time, and the slices of broadcasts between passes over the links, so the
+// connection table and the broadcast queue need no lock.
 #pragma once
 
 #include <cstdint>
 
 #include "common/tidtable.h"
+#include "core/broadcast.h"
 #include "platform/chn.h"
 #include "process/posix_process.h"
 
@@ -32,16 +34,18 @@ class PosixService : public Object, public ConMan {
 
   const Ref<Chn>& chn() const { return chn_; }
   const Ref<ProcessTable>& processes() const { return processes_; }
-  // The connected process with `pid`, or null.
-  Ref<PosixProcess> findByPid(uint64_t pid) const;
+  // The connected process of `identity`, or null.
+  Ref<PosixProcess> findConnected(const ProcIdentity& identity) const;
 
  private:
   uint32_t kill(const Ref<PosixProcess>& caller, const Ref<InMsg>& request);
-  uint32_t killGroup(const Ref<PosixProcess>& caller, const Ref<InMsg>& request);
+  // True: answered now with *result. False: kept as a broadcast, answered when done.
+  bool killGroup(const Ref<PosixProcess>& caller, const Ref<InMsg>& request, uint32_t* result);
   uint32_t getGroupId(const Ref<InMsg>& request, const Ref<OutMsg>& reply);
   uint32_t spawn(const Ref<PosixProcess>& caller, const Ref<InMsg>& request, const Ref<OutMsg>& reply);
   uint32_t getSharedMemory(const Ref<PosixProcess>& caller, const Ref<OutMsg>& reply);
 
   Ref<Chn> chn_;
   Ref<ProcessTable> processes_;
+  BroadcastQueue broadcasts_;
 };

@@ -13,6 +13,10 @@ using posix::serviceLog;
 
 namespace {
 
+// Descriptors kept spare for the accept paths: when the process runs out, a process with few
+// links can still connect (each such accept takes three for a moment and keeps one).
+constexpr size_t kReservedDescriptors = 16;
+
 // Open flags with which the root directory is opened to bind "tmp".
 constexpr uint32_t kRootOpenFlags = 51;
 constexpr uint64_t kServiceNodeAccess = 32;
@@ -34,6 +38,7 @@ void publishServiceNode(const Ref<Chn>& channel) {
 
 void serverMain() {
   StdIO::stdOut(Debug::out());
+  Chn::reserveDescriptors(kReservedDescriptors);
 
   // Both services live as long as the process: never released.
   Ref<PosixService> service = new PosixService();

@@ -152,7 +152,7 @@ PosixFDService::PosixFDService() {
 
 bool PosixFDService::connect(const Ref<ChnLink>& link) {
   if (!link) return false;
-  Ref<PosixProcess> process = PosixProcess::find(link->peerPid());
+  Ref<PosixProcess> process = PosixProcess::find(link->peerIdentity());
   if (!process) return false;  // unknown to the process service
   link->setTag(connections_->add(process));
   return true;

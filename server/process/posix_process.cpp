@@ -23,10 +23,12 @@ PosixProcess::PosixProcess()
       descriptions_(DescriptionBudget::create()) {}
 
 PosixProcess::~PosixProcess() {
-  // A record whose program never started (pid 0) was never an entry of its own. A process
-  // that connected on its own never had a parent: its end is routine, logged at debug level.
-  if (pid_ != 0 && !parent_.lock()) {
-    POSIX_LOG(processLog.handle, parent_.get() ? 1 : 0, "Entry for orphan process " << LogNum{pid_} << " removed");
+  // A record whose program never started (pid 0) was never an entry of its own. A started
+  // program whose parent has gone is an orphan worth a line; a process that connected by
+  // itself and left is everyday business (every posixctl call), logged at level 0.
+  if (identity_.pid != 0 && !parent_.lock()) {
+    POSIX_LOG(processLog.handle, started_ ? 1 : 0,
+              "Entry for orphan process " << LogNum{identity_.pid} << " removed");
   }
   // Waits still queued belong to a client that will never be answered: free them.
   for (uint64_t i = 0; i < waitEntries_->count(); ++i) delete waitEntries_->get(i);
@@ -43,7 +45,7 @@ PosixProcess::~PosixProcess() {
   monitor_.reset();
 }
 
-Ref<PosixProcess> PosixProcess::find(uint64_t pid) {
+Ref<PosixProcess> PosixProcess::find(const ProcIdentity& identity) {
   MonLock lock(ProcessRegistry::monitor());
   TVector<WeakRef<PosixProcess>>* listing = ProcessRegistry::listing();
   if (!listing) return nullptr;
@@ -53,26 +55,32 @@ Ref<PosixProcess> PosixProcess::find(uint64_t pid) {
       listing->removeAt(i);  // the only place where stale listings are dropped
       continue;
     }
-    if (process->pid_ == pid) return process;
+    if (process->identity_ == identity) return process;
     ++i;
   }
   return nullptr;
 }
 
-Ref<PosixProcess> PosixProcess::createEntry(uint64_t pid) {
+Ref<PosixProcess> PosixProcess::findByPid(uint64_t pid) {
+  ProcIdentity identity = Proc::identity(pid);
+  return identity ? find(identity) : nullptr;
+}
+
+Ref<PosixProcess> PosixProcess::createEntry(const ProcIdentity& identity, uint32_t level) {
   Ref<PosixProcess> created = new PosixProcess();
-  created->pid_ = pid;
+  created->identity_ = identity;
+  created->level_ = level;
   created->setGroup(nullptr);
   created->fdTable_ = new FDTable();
   Ref<PosixProcess> process;
   {
     MonLock lock(ProcessRegistry::monitor());
-    process = find(pid);
+    process = find(identity);
     if (!process) process = created;
     // Listed again even when found: find() answers the first listing.
     ProcessRegistry::add(process);
   }
-  POSIX_LOG(processLog.handle, 1, "Entry created for process " << LogNum{pid});
+  POSIX_LOG(processLog.handle, 1, "Entry created for process " << LogNum{identity.pid});
   return process;
 }
 
@@ -86,18 +94,16 @@ bool PosixProcess::setGroup(Ref<PosixProcessGroup> group) {
   return group->addMember(this);
 }
 
+// Levels were settled when the records were made (the user a link reported, or the server's own
+// for a program it started), so a check costs no look at /proc.
 bool PosixProcess::mayControl(const Ref<PosixProcess>& sender) const {
   if (!sender) return false;
-  if (sender.get() == this) return true;
-  Ref<ProcInfo> senderInfo = Proc::info(sender->pid_);
-  Ref<ProcInfo> targetInfo = Proc::info(pid_);
-  if (!senderInfo || !targetInfo) return false;
-  return targetInfo->level() <= senderInfo->level();
+  return sender.get() == this || level_ <= sender->level_;
 }
 
 Ref<PosixProcessGroup> PosixProcess::group() const { return group_; }
 
-uint64_t PosixProcess::groupId() const { return group_ ? group_->id() : pid_; }
+uint64_t PosixProcess::groupId() const { return group_ ? group_->id() : identity_.pid; }
 
 Ref<FDTable> PosixProcess::fdTable() const {
   MonLock lock(monitor_);
@@ -107,7 +113,7 @@ Ref<FDTable> PosixProcess::fdTable() const {
 ShMemID PosixProcess::grantSharedMemory() {
   MonLock lock(monitor_);
   if (!sharedMemory_) return {};
-  sharedMemory_->grant(pid_);
+  sharedMemory_->grant(identity_.pid);
   return sharedMemory_->id();
 }
 
@@ -116,7 +122,7 @@ StatusRecord PosixProcess::statusRecord() const {
   record.signal = PX_SIG_CHILD;
   record.code = 1;
   record.exit_code = exitCode_;
-  record.pid = pid_;
+  record.pid = identity_.pid;
   return record;
 }
 

@@ -1,13 +1,19 @@
 // The server's record of one POSIX process: its pid, parent and children, terminated children
 // not yet collected, pending waits and signals, its process group and its descriptor table.
 //
-// Every record is also listed (weakly) in the process registry so that it can be found by pid.
-// A record is kept alive by the connection tables while its program is connected, by its
-// parent's `children` or `zombies`, and by its ProcessAgent while the program runs.
+// A record belongs to one process identity (pid and the host's start time of the process): a
+// link is bound to the record of its peer's identity, and a process that gets a pid again is a
+// new process with a record of its own. Every record is also listed (weakly) in the process
+// registry so that it can be found by identity. A record is kept alive by the connection tables
+// while its program is connected, by its parent's `children` or `zombies`, and by its
+// ProcessAgent while the program runs.
 //
 // Locking: `monitor_` guards children_, zombies_, waitEntries_, pendingSignals_,
-// signalWaiter_, sharedMemory_ and fdTable_. Lock order: a process's monitor before the
-// registry's monitor; a parent's monitor before anything its children's destruction takes.
+// signalWaiter_, sharedMemory_ and fdTable_; host signals are sent under it, and the agent marks
+// the program ended under it before collecting it, so a signal to a started program's host
+// process group never reaches a group id that was handed on. Lock order: a process's monitor
+// before the registry's monitor, and before its group's lock; a parent's monitor before
+// anything its children's destruction takes.
 #pragma once
 
 #include <posix/posix_service.h>
@@ -47,22 +53,28 @@ struct ProgramStart {
 
 class PosixProcess : public Object {
  public:
-  // The registered, living record with `pid`, or null. Drops stale registry slots it passes.
-  static Ref<PosixProcess> find(uint64_t pid);
+  // The registered, living record of `identity`, or null. Drops stale registry slots it passes.
+  static Ref<PosixProcess> find(const ProcIdentity& identity);
+  // The record of the process that has `pid` now, or null.
+  static Ref<PosixProcess> findByPid(uint64_t pid);
   // The record of a program that connected by itself: parentless, leading a new group, with a
-  // fresh descriptor table. Answers the existing record when one appeared meanwhile.
-  static Ref<PosixProcess> createEntry(uint64_t pid);
+  // fresh descriptor table; `level` is its privilege level (ProcInfo::level). Answers the
+  // existing record when one appeared meanwhile.
+  static Ref<PosixProcess> createEntry(const ProcIdentity& identity, uint32_t level);
   // Starts a program as a child of `parent`; null when the program could not be started.
   static Ref<PosixProcess> spawn(const Ref<PosixProcess>& parent, ProgramStart start);
 
   // Moves this process into `group`, or into a new group it leads when `group` is null.
   bool setGroup(Ref<PosixProcessGroup> group);
-  // Whether `sender` may signal this process.
+  // Whether `sender` may signal this process: itself, or a sender whose level is not below.
   bool mayControl(const Ref<PosixProcess>& sender) const;
-  // Delivers signal `signum`; answers 2 for a bad number, 0 when the platform refused,
-  // else 1 (for kill and stop the platform's answer).
+  // Delivers signal `signum`; answers 2 for a bad number, 3 when the process has gone (its
+  // program ended, or its pid names another process now), 0 when the platform refused, else 1.
   uint32_t signal(const Ref<PosixProcess>& sender, uint32_t signum, const StatusRecord* record,
                   RecordPlacement placement = RecordPlacement::Block);
+  // Kill, stop or continue the host process (and, for a program the server started, the host
+  // process group it leads); answers as signal() does.
+  uint32_t hostSignal(HostSignal what);
   // Keeps `request` until the next signal (true), or answers it with the pending ones (false).
   bool waitSignal(const Ref<InMsg>& request);
   // Called on the child's agent thread when the child's program has ended.
@@ -73,7 +85,9 @@ class PosixProcess : public Object {
   // Answers every queued wait with `status` and frees it.
   void failWaiters(uint32_t status);
 
-  uint64_t pid() const { return pid_; }
+  uint64_t pid() const { return identity_.pid; }
+  const ProcIdentity& identity() const { return identity_; }
+  uint32_t level() const { return level_; }
   Ref<PosixProcess> parent() const { return parent_.lock(); }
   Ref<PosixProcessGroup> group() const;
   uint64_t groupId() const;
@@ -101,12 +115,17 @@ class PosixProcess : public Object {
   friend class ProcessAgent;
   PosixProcess();
 
-  // Marks the program as ended and unlinks the record (agent thread).
-  void markTerminated(uint32_t exitCode);
+  // Marks the program as ended, under the monitor (agent thread, before it collects it).
+  void markEnded(uint32_t exitCode);
+  // Unlinks the record of an ended program: registry, descriptors, pipes, group (agent thread).
+  void unlinkEnded();
   bool matches(uint32_t kind, uint64_t value) const;
   void sendSignalLocked(uint32_t signum, const StatusRecord& record, RecordPlacement placement);
 
-  uint64_t pid_ = 0;  // written once: before registration (connect) or before the handshake (spawn)
+  // Written once: before registration (connect) or before the handshake (spawn).
+  ProcIdentity identity_;
+  uint32_t level_ = 0;
+  bool started_ = false;  // a program the server started (it leads its host process group)
   Ref<Mon> monitor_;
   WeakRef<PosixProcess> parent_;
   Ref<TVector<Ref<PosixProcess>>> children_;  // living children, in order of creation

@@ -26,17 +26,28 @@ ProcessAgent::ProcessAgent(Ref<PosixProcess> process, ProgramStart start)
 
 void ProcessAgent::run() {
   const Ref<String>& path = start_.path;
-  process_->pid_ = Binary::create(path, start_.startFlags, start_.arguments.data(),
-                                  start_.arguments.size(), start_.environment, start_.startOptions);
-  uint64_t pid = process_->pid_;
+  uint64_t pid = Binary::create(path, start_.startFlags, start_.arguments.data(),
+                                start_.arguments.size(), start_.environment, start_.startOptions);
   startError_ = pid == 0 ? Error::get() : 0;
+  if (pid != 0) {
+    // The program is this thread's child and not collected: its pid cannot name another
+    // process yet, so the identity read now is its own. It runs as the server's user.
+    ProcIdentity identity = Proc::identity(pid);
+    if (!identity) {
+      POSIX_LOG(agentLog.handle, 2, "Could not read the identity of process " << LogNum{pid});
+      identity = ProcIdentity{pid, 0};  // host signals will find nobody of this identity
+    }
+    process_->identity_ = identity;
+    process_->level_ = Proc::levelOfUser(Proc::uid());
+    process_->started_ = true;
+  }
   int expected = kStarting;
   if (!state_.compare_exchange_strong(expected, kReported)) {
     // Given up by the spawning thread: nobody knows this program, so it does not stay.
     POSIX_LOG(agentLog.handle, 2, "Program start given up after " << LogNum{kStartLimitMs}
                                       << " ms: " << path);
     if (pid != 0) {
-      Proc::terminate(pid);
+      Proc::send(process_->identity_, HostSignal::Kill, true);
       Proc::wait();
     }
     process_.reset();
@@ -56,19 +67,27 @@ void ProcessAgent::run() {
     POSIX_LOG(agentLog.handle, 1, "New process " << path << " created with pid " << LogNum{pid});
   }
 
-  uint32_t exitCode = Proc::wait();
+  // The end is noted before the program is collected: until markEnded() a signal sender may
+  // still use the pid and the group id the program leads.
+  uint32_t exitCode = Proc::awaitEnd();
   linked_->down();
   POSIX_LOG(agentLog.handle, 1,
             "Process " << path << " (" << LogNum{pid} << ") terminated with exitcode "
                        << LogNum{exitCode});
-  process_->markTerminated(exitCode);
+  process_->markEnded(exitCode);
+  Proc::wait();
+  process_->unlinkEnded();
   if (Ref<PosixProcess> parent = process_->parent()) parent->childExited(process_);
   process_.reset();
 }
 
-void PosixProcess::markTerminated(uint32_t exitCode) {
+void PosixProcess::markEnded(uint32_t exitCode) {
+  MonLock lock(monitor_);
   exitCode_ = exitCode;
   terminated_.store(true, std::memory_order_release);
+}
+
+void PosixProcess::unlinkEnded() {
   ProcessRegistry::remove(this);
   Ref<FDTable> table;
   {
@@ -78,6 +97,8 @@ void PosixProcess::markTerminated(uint32_t exitCode) {
   // The table (and with it the descriptors) goes outside the record's monitor.
   table.reset();
   unclaimedPipeEnds_->closeAll();
+  // A group signal must not reach the pid once it may belong to someone else.
+  if (group_) group_->removeMember(this);
 }
 
 bool ProcessAgent::awaitStart(uint32_t timeoutMs) {
@@ -104,7 +125,7 @@ Ref<PosixProcess> PosixProcess::spawn(const Ref<PosixProcess>& parent, ProgramSt
     Error::set(ETIMEDOUT);
     return nullptr;
   }
-  if (child->pid_ == 0) {
+  if (child->identity_.pid == 0) {
     Error::set(agent->startError());
     return nullptr;
   }

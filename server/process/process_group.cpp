@@ -46,6 +46,7 @@ Ref<PosixProcessGroup> PosixProcessGroup::find(uint64_t id) {
 
 bool PosixProcessGroup::addMember(const Ref<PosixProcess>& process) {
   WeakRef<PosixProcess> member(process);
+  std::lock_guard lock(mutex_);
   if (members_->contains(member)) return false;
   // Dead members are never signalled or matched; dropping them here keeps the list as long as
   // the group's living membership instead of every process that ever joined.
@@ -55,22 +56,27 @@ bool PosixProcessGroup::addMember(const Ref<PosixProcess>& process) {
 }
 
 bool PosixProcessGroup::removeMember(const Ref<PosixProcess>& process) {
-  return members_->remove(WeakRef<PosixProcess>(process));
+  WeakRef<PosixProcess> member(process);
+  std::lock_guard lock(mutex_);
+  return members_->remove(member);
+}
+
+std::vector<Ref<PosixProcess>> PosixProcessGroup::members() const {
+  std::vector<Ref<PosixProcess>> living;
+  std::lock_guard lock(mutex_);
+  members_->forEach([&](const WeakRef<PosixProcess>& weak) {
+    if (Ref<PosixProcess> member = weak.lock()) living.push_back(std::move(member));
+  });
+  return living;
 }
 
 uint32_t PosixProcessGroup::signalAll(const Ref<PosixProcess>& sender, uint32_t signum,
                                       const StatusRecord* record) {
   // Members the sender may not control are skipped silently, and the answer is 1 even when
-  // nobody received the signal.
-  members_->forEach([&](const WeakRef<PosixProcess>& weak) {
-    Ref<PosixProcess> member = weak.lock();
-    if (member && member->mayControl(sender)) member->signal(sender, signum, record);
-  });
+  // nobody received the signal. Signalled outside the lock: a member's end takes it.
+  for (const Ref<PosixProcess>& member : members())
+    if (member->mayControl(sender)) member->signal(sender, signum, record);
   return 1;
 }
 
-uint64_t PosixProcessGroup::livingMembers() const {
-  uint64_t living = 0;
-  members_->forEach([&](const WeakRef<PosixProcess>& weak) { living += weak.lock() ? 1 : 0; });
-  return living;
-}
+uint64_t PosixProcessGroup::livingMembers() const { return members().size(); }

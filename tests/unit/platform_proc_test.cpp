@@ -79,27 +79,40 @@ TEST_F(ProcTest, InfoOfSelfParsesNameAfterTheLastParenthesis) {
   EXPECT_GE(info->threadCount(), 2u);
 }
 
-TEST_F(ProcTest, PidsThatWouldSignalGroupsAreRefused) {
-  const uint64_t zeroAsPid = uint64_t{1} << 32;  // truncates to pid 0
-  EXPECT_FALSE(Proc::info(0));
-  EXPECT_FALSE(Proc::info(zeroAsPid));
-  EXPECT_FALSE(Proc::info(UINT64_MAX));
-  EXPECT_FALSE(Proc::cont(UINT64_MAX));  // -1 would reach every process we may signal
-  EXPECT_FALSE(Proc::cont(uint64_t{INT32_MAX} + 1));
+// A signal goes to the identity only; a program that has ended keeps its pid until collected.
+TEST_F(ProcTest, InfoIdentityAndSignalsOfAChild) {
+  uint64_t pid = start({"/bin/sleep", "30"});
+  ASSERT_NE(pid, 0u);
+  Ref<ProcInfo> info = Proc::info(pid);
+  ASSERT_TRUE(info);
+  EXPECT_STREQ(info->name()->c_str(), "sleep");
+  EXPECT_EQ(info->parentPid(), Proc::current());
+  EXPECT_EQ(info->level(), Proc::levelOfUser(Proc::uid()));
+  EXPECT_EQ(info->threadCount(), 1u);
 
-  // A guard that lets one through kills the child's own group (the child alone) or the child.
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    setpgid(0, 0);
-    uint64_t self = static_cast<uint64_t>(getpid());
-    bool any = Proc::terminate(0) || Proc::stop(0) || Proc::terminate(zeroAsPid) ||
-               Proc::terminate(zeroAsPid + self) || Proc::stop(zeroAsPid + self);
-    _exit(any ? 1 : 0);
+  ProcIdentity child = Proc::identity(pid);
+  ASSERT_TRUE(child);
+  EXPECT_FALSE(Proc::send({pid, child.startTime + 1}, HostSignal::Kill)) << "another process";
+  EXPECT_TRUE(Proc::send(child, HostSignal::Kill));
+  EXPECT_EQ(Proc::awaitEnd(), 128u + SIGKILL);
+  EXPECT_EQ(Proc::identity(pid), child) << "ended, not collected";
+  EXPECT_EQ(Proc::wait(), 128u + SIGKILL);
+  EXPECT_FALSE(Proc::info(pid));
+  EXPECT_FALSE(Proc::send(child, HostSignal::Kill));
+  EXPECT_EQ(Error::get(), static_cast<uint32_t>(ESRCH));
+}
+
+// Numbers that kill() would take for groups or every process name no process; nor does this
+// process's own identity take a signal.
+TEST_F(ProcTest, PidsThatWouldNameGroupsAreNoProcessAndNothingSignalsItself) {
+  const uint64_t zeroAsPid = uint64_t{1} << 32;  // truncates to pid 0
+  const uint64_t self = Proc::current();
+  for (uint64_t pid : {uint64_t{0}, zeroAsPid, zeroAsPid + self, UINT64_MAX, uint64_t{INT32_MAX} + 1}) {
+    EXPECT_FALSE(Proc::info(pid)) << pid;
+    EXPECT_FALSE(Proc::identity(pid)) << pid;
   }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+  EXPECT_FALSE(Proc::send(Proc::identity(self), HostSignal::Stop));
+  EXPECT_EQ(Error::get(), static_cast<uint32_t>(EPERM));
 }
 
 // Earlier PATH entries hold a non-executable file and a directory of the program's name; the

@@ -32,7 +32,9 @@ class ProcessTest : public ::testing::Test {
 
   // A record for a program that connected by itself. Pids far above any real pid keep the
   // records of different tests apart.
-  Ref<PosixProcess> entry(uint64_t pid) { return PosixProcess::createEntry(pid); }
+  Ref<PosixProcess> entry(uint64_t pid, uint32_t level = 0) {
+    return PosixProcess::createEntry({pid, 1}, level);
+  }
 
   static Ref<PosixProcess> spawn(const Ref<PosixProcess>& parent, const char* path,
                                  std::vector<Ref<String>> arguments) {
@@ -60,17 +62,18 @@ class ProcessTest : public ::testing::Test {
   ChannelHarness channel;
 };
 
-TEST_F(ProcessTest, RecordsAreFoundByPidListedWeaklyAndAKnownPidKeepsItsRecord) {
+TEST_F(ProcessTest, RecordsAreFoundByIdentityListedWeaklyAndAKnownIdentityKeepsItsRecord) {
   Ref<PosixProcess> p = entry(900001);
-  EXPECT_EQ(PosixProcess::find(900001), p);
+  EXPECT_EQ(PosixProcess::find({900001, 1}), p);
   EXPECT_EQ(PosixProcessGroup::find(900001), p->group());
   uint64_t listed = ProcessRegistry::size();
-  Ref<PosixProcess> again = PosixProcess::createEntry(900001);
-  EXPECT_EQ(again, p) << "a second entry for a known pid is the first record";
+  Ref<PosixProcess> again = entry(900001);
+  EXPECT_EQ(again, p) << "a second entry for a known identity is the first record";
   EXPECT_EQ(ProcessRegistry::size(), listed + 1) << "and it is listed twice";
+  EXPECT_NE(PosixProcess::createEntry({900001, 2}, 0), p) << "the same pid started later";
   p.reset();
   again.reset();
-  EXPECT_FALSE(PosixProcess::find(900001)) << "records are listed weakly";
+  EXPECT_FALSE(PosixProcess::find({900001, 1})) << "records are listed weakly";
   EXPECT_FALSE(PosixProcessGroup::find(900001)) << "a group dies with its last member";
 }
 
@@ -112,10 +115,13 @@ TEST_F(ProcessTest, AbortAnswersEveryQueuedWaitAndAnEndedChildDropsItsDescriptor
   EXPECT_EQ(nextReplyCode(), PX_RESULT_ABORTED);
   EXPECT_EQ(nextReplyCode(), PX_RESULT_ABORTED);
   EXPECT_EQ(parent->waitCount(), 0u);
+  EXPECT_EQ(parent->group()->livingMembers(), 2u);
   EXPECT_EQ(child->signal(parent, PX_SIG_KILL, nullptr), 1u);
   ASSERT_TRUE(awaitEnd(parent, 1));
   EXPECT_TRUE(child->terminated());
   EXPECT_FALSE(child->fdTable()) << "an ended program drops its descriptors";
+  EXPECT_EQ(parent->group()->livingMembers(), 1u) << "and leaves its group";
+  EXPECT_EQ(child->signal(parent, PX_SIG_KILL, nullptr), PX_RESULT_NO_PROCESS);
 }
 
 TEST_F(ProcessTest, ProgramsThatEndAtOnceAreStillChildrenAndOneThatCannotStartIsNone) {
@@ -133,13 +139,12 @@ TEST_F(ProcessTest, ProgramsThatEndAtOnceAreStillChildrenAndOneThatCannotStartIs
 
 TEST_F(ProcessTest, GroupSignalSkipsDeadMembersAndAlwaysAnswersOne) {
   Ref<PosixProcess> leader = entry(900007);
-  Ref<PosixProcess> member = entry(900008);
+  Ref<PosixProcess> member = entry(900008, 1);
   member->setGroup(leader->group());
   EXPECT_EQ(leader->group()->livingMembers(), 2u);
   EXPECT_FALSE(leader->group()->addMember(member)) << "already a member";
   EXPECT_EQ(leader->group()->signalAll(leader, 4, nullptr), 1u);
-  // Records of made-up pids have no platform information: nobody may control them but
-  // themselves, so only the sender itself received the signal.
+  // The member ranks above the leader: only the sender itself received the signal.
   EXPECT_EQ(leader->pendingSignals(), 1u << 3);
   EXPECT_EQ(member->pendingSignals(), 0u);
   member.reset();

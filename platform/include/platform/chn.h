@@ -19,6 +19,7 @@
 
 #include "platform/message.h"
 #include "platform/object.h"
+#include "platform/proc.h"
 #include "platform/string.h"
 
 class Chn;
@@ -33,10 +34,18 @@ class ConMan : public virtual RefCount {
   virtual void disconnect(const Ref<ChnLink>& link) = 0;
 };
 
+// The process on the other end of a link, read when the link was accepted: its identity (pid
+// from SO_PEERCRED, start time read race-free through a pidfd) and its user.
+struct ChnPeer {
+  ProcIdentity identity;
+  uint64_t uid = 0;
+};
+
 class ChnLink : public Object {
  public:
-  // The pid of the process on the other end, read with SO_PEERCRED at accept.
-  uint64_t peerPid() const { return peerPid_; }
+  uint64_t peerPid() const { return peer_.identity.pid; }
+  const ProcIdentity& peerIdentity() const { return peer_.identity; }
+  uint64_t peerUid() const { return peer_.uid; }
   // A 64-bit value the channel's manager keeps per link; 0 at first.
   uint64_t tag() const { return tag_.load(std::memory_order_acquire); }
   void setTag(uint64_t tag) { tag_.store(tag, std::memory_order_release); }
@@ -64,7 +73,8 @@ class ChnLink : public Object {
   friend class Chn;
   friend struct ChnServe;
   friend struct MuxLinkServe;  // the service multiplex serves its links outside any Chn
-  ChnLink(int fd, uint64_t peerPid, Chn* channel) : fd_(fd), peerPid_(peerPid), channel_(channel) {}
+  ChnLink(int fd, const ChnPeer& peer, Ref<Object> ticket, Chn* channel)
+      : fd_(fd), peer_(peer), ticket_(std::move(ticket)), channel_(channel) {}
   // Sends queued frames; called by the channel's thread when the socket has room. Answers true
   // when nothing is left queued.
   bool flush();
@@ -83,7 +93,10 @@ class ChnLink : public Object {
   bool dropped_ = false;                 // guarded by mutex_; set by shutdown() and overflow
   std::deque<std::vector<uint8_t>> queue_;  // guarded by mutex_: replies waiting for room
   size_t queuedBytes_ = 0;               // guarded by mutex_
-  const uint64_t peerPid_;
+  const ChnPeer peer_;
+  // Guarded by mutex_: counts this link against its process's bound; released by
+  // closeSocket(), so a process's count follows the sockets it holds.
+  Ref<Object> ticket_;
   std::atomic<uint64_t> tag_{0};
   // Guarded by mutex_; cleared by closeSocket() before the channel goes, so a non-null value
   // always names a live channel.
@@ -96,6 +109,16 @@ class ChnLink : public Object {
 
 class Chn : public Object {
  public:
+  // Links one process may hold on one channel. A library pools a few idle links and each
+  // blocked call holds one; a link beyond this is refused (one reply frame, id 0, result
+  // PX_RESULT_LIMIT, then the close).
+  static constexpr size_t kMaxLinksPerProcess = 128;
+
+  // Keeps `count` spare descriptors that the accept paths of every channel and multiplex
+  // release when the process runs out of descriptors, so that a process with few links can
+  // still connect; a process with many links is then refused.
+  static void reserveDescriptors(size_t count);
+
   // A new channel served by `conMan`. With a name, the channel is also reachable as
   // RT/chn/<name>; null (and Error set) when a live channel already holds the name, or when the
   // socket cannot be made. A stale name left by a dead process is replaced. The channel holds
@@ -105,6 +128,12 @@ class Chn : public Object {
   uint64_t id() const { return id_; }
   // Runs the channel until the next request arrives and answers it; null once closed.
   Ref<InMsg> receive();
+  // The same, waiting at most `timeoutMs` (0: only what is there now); null also when nothing
+  // arrived in time.
+  Ref<InMsg> receive(uint32_t timeoutMs);
+  // Requests read and not yet answered by receive(); only for the thread that serves.
+  bool hasReady() const;
+  bool isClosed() const;
   // Stops accepting, shuts every link down and removes the socket files; receive() then
   // answers null. Any thread may call it. The serving thread (the next receive(), or the
   // destructor) then disconnects the remaining links and lets go of the manager.

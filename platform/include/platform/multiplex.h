@@ -29,6 +29,9 @@ class Multiplex : public Object {
  public:
   // Links served at once; further connections are accepted and closed at once.
   static constexpr size_t kMaxLinks = 256;
+  // Links one process may hold on all multiplexes of this process together (each is a thread
+  // here); a link beyond it is refused with one reply frame (id 0, result PX_RESULT_LIMIT).
+  static constexpr size_t kMaxLinksPerProcess = 512;
 
   // A new multiplex listening on a fresh channel socket; `name` names its threads in logs and
   // thread lists. Null (and Error set) when the socket cannot be made or not be watched for

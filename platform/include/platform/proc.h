@@ -28,17 +28,43 @@ class ProcInfo : public Object {
   uint64_t threads_ = 0;
 };
 
+// Who a process is on this host: its pid and the host's start time of the process. A pid is
+// handed out again once its process has been collected; the pair names one process only.
+struct ProcIdentity {
+  uint64_t pid = 0;
+  uint64_t startTime = 0;  // clock ticks after boot (field 22 of /proc/<pid>/stat)
+  bool operator==(const ProcIdentity&) const = default;
+  explicit operator bool() const { return pid != 0; }
+};
+
+// The three signals that act on a host process; every other signal is the server's business.
+enum class HostSignal { Kill, Stop, Cont };
+
 class Proc {
  public:
   static uint64_t current();
-  // Null when /proc/<pid> does not exist.
+  // Null when there is no process `pid`: no /proc/<pid>, or `pid` is a thread that does not
+  // lead its process.
   static Ref<ProcInfo> info(uint64_t pid);
-  // SIGKILL, SIGSTOP and SIGCONT; true on success.
-  static bool terminate(uint64_t pid);
-  static bool stop(uint64_t pid);
-  static bool cont(uint64_t pid);
-  // Waits for the program that Binary::create last started on the calling thread and answers
-  // its exit status, or 128 + the signal number when a signal ended it.
+  // The identity of process `pid` now; empty when there is none or `pid` is a thread that does
+  // not lead its process.
+  static ProcIdentity identity(uint64_t pid);
+  // Sends `what` to the process `who`, only while its pid still names that process (a pidfd is
+  // opened and its start time checked first). With `withGroup` it also goes to the host process
+  // group that `who` leads; the caller makes sure that `who` has not been collected yet, so that
+  // the group id is still its own. False with Error ESRCH when `who` has gone, EPERM for the
+  // calling process itself (nothing signals its own process), else the host's error.
+  static bool send(const ProcIdentity& who, HostSignal what, bool withGroup = false);
+  // The privilege level (ProcInfo::level) of a process of user `uid`, and the calling process's
+  // real user, whose level every program it starts has.
+  static uint32_t levelOfUser(uint64_t uid);
+  static uint64_t uid();
+  // Waits until the program that Binary::create last started on the calling thread has ended,
+  // without collecting it: its pid, and the process group it leads, stay its own until wait().
+  // Answers what wait() will answer.
+  static uint32_t awaitEnd();
+  // Waits for the program that Binary::create last started on the calling thread, collects it
+  // and answers its exit status, or 128 + the signal number when a signal ended it.
   static uint32_t wait();
   // Ends the process with code & 0xFF.
   [[noreturn]] static void exit(int32_t code);

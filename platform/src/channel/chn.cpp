@@ -112,6 +112,8 @@ int chnListenAtFreshId(uint64_t* id, std::string* path) {
   return fd;
 }
 
+void Chn::reserveDescriptors(size_t count) { DescriptorReserve::keep(count); }
+
 std::string chnPath(uint64_t id) { return Runtime::path("chn/" + hexId(id)); }
 
 // Removes the socket and its name, once. The name is removed only while it still leads to

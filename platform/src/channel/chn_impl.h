@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "chn_peer.h"
 #include "platform/chn.h"
 
 struct Chn::Impl {
@@ -38,6 +39,7 @@ struct Chn::Impl {
   // Serving-thread state: used by the thread inside receive(), by the destructor, and by
   // create() before the channel is handed out.
   Ref<ConMan> conMan;
+  Ref<PeerLinks> peerLinks = PeerLinks::create(kMaxLinksPerProcess);  // locks itself
   int listenFd = -1;
   bool listenWatched = false;
   std::chrono::steady_clock::time_point acceptResume;  // when a paused listener is rearmed
@@ -56,14 +58,17 @@ int chnListenAtFreshId(uint64_t* id, std::string* path);
 struct ChnServe {
   static constexpr uint64_t kListenKey = 0;
   static constexpr uint64_t kWakeKey = 1;
-  // Links a channel keeps at once; further connections are accepted and closed at once.
+  // Links a channel keeps at once. Beyond it only light processes are admitted, for up to
+  // kLightRoom more links, so that many processes at their own bound leave room for others.
   static constexpr size_t kMaxLinks = 4096;
+  static constexpr size_t kLightRoom = 256;
   // A listener paused for want of descriptors is tried again after this long.
   static constexpr int kAcceptPauseMs = 100;
 
-  // One round of waiting: accepts links, reads at most one datagram from each ready link and
-  // flushes queued replies. Answers false when the wait itself failed.
-  static bool pass(Chn::Impl& s, Chn* chn);
+  // One round of waiting, at most `waitMs` (-1: for ever): accepts links, reads at most one
+  // datagram from each ready link and flushes queued replies. Answers false when the wait
+  // itself failed.
+  static bool pass(Chn::Impl& s, Chn* chn, int waitMs);
   // Disconnects every link, closes the listener and lets go of the manager.
   static void tearDown(Chn::Impl& s);
   static void disconnect(Chn::Impl& s, uint64_t key);
@@ -73,6 +78,7 @@ struct ChnServe {
 
  private:
   static void acceptLinks(Chn::Impl& s, Chn* chn);
+  static void addLink(Chn::Impl& s, Chn* chn, int fd, bool fromReserve);
   static void serveLink(Chn::Impl& s, uint64_t key, uint32_t events);
   static void readOne(Chn::Impl& s, uint64_t key);
   static void serveAttention(Chn::Impl& s);

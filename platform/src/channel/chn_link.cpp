@@ -117,13 +117,18 @@ bool ChnLink::flush() {
 }
 
 void ChnLink::closeSocket() {
-  std::lock_guard lock(mutex_);
-  HostFd::close(fd_);
-  fd_ = -1;
-  channel_ = nullptr;
-  wakeFd_ = -1;
-  queue_.clear();
-  queuedBytes_ = 0;
+  Ref<Object> ticket;
+  {
+    std::lock_guard lock(mutex_);
+    HostFd::close(fd_);
+    fd_ = -1;
+    channel_ = nullptr;
+    wakeFd_ = -1;
+    queue_.clear();
+    queuedBytes_ = 0;
+    ticket = std::move(ticket_);
+  }
+  // Released outside the lock: the count it returns to has a lock of its own.
 }
 
 ChnLink::~ChnLink() {

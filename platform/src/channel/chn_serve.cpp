@@ -3,11 +3,13 @@
 //
 // Fairness: every pass reads at most one datagram from each ready link, and epoll in
 // level-triggered mode hands back links that are still ready on the next pass. A client that
-// floods the channel gets one request served per pass like everybody else.
+// floods the channel gets one request served per pass like everybody else. Links are bound per
+// process (Chn::kMaxLinksPerProcess) and in total (kMaxLinks, then only light processes).
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "chn_impl.h"
@@ -15,8 +17,19 @@
 #include "posix/wire.h"
 #include "file/host_fd.h"
 
-Ref<InMsg> Chn::receive() {
+Ref<InMsg> Chn::receive() { return receive(kForever); }
+
+bool Chn::hasReady() const { return impl_ && !impl_->ready.empty(); }
+
+bool Chn::isClosed() const {
+  if (!impl_) return true;
+  std::lock_guard lock(impl_->mutex);
+  return impl_->closed;
+}
+
+Ref<InMsg> Chn::receive(uint32_t timeoutMs) {
   if (!impl_) return nullptr;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   Ref<Chn> keep(this);  // a close() and the last release elsewhere must not free us mid-pass
   Impl& s = *impl_;
   bool tear = false;
@@ -37,7 +50,9 @@ Ref<InMsg> Chn::receive() {
   if (tear) ChnServe::tearDown(s);
   if (!serve) return nullptr;
 
+  // At least one pass, however short the time-out: what is ready now is always taken.
   Ref<InMsg> next;
+  bool timedOut = false;
   for (;;) {
     {
       std::lock_guard lock(s.mutex);
@@ -48,7 +63,17 @@ Ref<InMsg> Chn::receive() {
       s.ready.pop_front();
       break;
     }
-    if (!ChnServe::pass(s, this)) break;
+    if (timedOut) {
+      Error::set(ETIMEDOUT);
+      break;
+    }
+    int waitMs = -1;
+    if (timeoutMs != kForever) {
+      auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      waitMs = static_cast<int>(std::max<int64_t>(left.count(), 0));
+      timedOut = waitMs == 0;
+    }
+    if (!ChnServe::pass(s, this, waitMs)) break;
   }
   {
     std::lock_guard lock(s.mutex);
@@ -63,14 +88,14 @@ Ref<InMsg> Chn::receive() {
   return next;
 }
 
-bool ChnServe::pass(Chn::Impl& s, Chn* chn) {
-  int timeout = -1;
+bool ChnServe::pass(Chn::Impl& s, Chn* chn, int waitMs) {
+  int timeout = waitMs;
   if (!s.listenWatched && s.listenFd >= 0) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         s.acceptResume - std::chrono::steady_clock::now());
     if (left.count() <= 0)
       watchListener(s, true);
-    else
+    else if (timeout < 0 || left.count() < timeout)
       timeout = static_cast<int>(left.count()) + 1;
   }
   epoll_event events[64];
@@ -97,16 +122,18 @@ bool ChnServe::pass(Chn::Impl& s, Chn* chn) {
 }
 
 void ChnServe::acceptLinks(Chn::Impl& s, Chn* chn) {
+  DescriptorReserve::refill();
   // A bounded batch, so that a storm of connects cannot starve the links' requests.
   for (int i = 0; i < 32 && s.listenWatched; ++i) {
     {
       std::lock_guard lock(s.mutex);
       if (s.closed) return;  // a manager may close the channel from its connect
     }
-    int fd = HostFd::opened(::accept4(s.listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    bool fromReserve = false;
+    int fd = acceptLink(s.listenFd, &fromReserve);
     if (fd < 0) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
-      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+      if (shortOfDescriptors(errno)) {
         // The pending connection stays ready; watching it now would spin. Look again when a
         // link closes or after a short pause.
         watchListener(s, false);
@@ -114,35 +141,43 @@ void ChnServe::acceptLinks(Chn::Impl& s, Chn* chn) {
       }
       return;
     }
-    if (s.links.size() >= kMaxLinks) {
-      HostFd::close(fd);
-      continue;
-    }
-    ucred peer{};
-    socklen_t size = sizeof peer;
-    uint64_t pid = ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
-    Ref<ChnLink> link = new ChnLink(fd, pid, chn);
-    uint64_t key = s.nextKey++;
-    link->key_ = key;
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u64 = key;
-    if (::epoll_ctl(s.epollFd, EPOLL_CTL_ADD, fd, &event) != 0) {
-      link->closeSocket();
-      continue;
-    }
+    addLink(s, chn, fd, fromReserve);
+    if (fromReserve) DescriptorReserve::refill();
+  }
+}
+
+void ChnServe::addLink(Chn::Impl& s, Chn* chn, int fd, bool fromReserve) {
+  // Past the total only light processes come in, and only so far.
+  size_t open = s.links.size();
+  if (open >= kMaxLinks + kLightRoom) {
+    refuseLink(fd);
+    return;
+  }
+  ChnPeer peer;
+  Ref<Object> ticket;
+  bool onlyLight = fromReserve || open >= kMaxLinks;
+  if (!admitPeer(fd, *s.peerLinks, onlyLight, &peer, &ticket)) return;
+  Ref<ChnLink> link = new ChnLink(fd, peer, std::move(ticket), chn);
+  uint64_t key = s.nextKey++;
+  link->key_ = key;
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = key;
+  if (::epoll_ctl(s.epollFd, EPOLL_CTL_ADD, fd, &event) != 0) {
+    link->closeSocket();
+    return;
+  }
+  {
+    std::lock_guard lock(s.mutex);
+    s.links.emplace(key, Chn::Impl::Entry{link, fd, false});
+  }
+  if (!s.conMan || !s.conMan->connect(link)) {
+    ::epoll_ctl(s.epollFd, EPOLL_CTL_DEL, fd, nullptr);
     {
       std::lock_guard lock(s.mutex);
-      s.links.emplace(key, Chn::Impl::Entry{link, fd, false});
+      s.links.erase(key);
     }
-    if (!s.conMan || !s.conMan->connect(link)) {
-      ::epoll_ctl(s.epollFd, EPOLL_CTL_DEL, fd, nullptr);
-      {
-        std::lock_guard lock(s.mutex);
-        s.links.erase(key);
-      }
-      link->closeSocket();
-    }
+    link->closeSocket();
   }
 }
 

@@ -9,6 +9,9 @@
 // unlists it under the same lock before closing it, so a socket is never closed under an
 // accept in progress.
 //
+// Each process may hold Multiplex::kMaxLinksPerProcess links on all multiplexes together; the
+// count lives here, since every link of every multiplex is accepted here.
+//
 // The acceptor's state is made on first use and never destroyed: the detached thread may still
 // be waiting in epoll while the process exits. The thread itself starts with the first watched
 // multiplex and ends after a second with none, so a process that has closed all its
@@ -24,6 +27,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "chn_peer.h"
 #include "multiplex_core.h"
 #include "file/host_fd.h"
 
@@ -176,17 +180,21 @@ class Acceptor : public Object, public Exec {
       auto it = listeners_.find(key);
       if (it == listeners_.end()) return;  // unwatched since the event was reported
       const Listener& l = it->second;
+      DescriptorReserve::refill();
       for (int i = 0; i < kAcceptBatch; ++i) {
-        int fd = HostFd::opened(::accept4(l.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        bool fromReserve = false;
+        int fd = acceptLink(l.fd, &fromReserve);
         if (fd < 0) {
           if (errno == EINTR || errno == ECONNABORTED) continue;
           if (errno != EAGAIN && errno != EWOULDBLOCK) pauseLocked(key, l.fd);
           break;
         }
-        ucred peer{};
-        socklen_t size = sizeof peer;
-        uint64_t pid = ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
-        Ref<ChnLink> link = MuxLinkServe::make(fd, pid);
+        ChnPeer peer;
+        Ref<Object> ticket;
+        bool admitted = admitPeer(fd, *peerLinks_, fromReserve, &peer, &ticket);
+        if (fromReserve) DescriptorReserve::refill();
+        if (!admitted) continue;
+        Ref<ChnLink> link = MuxLinkServe::make(fd, peer, std::move(ticket));
         // A closed or full multiplex refuses the link: the client sees it end at once.
         if (l.core->admit(link))
           batch.push_back({l.core, std::move(link)});
@@ -255,6 +263,8 @@ class Acceptor : public Object, public Exec {
   // Guarded by mutex_: the thread's current wait has no time-out.
   bool waitsForever_ = false;
   uint64_t nextKey_ = 1;                               // guarded by mutex_
+  // Links of each process on all multiplexes; locks itself.
+  const Ref<PeerLinks> peerLinks_ = PeerLinks::create(Multiplex::kMaxLinksPerProcess);
   std::unordered_map<uint64_t, Listener> listeners_;  // guarded by mutex_
   std::vector<Pause> paused_;  // the running acceptor thread only (handed on under mutex_)
 };

@@ -88,7 +88,7 @@ void unwatch(Multiplex::Core& core);
 // The multiplex's hands on a ChnLink (whose insides it may touch as a friend): making one for an
 // accepted socket and serving it on the link's own thread (multiplex_link.cpp).
 struct MuxLinkServe {
-  static Ref<ChnLink> make(int fd, uint64_t peerPid);
+  static Ref<ChnLink> make(int fd, const ChnPeer& peer, Ref<Object> ticket);
   // Serves the link until it closes; runs the bind, the requests and the disconnect.
   static void run(Libraries::Service::Multiplex::Core& core, const Ref<ChnLink>& link);
 

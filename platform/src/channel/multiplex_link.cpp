@@ -61,8 +61,8 @@ struct MuxLinkServe::State {
   Multiplex::Core::Entry bound;       // the bound service, kept for the link's life
 };
 
-Ref<ChnLink> MuxLinkServe::make(int fd, uint64_t peerPid) {
-  return new ChnLink(fd, peerPid, nullptr);
+Ref<ChnLink> MuxLinkServe::make(int fd, const ChnPeer& peer, Ref<Object> ticket) {
+  return new ChnLink(fd, peer, std::move(ticket), nullptr);
 }
 
 void MuxLinkServe::run(Multiplex::Core& core, const Ref<ChnLink>& link) {

@@ -1,5 +1,5 @@
-// Starting programs: the environment handed to a program, posix_spawn, and waiting for the
-// program that the calling thread started last.
+// Starting programs: the environment handed to a program and posix_spawn. Waiting for the
+// program that the calling thread started last is in proc_wait.cpp.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -16,13 +16,14 @@
 #include "platform/proc.h"
 #include "platform/runtime.h"
 #include "program_files.h"
-
-namespace {
+#include "started.h"
 
 // The program that Binary::create last started on this thread; Proc::wait collects it. A
 // thread that starts a program and then waits for it (the server's agent threads) needs
 // nothing else to pair the two.
 thread_local pid_t t_lastStarted = 0;
+
+namespace {
 
 constexpr const char* kRuntimeDir = "POSIX_RUNTIME_DIR";
 
@@ -165,24 +166,4 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
   if (rc != 0) return fail(rc);
   t_lastStarted = pid;
   return static_cast<uint64_t>(pid);
-}
-
-uint32_t Proc::wait() {
-  if (t_lastStarted <= 0) {
-    Error::set(ECHILD);
-    return 0xFFFFFFFFu;
-  }
-  int status = 0;
-  pid_t rc;
-  do {
-    rc = ::waitpid(t_lastStarted, &status, 0);
-  } while (rc < 0 && errno == EINTR);
-  if (rc < 0) {
-    Error::set(static_cast<uint32_t>(errno));
-    return 0xFFFFFFFFu;
-  }
-  t_lastStarted = 0;  // collected: a second wait has nothing to wait for
-  if (WIFEXITED(status)) return static_cast<uint32_t>(WEXITSTATUS(status));
-  if (WIFSIGNALED(status)) return 128u + static_cast<uint32_t>(WTERMSIG(status));
-  return 0xFFFFFFFFu;
 }

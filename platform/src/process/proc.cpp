@@ -1,4 +1,4 @@
-// Processes: identity, the /proc view of other processes, and signals sent to them.
+// Processes: the calling process, and the /proc view of other processes.
 #include "platform/proc.h"
 
 #include <fcntl.h>
@@ -57,18 +57,6 @@ uint64_t statusField(const std::string& status, const char* key, uint64_t fallba
   return end == start ? fallback : value;
 }
 
-bool sendSignal(uint64_t pid, int sig) {
-  if (!validPid(pid)) {
-    Error::set(ESRCH);
-    return false;
-  }
-  if (::kill(static_cast<pid_t>(pid), sig) != 0) {
-    Error::set(static_cast<uint32_t>(errno));
-    return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 Ref<String> ProcInfo::name() const { return name_; }
@@ -108,6 +96,11 @@ Ref<ProcInfo> Proc::info(uint64_t pid) {
   info->pid_ = pid;
   info->parentPid_ = parent;
   info->threads_ = statusField(status, "Threads", 0);
+  // /proc/<id> exists for every thread too; only the thread that leads its process is one.
+  if (statusField(status, "Tgid", 0) != pid) {
+    Error::set(ESRCH);
+    return nullptr;
+  }
   // The server itself is out of every client's reach; root's processes rank above the rest.
   if (pid == current()) {
     info->level_ = 2;
@@ -116,10 +109,6 @@ Ref<ProcInfo> Proc::info(uint64_t pid) {
   }
   return info;
 }
-
-bool Proc::terminate(uint64_t pid) { return sendSignal(pid, SIGKILL); }
-bool Proc::stop(uint64_t pid) { return sendSignal(pid, SIGSTOP); }
-bool Proc::cont(uint64_t pid) { return sendSignal(pid, SIGCONT); }
 
 void Proc::exit(int32_t code) {
   Runtime::shutDown();

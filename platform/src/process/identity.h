@@ -1,0 +1,17 @@
+// Reading who a process is from /proc, shared by the process and channel parts of the platform.
+#pragma once
+
+#include <cstdint>
+
+namespace ProcIdentityRead {
+
+// The host's start time of process `pid` (field 22 of /proc/<pid>/stat, clock ticks after
+// boot); false when it cannot be read.
+bool startTime(uint64_t pid, uint64_t* start);
+// A pidfd for process `pid`, or -1 with errno set. The host refuses a thread that does not lead
+// its process (EINVAL), and so does this.
+int openPidfd(uint64_t pid);
+// True once the process of `pidfd` has ended (it may not have been collected yet).
+bool hasEnded(int pidfd);
+
+}  // namespace ProcIdentityRead
