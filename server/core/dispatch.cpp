@@ -67,7 +67,9 @@ bool PosixService::dispatch(Ref<InMsg> request, Ref<OutMsg> reply, uint32_t* res
       break;
     }
     case PX_CMD_SPAWN:
-    case PX_CMD_SPAWN_SHARED: *resultCode = spawn(caller, request, reply); break;
+    case PX_CMD_SPAWN_SHARED:
+      if (!spawn(caller, request, reply, resultCode)) return false;  // the agent answers
+      break;
     case PX_CMD_GET_SHARED_MEMORY: *resultCode = getSharedMemory(caller, reply); break;
     case PX_CMD_WAIT: {
       uint32_t kind = 0;

@@ -51,18 +51,15 @@ uint32_t decodeStart(const Ref<InMsg>& request, ProgramStart* start) {
 
 }  // namespace
 
-uint32_t PosixService::spawn(const Ref<PosixProcess>& caller, const Ref<InMsg>& request,
-                             const Ref<OutMsg>& reply) {
+bool PosixService::spawn(const Ref<PosixProcess>& caller, const Ref<InMsg>& request,
+                         const Ref<OutMsg>& reply, uint32_t* resultCode) {
   ProgramStart start;
   uint32_t refused = decodeStart(request, &start);
   if (refused == EINVAL) writeValue(reply, refused);
-  if (refused != 0) return PX_RESULT_FAILED;
-  Ref<PosixProcess> child = PosixProcess::spawn(caller, std::move(start));
-  if (!child) {
-    // The reason travels with the failure, so the client need not guess it.
-    writeValue(reply, Error::get());
-    return PX_RESULT_FAILED;
-  }
-  writeValue(reply, child->pid());
-  return PX_RESULT_DONE;
+  *resultCode = PX_RESULT_FAILED;
+  if (refused != 0) return true;
+  // The child's agent answers from here on: the pid once the program runs, or the reason.
+  if (PosixProcess::spawn(caller, std::move(start), request)) return false;
+  writeValue(reply, Error::get());
+  return true;
 }

@@ -3,6 +3,7 @@
 #include <posix/posix_service.h>
 
 #include "core/service_log.h"
+#include "process/process_agent.h"
 
 namespace posix {
 LogModule serviceLog;
@@ -22,6 +23,8 @@ bool PosixService::connect(const Ref<ChnLink>& link) {
   // process with the same pid is never handed over: the identity includes the start time.
   const ProcIdentity& identity = link->peerIdentity();
   Ref<PosixProcess> process = PosixProcess::find(identity);
+  // A program this server has just started may connect before its agent has linked it.
+  if (!process) process = ProcessAgent::awaitLinked(identity);
   if (!process) process = PosixProcess::createEntry(identity, Proc::levelOfUser(link->peerUid()));
   link->setTag(processes_->add(process));
   return true;

@@ -42,7 +42,10 @@ class PosixService : public Object, public ConMan {
   // True: answered now with *result. False: kept as a broadcast, answered when done.
   bool killGroup(const Ref<PosixProcess>& caller, const Ref<InMsg>& request, uint32_t* result);
   uint32_t getGroupId(const Ref<InMsg>& request, const Ref<OutMsg>& reply);
-  uint32_t spawn(const Ref<PosixProcess>& caller, const Ref<InMsg>& request, const Ref<OutMsg>& reply);
+  // True: answered now with *result (a request that could not be taken). False: the child's
+  // agent answers it.
+  bool spawn(const Ref<PosixProcess>& caller, const Ref<InMsg>& request, const Ref<OutMsg>& reply,
+             uint32_t* result);
   uint32_t getSharedMemory(const Ref<PosixProcess>& caller, const Ref<OutMsg>& reply);
 
   Ref<Chn> chn_;

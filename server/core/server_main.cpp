@@ -8,6 +8,7 @@
 #include "platform/chario.h"
 #include "platform/devnode.h"
 #include "platform/proc.h"
+#include "process/agent_threads.h"
 
 using posix::serviceLog;
 
@@ -56,6 +57,8 @@ void serverMain() {
   Ref<Thd> fdThread = Thd::create(fdService);
   fdThread->setName("FD");
   fdThread->start();
+  // One thread waits for the first spawn's agent from the start.
+  AgentThreads::keepSpare();
 
   service->mainLoop();
   Proc::exit(0);  // reached only if the channel was closed under the loop

@@ -61,8 +61,9 @@ class PosixProcess : public Object {
   // fresh descriptor table; `level` is its privilege level (ProcInfo::level). Answers the
   // existing record when one appeared meanwhile.
   static Ref<PosixProcess> createEntry(const ProcIdentity& identity, uint32_t level);
-  // Starts a program as a child of `parent`; null when the program could not be started.
-  static Ref<PosixProcess> spawn(const Ref<PosixProcess>& parent, ProgramStart start);
+  // Starts a program as a child of `parent` on an agent's thread, which answers `request`
+  // (the child's pid, or why it failed). False, with Error set, when no agent could take it.
+  static bool spawn(const Ref<PosixProcess>& parent, ProgramStart start, Ref<InMsg> request);
 
   // Moves this process into `group`, or into a new group it leads when `group` is null.
   bool setGroup(Ref<PosixProcessGroup> group);
@@ -115,6 +116,9 @@ class PosixProcess : public Object {
   friend class ProcessAgent;
   PosixProcess();
 
+  // Takes the parent's group and a copy of its descriptors, and lists the record in the
+  // registry and among the parent's children (agent thread, once the program has started).
+  void linkTo(const Ref<PosixProcess>& parent);
   // Marks the program as ended, under the monitor (agent thread, before it collects it).
   void markEnded(uint32_t exitCode);
   // Unlinks the record of an ended program: registry, descriptors, pipes, group (agent thread).
@@ -122,7 +126,7 @@ class PosixProcess : public Object {
   bool matches(uint32_t kind, uint64_t value) const;
   void sendSignalLocked(uint32_t signum, const StatusRecord& record, RecordPlacement placement);
 
-  // Written once: before registration (connect) or before the handshake (spawn).
+  // Written once, before the record is listed: by connect, or by the agent that started it.
   ProcIdentity identity_;
   uint32_t level_ = 0;
   bool started_ = false;  // a program the server started (it leads its host process group)
@@ -137,7 +141,7 @@ class PosixProcess : public Object {
   uint32_t exitCode_ = 0;  // written before terminated_ is set
   uint32_t pendingSignals_ = 0;  // bit s-1 for a pending signal s
   Ref<InMsg> signalWaiter_;
-  Ref<PosixProcessGroup> group_;  // set while the record is made, on the main thread
+  Ref<PosixProcessGroup> group_;  // set before the record is listed
   Ref<UnclaimedPipeEnds> unclaimedPipeEnds_;  // set in the constructor; locks itself
   Ref<DescriptionBudget> descriptions_;       // set in the constructor; atomic inside
 };

@@ -1,10 +1,15 @@
 #include "process/process_agent.h"
 
+#include <posix/wire.h>
+
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 
 #include "fd/fd_table.h"
 #include "fifo/unclaimed_pipe_ends.h"
 #include "platform/error.h"
+#include "process/agent_threads.h"
 #include "process/process_group.h"
 #include "process/process_log.h"
 #include "process/process_registry.h"
@@ -14,71 +19,123 @@ LogModule agentLog;
 }
 
 namespace {
-// How long the service thread waits for a program start. A start that is not waiting on
-// anything takes milliseconds; one that is has been handed something nobody answers.
-constexpr uint32_t kStartLimitMs = 5000;
+using Clock = std::chrono::steady_clock;
+
+// A program start that took longer than this is given up: its requester has most likely
+// stopped waiting, and nobody would know the program. A start that waits for nothing takes
+// milliseconds; one that took this long was handed something nobody answered.
+constexpr auto kStartLimit = std::chrono::milliseconds(5000);
+// How long the process service waits for the agent of a program that connected before it
+// was linked. The agent links right after the start returns, before the program can have
+// gone far: this bound only matters when the agent's thread is not scheduled.
+constexpr uint32_t kLinkWaitMs = 2000;
+
+// Posted after each link while the process service waits in awaitLinked (its one thread).
+std::atomic<uint32_t> g_linkWaiters{0};
+Ref<Sem>& linkedSignal() {
+  static Ref<Sem>* sem = new Ref<Sem>(Sem::create(0));  // never destroyed: agents outlive main
+  return *sem;
+}
 }  // namespace
 using posix::agentLog;
 using posix::LogNum;
 
-ProcessAgent::ProcessAgent(Ref<PosixProcess> process, ProgramStart start)
-    : process_(std::move(process)), start_(std::move(start)), started_(Sem::create(0)), linked_(Sem::create(0)) {}
+ProcessAgent::ProcessAgent(Ref<PosixProcess> parent, Ref<PosixProcess> child, ProgramStart start,
+                           Ref<InMsg> request)
+    : parent_(std::move(parent)), process_(std::move(child)), start_(std::move(start)),
+      request_(std::move(request)) {}
+
+template <class T>
+void ProcessAgent::answer(uint32_t code, T value) {
+  Ref<OutMsg> reply = OutMsg::create();
+  reply->setCode(code);
+  reply->write(&value, sizeof value);
+  request_->reply(reply);
+  request_.reset();
+}
+
+bool ProcessAgent::start() {
+  const Clock::time_point began = Clock::now();
+  uint64_t pid = Binary::create(start_.path, start_.startFlags, start_.arguments.data(),
+                                start_.arguments.size(), start_.environment, start_.startOptions);
+  if (pid == 0) {
+    uint32_t error = Error::get();
+    POSIX_LOG(agentLog.handle, 2, "Could not create new process for " << start_.path);
+    answer(PX_RESULT_FAILED, error);
+    return false;
+  }
+  // The program is this thread's child and not collected: its pid cannot name another process
+  // yet, so the identity read now is its own. It runs as the server's user.
+  ProcIdentity identity = Proc::identity(pid);
+  if (!identity) {
+    POSIX_LOG(agentLog.handle, 2, "Could not read the identity of process " << LogNum{pid});
+    identity = ProcIdentity{pid, 0};  // host signals will find nobody of this identity
+  }
+  process_->identity_ = identity;
+  process_->level_ = Proc::levelOfUser(Proc::uid());
+  process_->started_ = true;
+  if (Clock::now() - began > kStartLimit) {
+    POSIX_LOG(agentLog.handle, 2, "Program start given up after "
+                                      << LogNum{static_cast<uint64_t>(kStartLimit.count())}
+                                      << " ms: " << start_.path);
+    Proc::send(identity, HostSignal::Kill, true);
+    Proc::wait();
+    answer(PX_RESULT_FAILED, uint32_t{ETIMEDOUT});
+    return false;
+  }
+  process_->linkTo(parent_);
+  if (g_linkWaiters.load(std::memory_order_acquire) != 0) linkedSignal()->up();
+  answer(PX_RESULT_DONE, pid);
+  POSIX_LOG(agentLog.handle, 1,
+            "Process " << LogNum{parent_->pid()} << " created new child process " << start_.path
+                       << " with pid: " << LogNum{pid});
+  parent_.reset();  // the child keeps its parent weakly from here on
+  return true;
+}
 
 void ProcessAgent::run() {
-  const Ref<String>& path = start_.path;
-  uint64_t pid = Binary::create(path, start_.startFlags, start_.arguments.data(),
-                                start_.arguments.size(), start_.environment, start_.startOptions);
-  startError_ = pid == 0 ? Error::get() : 0;
-  if (pid != 0) {
-    // The program is this thread's child and not collected: its pid cannot name another
-    // process yet, so the identity read now is its own. It runs as the server's user.
-    ProcIdentity identity = Proc::identity(pid);
-    if (!identity) {
-      POSIX_LOG(agentLog.handle, 2, "Could not read the identity of process " << LogNum{pid});
-      identity = ProcIdentity{pid, 0};  // host signals will find nobody of this identity
-    }
-    process_->identity_ = identity;
-    process_->level_ = Proc::levelOfUser(Proc::uid());
-    process_->started_ = true;
-  }
-  int expected = kStarting;
-  if (!state_.compare_exchange_strong(expected, kReported)) {
-    // Given up by the spawning thread: nobody knows this program, so it does not stay.
-    POSIX_LOG(agentLog.handle, 2, "Program start given up after " << LogNum{kStartLimitMs}
-                                      << " ms: " << path);
-    if (pid != 0) {
-      Proc::send(process_->identity_, HostSignal::Kill, true);
-      Proc::wait();
-    }
+  bool running = start();
+  // Off the spawn's path now: a thread for the next spawn's agent.
+  AgentThreads::keepSpare();
+  if (!running) {
     process_.reset();
     return;
   }
-  started_->up();
-  if (pid == 0) {
-    POSIX_LOG(agentLog.handle, 2, "Could not create new process for " << path);
-    process_.reset();
-    return;
-  }
-  if (Ref<PosixProcess> parent = process_->parent()) {
-    POSIX_LOG(agentLog.handle, 1,
-              "Process " << LogNum{parent->pid()} << " created new child process " << path
-                         << " with pid: " << LogNum{pid});
-  } else {
-    POSIX_LOG(agentLog.handle, 1, "New process " << path << " created with pid " << LogNum{pid});
-  }
-
   // The end is noted before the program is collected: until markEnded() a signal sender may
   // still use the pid and the group id the program leads.
   uint32_t exitCode = Proc::awaitEnd();
-  linked_->down();
   POSIX_LOG(agentLog.handle, 1,
-            "Process " << path << " (" << LogNum{pid} << ") terminated with exitcode "
-                       << LogNum{exitCode});
+            "Process " << start_.path << " (" << LogNum{process_->pid()}
+                       << ") terminated with exitcode " << LogNum{exitCode});
   process_->markEnded(exitCode);
   Proc::wait();
   process_->unlinkEnded();
   if (Ref<PosixProcess> parent = process_->parent()) parent->childExited(process_);
   process_.reset();
+}
+
+Ref<PosixProcess> ProcessAgent::awaitLinked(const ProcIdentity& identity) {
+  Ref<ProcInfo> info = Proc::info(identity.pid);
+  if (!info || info->parentPid() != Proc::current()) return nullptr;
+  g_linkWaiters.fetch_add(1, std::memory_order_acq_rel);
+  const Clock::time_point until = Clock::now() + std::chrono::milliseconds(kLinkWaitMs);
+  Ref<PosixProcess> process;
+  for (;;) {
+    process = PosixProcess::find(identity);
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
+    if (process || left.count() <= 0) break;
+    linkedSignal()->down(static_cast<uint32_t>(left.count()) + 1);
+  }
+  g_linkWaiters.fetch_sub(1, std::memory_order_acq_rel);
+  return process;
+}
+
+void PosixProcess::linkTo(const Ref<PosixProcess>& parent) {
+  setGroup(parent->group());
+  fdTable_ = new FDTable(parent->fdTable());
+  MonLock parentLock(parent->monitor_);
+  ProcessRegistry::add(this);
+  parent->children_->append(this);
 }
 
 void PosixProcess::markEnded(uint32_t exitCode) {
@@ -101,42 +158,13 @@ void PosixProcess::unlinkEnded() {
   if (group_) group_->removeMember(this);
 }
 
-bool ProcessAgent::awaitStart(uint32_t timeoutMs) {
-  if (started_->down(timeoutMs)) return true;
-  int expected = kStarting;
-  if (state_.compare_exchange_strong(expected, kAbandoned)) return false;
-  started_->down();  // the agent reported just now: its post is on the way
-  return true;
-}
-
-Ref<PosixProcess> PosixProcess::spawn(const Ref<PosixProcess>& parent, ProgramStart start) {
-  if (!parent) return nullptr;
+bool PosixProcess::spawn(const Ref<PosixProcess>& parent, ProgramStart start, Ref<InMsg> request) {
+  Error::set(EINVAL);
+  if (!parent || !request) return false;
   Ref<PosixProcess> child = new PosixProcess();
   child->parent_ = WeakRef<PosixProcess>(parent);
   if (start.sharedMemory.id != 0) child->sharedMemory_ = ShMem::open(start.sharedMemory);
-
-  Ref<ProcessAgent> agent = new ProcessAgent(child, std::move(start));
-  Ref<Thd> thread = Thd::create(agent);
+  Ref<ProcessAgent> agent = new ProcessAgent(parent, child, std::move(start), std::move(request));
   Error::set(EAGAIN);
-  if (!thread) return nullptr;
-  thread->setName("PosixChild");
-  if (!thread->start()) return nullptr;
-  if (!agent->awaitStart(kStartLimitMs)) {
-    Error::set(ETIMEDOUT);
-    return nullptr;
-  }
-  if (child->identity_.pid == 0) {
-    Error::set(agent->startError());
-    return nullptr;
-  }
-
-  child->setGroup(parent->group());
-  child->fdTable_ = new FDTable(parent->fdTable());
-  {
-    MonLock parentLock(parent->monitor_);
-    ProcessRegistry::add(child);
-    parent->children_->append(child);
-  }
-  agent->releaseEnd();
-  return child;
+  return AgentThreads::run(agent);
 }

@@ -1,42 +1,39 @@
-// The agent of one spawned program: on a thread of its own ("PosixChild") it starts the
-// program, waits for its end, records the exit code and tells the parent. Two semaphores join
-// it with the spawning thread: the agent posts `started_` once the program is started (or
-// failed), the spawning thread posts `linked_` once the child is registered and linked, and
-// only then does the agent handle the program's end, so a program that ends at once is still
-// seen as a child. (With one semaphore for both directions, an agent whose program ended before
-// the spawning thread woke would take back its own post.)
+// The agent of one spawned program: on a thread of its own ("PosixChild", made ahead of need by
+// AgentThreads and held until the program has ended) it starts the program, links the child
+// record (group, descriptor table, registry, the parent's children), answers the spawn request
+// with the pid, then waits for the program's end, records the exit code and tells the parent.
+// Starting, linking and the end happen on this one thread in that order, so a program that
+// ends at once is still seen as a child, and the service thread hands the request over and
+// goes on: no start, however slow, holds up the service.
 //
-// The spawning thread is the service's main thread, so it waits for the start only a bounded
-// time: a start that hangs (a program or directory on a file system that does not answer)
-// is given up, `state_` says so, and the agent then kills whatever it started late.
+// The started program may connect before its agent has linked it; the process service then
+// waits a moment for the link (awaitLinked) instead of making a record of its own for it.
 #pragma once
 
-#include <atomic>
-
-#include "platform/sync.h"
 #include "platform/thread.h"
 #include "process/posix_process.h"
 
 class ProcessAgent : public Object, public Exec {
  public:
-  ProcessAgent(Ref<PosixProcess> process, ProgramStart start);
+  ProcessAgent(Ref<PosixProcess> parent, Ref<PosixProcess> child, ProgramStart start,
+               Ref<InMsg> request);
 
-  // Waits until the program has been started or has failed to start: true. False when that
-  // took longer than `timeoutMs`; the start is then given up for good.
-  bool awaitStart(uint32_t timeoutMs);
-  // Why the start failed (an errno value), once awaitStart answered true and the pid is 0.
-  uint32_t startError() const { return startError_; }
-  // Lets the agent go on to handle the program's end.
-  void releaseEnd() { linked_->up(); }
+  // The record of `identity` once its agent has linked it, for a process that this server
+  // started; null at once for any other process, and after a short bound.
+  static Ref<PosixProcess> awaitLinked(const ProcIdentity& identity);
 
   void run() override;
 
  private:
+  // Starts the program and links the record: true when a program runs and the request was
+  // answered with its pid; false (the request answered with the reason) when none runs.
+  bool start();
+  // Answers the spawn request: the pid (u64) when done, the reason (u32 errno) when failed.
+  template <class T>
+  void answer(uint32_t code, T value);
+
+  Ref<PosixProcess> parent_;   // until the child is linked
   Ref<PosixProcess> process_;  // held for the program's whole life
   ProgramStart start_;
-  Ref<Sem> started_;
-  Ref<Sem> linked_;
-  enum State : int { kStarting, kReported, kAbandoned };
-  std::atomic<int> state_{kStarting};  // which of the agent and the spawning thread came first
-  uint32_t startError_ = 0;            // written before `started_` is posted
+  Ref<InMsg> request_;         // the spawn request, answered once
 };

@@ -36,13 +36,19 @@ class ProcessTest : public ::testing::Test {
     return PosixProcess::createEntry({pid, 1}, level);
   }
 
-  static Ref<PosixProcess> spawn(const Ref<PosixProcess>& parent, const char* path,
-                                 std::vector<Ref<String>> arguments) {
+  // Starts a program as `parent`'s child; its pid from the agent's answer, 0 when it failed.
+  uint64_t spawn(const Ref<PosixProcess>& parent, const char* path,
+                 std::vector<Ref<String>> arguments) {
     ProgramStart start;
     start.path = String::create(path);
     start.arguments = std::move(arguments);
     start.environment = Env::create();
-    return PosixProcess::spawn(parent, std::move(start));
+    if (!PosixProcess::spawn(parent, std::move(start), channel.request(PX_CMD_SPAWN))) return 0;
+    ChannelHarness::Reply r;
+    uint64_t pid = 0;
+    if (!channel.reply(&r) || r.code != PX_RESULT_DONE || r.data.size() != sizeof pid) return 0;
+    std::memcpy(&pid, r.data.data(), sizeof pid);
+    return pid;
   }
 
   // Waits until `parent` has been told of `zombies` ended children (bounded).
@@ -104,8 +110,8 @@ TEST_F(ProcessTest, PendingSignalsAreAnsweredOncePerSignalInAscendingOrderToOneW
 
 TEST_F(ProcessTest, AbortAnswersEveryQueuedWaitAndAnEndedChildDropsItsDescriptors) {
   Ref<PosixProcess> parent = entry(900005);
-  Ref<PosixProcess> child = spawn(parent, "/bin/sh", {String::create("sh"), String::create("-c"),
-                                                      String::create("sleep 5")});
+  Ref<PosixProcess> child = PosixProcess::findByPid(
+      spawn(parent, "/bin/sh", {String::create("sh"), String::create("-c"), String::create("sleep 5")}));
   ASSERT_TRUE(child);
   EXPECT_TRUE(child->fdTable());
   parent->wait(channel.request(9), PX_WAIT_ANY_CHILD, 0, 0);
@@ -125,7 +131,7 @@ TEST_F(ProcessTest, AbortAnswersEveryQueuedWaitAndAnEndedChildDropsItsDescriptor
 }
 
 TEST_F(ProcessTest, ProgramsThatEndAtOnceAreStillChildrenAndOneThatCannotStartIsNone) {
-  // A program may end before the spawning thread has linked it: its end must wait for that.
+  // A program may end at once: it is still linked as a child before its end is handled.
   Ref<PosixProcess> parent = entry(900009);
   constexpr uint64_t kPrograms = 100;
   for (uint64_t i = 0; i < kPrograms; ++i)

@@ -1,0 +1,85 @@
+#include "process/agent_threads.h"
+
+#include <algorithm>
+
+class AgentThreads::Worker : public Object, public Exec {
+ public:
+  void run() override {
+    AgentThreads& threads = instance();
+    for (;;) {
+      bool wait = false;
+      Ref<Exec> agent = threads.next(&wait);
+      if (agent) {
+        agent->run();
+      } else if (wait) {
+        threads.wake_->down();
+      } else {
+        return;
+      }
+    }
+  }
+};
+
+AgentThreads& AgentThreads::instance() {
+  // Never destroyed: waiting threads use it until the process ends.
+  static AgentThreads* threads = new AgentThreads();
+  return *threads;
+}
+
+AgentThreads::AgentThreads() : monitor_(Mon::create()), wake_(Sem::create(0)) {}
+
+bool AgentThreads::run(Ref<Exec> agent) {
+  AgentThreads& threads = instance();
+  Exec* handed = agent.get();
+  {
+    MonLock lock(threads.monitor_);
+    threads.queue_.push_back(std::move(agent));
+    if (threads.waiting_ > 0) {
+      --threads.waiting_;
+      threads.wake_->up();
+      return true;
+    }
+  }
+  if (threads.startThread()) return true;
+  // No thread could be made: withdraw the agent unless a thread that came free took it.
+  MonLock lock(threads.monitor_);
+  auto it = std::find_if(threads.queue_.begin(), threads.queue_.end(),
+                         [&](const Ref<Exec>& queued) { return queued.get() == handed; });
+  if (it == threads.queue_.end()) return true;
+  threads.queue_.erase(it);
+  return false;
+}
+
+void AgentThreads::keepSpare() {
+  AgentThreads& threads = instance();
+  {
+    MonLock lock(threads.monitor_);
+    if (threads.waiting_ > 0) return;
+  }
+  threads.startThread();
+}
+
+uint32_t AgentThreads::waiting() {
+  AgentThreads& threads = instance();
+  MonLock lock(threads.monitor_);
+  return threads.waiting_;
+}
+
+bool AgentThreads::startThread() {
+  Ref<Thd> thread = Thd::create(new Worker());
+  if (!thread) return false;
+  thread->setName("PosixChild");
+  return thread->start();
+}
+
+Ref<Exec> AgentThreads::next(bool* wait) {
+  MonLock lock(monitor_);
+  if (!queue_.empty()) {
+    Ref<Exec> agent = std::move(queue_.front());
+    queue_.pop_front();
+    return agent;
+  }
+  *wait = waiting_ < kSpare;
+  if (*wait) ++waiting_;
+  return nullptr;
+}
