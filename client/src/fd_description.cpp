@@ -5,6 +5,7 @@
 // went away, and a host signal handler can end it between slices.
 #include <errno.h>
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -42,6 +43,7 @@ Description::Description(int32_t type, NodeRecord node) : type_(type), node_(std
 
 Description::~Description() {
   for (Slot* slot : {&stream_, &status_, &seek_, &resize_, &item_}) delete slot->link;
+  if (int file = hostFile_.load(std::memory_order_relaxed); file >= 0) close(file);
 }
 
 Description::Slot* Description::slotFor(uint64_t iface) {
@@ -130,6 +132,7 @@ int64_t Description::status(uint32_t command) {
 
 int64_t Description::read(void* buf, size_t n, bool nonblock) {
   if (n == 0) return 0;
+  if (int file = hostFile(); file >= 0) return hostRead(file, buf, n);
   const uint64_t want = std::min<uint64_t>(n, PX_STREAM_MAX_READ);
   // One reader at a time per description in this process; the server serialises the readers
   // of an end anyway, and the status answered after a read then belongs to that read.
@@ -171,6 +174,7 @@ int64_t Description::read(void* buf, size_t n, bool nonblock) {
 }
 
 int64_t Description::write(const void* buf, size_t n, bool nonblock) {
+  if (int file = hostFile(); file >= 0) return hostWrite(file, buf, n);
   const uint8_t* bytes = static_cast<const uint8_t*>(buf);
   size_t done = 0;
   std::lock_guard<std::mutex> lock(stream_.mutex);

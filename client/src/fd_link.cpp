@@ -95,6 +95,17 @@ int ServiceLink::sendRequest(FrameWriter& req, uint64_t* id) {
 
 namespace {
 
+// The descriptor a received message carried, moved above the standard numbers; -1 when it
+// carried none.
+int takeAttached(struct msghdr& msg) {
+  int attached = -1;
+  for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
+    if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_RIGHTS && c->cmsg_len >= CMSG_LEN(sizeof(int)))
+      std::memcpy(&attached, CMSG_DATA(c), sizeof attached);
+  }
+  return attached >= 0 ? aboveStandardFds(attached) : -1;
+}
+
 // errno for a failed receive on a link (EINTR is handled by the callers).
 int receiveError(ssize_t n) {
   if (n == 0) return ECONNRESET;
@@ -103,12 +114,20 @@ int receiveError(ssize_t n) {
 
 }  // namespace
 
-int ServiceLink::call(FrameWriter& req, Reply* out, bool* interrupted) {
+int ServiceLink::call(FrameWriter& req, Reply* out, bool* interrupted, int* file) {
   uint64_t id = 0;
   int err = sendRequest(req, &id);
   if (err != 0) return err;
+  if (file != nullptr) *file = -1;
   for (;;) {
-    ssize_t n = recv(fd_, buffer_.data(), buffer_.size(), MSG_TRUNC);
+    struct iovec iov = {buffer_.data(), buffer_.size()};
+    alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+    struct msghdr msg = {};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    ssize_t n = recvmsg(fd_, &msg, MSG_CMSG_CLOEXEC);
     if (n < 0 && errno == EINTR) {
       // The request is out and will be answered; a caller that gives up now would lose what
       // the server read or wrote for it. So wait on, and only tell the caller.
@@ -116,8 +135,16 @@ int ServiceLink::call(FrameWriter& req, Reply* out, bool* interrupted) {
       continue;
     }
     if (n <= 0) return receiveError(n);
-    if (static_cast<size_t>(n) > buffer_.size()) return EPROTO;
-    if (!decodeReply(buffer_.data(), static_cast<size_t>(n), out)) return EPROTO;
+    int attached = takeAttached(msg);
+    if ((msg.msg_flags & MSG_TRUNC) != 0 || !decodeReply(buffer_.data(), static_cast<size_t>(n), out)) {
+      if (attached >= 0) close(attached);
+      return EPROTO;
+    }
+    if (out->id == id && file != nullptr) {
+      *file = attached;
+      return 0;
+    }
+    if (attached >= 0) close(attached);
     if (out->id == id) return 0;
     // The server refused the link itself (a bound of this process): id 0, result 11.
     if (out->id == 0 && out->code == PX_RESULT_LIMIT) return EAGAIN;

@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "internal.h"
 #include "posix/fs_item.h"
@@ -37,6 +38,10 @@ int64_t lseek(int fd, int64_t offset, int whence) {
   if (err != 0) return fail(err);
   if (whence != SEEK_SET && whence != SEEK_CUR && whence != SEEK_END) return fail(EINVAL);
   if (!d->offers(PX_IFACE_SEEKABLE)) return fail(ESPIPE);
+  if (int file = d->hostFile(); file >= 0) {
+    off_t at = ::lseek(file, offset, whence);
+    return at < 0 ? fail(errno) : at;
+  }
   uint64_t base = 0;
   if (whence == SEEK_CUR) {
     FrameWriter req(PX_SEEK_CMD_POSITION);
@@ -86,6 +91,7 @@ int px_ftruncate(int fd, int64_t length) {
   int err = pxc::lookupFd(fd, &d);
   if (err != 0) return pxc::fail(err);
   if (length < 0 || !d->offers(PX_IFACE_RESIZABLE)) return pxc::fail(EINVAL);
+  if (int file = d->hostFile(); file >= 0) return ::ftruncate(file, length) == 0 ? 0 : pxc::fail(errno);
   pxc::FrameWriter req(PX_RESIZE_CMD_RESIZE);
   req.u64(static_cast<uint64_t>(length));
   uint64_t size = 0;

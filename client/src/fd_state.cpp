@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <tuple>
 
@@ -22,7 +23,9 @@ struct FdState {
   std::string instance;          // guarded by mutex: the runtime directory of the view
   ServiceLink* link = nullptr;   // guarded by mutex: the descriptor service
   std::map<int, std::shared_ptr<Description>> fds;  // guarded by mutex; null: reserved
+  int64_t aliveUntil = 0;        // guarded by mutex: the link was seen alive until this time
 };
+
 
 // Made once and never destroyed, so that a thread still inside a call while the process exits
 // never meets a destroyed view.
@@ -31,10 +34,26 @@ FdState& fs() {
   return *state;
 }
 
+// How long a link seen alive counts as alive. Every call looks up its number here, and asking
+// the host whether the link still stands costs about as much as a file read of the host's own:
+// a restarted server is noticed within this time instead.
+constexpr int64_t kAliveForMs = 5;
+
+// Whether the descriptor service's link has gone (its server stopped or was restarted).
+bool linkGone() {
+  int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                    std::chrono::steady_clock::now().time_since_epoch()).count();
+  if (now < fs().aliveUntil) return false;
+  if (!fs().link->alive()) return true;
+  fs().aliveUntil = now + kAliveForMs;
+  return false;
+}
+
 // Set in a forked child: the links belong to the parent, whose pid the server knows them by.
 std::atomic<bool> forked{false};
 
 void dropLocked() {
+  fs().aliveUntil = 0;
   delete fs().link;
   fs().link = nullptr;
   fs().fds.clear();
@@ -52,7 +71,7 @@ int loadLocked() {
   // (its descriptions went with it, and a new server on the same instance has a table of its
   // own): start again.
   if (forked.exchange(false, std::memory_order_relaxed) ||
-      (fs().loaded && (fs().instance != runtimeDir() || !fs().link->alive()))) {
+      (fs().loaded && (fs().instance != runtimeDir() || linkGone()))) {
     dropLocked();
   }
   if (fs().loaded) return 0;

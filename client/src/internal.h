@@ -186,8 +186,10 @@ class ServiceLink {
   bool alive() const;
   // One request and its reply: 0 or ECONNRESET (the server went), ETIMEDOUT, EPROTO... After
   // an error the link is unusable. `*interrupted` (may be null) is set when a host signal
-  // handler ran while the call waited.
-  int call(FrameWriter& req, Reply* out, bool* interrupted = nullptr);
+  // handler ran while the call waited. A host descriptor that came with the reply goes to
+  // `*file` (above the standard numbers, close-on-exec; -1 when none came), or is closed when
+  // `file` is null.
+  int call(FrameWriter& req, Reply* out, bool* interrupted = nullptr, int* file = nullptr);
   // As call, for a reply whose data goes straight into `buf` (room for `cap` bytes) with no
   // copy in between: *status is the reply's result code, *got the length of its data. EPROTO
   // when the data does not fit. Blocks after the data are not looked at.
@@ -250,6 +252,12 @@ class Description {
   // The O_NONBLOCK flag, shared by the local descriptors of the description.
   std::atomic<bool> nonblock{false};
 
+  // The host open file behind a regular file's description (fd_host_file.cpp), asked of the
+  // item service once: a descriptor this process reads, writes and seeks directly, at the
+  // offset the server and every holder share; -1 when there is none (not a regular file, or
+  // the server could not hand it over), and then the services carry the bytes.
+  int hostFile();
+
  private:
   struct Slot {
     std::mutex mutex;
@@ -276,9 +284,16 @@ class Description {
   Slot seek_;
   Slot resize_;
   Slot item_;
+  static constexpr int kHostFileUnasked = -2;
+  std::atomic<int> hostFile_{kHostFileUnasked};  // set once, under item_.mutex
   bool described_ = false;  // guarded by item_.mutex
   ItemInfo info_;           // guarded by item_.mutex, valid once described_
 };
+
+// read(2) and write(2) on a description's host file (fd_host_file.cpp): the count or a
+// negative errno value; a write writes all of `n` unless an error ends it.
+int64_t hostRead(int file, void* buf, size_t n);
+int64_t hostWrite(int file, const void* buf, size_t n);
 
 // The process's descriptor table as this process knows it: for each number the description
 // behind it, or null for a number that is taken without one (a reserved number). Loaded with

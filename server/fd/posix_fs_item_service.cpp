@@ -21,9 +21,14 @@ bool PosixFSItemService::handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, ui
   if (!in || !out || !ret) return true;
   *ret = PX_RESULT_FAILED;
   Ref<FileDescriptionServerFSItem> server = GcProxy::lockWeakRef(server_);
-  if (!server || static_cast<int32_t>(in->code()) != kCommandDescribe) return true;
-
+  if (!server) return true;
   const Ref<LocalFileDescriptionFSItem>& item = server->item();
+  if (static_cast<int32_t>(in->code()) == kCommandHostFile) {
+    if (item->attachTo(out)) *ret = PX_RESULT_DONE;
+    return true;
+  }
+  if (static_cast<int32_t>(in->code()) != kCommandDescribe) return true;
+
   Ref<Interfaces::FileSystemObject> object = item->fileSystemObject();
   Ref<String> path = object->path();
   int32_t type = object->objectType();

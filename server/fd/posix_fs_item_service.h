@@ -1,9 +1,13 @@
 // The item service of an opened file-system item: command 4 describes the item (its path as a
-// platform string, its type code as i32, its open flags as u32). Any other command answers 0.
+// platform string, its type code as i32, its open flags as u32); command 5 hands a regular
+// file's host open file to the client with the reply, so that it moves the bytes itself. Any
+// other command answers 0.
 //
 // It holds its description only weakly, so it never keeps the description alive; once the last
 // descriptor has gone it answers 0 to everything, even on links that are still open.
 #pragma once
+
+#include <posix/fs_item.h>
 
 #include "platform/chn.h"
 #include "platform/service.h"
@@ -13,7 +17,8 @@ class FileDescriptionServerFSItem;
 class PosixFSItemService : public Object, public Interfaces::Service, public ConMan {
  public:
   enum Command : int32_t {
-    kCommandDescribe = 4,
+    kCommandDescribe = PX_ITEM_CMD_DESCRIBE,
+    kCommandHostFile = PX_ITEM_CMD_HOST_FILE,
   };
 
   // Null when `server` is null.

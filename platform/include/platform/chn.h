@@ -55,6 +55,10 @@ class ChnLink : public Object {
   bool sendFrame(std::vector<uint8_t> frame);
   // The same for a frame the caller keeps: copied only when it has to wait for room.
   bool sendFrame(const uint8_t* frame, size_t size);
+  // The same with host descriptor `file` attached (SCM_RIGHTS; the receiver gets its own
+  // descriptor of the same open file). A frame that cannot go out at once goes without it,
+  // queued as any other: the receiver sees no descriptor and uses the services instead.
+  bool sendFrame(std::vector<uint8_t> frame, int file);
   // Shuts the link down from any thread; the channel's thread then disconnects it.
   void shutdown();
   bool isOpen() const;

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 
+#include "platform/message.h"
 #include "platform/object.h"
 #include "platform/stream.h"
 #include "platform/string.h"
@@ -97,6 +98,11 @@ class LocalFileDescriptionFSItem : public Object,
 
   Ref<String> path() override { return path_; }
   int32_t objectType() override { return type_; }
+
+  // Attaches a descriptor of the host open file to the reply `out`, for a regular file only:
+  // its receiver reads, writes and seeks the file itself, at the offset and with the flags
+  // every other holder of this description shares. False (nothing attached) otherwise.
+  bool attachTo(const Ref<OutMsg>& out) const;
 
   ~LocalFileDescriptionFSItem() override;
 

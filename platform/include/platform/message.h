@@ -100,9 +100,16 @@ class OutMsg : public Object, public virtual Interfaces::Stream {
   std::vector<uint8_t> encode(uint32_t kind, uint64_t id) const;
   // Bytes the encoded frame takes.
   uint64_t frameSize() const;
+  // The host descriptor that travels with the reply (SCM_RIGHTS), or -1. The message owns it;
+  // the platform's own objects attach it (LocalFileDescriptionFSItem::attachTo).
+  int attachedFile() const { return attached_; }
+
+  ~OutMsg() override;
 
  private:
+  friend class LocalFileDescriptionFSItem;
   OutMsg() = default;
+  int attached_ = -1;
   uint32_t code_ = 0;
   std::vector<uint8_t> data_;
   struct OutBlock {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "chn_impl.h"
 #include "posix/wire.h"
@@ -35,6 +36,31 @@ bool ChnLink::sendFrame(const uint8_t* frame, size_t size) {
   }
   // It has to wait behind others or for room: the queue keeps a copy.
   return sendFrame(std::vector<uint8_t>(frame, frame + size));
+}
+
+bool ChnLink::sendFrame(std::vector<uint8_t> frame, int file) {
+  {
+    std::lock_guard lock(mutex_);
+    if (fd_ < 0 || dropped_ || frame.empty() || frame.size() > PX_WIRE_MAX_FRAME) return false;
+    if (queue_.empty() && file >= 0) {
+      iovec iov{frame.data(), frame.size()};
+      alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+      msghdr msg{};
+      msg.msg_iov = &iov;
+      msg.msg_iovlen = 1;
+      msg.msg_control = control;
+      msg.msg_controllen = sizeof control;
+      cmsghdr* c = CMSG_FIRSTHDR(&msg);
+      c->cmsg_level = SOL_SOCKET;
+      c->cmsg_type = SCM_RIGHTS;
+      c->cmsg_len = CMSG_LEN(sizeof(int));
+      std::memcpy(CMSG_DATA(c), &file, sizeof file);
+      ssize_t n = ::sendmsg(fd_, &msg, MSG_DONTWAIT | MSG_NOSIGNAL);
+      if (n == static_cast<ssize_t>(frame.size())) return true;
+      if (n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) return false;
+    }
+  }
+  return sendFrame(std::move(frame));
 }
 
 bool ChnLink::sendFrame(std::vector<uint8_t> frame) {

@@ -6,6 +6,7 @@
 
 #include <cstring>
 
+#include "file/host_fd.h"
 #include "platform/chn.h"
 #include "posix/wire.h"
 
@@ -83,10 +84,13 @@ InMsg::Block InMsg::block(uint32_t index) const {
 
 bool InMsg::reply(const Ref<OutMsg>& out) {
   if (!out || !link_) return false;
+  if (out->attachedFile() >= 0) return link_->sendFrame(out->encode(PX_FRAME_REPLY, id_), out->attachedFile());
   return link_->sendFrame(out->encode(PX_FRAME_REPLY, id_));
 }
 
 Ref<OutMsg> OutMsg::create() { return new OutMsg(); }
+
+OutMsg::~OutMsg() { HostFd::close(attached_); }
 
 uint64_t OutMsg::frameSize() const { return PX_FRAME_HEADER_SIZE + data_.size() + blockBytes_; }
 

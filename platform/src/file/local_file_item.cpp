@@ -75,3 +75,9 @@ Ref<Interfaces::Resizable> LocalFileDescriptionFSItem::resizable() {
 }
 
 LocalFileDescriptionFSItem::~LocalFileDescriptionFSItem() { HostFd::close(fd_); }
+
+bool LocalFileDescriptionFSItem::attachTo(const Ref<OutMsg>& out) const {
+  if (!out || type_ != typeOf(S_IFREG) || out->attached_ >= 0) return false;
+  out->attached_ = HostFd::opened(::fcntl(fd_, F_DUPFD_CLOEXEC, 3));
+  return out->attached_ >= 0;
+}

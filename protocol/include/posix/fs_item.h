@@ -4,7 +4,7 @@
  *
  *   PX_IFACE_SEEKABLE (0x880002)   position and seek of the item
  *   PX_IFACE_RESIZABLE (0x880003)  size and resize of the item
- *   PX_IFACE_FS_ITEM (0x880004)    the item's description
+ *   PX_IFACE_FS_ITEM (0x880004)    the item's description, and the host file of a regular one
  *   PX_IFACE_STREAM_ADAPTER (0x880001), PX_IFACE_SOCKET (0x880005)   answer 0 to every request
  *
  * Seekable and resizable values are 64-bit integers of exactly 8 bytes each, little-endian. A
@@ -30,6 +30,11 @@ extern "C" {
 
 /* File-system item service. */
 #define PX_ITEM_CMD_DESCRIBE 4u /* - -> string path, i32 type (PX_FD_KIND_*), u32 open flags */
+/* - -> result 1, no data, with a descriptor of the server's host open file attached to the
+ * reply (SCM_RIGHTS) for a regular file; the receiver reads, writes, seeks and resizes it at
+ * the offset every holder of the description shares. Result 0 for any other item. A reply
+ * that could not carry the descriptor at once comes without it: use the services then. */
+#define PX_ITEM_CMD_HOST_FILE 5u
 
 #define PX_ITEM_RESULT_OK 1u
 #define PX_ITEM_RESULT_SHORT 9u
