@@ -29,7 +29,7 @@ test: build
 bench:
 	@cmake --preset release >/dev/null
 	cmake --build --preset release -j $(JOBS) --target posix_bench
-	build/release/bench/posix_bench
+	build/release/bench/posix_bench --benchmark_repetitions=5 --benchmark_display_aggregates_only=true
 
 MINUTES ?= 2
 .PHONY: stress

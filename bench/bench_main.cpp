@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -40,14 +41,22 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs)
-      if (run.run_type == Run::RT_Iteration && run.iterations > 0)
-        times_[run.run_name.function_name] = run.GetAdjustedRealTime();
+    // With --benchmark_repetitions the median of the repetitions stands for the benchmark.
+    for (const Run& run : runs) {
+      const std::string& name = run.run_name.function_name;
+      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
+        times_[name] = run.GetAdjustedRealTime();
+        medians_.insert(name);
+      } else if (run.run_type == Run::RT_Iteration && run.iterations > 0 && !medians_.contains(name)) {
+        times_[name] = run.GetAdjustedRealTime();
+      }
+    }
   }
   const std::map<std::string, double>& times() const { return times_; }
 
  private:
   std::map<std::string, double> times_;
+  std::set<std::string> medians_;
 };
 
 }  // namespace
@@ -69,13 +78,12 @@ int main(int argc, char** argv) {
     if (server == reporter.times().end() || linux == reporter.times().end() || linux->second <= 0) continue;
     if (server->second <= 0) continue;
     double ratio = pair.higherIsBetter ? linux->second / server->second : server->second / linux->second;
+    std::string measure = std::string(pair.higherIsBetter ? "speed vs " : "time vs ") + pair.versus;
     if (pair.target <= 0) {
-      std::printf("  %-34s %-20s %6.2f  (no target)\n", pair.label,
-                  pair.higherIsBetter ? "speed vs Linux" : "time vs Linux", ratio);
+      std::printf("  %-34s %-22s %6.2f  (no target)\n", pair.label, measure.c_str(), ratio);
       continue;
     }
-    std::printf("  %-34s %-20s %6.2f  (target %s %.2f)  %s\n", pair.label,
-                pair.higherIsBetter ? "speed vs Linux" : "time vs Linux", ratio,
+    std::printf("  %-34s %-22s %6.2f  (target %s %.2f)  %s\n", pair.label, measure.c_str(), ratio,
                 pair.higherIsBetter ? ">=" : "<=", pair.target,
                 (pair.higherIsBetter ? ratio >= pair.target : ratio <= pair.target) ? "met" : "MISSED");
   }

@@ -2,6 +2,7 @@
 // plain SOCK_SEQPACKET echo server (another process) moving frames of the same sizes.
 #include <benchmark/benchmark.h>
 #include <posix/wire.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -71,6 +72,32 @@ void BM_RoundTripServer(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_RoundTripServer)->MinTime(1.0)->UseRealTime();
+
+// The same round trip while `posixctl monitor` streams every request: reading them as they
+// come, or stopped (SIGSTOP) so that its ring fills and the server drops what it cannot keep.
+void roundTripMonitored(benchmark::State& state, bool stopped) {
+  pid_t monitor = fork();
+  if (monitor == 0) {
+    int sink = open("/dev/null", O_WRONLY);
+    dup2(sink, STDOUT_FILENO);
+    execl(POSIXCTL_BINARY, "posixctl", "monitor", "--json", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  usleep(300 * 1000);  // time for the monitor to attach
+  if (stopped) kill(monitor, SIGSTOP);
+  for (auto _ : state) {
+    if (px_getppid() < 0) {
+      state.SkipWithError("getParentId failed");
+      break;
+    }
+  }
+  kill(monitor, SIGKILL);
+  waitpid(monitor, nullptr, 0);
+}
+void BM_RoundTripMonitored(benchmark::State& state) { roundTripMonitored(state, false); }
+void BM_RoundTripMonitorStopped(benchmark::State& state) { roundTripMonitored(state, true); }
+BENCHMARK(BM_RoundTripMonitored)->MinTime(1.0)->UseRealTime();
+BENCHMARK(BM_RoundTripMonitorStopped)->MinTime(1.0)->UseRealTime();
 
 void BM_RoundTripEcho(benchmark::State& state) {
   EchoServer echo;

@@ -16,8 +16,14 @@
 
 namespace posixctl {
 
-int cmdFds(const std::vector<std::string>& args) {
-  if (!args.empty()) return usage("fds takes no arguments");
+int cmdFds(const std::vector<std::string>& given) {
+  std::vector<std::string> args = given;
+  bool json = !args.empty() && args[0] == "--json";
+  if (json) args.erase(args.begin());
+  int64_t pid = 0;
+  if (args.size() == 1 && parseInt(args[0].c_str(), &pid) && pid > 0)
+    return cmdFdsOf(static_cast<uint64_t>(pid), json);
+  if (!args.empty() || json) return usage("fds takes a PID (and --json), or nothing");
   std::vector<px_fd_record> records(16);
   int count = 0;
   for (;;) {

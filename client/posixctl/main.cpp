@@ -35,6 +35,14 @@ const char kHelp[] =
     "  pgid PID                print the group of PID (0: posixctl itself)\n"
     "  ppid                    print posixctl's parent as the server knows it (0: none)\n"
     "  fds                     list posixctl's descriptor table as the server serialises it\n"
+    "  fds [--json] PID        any process's descriptors: kind, offset and path, which pipe\n"
+    "  ps [--json]             every process the server keeps, as a tree\n"
+    "  pipes [--json]          every pipe: bytes buffered, who holds each end, who waits now\n"
+    "  top [-n COUNT] [--json] requests per second and reply times per command, processes,\n"
+    "                          threads, heap and descriptors, every second\n"
+    "  monitor [--pid PID] [--command NAME] [--count N] [--json]\n"
+    "                          every request as the server serves it (a monitor that falls\n"
+    "                          behind loses lines and says how many)\n"
     "  cat [--] PATH...        copy each file, read through the server, to standard output\n"
     "                          ('-': standard input)\n"
     "  help, --help            this text\n"
@@ -96,5 +104,9 @@ int main(int argc, char** argv) {
   if (cmd == "ppid") return cmdPpid(args);
   if (cmd == "fds") return cmdFds(args);
   if (cmd == "cat") return cmdCat(args);
+  if (cmd == "ps") return cmdPs(args);
+  if (cmd == "pipes") return cmdPipes(args);
+  if (cmd == "top") return cmdTop(args);
+  if (cmd == "monitor") return cmdMonitor(args);
   return usage("unknown command '" + cmd + "'");
 }

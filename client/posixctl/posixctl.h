@@ -57,5 +57,11 @@ int cmdKill(const std::vector<std::string>& args);
 int cmdKillpg(const std::vector<std::string>& args);
 int cmdPgid(const std::vector<std::string>& args);
 int cmdPpid(const std::vector<std::string>& args);
+// What the introspection service tells (inspect_commands.cpp, inspect_live.cpp).
+int cmdPs(const std::vector<std::string>& args);
+int cmdFdsOf(uint64_t pid, bool json);
+int cmdPipes(const std::vector<std::string>& args);
+int cmdTop(const std::vector<std::string>& args);
+int cmdMonitor(const std::vector<std::string>& args);
 
 }  // namespace posixctl

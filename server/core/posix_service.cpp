@@ -3,6 +3,7 @@
 #include <posix/posix_service.h>
 
 #include "core/service_log.h"
+#include "inspect/request_log.h"
 #include "process/process_agent.h"
 
 namespace posix {
@@ -50,12 +51,15 @@ void PosixService::mainLoop() {
     Ref<InMsg> request = chn_->receive(waitForever ? kForever : 0);
     if (!request && (waitForever || chn_->isClosed())) return;
     if (request) {
+      const auto began = RequestLog::Clock::now();
       Ref<OutMsg> reply = OutMsg::create();
       Ref<Object> slot;
-      if (dispatch(request, reply, &resultCode, 0, &slot)) {
+      bool answered = dispatch(request, reply, &resultCode, 0, &slot);
+      if (answered) {
         reply->setCode(resultCode);
         request->reply(reply);
       }
+      RequestLog::note(PX_INSPECT_PROCESS_SERVICE, request, answered ? resultCode : PX_INSPECT_KEPT, began);
     }
     if (!chn_->hasReady()) broadcasts_.runRound();
   }

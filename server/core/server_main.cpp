@@ -1,10 +1,12 @@
 #include "core/server_main.h"
 
+#include <posix/inspect_service.h>
 #include <posix/posix_service.h>
 
 #include "core/posix_service.h"
 #include "core/service_log.h"
 #include "fd/posix_fd_service.h"
+#include "inspect/inspect_service.h"
 #include "platform/chario.h"
 #include "platform/devnode.h"
 #include "platform/proc.h"
@@ -57,6 +59,15 @@ void serverMain() {
   Ref<Thd> fdThread = Thd::create(fdService);
   fdThread->setName("FD");
   fdThread->start();
+  // The introspection service answers on a thread of its own; without it the server still
+  // serves, so a failure is only logged.
+  if (Ref<InspectService> inspect = InspectService::create(); inspect && acquired(inspect->channel())) {
+    Ref<Thd> inspectThread = Thd::create(inspect);
+    inspectThread->setName("Inspect");
+    inspectThread->start();
+  } else {
+    POSIX_LOG(serviceLog.handle, 3, "Could not acquire channel " << PX_INSPECT_SERVICE_NAME);
+  }
   // One thread waits for the first spawn's agent from the start.
   AgentThreads::keepSpare();
 

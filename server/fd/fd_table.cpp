@@ -79,6 +79,11 @@ int32_t FDTable::dup(int32_t oldFd, int32_t newFd, bool replace) {
   return fd;
 }
 
+void FDTable::visit(const std::function<void(int32_t, const FileDescriptor&)>& visit) const {
+  MonLock lock(mon_);
+  for (const Slot& slot : slots_) visit(slot.fd, *slot.entry);
+}
+
 uint32_t FDTable::size() const {
   MonLock lock(mon_);
   return static_cast<uint32_t>(slots_.size());

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "fd/file_description_server.h"
@@ -60,6 +61,9 @@ class FDTable : public Object {
   // placeholders included; 0 and nothing written when `out` is null.
   int32_t serialize(const Ref<Interfaces::Stream>& out, uint64_t first = 0,
                     uint64_t maxBytes = UINT64_MAX) const;
+
+  // Calls `visit` with each number and entry in ascending order, under the table's monitor.
+  void visit(const std::function<void(int32_t, const FileDescriptor&)>& visit) const;
 
   // Entries held (placeholders included); the entry at `fd` or null.
   uint32_t size() const;

@@ -10,6 +10,7 @@
 #include "fd/file_description_server_fs_item.h"
 #include "fd/file_description_server_socket.h"
 #include "fifo/fifo_pairs.h"
+#include "inspect/request_log.h"
 #include "platform/error.h"
 #include "platform/local_file.h"
 
@@ -164,12 +165,14 @@ void PosixFDService::disconnect(const Ref<ChnLink>& link) {
 
 void PosixFDService::run() {
   while (Ref<InMsg> request = channel_->receive()) {
+    const auto began = RequestLog::Clock::now();
     Ref<OutMsg> reply = OutMsg::create();
     reply->setCode(PX_RESULT_FAILED);
     Ref<PosixProcess> process = connections_->get(request->link()->tag());
     Ref<FDTable> table = process ? process->fdTable() : nullptr;
     if (table) reply->setCode(handle(request, reply, *table, *process->descriptions()));
     request->reply(reply);
+    RequestLog::note(PX_INSPECT_FD_SERVICE, request, reply->code(), began);
   }
 }
 

@@ -1,6 +1,7 @@
 #include "fifo/posix_fifo.h"
 
 #include "fifo/fifo_log.h"
+#include "platform/chn.h"
 
 namespace posix {
 LogModule fifoLog;
@@ -11,12 +12,34 @@ PosixFifoBase::~PosixFifoBase() {
   mon_.reset();
 }
 
+std::vector<uint64_t> PosixFifoBase::callers() const {
+  std::lock_guard lock(callersMutex_);
+  return callers_;
+}
+
+PosixFifoBase::CallerScope::CallerScope(const PosixFifoBase& end)
+    : end_(end), pid_(ChnLink::servedPeerPid()) {
+  std::lock_guard lock(end_.callersMutex_);
+  end_.callers_.push_back(pid_);
+}
+
+PosixFifoBase::CallerScope::~CallerScope() {
+  std::lock_guard lock(end_.callersMutex_);
+  for (auto it = end_.callers_.begin(); it != end_.callers_.end(); ++it) {
+    if (*it == pid_) {
+      end_.callers_.erase(it);
+      break;
+    }
+  }
+}
+
 uint64_t PosixFifoRead::read(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) {
   POSIX_ASSERT(mon_, "mon != 0", 176, "PosixFifoRead::read");
   POSIX_ASSERT(fifo_, "_fifo != 0", 177, "PosixFifoRead::read");
   setStatus(kStatusOk);
   if (buffer.kind != Interfaces::MemDesc::kDirect || !mon_ || !fifo_) return 0;
   if (size > buffer.size) size = buffer.size;  // never past the memory the caller lent
+  CallerScope caller(*this);
   if (!mon_->enter(timeoutMs)) {
     setStatus(kStatusTimedOut);
     return 0;
@@ -54,6 +77,7 @@ uint64_t PosixFifoWrite::write(Interfaces::MemDesc buffer, uint64_t size, uint32
   setStatus(kStatusOk);
   if (buffer.kind != Interfaces::MemDesc::kDirect || !mon_ || !fifo_) return 0;
   if (size > buffer.size) size = buffer.size;
+  CallerScope caller(*this);
   if (!mon_->enter(timeoutMs)) {
     setStatus(kStatusTimedOut);
     return 0;

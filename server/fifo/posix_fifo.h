@@ -14,6 +14,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
+#include <vector>
 
 #include "platform/fifo.h"
 #include "platform/stream.h"
@@ -41,6 +43,9 @@ class PosixFifoBase : public Object, public virtual Interfaces::Stream {
   void setFifo(Ref<Fifo> fifo) { fifo_ = std::move(fifo); }
   const Ref<Fifo>& fifo() const { return fifo_; }
   uint32_t status() const { return status_.load(std::memory_order_acquire); }
+  // The pids of the processes inside a read or write of this end now: waiting for bytes, for
+  // room, or for the end's monitor (for the introspection service).
+  std::vector<uint64_t> callers() const;
 
   // The data side: a plain byte stream that lends no memory.
   uint32_t dataKind() override { return 1; }
@@ -55,10 +60,25 @@ class PosixFifoBase : public Object, public virtual Interfaces::Stream {
 
   void setStatus(uint32_t status) { status_.store(status, std::memory_order_release); }
 
+  // Lists the peer of the link the calling thread serves for the scope of one read or write.
+  class CallerScope {
+   public:
+    explicit CallerScope(const PosixFifoBase& end);
+    ~CallerScope();
+    CallerScope(const CallerScope&) = delete;
+    CallerScope& operator=(const CallerScope&) = delete;
+
+   private:
+    const PosixFifoBase& end_;
+    const uint64_t pid_;
+  };
+
   // Written by the thread that holds mon_, read by the status service on another thread.
   std::atomic<uint32_t> status_{kStatusOk};
   Ref<Mon> mon_;
   Ref<Fifo> fifo_;  // set once before the end is shared, then only read
+  mutable std::mutex callersMutex_;
+  mutable std::vector<uint64_t> callers_;  // guarded by callersMutex_
 };
 
 class PosixFifoRead : public PosixFifoBase {

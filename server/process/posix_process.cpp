@@ -126,6 +126,18 @@ StatusRecord PosixProcess::statusRecord() const {
   return record;
 }
 
+bool PosixProcess::hasSignalWaiter() const {
+  MonLock lock(monitor_);
+  return static_cast<bool>(signalWaiter_);
+}
+
+std::vector<Ref<PosixProcess>> PosixProcess::zombies() const {
+  MonLock lock(monitor_);
+  std::vector<Ref<PosixProcess>> out;
+  for (uint64_t i = 0; i < zombies_->count(); ++i) out.push_back(zombies_->get(i));
+  return out;
+}
+
 uint64_t PosixProcess::childCount() const {
   MonLock lock(monitor_);
   return children_->count();

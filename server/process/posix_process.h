@@ -104,6 +104,14 @@ class PosixProcess : public Object {
   uint32_t exitCode() const { return exitCode_; }
   StatusRecord statusRecord() const;
 
+  // For the introspection service: whether the server started the program, the program's
+  // path and arguments (set by its agent before the record is listed), whether a signal wait
+  // is kept, and the ended children not yet collected.
+  bool startedHere() const { return started_; }
+  const Ref<String>& program() const { return program_; }
+  bool hasSignalWaiter() const;
+  std::vector<Ref<PosixProcess>> zombies() const;
+
   // Counts for tests and diagnostics.
   uint64_t childCount() const;
   uint64_t zombieCount() const;
@@ -130,6 +138,7 @@ class PosixProcess : public Object {
   ProcIdentity identity_;
   uint32_t level_ = 0;
   bool started_ = false;  // a program the server started (it leads its host process group)
+  Ref<String> program_;   // its path and arguments
   Ref<Mon> monitor_;
   WeakRef<PosixProcess> parent_;
   Ref<TVector<Ref<PosixProcess>>> children_;  // living children, in order of creation

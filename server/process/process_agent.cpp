@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <string>
 
 #include "fd/fd_table.h"
 #include "fifo/unclaimed_pipe_ends.h"
@@ -74,6 +75,12 @@ bool ProcessAgent::start() {
   process_->identity_ = identity;
   process_->level_ = Proc::levelOfUser(Proc::uid());
   process_->started_ = true;
+  std::string program = start_.path->c_str();
+  for (size_t i = 1; i < start_.arguments.size(); ++i) {  // the first is the program's name
+    program += ' ';
+    program += start_.arguments[i] ? start_.arguments[i]->c_str() : "";
+  }
+  process_->program_ = String::create(program.c_str());
   if (Clock::now() - began > kStartLimit) {
     POSIX_LOG(agentLog.handle, 2, "Program start given up after "
                                       << LogNum{static_cast<uint64_t>(kStartLimit.count())}

@@ -1,4 +1,4 @@
-// The deferred close queue: its queue of values, the one thread made on first use, closing every
+// The deferred close queue: the one thread made on first use, closing every
 // queued multiplex exactly once in queue order, and never being held up by a blocked client.
 #include <gtest/gtest.h>
 
@@ -53,27 +53,6 @@ WatchedMultiplex watched(const Ref<OrderLog>& log, int tag) {
   if (!w.mux || w.mux->add(muxtest::echo(0), new TaggedConMan(log, tag)) != 1) return {};
   w.client = std::make_unique<Client>(chnPath(w.mux->channelId()));
   return muxtest::binds(*w.client, 1) ? std::move(w) : WatchedMultiplex{};
-}
-
-// Oldest first, refilled while not empty and after emptying, and what it still holds is
-// released with it.
-TEST(TQueue, HandsValuesOutOldestFirstAndReleasesWhatItHolds) {
-  Ref<TQueue<int>> queue = TQueue<int>::create();
-  EXPECT_EQ(queue->dequeue(), 0) << "empty answers the empty value";
-  for (int v : {1, 2, 3}) queue->enqueue(v);
-  EXPECT_EQ(queue->dequeue(), 1);
-  queue->enqueue(4);
-  for (int v : {2, 3, 4}) EXPECT_EQ(queue->dequeue(), v);
-  EXPECT_TRUE(queue->empty());
-  queue->enqueue(5);
-  EXPECT_EQ(queue->dequeue(), 5);
-
-  Ref<muxtest::FnService> value = muxtest::echo(0);
-  Ref<TQueue<Ref<muxtest::FnService>>> held = TQueue<Ref<muxtest::FnService>>::create();
-  held->enqueue(value);
-  held->enqueue(value);
-  held.reset();
-  EXPECT_EQ(value->strongCount(), 1u);
 }
 
 class CloseQueueTest : public ::testing::Test {

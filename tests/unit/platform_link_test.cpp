@@ -1,8 +1,8 @@
 // Links of channels and service multiplexes where only a unit test can force the situation:
 // replies queued for a slow or absent reader, replies racing with links that go, accepting
-// while the process has no descriptor to spare, the multiplex's link bound, and closing while
-// clients connect. (Routing, binds, broken frames, a flooding client and multiplexes that close
-// themselves with their last link: the behaviour tests on pipes and files.)
+// while the process has no descriptor to spare, and closing while clients connect. (Routing,
+// binds, broken frames, a flooding client, the link bounds and multiplexes that close
+// themselves with their last link: the behaviour tests on pipes, files and fairness.)
 #include <gtest/gtest.h>
 #include <time.h>
 
@@ -135,22 +135,6 @@ TEST_F(ChannelLinkTest, AcceptShortOfDescriptorsBacksOffAndRecovers) {
   EXPECT_TRUE(msg && msg->code() == 9u);
   EXPECT_TRUE(binds(*clients[1], 1));
   mux->close();
-}
-
-TEST_F(MultiplexTest, LinksBeyondTheBoundAreRefused) {
-  ASSERT_EQ(mux->add(echo(1), new RecordingConMan()), 1u);
-  std::vector<std::unique_ptr<Client>> clients;
-  for (size_t i = 0; i < Multiplex::kMaxLinks; ++i) {
-    clients.push_back(std::make_unique<Client>(path));
-    ASSERT_TRUE(binds(*clients.back(), 1)) << i;
-  }
-  Client extra(path);
-  EXPECT_TRUE(extra.closedByPeer());
-  clients.pop_back();  // a place comes free
-  EXPECT_TRUE(eventually([&] {
-    Client again(path);
-    return binds(again, 1, 500);
-  }));
 }
 
 // Clients keep connecting and binding while the multiplex closes. Every link that got in is

@@ -44,6 +44,9 @@ struct ChnPeer {
 class ChnLink : public Object {
  public:
   uint64_t peerPid() const { return peer_.identity.pid; }
+  // The pid of the peer whose multiplex link the calling thread serves (each such link has a
+  // thread of its own); 0 on any other thread. For diagnostics: who waits in a service.
+  static uint64_t servedPeerPid();
   const ProcIdentity& peerIdentity() const { return peer_.identity; }
   uint64_t peerUid() const { return peer_.uid; }
   // A 64-bit value the channel's manager keeps per link; 0 at first.
@@ -59,6 +62,8 @@ class ChnLink : public Object {
   // descriptor of the same open file). A frame that cannot go out at once goes without it,
   // queued as any other: the receiver sees no descriptor and uses the services instead.
   bool sendFrame(std::vector<uint8_t> frame, int file);
+  // Replies waiting for room in the link's socket.
+  size_t queuedFrames() const;
   // Shuts the link down from any thread; the channel's thread then disconnects it.
   void shutdown();
   bool isOpen() const;

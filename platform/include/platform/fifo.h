@@ -37,6 +37,8 @@ class Fifo : public Object {
   uint64_t capacity() const { return capacity_; }
   // Bytes buffered now.
   uint64_t size() const;
+  // A number no other buffer of this process has had, to tell buffers apart in diagnostics.
+  uint64_t id() const { return id_; }
 
  private:
   // Waits on `cond` until `ready` holds or the deadline passes; the caller holds `lock`.
@@ -47,6 +49,7 @@ class Fifo : public Object {
   void copyOut(uint8_t* p, uint64_t n);        // the caller holds mutex_; n <= count_
 
   const uint64_t capacity_;
+  const uint64_t id_;
   const std::unique_ptr<uint8_t[]> ring_;  // bytes guarded by mutex_
   mutable std::mutex mutex_;
   std::condition_variable readable_;  // bytes arrived, or a flag was set

@@ -31,6 +31,10 @@ class InMsg : public Object, public virtual Interfaces::Stream {
   // a received message is complete, so a read never waits.
   uint64_t read(void* buffer, uint64_t size, uint32_t timeoutMs = kForever);
   uint64_t remaining() const { return data_.size() - cursor_; }
+  // The whole data stream's length, and a copy of its first bytes (up to `size`; the rest of
+  // `out` is left as it was), wherever the cursor stands.
+  uint64_t dataSize() const { return data_.size(); }
+  void peek(void* out, uint64_t size) const;
 
   // The stream side: reads the data stream into direct memory; a received request cannot be
   // written, so write answers 0.

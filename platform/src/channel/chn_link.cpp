@@ -108,6 +108,11 @@ void ChnLink::shutdown() {
   dropLocked();
 }
 
+size_t ChnLink::queuedFrames() const {
+  std::lock_guard lock(mutex_);
+  return queue_.size();
+}
+
 bool ChnLink::isOpen() const {
   std::lock_guard lock(mutex_);
   return fd_ >= 0 && !dropped_;

@@ -1,6 +1,7 @@
 // The bounded byte buffer: a ring under one mutex, with one condition variable for each side.
 #include "platform/fifo.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 
@@ -14,8 +15,14 @@ Clock::time_point deadlineOf(uint32_t timeoutMs) {
 }
 }  // namespace
 
+namespace {
+std::atomic<uint64_t> g_nextFifoId{1};
+}  // namespace
+
 Fifo::Fifo(uint64_t capacity)
-    : capacity_(capacity ? capacity : 1), ring_(new uint8_t[capacity ? capacity : 1]) {}
+    : capacity_(capacity ? capacity : 1),
+      id_(g_nextFifoId.fetch_add(1, std::memory_order_relaxed)),
+      ring_(new uint8_t[capacity ? capacity : 1]) {}
 
 template <class Pred>
 bool Fifo::waitFor(std::condition_variable& cond, std::unique_lock<std::mutex>& lock,

@@ -82,6 +82,10 @@ InMsg::Block InMsg::block(uint32_t index) const {
   return {span.kind, blockBytes_.data() + span.offset, span.length};
 }
 
+void InMsg::peek(void* out, uint64_t size) const {
+  if (out && !data_.empty()) std::memcpy(out, data_.data(), size < data_.size() ? size : data_.size());
+}
+
 bool InMsg::reply(const Ref<OutMsg>& out) {
   if (!out || !link_) return false;
   if (out->attachedFile() >= 0) return link_->sendFrame(out->encode(PX_FRAME_REPLY, id_), out->attachedFile());

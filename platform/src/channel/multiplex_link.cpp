@@ -21,6 +21,8 @@ using Libraries::Service::Multiplex;
 
 namespace {
 
+thread_local uint64_t t_servedPeer = 0;
+
 // The body of a link's thread.
 class LinkExec : public Object, public Exec {
  public:
@@ -28,6 +30,7 @@ class LinkExec : public Object, public Exec {
       : core_(std::move(core)), link_(std::move(link)) {}
   void run() override {
     Multiplex::Core::current() = core_.get();
+    t_servedPeer = link_->peerPid();
     MuxLinkServe::run(*core_, link_);
     core_->forget(link_);
     link_.reset();
@@ -40,6 +43,8 @@ class LinkExec : public Object, public Exec {
 };
 
 }  // namespace
+
+uint64_t ChnLink::servedPeerPid() { return t_servedPeer; }
 
 void Multiplex::Core::serve(const Ref<ChnLink>& link) {
   Ref<Thd> thread = Thd::create(new LinkExec(this, link));

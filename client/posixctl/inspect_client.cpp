@@ -1,0 +1,219 @@
+#include "inspect_client.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "posix/wire.h"
+#include "posix_client.h"
+#include "posixctl.h"
+
+namespace posixctl {
+
+namespace {
+
+// Reads values off a reply's data; ok() turns false once one did not fit.
+class Reader {
+ public:
+  explicit Reader(const std::vector<uint8_t>& data) : data_(data) {}
+  template <class T>
+  T get() {
+    T value{};
+    if (data_.size() - at_ < sizeof value) {
+      ok_ = false;
+      return value;
+    }
+    std::memcpy(&value, data_.data() + at_, sizeof value);
+    at_ += sizeof value;
+    return value;
+  }
+  std::string string() {
+    uint32_t n = get<uint32_t>();
+    if (!ok_ || data_.size() - at_ < n) {
+      ok_ = false;
+      return "";
+    }
+    std::string s(reinterpret_cast<const char*>(data_.data() + at_), n);
+    at_ += n;
+    return s;
+  }
+  std::vector<uint64_t> pids() {
+    std::vector<uint64_t> out(get<uint32_t>());
+    if (out.size() > (data_.size() - at_) / sizeof(uint64_t)) ok_ = false;
+    for (size_t i = 0; ok_ && i < out.size(); ++i) out[i] = get<uint64_t>();
+    return ok_ ? out : std::vector<uint64_t>{};
+  }
+  bool ok() const { return ok_; }
+
+ private:
+  const std::vector<uint8_t>& data_;
+  size_t at_ = 0;
+  bool ok_ = true;
+};
+
+void putU64(std::vector<uint8_t>& out, uint64_t v) {
+  const auto* p = reinterpret_cast<const uint8_t*>(&v);
+  out.insert(out.end(), p, p + sizeof v);
+}
+
+constexpr int kReplyTimeoutMs = 20000;
+
+}  // namespace
+
+int InspectLink::open() {
+  std::string refusal = runtimeRefusal();
+  if (!refusal.empty()) return EACCES;
+  std::string path = std::string(px_runtime_dir()) + "/chn/" + PX_INSPECT_SERVICE_NAME;
+  struct sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  if (path.size() >= sizeof addr.sun_path) return ENAMETOOLONG;
+  std::memcpy(addr.sun_path, path.c_str(), path.size());
+  fd_ = aboveStandardFds(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  if (fd_ < 0) return errno;
+  if (connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return errno;
+  struct ucred cred = {};
+  socklen_t len = sizeof cred;
+  // Only a server of our own user is told anything or believed.
+  if (getsockopt(fd_, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.uid != geteuid()) return EACCES;
+  return 0;
+}
+
+InspectLink::~InspectLink() {
+  if (fd_ >= 0) close(fd_);
+}
+
+int InspectLink::receive(uint64_t id, uint32_t* result, std::vector<uint8_t>* reply, int timeoutMs) {
+  std::vector<uint8_t> frame(PX_WIRE_MAX_FRAME);
+  for (;;) {
+    struct pollfd p = {fd_, POLLIN, 0};
+    int ready = poll(&p, 1, timeoutMs);
+    if (ready < 0 && errno == EINTR) return EINTR;
+    if (ready <= 0) return ready == 0 ? ETIMEDOUT : errno;
+    ssize_t n = recv(fd_, frame.data(), frame.size(), 0);
+    if (n <= 0) return n == 0 ? ECONNRESET : errno;
+    px_frame_header h;
+    if (static_cast<size_t>(n) < sizeof h) return EPROTO;
+    std::memcpy(&h, frame.data(), sizeof h);
+    if (h.kind != PX_FRAME_REPLY || h.data_len > static_cast<size_t>(n) - sizeof h) return EPROTO;
+    if (h.id == 0 && h.code == PX_RESULT_LIMIT) return EAGAIN;
+    if (h.id != id) continue;
+    *result = h.code;
+    reply->assign(frame.begin() + sizeof h, frame.begin() + static_cast<std::ptrdiff_t>(sizeof h + h.data_len));
+    return 0;
+  }
+}
+
+int InspectLink::call(uint32_t code, const std::vector<uint8_t>& data, uint32_t* result,
+                      std::vector<uint8_t>* reply) {
+  px_frame_header h = {};
+  h.kind = PX_FRAME_REQUEST;
+  h.code = code;
+  h.id = nextId_++;
+  h.data_len = static_cast<uint32_t>(data.size());
+  std::vector<uint8_t> frame(sizeof h);
+  std::memcpy(frame.data(), &h, sizeof h);
+  frame.insert(frame.end(), data.begin(), data.end());
+  if (send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(frame.size()))
+    return ECONNRESET;
+  return receive(h.id, result, reply, kReplyTimeoutMs);
+}
+
+int InspectLink::processes(std::vector<ProcessView>* out) {
+  uint32_t result = 0;
+  std::vector<uint8_t> data;
+  if (int err = call(PX_INSPECT_CMD_PROCESSES, {}, &result, &data)) return err;
+  Reader r(data);
+  out->resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);
+  for (ProcessView& p : *out) {
+    p.record = r.get<px_inspect_process>();
+    p.program = r.string();
+  }
+  return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
+}
+
+int InspectLink::descriptors(uint64_t pid, std::vector<DescriptorView>* out) {
+  std::vector<uint8_t> request, data;
+  putU64(request, pid);
+  uint32_t result = 0;
+  if (int err = call(PX_INSPECT_CMD_DESCRIPTORS, request, &result, &data)) return err;
+  if (result == PX_RESULT_NO_PROCESS) return ESRCH;
+  Reader r(data);
+  out->resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);
+  for (DescriptorView& d : *out) {
+    d.record = r.get<px_inspect_descriptor>();
+    d.path = r.string();
+  }
+  return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
+}
+
+int InspectLink::pipes(std::vector<PipeView>* out) {
+  uint32_t result = 0;
+  std::vector<uint8_t> data;
+  if (int err = call(PX_INSPECT_CMD_PIPES, {}, &result, &data)) return err;
+  Reader r(data);
+  out->resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);
+  for (PipeView& p : *out) {
+    p.record = r.get<px_inspect_pipe>();
+    p.readers = r.pids();
+    p.writers = r.pids();
+    p.reading = r.pids();
+    p.writing = r.pids();
+  }
+  return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
+}
+
+int InspectLink::figures(FiguresView* out) {
+  uint32_t result = 0;
+  std::vector<uint8_t> data;
+  if (int err = call(PX_INSPECT_CMD_FIGURES, {}, &result, &data)) return err;
+  Reader r(data);
+  out->figures = r.get<px_inspect_figures>();
+  out->commands.resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);
+  for (px_inspect_command& c : out->commands) c = r.get<px_inspect_command>();
+  return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
+}
+
+int InspectLink::monitor(uint64_t pid) {
+  std::vector<uint8_t> request;
+  putU64(request, pid);
+  px_frame_header h = {};
+  h.kind = PX_FRAME_REQUEST;
+  h.code = PX_INSPECT_CMD_MONITOR;
+  h.id = monitorId_ = nextId_++;
+  h.data_len = static_cast<uint32_t>(request.size());
+  std::vector<uint8_t> frame(sizeof h);
+  std::memcpy(frame.data(), &h, sizeof h);
+  frame.insert(frame.end(), request.begin(), request.end());
+  return send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(frame.size())
+             ? 0
+             : ECONNRESET;
+}
+
+int InspectLink::next(EventBatch* out, int timeoutMs) {
+  uint32_t result = 0;
+  std::vector<uint8_t> data;
+  if (int err = receive(monitorId_, &result, &data, timeoutMs)) return err;
+  Reader r(data);
+  out->lost = r.get<uint64_t>();
+  out->events.resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);
+  for (px_inspect_event& e : out->events) e = r.get<px_inspect_event>();
+  return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
+}
+
+std::string commandName(uint32_t service, uint32_t code) {
+  static const char* const kProcess[] = {"0",          "kill",  "killGroup",       "waitSignal",
+                                         "getGroupId", "getParentId", "spawn",     "spawnShared",
+                                         "getSharedMemory", "wait", "abortWaits", "createPipe"};
+  static const char* const kFd[] = {"close", "dup",     "getTable",     "reserve",     "openItem",
+                                    "reserve", "reserve", "createPipe", "createSocket"};
+  if (service == PX_INSPECT_PROCESS_SERVICE && code < sizeof kProcess / sizeof *kProcess)
+    return kProcess[code];
+  if (service == PX_INSPECT_FD_SERVICE && code < sizeof kFd / sizeof *kFd) return kFd[code];
+  return std::to_string(code);
+}
+
+}  // namespace posixctl

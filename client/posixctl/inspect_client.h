@@ -1,0 +1,70 @@
+// posixctl's side of "posix.inspect.service": one link, its requests, and the answers decoded
+// into plain records. The only place that knows the service's reply layouts on this side.
+#pragma once
+
+#include <posix/inspect_service.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace posixctl {
+
+struct ProcessView {
+  px_inspect_process record;
+  std::string program;
+};
+
+struct DescriptorView {
+  px_inspect_descriptor record;
+  std::string path;
+};
+
+struct PipeView {
+  px_inspect_pipe record;
+  std::vector<uint64_t> readers, writers;    // holding each end
+  std::vector<uint64_t> reading, writing;    // inside a read or write now
+};
+
+struct FiguresView {
+  px_inspect_figures figures;
+  std::vector<px_inspect_command> commands;
+};
+
+struct EventBatch {
+  uint64_t lost = 0;
+  std::vector<px_inspect_event> events;
+};
+
+class InspectLink {
+ public:
+  // Connects to the service of the instance's runtime directory, after the checks the library
+  // makes (a directory of our own, a server of our own user). 0 or an errno value.
+  int open();
+  ~InspectLink();
+
+  // Each: 0, or an errno value (ESRCH for a pid the server does not know, EPROTO for an
+  // answer that does not decode, ETIMEDOUT, ECONNRESET).
+  int processes(std::vector<ProcessView>* out);
+  int descriptors(uint64_t pid, std::vector<DescriptorView>* out);
+  int pipes(std::vector<PipeView>* out);
+  int figures(FiguresView* out);
+  // Starts a monitor of `pid` (0: every process); then next() waits for each batch.
+  int monitor(uint64_t pid);
+  int next(EventBatch* out, int timeoutMs);
+
+ private:
+  // Sends a request and waits for the reply with its id: its result code and data.
+  int call(uint32_t code, const std::vector<uint8_t>& data, uint32_t* result, std::vector<uint8_t>* reply);
+  int receive(uint64_t id, uint32_t* result, std::vector<uint8_t>* reply, int timeoutMs);
+
+  int fd_ = -1;
+  uint64_t nextId_ = 1;
+  uint64_t monitorId_ = 0;
+};
+
+// The command names of the two services, for display ("spawn", "getTable"...); the number as
+// text for a code without a name.
+std::string commandName(uint32_t service, uint32_t code);
+
+}  // namespace posixctl

@@ -1,0 +1,38 @@
+// "posix.inspect.service": the read-only introspection service. It runs on a thread of its own
+// ("Inspect"), so that a slow reader of its answers never holds up the process and descriptor
+// services, and it changes nothing in the server: it reads records, tables and pipes under
+// their own locks, and the figures the service loops note (RequestLog).
+//
+// Monitors: a monitor request is kept and answered with a batch of events every
+// kFlushMs, while its link's reply queue is short; a reader that falls behind loses events
+// (its ring is bounded), and the count lost travels with the next batch.
+#pragma once
+
+#include "platform/chn.h"
+#include "platform/thread.h"
+
+class InspectService : public Object, public ConMan, public Exec {
+ public:
+  // Null when the channel could not be made.
+  static Ref<InspectService> create();
+
+  bool connect(const Ref<ChnLink>& link) override;
+  void disconnect(const Ref<ChnLink>& link) override;
+  void run() override;
+
+  const Ref<Chn>& channel() const { return channel_; }
+
+ private:
+  static constexpr uint32_t kFlushMs = 50;
+  // Events one reply carries at most (a frame's worth).
+  static constexpr size_t kBatch = 1000;
+  // Replies a monitor's link may have queued before further batches wait.
+  static constexpr size_t kQueuedBatches = 4;
+
+  InspectService() = default;
+  // False when the request is kept (a monitor).
+  bool handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply, uint32_t* result);
+  void flushMonitors();
+
+  Ref<Chn> channel_;
+};

@@ -1,0 +1,117 @@
+#include "inspect/request_log.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+
+#include "platform/chn.h"
+
+namespace RequestLog {
+
+namespace {
+
+constexpr uint32_t kServices = 2;
+constexpr uint32_t kCodes = 16;  // commands of both services are numbered below this
+
+struct Counters {
+  std::atomic<uint64_t> requests{0};
+  std::atomic<uint64_t> buckets[PX_INSPECT_BUCKETS] = {};
+};
+Counters g_counters[kServices][kCodes];
+
+// Monitors attached; the list is read by every note() while the count is not zero.
+std::atomic<uint32_t> g_monitorCount{0};
+std::mutex g_monitorsMutex;
+std::vector<Ref<Monitor>>* g_monitors = new std::vector<Ref<Monitor>>();  // guarded; never freed
+
+uint32_t bucketOf(uint64_t micros) {
+  uint32_t bucket = 0;
+  while (bucket + 1 < PX_INSPECT_BUCKETS && micros >= (uint64_t{1} << bucket)) ++bucket;
+  return bucket;
+}
+
+}  // namespace
+
+void note(uint32_t service, const Ref<InMsg>& request, uint32_t result, Clock::time_point began) {
+  if (service >= kServices || !request) return;
+  uint64_t took = static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began).count());
+  uint32_t code = request->code();
+  if (code < kCodes) {
+    Counters& c = g_counters[service][code];
+    c.requests.fetch_add(1, std::memory_order_relaxed);
+    c.buckets[bucketOf(took)].fetch_add(1, std::memory_order_relaxed);
+  }
+  if (g_monitorCount.load(std::memory_order_relaxed) == 0) return;
+  px_inspect_event event = {};
+  auto arrived = std::chrono::system_clock::now() - (Clock::now() - began);
+  event.time_us = static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::microseconds>(arrived.time_since_epoch()).count());
+  event.pid = request->link() ? request->link()->peerPid() : 0;
+  event.service = service;
+  event.code = code;
+  event.result = result;
+  event.size = static_cast<uint32_t>(request->dataSize());
+  event.took_us = took;
+  request->peek(event.head, sizeof event.head);
+  std::lock_guard lock(g_monitorsMutex);
+  for (const Ref<Monitor>& monitor : *g_monitors) monitor->offer(event);
+}
+
+std::vector<px_inspect_command> commands() {
+  std::vector<px_inspect_command> out;
+  for (uint32_t s = 0; s < kServices; ++s) {
+    for (uint32_t code = 0; code < kCodes; ++code) {
+      const Counters& c = g_counters[s][code];
+      px_inspect_command command = {};
+      command.requests = c.requests.load(std::memory_order_relaxed);
+      if (command.requests == 0) continue;
+      command.service = s;
+      command.code = code;
+      for (int b = 0; b < PX_INSPECT_BUCKETS; ++b)
+        command.buckets[b] = c.buckets[b].load(std::memory_order_relaxed);
+      out.push_back(command);
+    }
+  }
+  return out;
+}
+
+void Monitor::offer(const px_inspect_event& event) {
+  if (pid_ != 0 && event.pid != pid_) return;
+  std::lock_guard lock(mutex_);
+  if (ring_.size() >= kRing) {
+    ++lost_;
+    return;
+  }
+  ring_.push_back(event);
+}
+
+std::vector<px_inspect_event> Monitor::take(size_t max, uint64_t* lost) {
+  std::lock_guard lock(mutex_);
+  size_t n = std::min(max, ring_.size());
+  std::vector<px_inspect_event> out(ring_.begin(), ring_.begin() + static_cast<std::ptrdiff_t>(n));
+  ring_.erase(ring_.begin(), ring_.begin() + static_cast<std::ptrdiff_t>(n));
+  *lost = lost_;
+  lost_ = 0;
+  return out;
+}
+
+void attach(const Ref<Monitor>& monitor) {
+  std::lock_guard lock(g_monitorsMutex);
+  g_monitors->push_back(monitor);
+  g_monitorCount.store(static_cast<uint32_t>(g_monitors->size()), std::memory_order_relaxed);
+}
+
+void detach(const ChnLink* link) {
+  std::lock_guard lock(g_monitorsMutex);
+  auto gone = [&](const Ref<Monitor>& m) { return m->request()->link().get() == link; };
+  g_monitors->erase(std::remove_if(g_monitors->begin(), g_monitors->end(), gone), g_monitors->end());
+  g_monitorCount.store(static_cast<uint32_t>(g_monitors->size()), std::memory_order_relaxed);
+}
+
+std::vector<Ref<Monitor>> monitors() {
+  std::lock_guard lock(g_monitorsMutex);
+  return *g_monitors;
+}
+
+}  // namespace RequestLog

@@ -1,0 +1,56 @@
+// What the services served, for the introspection service: per command a count and a latency
+// histogram, and the monitors that want every request as it happens.
+//
+// The service loops note each request after answering it. Without a monitor attached that
+// costs two clock reads and two relaxed atomic additions; a monitor adds a copy of the event
+// into its ring under the ring's own lock. A monitor whose reader falls behind loses events
+// (counted) and never holds up the service that noted them.
+#pragma once
+
+#include <posix/inspect_service.h>
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <vector>
+
+#include "platform/message.h"
+
+namespace RequestLog {
+
+using Clock = std::chrono::steady_clock;
+
+// Notes one request of `service` (PX_INSPECT_*_SERVICE) that arrived at `began`: answered with
+// `result`, or PX_INSPECT_KEPT when it is kept to be answered later.
+void note(uint32_t service, const Ref<InMsg>& request, uint32_t result, Clock::time_point began);
+
+// Every command served so far, with its count and latency histogram.
+std::vector<px_inspect_command> commands();
+
+// One monitor: the events of the processes it asked for, kept until its reader takes them.
+class Monitor : public Object {
+ public:
+  Monitor(Ref<InMsg> request, uint64_t pid) : request_(std::move(request)), pid_(pid) {}
+  // Events kept at most; more are lost (and counted) until the reader catches up.
+  static constexpr size_t kRing = 4096;
+
+  void offer(const px_inspect_event& event);
+  // Takes up to `max` events and the count lost since the last take.
+  std::vector<px_inspect_event> take(size_t max, uint64_t* lost);
+  const Ref<InMsg>& request() const { return request_; }
+
+ private:
+  const Ref<InMsg> request_;  // answered with each batch
+  const uint64_t pid_;        // 0: every process
+  std::mutex mutex_;
+  std::deque<px_inspect_event> ring_;  // guarded by mutex_
+  uint64_t lost_ = 0;                  // guarded by mutex_
+};
+
+void attach(const Ref<Monitor>& monitor);
+// Drops the monitors that answer on `link` (its client went away).
+void detach(const ChnLink* link);
+std::vector<Ref<Monitor>> monitors();
+
+}  // namespace RequestLog

@@ -1,0 +1,86 @@
+// What posixctl ps, fds PID, pipes and monitor tell about a known situation: this process
+// with a file read up to offset 3, a pipe, a child blocked reading the pipe, a kept wait for
+// that child, and a zombie that exited with 7.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include "command_runner.h"
+#include "server_fixture.h"
+
+namespace {
+
+using InspectTest = ServerFixture;
+
+std::string ctl(std::vector<std::string> args) {
+  args.insert(args.begin(), POSIXCTL_BINARY);
+  CommandResult r = runCommand(args);
+  return r.exitCode == 0 ? r.out : "failed: " + r.err;
+}
+
+TEST_F(InspectTest, PsFdsPipesAndMonitorTellWhatTheServerKeeps) {
+  const std::string me = std::to_string(getpid());
+  int file = px_open(hostFile("three", "abcdef").c_str(), O_RDONLY, 0), ends[2];
+  ASSERT_EQ(readUpTo(file, 3), "abc");
+  ASSERT_EQ(px_pipe(ends), 0);
+  int64_t zombie = spawnProbe({"exit", "7"});
+  int64_t reader = spawnProbe({"readn", std::to_string(ends[0]), "1"});
+  ASSERT_GT(zombie, 0);
+  ASSERT_GT(reader, 0);
+  int status = -1;
+  std::thread waiter([&] { px_waitpid(reader, &status, 0); });
+  const std::string r = std::to_string(reader), z = std::to_string(zombie);
+
+  std::string ps;
+  EXPECT_TRUE(eventually([&] {
+    ps = ctl({"ps", "--json"});
+    return ps.find("\"pid\":" + z + ",\"parent\":" + me + ",\"group\":" + me +
+                   ",\"state\":\"zombie\",\"exit_code\":7") != std::string::npos &&
+           ps.find("\"waits\":1") != std::string::npos;
+  })) << ps;
+  EXPECT_NE(ps.find("\"pid\":" + me + ",\"parent\":0,\"group\":" + me + ",\"state\":\"connected\""),
+            std::string::npos) << ps;
+  EXPECT_NE(ps.find("\"pid\":" + r + ",\"parent\":" + me), std::string::npos) << ps;
+  EXPECT_NE(ps.find("\"program\":\"" + helper("px_probe") + " readn"), std::string::npos) << ps;
+  std::string tree = ctl({"ps"});
+  EXPECT_NE(tree.find("\n  " + r + " "), std::string::npos) << "children indented under the parent:\n" << tree;
+
+  std::string fds = ctl({"fds", "--json", me});
+  EXPECT_NE(fds.find("{\"fd\":" + std::to_string(file) + ",\"kind\":\"file\",\"offset\":3,\"path\":\"" +
+                     path("three") + "\""),
+            std::string::npos) << fds;
+  std::string pipes;
+  EXPECT_TRUE(eventually([&] {
+    pipes = ctl({"pipes", "--json"});
+    return pipes.find("\"reading\":[" + r + "]") != std::string::npos;
+  })) << pipes;
+  std::string holders = "[" + std::min(me, r) + "," + std::max(me, r) + "]";
+  EXPECT_NE(pipes.find("\"buffered\":0,\"state\":\"open\",\"readers\":" + holders + ",\"writers\":" +
+                       holders + ",\"reading\":[" + r + "],\"writing\":[]"),
+            std::string::npos) << pipes;
+  std::string readerFds = ctl({"fds", "--json", r});
+  EXPECT_NE(readerFds.find("\"end\":\"read\",\"other_end\":" + holders), std::string::npos) << readerFds;
+  EXPECT_NE(ctl({"fds", "999999999"}).find("no process 999999999"), std::string::npos);
+
+  // The monitor shows this process's requests as they are served.
+  std::string monitored;
+  std::atomic<bool> done{false};
+  std::thread monitor([&] {
+    monitored = ctl({"monitor", "--json", "--pid", me, "--command", "getGroupId", "--count", "1"});
+    done = true;
+  });
+  EXPECT_TRUE(eventually([&] { return px_getpgid(0) >= 0 && done; }, 10000));
+  monitor.join();
+  EXPECT_NE(monitored.find("\"pid\":" + me + ",\"service\":\"posix.service\",\"command\":\"getGroupId\","
+                           "\"arguments\":\"pid " + me + "\",\"size\":8,\"result\":\"1\""),
+            std::string::npos) << monitored;
+
+  ASSERT_EQ(px_write(ends[1], "x", 1), 1);
+  waiter.join();
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(collect(zombie), 7);
+}
+
+}  // namespace
