@@ -68,8 +68,9 @@ void printTree(const std::vector<ProcessView>& all, const ProcessView& p, int de
   std::string state = stateName(r.state);
   if (r.state == PX_INSPECT_ZOMBIE) state += "(" + std::to_string(r.exit_code) + ")";
   std::string pid = std::string(static_cast<size_t>(depth) * 2, ' ') + std::to_string(r.pid);
-  printf("%-12s %-8" PRIu64 " %-8" PRIu64 " %-12s %4u %5u %8x %-6s %s\n", pid.c_str(), r.parent,
-         r.group, state.c_str(), r.descriptors, r.waits, r.pending, r.signal_waiter ? "yes" : "-",
+  printf("%-12s %-8" PRIu64 " %-8" PRIu64 " %-12s %4u %5u %-8s %-6s %s\n", pid.c_str(), r.parent,
+         r.group, state.c_str(), r.descriptors, r.waits, signalList(r.pending).c_str(),
+         r.signal_waiter ? "yes" : "-",
          p.program.c_str());
   for (const ProcessView& c : all)
     if (c.record.parent == r.pid && c.record.pid != r.pid) printTree(all, c, depth + 1);
@@ -99,7 +100,7 @@ int cmdPs(const std::vector<std::string>& given) {
     printf("]\n");
     return kExitOk;
   }
-  printf("%-12s %-8s %-8s %-12s %4s %5s %8s %-6s %s\n", "PID", "PPID", "PGID", "STATE", "FDS",
+  printf("%-12s %-8s %-8s %-12s %4s %5s %-8s %-6s %s\n", "PID", "PPID", "PGID", "STATE", "FDS",
          "WAITS", "PENDING", "SIGWT", "PROGRAM");
   for (const ProcessView& p : all) {
     bool parentListed = std::any_of(all.begin(), all.end(), [&](const ProcessView& q) {

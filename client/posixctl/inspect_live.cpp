@@ -11,6 +11,10 @@
 #include <string>
 #include <utility>
 
+#include <posix/fd_service.h>
+#include <posix/posix_service.h>
+#include <posix/wire.h>
+
 #include "inspect_client.h"
 #include "posixctl.h"
 
@@ -59,28 +63,82 @@ const char* serviceName(uint32_t service) {
 
 // The request's first values as a person reads them, by command.
 std::string arguments(const px_inspect_event& e) {
-  uint64_t u64 = 0;
+  uint64_t u64 = 0, value = 0;
+  uint32_t u32 = 0, sig = 0;
   int32_t i32[2] = {0, 0};
   std::memcpy(&u64, e.head, sizeof u64);
+  std::memcpy(&u32, e.head, sizeof u32);
   std::memcpy(i32, e.head, sizeof i32);
+  std::memcpy(&sig, e.head + 8, sizeof sig);
+  std::memcpy(&value, e.head + 4, sizeof value);
+  // A path's first bytes: a string is a u32 length and the bytes, of which 12 fit the head.
+  int pathShown = static_cast<int>(std::min<uint32_t>(u32, sizeof e.head - 4));
   char text[96] = "";
   if (e.service == PX_INSPECT_PROCESS_SERVICE) {
-    uint32_t sig = 0;
-    std::memcpy(&sig, e.head + 8, sizeof sig);
-    if (e.code == 1 || e.code == 2) snprintf(text, sizeof text, "target %" PRId64 " signal %u", static_cast<int64_t>(u64), sig);
-    else if (e.code == 4) snprintf(text, sizeof text, "pid %" PRIu64, u64);
-    else if (e.code == 6 || e.code == 7) snprintf(text, sizeof text, "path %.*s", static_cast<int>(std::min<uint64_t>(u64 & 0xFFFFFFFF, 12)), e.head + 4);
-    else if (e.code == 9) {
-      uint64_t value = 0;
-      std::memcpy(&value, e.head + 4, sizeof value);
-      snprintf(text, sizeof text, "kind %d value %" PRIu64, i32[0], value);
+    switch (e.code) {
+      case PX_CMD_KILL:
+      case PX_CMD_KILL_GROUP:
+        snprintf(text, sizeof text, "target %" PRId64 " signal %u", static_cast<int64_t>(u64), sig);
+        break;
+      case PX_CMD_GET_GROUP_ID: snprintf(text, sizeof text, "pid %" PRIu64, u64); break;
+      case PX_CMD_SPAWN:
+      case PX_CMD_SPAWN_SHARED: snprintf(text, sizeof text, "path %.*s", pathShown, e.head + 4); break;
+      case PX_CMD_WAIT: snprintf(text, sizeof text, "kind %u value %" PRId64, u32, static_cast<int64_t>(value)); break;
+      default: break;
     }
   } else {
-    if (e.code == 0) snprintf(text, sizeof text, "fd %d", i32[0]);
-    else if (e.code == 1) snprintf(text, sizeof text, "fd %d onto %d", i32[0], i32[1]);
-    else if (e.code == 4) snprintf(text, sizeof text, "path %.*s", static_cast<int>(std::min<uint64_t>(u64 & 0xFFFFFFFF, 12)), e.head + 4);
+    switch (e.code) {
+      case PX_FD_CMD_CLOSE: snprintf(text, sizeof text, "fd %d", i32[0]); break;
+      case PX_FD_CMD_DUP: snprintf(text, sizeof text, "fd %d onto %d", i32[0], i32[1]); break;
+      case PX_FD_CMD_OPEN: snprintf(text, sizeof text, "path %.*s", pathShown, e.head + 4); break;
+      default: break;
+    }
   }
   return text;
+}
+
+// The result code by name: the shared ones, then the service's own. getTable's result is a
+// count, shown as the number.
+std::string resultName(const px_inspect_event& e) {
+  if (e.service == PX_INSPECT_FD_SERVICE && e.code == PX_FD_CMD_GET_TABLE && e.result != PX_INSPECT_KEPT)
+    return std::to_string(e.result);
+  switch (e.result) {
+    case PX_INSPECT_KEPT: return "kept";
+    case PX_RESULT_FAILED: return "failed";
+    case PX_RESULT_DONE: return "done";
+    case PX_RESULT_SHORT_REQUEST: return "short";
+    case PX_RESULT_LIMIT: return "limit";
+    default: break;
+  }
+  if (e.service == PX_INSPECT_PROCESS_SERVICE) {
+    switch (e.result) {
+      case PX_RESULT_BAD_SIGNAL: return "bad-signal";
+      case PX_RESULT_NO_PROCESS: return "no-process";
+      case PX_RESULT_NOT_PERMITTED: return "not-permitted";
+      case PX_RESULT_NO_CHILD: return "no-child";
+      case PX_RESULT_ABORTED: return "aborted";
+      default: break;
+    }
+  } else {
+    switch (e.result) {
+      case PX_FD_RESULT_OPEN_FAILED: return "open-failed";
+      case PX_FD_RESULT_NO_NODE: return "no-node";
+      case PX_FD_RESULT_BAD_FD: return "bad-fd";
+      default: break;
+    }
+  }
+  return std::to_string(e.result);
+}
+
+// The first bytes of the request's data in hex (as many as the event holds).
+std::string dataHex(const px_inspect_event& e) {
+  std::string out;
+  char byte[3];
+  for (uint32_t i = 0; i < e.size && i < sizeof e.head; ++i) {
+    snprintf(byte, sizeof byte, "%02x", e.head[i]);
+    out += byte;
+  }
+  return out;
 }
 
 }  // namespace
@@ -104,13 +162,14 @@ int cmdTop(const std::vector<std::string>& given) {
     const px_inspect_figures& f = now.figures;
     if (json) {
       printf("{\"processes\":%" PRIu64 ",\"threads\":%" PRIu64 ",\"heap_bytes\":%" PRIu64
-             ",\"descriptors\":%" PRIu64 ",\"descriptor_limit\":%" PRIu64 ",\"commands\":[",
-             f.processes, f.threads, f.heap_bytes, f.descriptors, f.descriptor_limit);
+             ",\"descriptors\":%" PRIu64 ",\"descriptor_limit\":%" PRIu64 ",\"links\":%" PRIu64
+             ",\"commands\":[",
+             f.processes, f.threads, f.heap_bytes, f.descriptors, f.descriptor_limit, f.links);
     } else {
-      printf("\nprocesses %" PRIu64 "  threads %" PRIu64 "  heap %" PRIu64 " bytes in %" PRIu64
-             " blocks  descriptors %" PRIu64 " of %" PRIu64 " (%" PRIu64 " left)\n",
-             f.processes, f.threads, f.heap_bytes, f.heap_blocks, f.descriptors, f.descriptor_limit,
-             f.descriptor_limit > f.descriptors ? f.descriptor_limit - f.descriptors : 0);
+      printf("\nprocesses %" PRIu64 "  links %" PRIu64 "  threads %" PRIu64 "  heap %" PRIu64
+             " bytes in %" PRIu64 " blocks  descriptors %" PRIu64 " of %" PRIu64 " (%" PRIu64 " left)\n",
+             f.processes, f.links, f.threads, f.heap_bytes, f.heap_blocks, f.descriptors,
+             f.descriptor_limit, f.descriptor_limit > f.descriptors ? f.descriptor_limit - f.descriptors : 0);
       printf("%-18s %-16s %10s %10s %10s\n", "SERVICE", "COMMAND", "PER SEC", "P50 <US", "P99 <US");
     }
     bool first = true;
@@ -144,7 +203,7 @@ int cmdTop(const std::vector<std::string>& given) {
 
 int cmdMonitor(const std::vector<std::string>& given) {
   std::vector<std::string> args = given;
-  bool json = takeFlag(&args, "--json"), bad = false;
+  bool json = takeFlag(&args, "--json"), data = takeFlag(&args, "--data"), bad = false;
   std::string pidText, command, countText;
   int64_t pid = 0, count = -1;
   if (takeOption(&args, "--pid", &pidText, &bad) && (!parseInt(pidText.c_str(), &pid) || pid < 1))
@@ -152,7 +211,7 @@ int cmdMonitor(const std::vector<std::string>& given) {
   takeOption(&args, "--command", &command, &bad);
   if (takeOption(&args, "--count", &countText, &bad) && (!parseInt(countText.c_str(), &count) || count < 1))
     return usage("monitor --count takes a count of at least 1");
-  if (bad || !args.empty()) return usage("monitor takes --pid PID, --command NAME, --count N and --json");
+  if (bad || !args.empty()) return usage("monitor takes --pid PID, --command NAME, --count N, --data and --json");
   InspectLink link;
   if (int err = link.open()) return callFailure("monitor", err);
   if (int err = link.monitor(static_cast<uint64_t>(pid))) return callFailure("monitor", err);
@@ -168,20 +227,22 @@ int cmdMonitor(const std::vector<std::string>& given) {
     for (const px_inspect_event& e : batch.events) {
       std::string name = commandName(e.service, e.code);
       if (!command.empty() && name != command) continue;
-      std::string result = e.result == PX_INSPECT_KEPT ? "kept" : std::to_string(e.result);
+      std::string result = resultName(e);
+      std::string hex = data ? dataHex(e) : "";
       if (json) {
         printf("{\"time_us\":%" PRIu64 ",\"pid\":%" PRIu64 ",\"service\":\"%s\",\"command\":\"%s\","
-               "\"arguments\":\"%s\",\"size\":%u,\"result\":\"%s\",\"took_us\":%" PRIu64 "}\n",
+               "\"arguments\":\"%s\",\"size\":%u,%s%s%s\"result\":\"%s\",\"took_us\":%" PRIu64 "}\n",
                e.time_us, e.pid, serviceName(e.service), name.c_str(), arguments(e).c_str(), e.size,
-               result.c_str(), e.took_us);
+               data ? "\"data\":\"" : "", hex.c_str(), data ? "\"," : "", result.c_str(), e.took_us);
       } else {
         time_t seconds = static_cast<time_t>(e.time_us / 1000000);
         struct tm tm;
         localtime_r(&seconds, &tm);
-        printf("%02d:%02d:%02d.%06u pid %-7" PRIu64 " %-16s %-14s %-28s %6u bytes -> %-4s %6" PRIu64 " us\n",
+        printf("%02d:%02d:%02d.%06u pid %-7" PRIu64 " %-16s %-14s %-28s %6u bytes%s%s -> %-10s %6" PRIu64
+               " us\n",
                tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<unsigned>(e.time_us % 1000000), e.pid,
-               serviceName(e.service), name.c_str(), arguments(e).c_str(), e.size, result.c_str(),
-               e.took_us);
+               serviceName(e.service), name.c_str(), arguments(e).c_str(), e.size, data ? " " : "",
+               hex.c_str(), result.c_str(), e.took_us);
       }
       if (count >= 0 && ++shown >= count) break;
     }

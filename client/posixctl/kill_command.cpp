@@ -50,6 +50,22 @@ int parseSignal(const std::string& text) {
   return -1;
 }
 
+}  // namespace
+
+std::string signalList(uint32_t mask) {
+  std::string out;
+  for (int sig = 1; sig <= 32; ++sig) {
+    if ((mask & (uint32_t{1} << (sig - 1))) == 0) continue;
+    std::string name = std::to_string(sig);
+    for (const SignalName& s : kSignals)
+      if (s.number == sig && s.name != nullptr) name = s.name;
+    out += (out.empty() ? "" : ",") + name;
+  }
+  return out.empty() ? "-" : out;
+}
+
+namespace {
+
 int listSignals(const std::vector<std::string>& args, size_t from) {
   if (from + 1 < args.size()) return usage("kill -l takes at most one SIG");
   if (from < args.size()) {  // one SIG: the name of a number, the number of a name

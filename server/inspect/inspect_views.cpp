@@ -203,6 +203,7 @@ uint32_t figures(const Ref<OutMsg>& reply) {
   f.heap_blocks = heap.liveBlocks;
   f.descriptors = HostFiles::inUse();
   f.descriptor_limit = HostFiles::limit();
+  f.links = ChnLink::openLinks();
   reply->write(&f, sizeof f);
   Records records;
   for (const px_inspect_command& c : RequestLog::commands())

@@ -74,7 +74,7 @@ TEST_F(InspectTest, PsFdsPipesAndMonitorTellWhatTheServerKeeps) {
   EXPECT_TRUE(eventually([&] { return px_getpgid(0) >= 0 && done; }, 10000));
   monitor.join();
   EXPECT_NE(monitored.find("\"pid\":" + me + ",\"service\":\"posix.service\",\"command\":\"getGroupId\","
-                           "\"arguments\":\"pid " + me + "\",\"size\":8,\"result\":\"1\""),
+                           "\"arguments\":\"pid " + me + "\",\"size\":8,\"result\":\"done\""),
             std::string::npos) << monitored;
 
   ASSERT_EQ(px_write(ends[1], "x", 1), 1);

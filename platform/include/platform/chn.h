@@ -47,6 +47,8 @@ class ChnLink : public Object {
   // The pid of the peer whose multiplex link the calling thread serves (each such link has a
   // thread of its own); 0 on any other thread. For diagnostics: who waits in a service.
   static uint64_t servedPeerPid();
+  // Links of every channel and multiplex of this process that are open now (for diagnostics).
+  static uint64_t openLinks();
   const ProcIdentity& peerIdentity() const { return peer_.identity; }
   uint64_t peerUid() const { return peer_.uid; }
   // A 64-bit value the channel's manager keeps per link; 0 at first.
@@ -82,8 +84,7 @@ class ChnLink : public Object {
   friend class Chn;
   friend struct ChnServe;
   friend struct MuxLinkServe;  // the service multiplex serves its links outside any Chn
-  ChnLink(int fd, const ChnPeer& peer, Ref<Object> ticket, Chn* channel)
-      : fd_(fd), peer_(peer), ticket_(std::move(ticket)), channel_(channel) {}
+  ChnLink(int fd, const ChnPeer& peer, Ref<Object> ticket, Chn* channel);
   // Sends queued frames; called by the channel's thread when the socket has room. Answers true
   // when nothing is left queued.
   bool flush();

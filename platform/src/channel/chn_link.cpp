@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -162,6 +163,18 @@ void ChnLink::closeSocket() {
   // Released outside the lock: the count it returns to has a lock of its own.
 }
 
+namespace {
+std::atomic<uint64_t> g_openLinks{0};  // links constructed and not yet destroyed
+}  // namespace
+
+ChnLink::ChnLink(int fd, const ChnPeer& peer, Ref<Object> ticket, Chn* channel)
+    : fd_(fd), peer_(peer), ticket_(std::move(ticket)), channel_(channel) {
+  g_openLinks.fetch_add(1, std::memory_order_relaxed);
+}
+
 ChnLink::~ChnLink() {
+  g_openLinks.fetch_sub(1, std::memory_order_relaxed);
   HostFd::close(fd_);
 }
+
+uint64_t ChnLink::openLinks() { return g_openLinks.load(std::memory_order_relaxed); }

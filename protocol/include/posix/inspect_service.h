@@ -83,6 +83,7 @@ typedef struct px_inspect_figures {
   uint64_t heap_blocks;
   uint64_t descriptors;       /* host descriptors the server holds */
   uint64_t descriptor_limit;
+  uint64_t links;             /* client links open on every service */
 } px_inspect_figures;
 
 typedef struct px_inspect_command {
