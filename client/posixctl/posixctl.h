@@ -57,7 +57,7 @@ int cmdKill(const std::vector<std::string>& args);
 int cmdKillpg(const std::vector<std::string>& args);
 int cmdPgid(const std::vector<std::string>& args);
 int cmdPpid(const std::vector<std::string>& args);
-// What the introspection service tells (inspect_commands.cpp, inspect_live.cpp).
+// What the introspection service tells (diag_commands.cpp, diag_live.cpp).
 // The signals of `mask` (bit s-1 for signal s) by name, or number when they have none:
 // "CHLD,15"; "-" when empty.
 std::string signalList(uint32_t mask);

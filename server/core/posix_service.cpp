@@ -3,7 +3,7 @@
 #include <posix/posix_service.h>
 
 #include "core/service_log.h"
-#include "inspect/request_log.h"
+#include "diag/request_log.h"
 #include "process/process_agent.h"
 
 namespace posix {
@@ -59,7 +59,7 @@ void PosixService::mainLoop() {
         reply->setCode(resultCode);
         request->reply(reply);
       }
-      RequestLog::note(PX_INSPECT_PROCESS_SERVICE, request, answered ? resultCode : PX_INSPECT_KEPT, began);
+      RequestLog::note(PX_DIAG_PROCESS_SERVICE, request, answered ? resultCode : PX_DIAG_KEPT, began);
     }
     if (!chn_->hasReady()) broadcasts_.runRound();
   }

@@ -1,12 +1,12 @@
 #include "core/server_main.h"
 
-#include <posix/inspect_service.h>
+#include <posix/diag_service.h>
 #include <posix/posix_service.h>
 
 #include "core/posix_service.h"
 #include "core/service_log.h"
 #include "fd/posix_fd_service.h"
-#include "inspect/inspect_service.h"
+#include "diag/diag_service.h"
 #include "platform/chario.h"
 #include "platform/devnode.h"
 #include "platform/proc.h"
@@ -61,12 +61,12 @@ void serverMain() {
   fdThread->start();
   // The introspection service answers on a thread of its own; without it the server still
   // serves, so a failure is only logged.
-  if (Ref<InspectService> inspect = InspectService::create(); inspect && acquired(inspect->channel())) {
-    Ref<Thd> inspectThread = Thd::create(inspect);
-    inspectThread->setName("Inspect");
-    inspectThread->start();
+  if (Ref<DiagService> diag = DiagService::create(); diag && acquired(diag->channel())) {
+    Ref<Thd> diagThread = Thd::create(diag);
+    diagThread->setName("Diag");
+    diagThread->start();
   } else {
-    POSIX_LOG(serviceLog.handle, 3, "Could not acquire channel " << PX_INSPECT_SERVICE_NAME);
+    POSIX_LOG(serviceLog.handle, 3, "Could not acquire channel " << PX_DIAG_SERVICE_NAME);
   }
   // One thread waits for the first spawn's agent from the start.
   AgentThreads::keepSpare();

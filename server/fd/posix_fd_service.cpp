@@ -10,7 +10,7 @@
 #include "fd/file_description_server_fs_item.h"
 #include "fd/file_description_server_socket.h"
 #include "fifo/fifo_pairs.h"
-#include "inspect/request_log.h"
+#include "diag/request_log.h"
 #include "platform/error.h"
 #include "platform/local_file.h"
 
@@ -172,7 +172,7 @@ void PosixFDService::run() {
     Ref<FDTable> table = process ? process->fdTable() : nullptr;
     if (table) reply->setCode(handle(request, reply, *table, *process->descriptions()));
     request->reply(reply);
-    RequestLog::note(PX_INSPECT_FD_SERVICE, request, reply->code(), began);
+    RequestLog::note(PX_DIAG_FD_SERVICE, request, reply->code(), began);
   }
 }
 

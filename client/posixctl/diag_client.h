@@ -1,8 +1,8 @@
-// posixctl's side of "posix.inspect.service": one link, its requests, and the answers decoded
+// posixctl's side of "posix.diag.service": one link, its requests, and the answers decoded
 // into plain records. The only place that knows the service's reply layouts on this side.
 #pragma once
 
-#include <posix/inspect_service.h>
+#include <posix/diag_service.h>
 
 #include <cstdint>
 #include <string>
@@ -11,37 +11,37 @@
 namespace posixctl {
 
 struct ProcessView {
-  px_inspect_process record;
+  px_diag_process record;
   std::string program;
 };
 
 struct DescriptorView {
-  px_inspect_descriptor record;
+  px_diag_descriptor record;
   std::string path;
 };
 
 struct PipeView {
-  px_inspect_pipe record;
+  px_diag_pipe record;
   std::vector<uint64_t> readers, writers;    // holding each end
   std::vector<uint64_t> reading, writing;    // inside a read or write now
 };
 
 struct FiguresView {
-  px_inspect_figures figures;
-  std::vector<px_inspect_command> commands;
+  px_diag_figures figures;
+  std::vector<px_diag_command> commands;
 };
 
 struct EventBatch {
   uint64_t lost = 0;
-  std::vector<px_inspect_event> events;
+  std::vector<px_diag_event> events;
 };
 
-class InspectLink {
+class DiagLink {
  public:
   // Connects to the service of the instance's runtime directory, after the checks the library
   // makes (a directory of our own, a server of our own user). 0 or an errno value.
   int open();
-  ~InspectLink();
+  ~DiagLink();
 
   // Each: 0, or an errno value (ESRCH for a pid the server does not know, EPROTO for an
   // answer that does not decode, ETIMEDOUT, ECONNRESET).

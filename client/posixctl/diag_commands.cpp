@@ -1,4 +1,4 @@
-// posixctl ps, fds PID, pipes, top and monitor: what "posix.inspect.service" tells, as text for
+// posixctl ps, fds PID, pipes, top and monitor: what "posix.diag.service" tells, as text for
 // a person or, with --json, as JSON for scripts (the same data in both forms).
 #include <errno.h>
 #include <inttypes.h>
@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <string>
 
-#include "inspect_client.h"
+#include "diag_client.h"
 #include "posix_client.h"
 #include "posixctl.h"
 
@@ -50,23 +50,23 @@ std::string pidList(const std::vector<uint64_t>& pids, bool json) {
 
 const char* stateName(uint32_t state) {
   switch (state) {
-    case PX_INSPECT_RUNNING: return "running";
-    case PX_INSPECT_CONNECTED: return "connected";
-    case PX_INSPECT_ZOMBIE: return "zombie";
+    case PX_DIAG_RUNNING: return "running";
+    case PX_DIAG_CONNECTED: return "connected";
+    case PX_DIAG_ZOMBIE: return "zombie";
     default: return "?";
   }
 }
 
-int linkOrFail(InspectLink& link, const char* what) {
+int linkOrFail(DiagLink& link, const char* what) {
   int err = link.open();
   return err != 0 ? callFailure(what, err == ENOENT || err == ECONNREFUSED ? ENOENT : err) : kExitOk;
 }
 
 // Prints `p` and, indented below it, its children (those whose parent is p).
 void printTree(const std::vector<ProcessView>& all, const ProcessView& p, int depth) {
-  const px_inspect_process& r = p.record;
+  const px_diag_process& r = p.record;
   std::string state = stateName(r.state);
-  if (r.state == PX_INSPECT_ZOMBIE) state += "(" + std::to_string(r.exit_code) + ")";
+  if (r.state == PX_DIAG_ZOMBIE) state += "(" + std::to_string(r.exit_code) + ")";
   std::string pid = std::string(static_cast<size_t>(depth) * 2, ' ') + std::to_string(r.pid);
   printf("%-12s %-8" PRIu64 " %-8" PRIu64 " %-12s %4u %5u %-8s %-6s %s\n", pid.c_str(), r.parent,
          r.group, state.c_str(), r.descriptors, r.waits, signalList(r.pending).c_str(),
@@ -82,14 +82,14 @@ int cmdPs(const std::vector<std::string>& given) {
   std::vector<std::string> args = given;
   bool json = takeJson(&args);
   if (!args.empty()) return usage("ps takes only --json");
-  InspectLink link;
+  DiagLink link;
   std::vector<ProcessView> all;
   if (int rc = linkOrFail(link, "ps")) return rc;
   if (int err = link.processes(&all)) return callFailure("ps", err);
   if (json) {
     printf("[");
     for (size_t i = 0; i < all.size(); ++i) {
-      const px_inspect_process& r = all[i].record;
+      const px_diag_process& r = all[i].record;
       printf("%s{\"pid\":%" PRIu64 ",\"parent\":%" PRIu64 ",\"group\":%" PRIu64
              ",\"state\":\"%s\",\"exit_code\":%u,\"descriptors\":%u,\"children\":%u,\"waits\":%u,"
              "\"pending\":%u,\"signal_waiter\":%s,\"program\":%s}",
@@ -112,7 +112,7 @@ int cmdPs(const std::vector<std::string>& given) {
 }
 
 int cmdFdsOf(uint64_t pid, bool json) {
-  InspectLink link;
+  DiagLink link;
   std::vector<DescriptorView> fds;
   std::vector<PipeView> pipes;
   if (int rc = linkOrFail(link, "fds")) return rc;
@@ -123,7 +123,7 @@ int cmdFdsOf(uint64_t pid, bool json) {
     return kExitFailure;
   }
   if (err != 0) return callFailure("fds", err);
-  auto otherEnd = [&](const px_inspect_descriptor& d) {
+  auto otherEnd = [&](const px_diag_descriptor& d) {
     for (const PipeView& p : pipes)
       if (p.record.pipe == d.pipe) return d.end == 1 ? p.writers : p.readers;
     return std::vector<uint64_t>{};
@@ -131,7 +131,7 @@ int cmdFdsOf(uint64_t pid, bool json) {
   if (json) printf("[");
   else printf("%-5s %-10s %-10s %s\n", "FD", "KIND", "OFFSET", "WHAT");
   for (size_t i = 0; i < fds.size(); ++i) {
-    const px_inspect_descriptor& d = fds[i].record;
+    const px_diag_descriptor& d = fds[i].record;
     const char* kind = d.type == 0 ? "reserved" : px_fd_kind_name(d.type);
     std::string offset = d.offset == ~uint64_t{0} ? "-" : std::to_string(d.offset);
     if (json) {
@@ -155,7 +155,7 @@ int cmdPipes(const std::vector<std::string>& given) {
   std::vector<std::string> args = given;
   bool json = takeJson(&args);
   if (!args.empty()) return usage("pipes takes only --json");
-  InspectLink link;
+  DiagLink link;
   std::vector<PipeView> pipes;
   if (int rc = linkOrFail(link, "pipes")) return rc;
   if (int err = link.pipes(&pipes)) return callFailure("pipes", err);

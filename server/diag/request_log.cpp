@@ -1,4 +1,4 @@
-#include "inspect/request_log.h"
+#include "diag/request_log.h"
 
 #include <algorithm>
 #include <atomic>
@@ -15,7 +15,7 @@ constexpr uint32_t kCodes = 16;  // commands of both services are numbered below
 
 struct Counters {
   std::atomic<uint64_t> requests{0};
-  std::atomic<uint64_t> buckets[PX_INSPECT_BUCKETS] = {};
+  std::atomic<uint64_t> buckets[PX_DIAG_BUCKETS] = {};
 };
 Counters g_counters[kServices][kCodes];
 
@@ -26,7 +26,7 @@ std::vector<Ref<Monitor>>* g_monitors = new std::vector<Ref<Monitor>>();  // gua
 
 uint32_t bucketOf(uint64_t micros) {
   uint32_t bucket = 0;
-  while (bucket + 1 < PX_INSPECT_BUCKETS && micros >= (uint64_t{1} << bucket)) ++bucket;
+  while (bucket + 1 < PX_DIAG_BUCKETS && micros >= (uint64_t{1} << bucket)) ++bucket;
   return bucket;
 }
 
@@ -43,7 +43,7 @@ void note(uint32_t service, const Ref<InMsg>& request, uint32_t result, Clock::t
     c.buckets[bucketOf(took)].fetch_add(1, std::memory_order_relaxed);
   }
   if (g_monitorCount.load(std::memory_order_relaxed) == 0) return;
-  px_inspect_event event = {};
+  px_diag_event event = {};
   auto arrived = std::chrono::system_clock::now() - (Clock::now() - began);
   event.time_us = static_cast<uint64_t>(
       std::chrono::duration_cast<std::chrono::microseconds>(arrived.time_since_epoch()).count());
@@ -58,17 +58,17 @@ void note(uint32_t service, const Ref<InMsg>& request, uint32_t result, Clock::t
   for (const Ref<Monitor>& monitor : *g_monitors) monitor->offer(event);
 }
 
-std::vector<px_inspect_command> commands() {
-  std::vector<px_inspect_command> out;
+std::vector<px_diag_command> commands() {
+  std::vector<px_diag_command> out;
   for (uint32_t s = 0; s < kServices; ++s) {
     for (uint32_t code = 0; code < kCodes; ++code) {
       const Counters& c = g_counters[s][code];
-      px_inspect_command command = {};
+      px_diag_command command = {};
       command.requests = c.requests.load(std::memory_order_relaxed);
       if (command.requests == 0) continue;
       command.service = s;
       command.code = code;
-      for (int b = 0; b < PX_INSPECT_BUCKETS; ++b)
+      for (int b = 0; b < PX_DIAG_BUCKETS; ++b)
         command.buckets[b] = c.buckets[b].load(std::memory_order_relaxed);
       out.push_back(command);
     }
@@ -76,7 +76,7 @@ std::vector<px_inspect_command> commands() {
   return out;
 }
 
-void Monitor::offer(const px_inspect_event& event) {
+void Monitor::offer(const px_diag_event& event) {
   if (pid_ != 0 && event.pid != pid_) return;
   std::lock_guard lock(mutex_);
   if (ring_.size() >= kRing) {
@@ -86,10 +86,10 @@ void Monitor::offer(const px_inspect_event& event) {
   ring_.push_back(event);
 }
 
-std::vector<px_inspect_event> Monitor::take(size_t max, uint64_t* lost) {
+std::vector<px_diag_event> Monitor::take(size_t max, uint64_t* lost) {
   std::lock_guard lock(mutex_);
   size_t n = std::min(max, ring_.size());
-  std::vector<px_inspect_event> out(ring_.begin(), ring_.begin() + static_cast<std::ptrdiff_t>(n));
+  std::vector<px_diag_event> out(ring_.begin(), ring_.begin() + static_cast<std::ptrdiff_t>(n));
   ring_.erase(ring_.begin(), ring_.begin() + static_cast<std::ptrdiff_t>(n));
   *lost = lost_;
   lost_ = 0;

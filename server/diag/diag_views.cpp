@@ -1,6 +1,6 @@
-#include "inspect/inspect_views.h"
+#include "diag/diag_views.h"
 
-#include <posix/inspect_service.h>
+#include <posix/diag_service.h>
 #include <posix/wire.h>
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 #include "fd/fd_table.h"
 #include "fd/file_description_server_fs_item.h"
 #include "fifo/file_description_server_fifo.h"
-#include "inspect/request_log.h"
+#include "diag/request_log.h"
 #include "platform/heap.h"
 #include "platform/host_files.h"
 #include "platform/proc.h"
@@ -80,9 +80,9 @@ std::vector<Ref<PosixProcess>> living() {
   return out;
 }
 
-// What a descriptor's description is, as px_inspect_descriptor tells it.
+// What a descriptor's description is, as px_diag_descriptor tells it.
 struct Described {
-  px_inspect_descriptor record = {};
+  px_diag_descriptor record = {};
   Ref<String> path;
   Ref<PosixFifoBase> end;
 };
@@ -106,13 +106,13 @@ Described describe(int32_t fd, const FileDescriptor& entry) {
 }
 
 void putProcess(Bytes& out, const PosixProcess& p, uint32_t state) {
-  px_inspect_process record = {};
+  px_diag_process record = {};
   record.pid = p.pid();
   Ref<PosixProcess> parent = p.parent();
   record.parent = parent ? parent->pid() : 0;
   record.group = p.groupId();
   record.state = state;
-  record.exit_code = state == PX_INSPECT_ZOMBIE ? p.exitCode() : 0;
+  record.exit_code = state == PX_DIAG_ZOMBIE ? p.exitCode() : 0;
   Ref<FDTable> table = p.fdTable();
   record.descriptors = table ? table->size() : 0;
   record.children = static_cast<uint32_t>(p.childCount());
@@ -125,7 +125,7 @@ void putProcess(Bytes& out, const PosixProcess& p, uint32_t state) {
 
 }  // namespace
 
-namespace InspectViews {
+namespace DiagViews {
 
 uint32_t processes(const Ref<OutMsg>& reply) {
   std::vector<Ref<PosixProcess>> all = living();
@@ -134,11 +134,11 @@ uint32_t processes(const Ref<OutMsg>& reply) {
     for (Ref<PosixProcess>& z : p->zombies()) zombies.push_back(std::move(z));
   Records records;
   for (const Ref<PosixProcess>& p : all) {
-    uint32_t state = p->startedHere() ? PX_INSPECT_RUNNING : PX_INSPECT_CONNECTED;
+    uint32_t state = p->startedHere() ? PX_DIAG_RUNNING : PX_DIAG_CONNECTED;
     records.add([&](Bytes& out) { putProcess(out, *p, state); });
   }
   for (const Ref<PosixProcess>& z : zombies)
-    records.add([&](Bytes& out) { putProcess(out, *z, PX_INSPECT_ZOMBIE); });
+    records.add([&](Bytes& out) { putProcess(out, *z, PX_DIAG_ZOMBIE); });
   return records.send(reply);
 }
 
@@ -185,7 +185,7 @@ uint32_t pipes(const Ref<OutMsg>& reply) {
   for (auto& [id, pipe] : found) {
     records.add([&](Bytes& out) {
       uint32_t flags = (pipe.fifo->eof() ? 1u : 0u) | (pipe.fifo->broken() ? 2u : 0u);
-      put(out, px_inspect_pipe{id, pipe.fifo->size(), flags});
+      put(out, px_diag_pipe{id, pipe.fifo->size(), flags});
       for (const auto* list : {&pipe.holders[0], &pipe.holders[1], &pipe.inside[0], &pipe.inside[1]})
         putPids(out, *list);
     });
@@ -194,7 +194,7 @@ uint32_t pipes(const Ref<OutMsg>& reply) {
 }
 
 uint32_t figures(const Ref<OutMsg>& reply) {
-  px_inspect_figures f = {};
+  px_diag_figures f = {};
   f.processes = living().size();
   Ref<ProcInfo> self = Proc::info(Proc::current());
   f.threads = self ? self->threadCount() : 0;
@@ -206,9 +206,9 @@ uint32_t figures(const Ref<OutMsg>& reply) {
   f.links = ChnLink::openLinks();
   reply->write(&f, sizeof f);
   Records records;
-  for (const px_inspect_command& c : RequestLog::commands())
+  for (const px_diag_command& c : RequestLog::commands())
     records.add([&](Bytes& out) { put(out, c); });
   return records.send(reply);
 }
 
-}  // namespace InspectViews
+}  // namespace DiagViews

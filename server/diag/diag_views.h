@@ -6,7 +6,7 @@
 
 #include "platform/message.h"
 
-namespace InspectViews {
+namespace DiagViews {
 
 // Each answers the reply's result code.
 uint32_t processes(const Ref<OutMsg>& reply);
@@ -14,4 +14,4 @@ uint32_t descriptors(uint64_t pid, const Ref<OutMsg>& reply);
 uint32_t pipes(const Ref<OutMsg>& reply);
 uint32_t figures(const Ref<OutMsg>& reply);
 
-}  // namespace InspectViews
+}  // namespace DiagViews

@@ -1,5 +1,5 @@
-// "posix.inspect.service": the read-only introspection service. It runs on a thread of its own
-// ("Inspect"), so that a slow reader of its answers never holds up the process and descriptor
+// "posix.diag.service": the read-only introspection service. It runs on a thread of its own
+// ("Diag"), so that a slow reader of its answers never holds up the process and descriptor
 // services, and it changes nothing in the server: it reads records, tables and pipes under
 // their own locks, and the figures the service loops note (RequestLog).
 //
@@ -11,10 +11,10 @@
 #include "platform/chn.h"
 #include "platform/thread.h"
 
-class InspectService : public Object, public ConMan, public Exec {
+class DiagService : public Object, public ConMan, public Exec {
  public:
   // Null when the channel could not be made.
-  static Ref<InspectService> create();
+  static Ref<DiagService> create();
 
   bool connect(const Ref<ChnLink>& link) override;
   void disconnect(const Ref<ChnLink>& link) override;
@@ -29,7 +29,7 @@ class InspectService : public Object, public ConMan, public Exec {
   // Replies a monitor's link may have queued before further batches wait.
   static constexpr size_t kQueuedBatches = 4;
 
-  InspectService() = default;
+  DiagService() = default;
   // False when the request is kept (a monitor).
   bool handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply, uint32_t* result);
   void flushMonitors();

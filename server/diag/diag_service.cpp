@@ -1,22 +1,22 @@
-#include "inspect/inspect_service.h"
+#include "diag/diag_service.h"
 
-#include <posix/inspect_service.h>
+#include <posix/diag_service.h>
 #include <posix/wire.h>
 
-#include "inspect/inspect_views.h"
-#include "inspect/request_log.h"
+#include "diag/diag_views.h"
+#include "diag/request_log.h"
 
-Ref<InspectService> InspectService::create() {
-  Ref<InspectService> service = new InspectService();
-  service->channel_ = Chn::create(Ref<ConMan>(service.get()), String::create(PX_INSPECT_SERVICE_NAME));
+Ref<DiagService> DiagService::create() {
+  Ref<DiagService> service = new DiagService();
+  service->channel_ = Chn::create(Ref<ConMan>(service.get()), String::create(PX_DIAG_SERVICE_NAME));
   return service->channel_ ? service : nullptr;
 }
 
-bool InspectService::connect(const Ref<ChnLink>& link) { return static_cast<bool>(link); }
+bool DiagService::connect(const Ref<ChnLink>& link) { return static_cast<bool>(link); }
 
-void InspectService::disconnect(const Ref<ChnLink>& link) { RequestLog::detach(link.get()); }
+void DiagService::disconnect(const Ref<ChnLink>& link) { RequestLog::detach(link.get()); }
 
-void InspectService::run() {
+void DiagService::run() {
   for (;;) {
     Ref<InMsg> request = channel_->receive(kFlushMs);
     if (!request && channel_->isClosed()) return;
@@ -32,20 +32,20 @@ void InspectService::run() {
   }
 }
 
-bool InspectService::handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply, uint32_t* result) {
+bool DiagService::handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply, uint32_t* result) {
   switch (request->code()) {
-    case PX_INSPECT_CMD_PROCESSES: *result = InspectViews::processes(reply); return true;
-    case PX_INSPECT_CMD_PIPES: *result = InspectViews::pipes(reply); return true;
-    case PX_INSPECT_CMD_FIGURES: *result = InspectViews::figures(reply); return true;
-    case PX_INSPECT_CMD_DESCRIPTORS:
-    case PX_INSPECT_CMD_MONITOR: {
+    case PX_DIAG_CMD_PROCESSES: *result = DiagViews::processes(reply); return true;
+    case PX_DIAG_CMD_PIPES: *result = DiagViews::pipes(reply); return true;
+    case PX_DIAG_CMD_FIGURES: *result = DiagViews::figures(reply); return true;
+    case PX_DIAG_CMD_DESCRIPTORS:
+    case PX_DIAG_CMD_MONITOR: {
       uint64_t pid = 0;
       if (request->read(&pid, sizeof pid) != sizeof pid) {
         *result = PX_RESULT_SHORT_REQUEST;
         return true;
       }
-      if (request->code() == PX_INSPECT_CMD_DESCRIPTORS) {
-        *result = InspectViews::descriptors(pid, reply);
+      if (request->code() == PX_DIAG_CMD_DESCRIPTORS) {
+        *result = DiagViews::descriptors(pid, reply);
         return true;
       }
       RequestLog::attach(new RequestLog::Monitor(request, pid));
@@ -55,19 +55,19 @@ bool InspectService::handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply,
   }
 }
 
-void InspectService::flushMonitors() {
+void DiagService::flushMonitors() {
   for (const Ref<RequestLog::Monitor>& monitor : RequestLog::monitors()) {
     const Ref<ChnLink>& link = monitor->request()->link();
     if (!link || link->queuedFrames() >= kQueuedBatches) continue;  // it loses, the server waits not
     uint64_t lost = 0;
-    std::vector<px_inspect_event> events = monitor->take(kBatch, &lost);
+    std::vector<px_diag_event> events = monitor->take(kBatch, &lost);
     if (events.empty() && lost == 0) continue;
     Ref<OutMsg> reply = OutMsg::create();
     reply->setCode(PX_RESULT_DONE);
     uint32_t count = static_cast<uint32_t>(events.size());
     reply->write(&lost, sizeof lost);
     reply->write(&count, sizeof count);
-    if (count) reply->write(events.data(), count * sizeof(px_inspect_event));
+    if (count) reply->write(events.data(), count * sizeof(px_diag_event));
     monitor->request()->reply(reply);
   }
 }

@@ -12,7 +12,7 @@
 
 namespace {
 
-using InspectTest = ServerFixture;
+using DiagTest = ServerFixture;
 
 std::string ctl(std::vector<std::string> args) {
   args.insert(args.begin(), POSIXCTL_BINARY);
@@ -20,7 +20,7 @@ std::string ctl(std::vector<std::string> args) {
   return r.exitCode == 0 ? r.out : "failed: " + r.err;
 }
 
-TEST_F(InspectTest, PsFdsPipesAndMonitorTellWhatTheServerKeeps) {
+TEST_F(DiagTest, PsFdsPipesAndMonitorTellWhatTheServerKeeps) {
   const std::string me = std::to_string(getpid());
   int file = px_open(hostFile("three", "abcdef").c_str(), O_RDONLY, 0), ends[2];
   ASSERT_EQ(readUpTo(file, 3), "abc");

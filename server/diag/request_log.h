@@ -7,7 +7,7 @@
 // (counted) and never holds up the service that noted them.
 #pragma once
 
-#include <posix/inspect_service.h>
+#include <posix/diag_service.h>
 
 #include <chrono>
 #include <cstdint>
@@ -21,12 +21,12 @@ namespace RequestLog {
 
 using Clock = std::chrono::steady_clock;
 
-// Notes one request of `service` (PX_INSPECT_*_SERVICE) that arrived at `began`: answered with
-// `result`, or PX_INSPECT_KEPT when it is kept to be answered later.
+// Notes one request of `service` (PX_DIAG_*_SERVICE) that arrived at `began`: answered with
+// `result`, or PX_DIAG_KEPT when it is kept to be answered later.
 void note(uint32_t service, const Ref<InMsg>& request, uint32_t result, Clock::time_point began);
 
 // Every command served so far, with its count and latency histogram.
-std::vector<px_inspect_command> commands();
+std::vector<px_diag_command> commands();
 
 // One monitor: the events of the processes it asked for, kept until its reader takes them.
 class Monitor : public Object {
@@ -35,16 +35,16 @@ class Monitor : public Object {
   // Events kept at most; more are lost (and counted) until the reader catches up.
   static constexpr size_t kRing = 4096;
 
-  void offer(const px_inspect_event& event);
+  void offer(const px_diag_event& event);
   // Takes up to `max` events and the count lost since the last take.
-  std::vector<px_inspect_event> take(size_t max, uint64_t* lost);
+  std::vector<px_diag_event> take(size_t max, uint64_t* lost);
   const Ref<InMsg>& request() const { return request_; }
 
  private:
   const Ref<InMsg> request_;  // answered with each batch
   const uint64_t pid_;        // 0: every process
   std::mutex mutex_;
-  std::deque<px_inspect_event> ring_;  // guarded by mutex_
+  std::deque<px_diag_event> ring_;  // guarded by mutex_
   uint64_t lost_ = 0;                  // guarded by mutex_
 };
 

@@ -1,4 +1,4 @@
-#include "inspect_client.h"
+#include "diag_client.h"
 
 #include <errno.h>
 #include <poll.h>
@@ -64,10 +64,10 @@ constexpr int kReplyTimeoutMs = 20000;
 
 }  // namespace
 
-int InspectLink::open() {
+int DiagLink::open() {
   std::string refusal = runtimeRefusal();
   if (!refusal.empty()) return EACCES;
-  std::string path = std::string(px_runtime_dir()) + "/chn/" + PX_INSPECT_SERVICE_NAME;
+  std::string path = std::string(px_runtime_dir()) + "/chn/" + PX_DIAG_SERVICE_NAME;
   struct sockaddr_un addr = {};
   addr.sun_family = AF_UNIX;
   if (path.size() >= sizeof addr.sun_path) return ENAMETOOLONG;
@@ -82,11 +82,11 @@ int InspectLink::open() {
   return 0;
 }
 
-InspectLink::~InspectLink() {
+DiagLink::~DiagLink() {
   if (fd_ >= 0) close(fd_);
 }
 
-int InspectLink::receive(uint64_t id, uint32_t* result, std::vector<uint8_t>* reply, int timeoutMs) {
+int DiagLink::receive(uint64_t id, uint32_t* result, std::vector<uint8_t>* reply, int timeoutMs) {
   std::vector<uint8_t> frame(PX_WIRE_MAX_FRAME);
   for (;;) {
     struct pollfd p = {fd_, POLLIN, 0};
@@ -107,7 +107,7 @@ int InspectLink::receive(uint64_t id, uint32_t* result, std::vector<uint8_t>* re
   }
 }
 
-int InspectLink::call(uint32_t code, const std::vector<uint8_t>& data, uint32_t* result,
+int DiagLink::call(uint32_t code, const std::vector<uint8_t>& data, uint32_t* result,
                       std::vector<uint8_t>* reply) {
   px_frame_header h = {};
   h.kind = PX_FRAME_REQUEST;
@@ -122,42 +122,42 @@ int InspectLink::call(uint32_t code, const std::vector<uint8_t>& data, uint32_t*
   return receive(h.id, result, reply, kReplyTimeoutMs);
 }
 
-int InspectLink::processes(std::vector<ProcessView>* out) {
+int DiagLink::processes(std::vector<ProcessView>* out) {
   uint32_t result = 0;
   std::vector<uint8_t> data;
-  if (int err = call(PX_INSPECT_CMD_PROCESSES, {}, &result, &data)) return err;
+  if (int err = call(PX_DIAG_CMD_PROCESSES, {}, &result, &data)) return err;
   Reader r(data);
   out->resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);
   for (ProcessView& p : *out) {
-    p.record = r.get<px_inspect_process>();
+    p.record = r.get<px_diag_process>();
     p.program = r.string();
   }
   return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
 }
 
-int InspectLink::descriptors(uint64_t pid, std::vector<DescriptorView>* out) {
+int DiagLink::descriptors(uint64_t pid, std::vector<DescriptorView>* out) {
   std::vector<uint8_t> request, data;
   putU64(request, pid);
   uint32_t result = 0;
-  if (int err = call(PX_INSPECT_CMD_DESCRIPTORS, request, &result, &data)) return err;
+  if (int err = call(PX_DIAG_CMD_DESCRIPTORS, request, &result, &data)) return err;
   if (result == PX_RESULT_NO_PROCESS) return ESRCH;
   Reader r(data);
   out->resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);
   for (DescriptorView& d : *out) {
-    d.record = r.get<px_inspect_descriptor>();
+    d.record = r.get<px_diag_descriptor>();
     d.path = r.string();
   }
   return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
 }
 
-int InspectLink::pipes(std::vector<PipeView>* out) {
+int DiagLink::pipes(std::vector<PipeView>* out) {
   uint32_t result = 0;
   std::vector<uint8_t> data;
-  if (int err = call(PX_INSPECT_CMD_PIPES, {}, &result, &data)) return err;
+  if (int err = call(PX_DIAG_CMD_PIPES, {}, &result, &data)) return err;
   Reader r(data);
   out->resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);
   for (PipeView& p : *out) {
-    p.record = r.get<px_inspect_pipe>();
+    p.record = r.get<px_diag_pipe>();
     p.readers = r.pids();
     p.writers = r.pids();
     p.reading = r.pids();
@@ -166,23 +166,23 @@ int InspectLink::pipes(std::vector<PipeView>* out) {
   return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
 }
 
-int InspectLink::figures(FiguresView* out) {
+int DiagLink::figures(FiguresView* out) {
   uint32_t result = 0;
   std::vector<uint8_t> data;
-  if (int err = call(PX_INSPECT_CMD_FIGURES, {}, &result, &data)) return err;
+  if (int err = call(PX_DIAG_CMD_FIGURES, {}, &result, &data)) return err;
   Reader r(data);
-  out->figures = r.get<px_inspect_figures>();
+  out->figures = r.get<px_diag_figures>();
   out->commands.resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);
-  for (px_inspect_command& c : out->commands) c = r.get<px_inspect_command>();
+  for (px_diag_command& c : out->commands) c = r.get<px_diag_command>();
   return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
 }
 
-int InspectLink::monitor(uint64_t pid) {
+int DiagLink::monitor(uint64_t pid) {
   std::vector<uint8_t> request;
   putU64(request, pid);
   px_frame_header h = {};
   h.kind = PX_FRAME_REQUEST;
-  h.code = PX_INSPECT_CMD_MONITOR;
+  h.code = PX_DIAG_CMD_MONITOR;
   h.id = monitorId_ = nextId_++;
   h.data_len = static_cast<uint32_t>(request.size());
   std::vector<uint8_t> frame(sizeof h);
@@ -193,14 +193,14 @@ int InspectLink::monitor(uint64_t pid) {
              : ECONNRESET;
 }
 
-int InspectLink::next(EventBatch* out, int timeoutMs) {
+int DiagLink::next(EventBatch* out, int timeoutMs) {
   uint32_t result = 0;
   std::vector<uint8_t> data;
   if (int err = receive(monitorId_, &result, &data, timeoutMs)) return err;
   Reader r(data);
   out->lost = r.get<uint64_t>();
   out->events.resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);
-  for (px_inspect_event& e : out->events) e = r.get<px_inspect_event>();
+  for (px_diag_event& e : out->events) e = r.get<px_diag_event>();
   return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
 }
 
@@ -210,9 +210,9 @@ std::string commandName(uint32_t service, uint32_t code) {
                                          "getSharedMemory", "wait", "abortWaits", "createPipe"};
   static const char* const kFd[] = {"close", "dup",     "getTable",     "reserve",     "openItem",
                                     "reserve", "reserve", "createPipe", "createSocket"};
-  if (service == PX_INSPECT_PROCESS_SERVICE && code < sizeof kProcess / sizeof *kProcess)
+  if (service == PX_DIAG_PROCESS_SERVICE && code < sizeof kProcess / sizeof *kProcess)
     return kProcess[code];
-  if (service == PX_INSPECT_FD_SERVICE && code < sizeof kFd / sizeof *kFd) return kFd[code];
+  if (service == PX_DIAG_FD_SERVICE && code < sizeof kFd / sizeof *kFd) return kFd[code];
   return std::to_string(code);
 }
 

@@ -15,7 +15,7 @@
 #include <posix/posix_service.h>
 #include <posix/wire.h>
 
-#include "inspect_client.h"
+#include "diag_client.h"
 #include "posixctl.h"
 
 namespace posixctl {
@@ -50,7 +50,7 @@ bool takeFlag(std::vector<std::string>* args, const char* name) {
 // The upper bound in microseconds of the bucket that holds the fraction `q` of `count` replies.
 uint64_t percentile(const uint64_t* buckets, uint64_t count, double q) {
   uint64_t seen = 0;
-  for (int b = 0; b < PX_INSPECT_BUCKETS; ++b) {
+  for (int b = 0; b < PX_DIAG_BUCKETS; ++b) {
     seen += buckets[b];
     if (count > 0 && seen >= q * static_cast<double>(count)) return uint64_t{1} << b;
   }
@@ -58,11 +58,11 @@ uint64_t percentile(const uint64_t* buckets, uint64_t count, double q) {
 }
 
 const char* serviceName(uint32_t service) {
-  return service == PX_INSPECT_PROCESS_SERVICE ? "posix.service" : "posix.fd.service";
+  return service == PX_DIAG_PROCESS_SERVICE ? "posix.service" : "posix.fd.service";
 }
 
 // The request's first values as a person reads them, by command.
-std::string arguments(const px_inspect_event& e) {
+std::string arguments(const px_diag_event& e) {
   uint64_t u64 = 0, value = 0;
   uint32_t u32 = 0, sig = 0;
   int32_t i32[2] = {0, 0};
@@ -74,7 +74,7 @@ std::string arguments(const px_inspect_event& e) {
   // A path's first bytes: a string is a u32 length and the bytes, of which 12 fit the head.
   int pathShown = static_cast<int>(std::min<uint32_t>(u32, sizeof e.head - 4));
   char text[96] = "";
-  if (e.service == PX_INSPECT_PROCESS_SERVICE) {
+  if (e.service == PX_DIAG_PROCESS_SERVICE) {
     switch (e.code) {
       case PX_CMD_KILL:
       case PX_CMD_KILL_GROUP:
@@ -99,18 +99,18 @@ std::string arguments(const px_inspect_event& e) {
 
 // The result code by name: the shared ones, then the service's own. getTable's result is a
 // count, shown as the number.
-std::string resultName(const px_inspect_event& e) {
-  if (e.service == PX_INSPECT_FD_SERVICE && e.code == PX_FD_CMD_GET_TABLE && e.result != PX_INSPECT_KEPT)
+std::string resultName(const px_diag_event& e) {
+  if (e.service == PX_DIAG_FD_SERVICE && e.code == PX_FD_CMD_GET_TABLE && e.result != PX_DIAG_KEPT)
     return std::to_string(e.result);
   switch (e.result) {
-    case PX_INSPECT_KEPT: return "kept";
+    case PX_DIAG_KEPT: return "kept";
     case PX_RESULT_FAILED: return "failed";
     case PX_RESULT_DONE: return "done";
     case PX_RESULT_SHORT_REQUEST: return "short";
     case PX_RESULT_LIMIT: return "limit";
     default: break;
   }
-  if (e.service == PX_INSPECT_PROCESS_SERVICE) {
+  if (e.service == PX_DIAG_PROCESS_SERVICE) {
     switch (e.result) {
       case PX_RESULT_BAD_SIGNAL: return "bad-signal";
       case PX_RESULT_NO_PROCESS: return "no-process";
@@ -131,7 +131,7 @@ std::string resultName(const px_inspect_event& e) {
 }
 
 // The first bytes of the request's data in hex (as many as the event holds).
-std::string dataHex(const px_inspect_event& e) {
+std::string dataHex(const px_diag_event& e) {
   std::string out;
   char byte[3];
   for (uint32_t i = 0; i < e.size && i < sizeof e.head; ++i) {
@@ -151,7 +151,7 @@ int cmdTop(const std::vector<std::string>& given) {
   if (takeOption(&args, "-n", &countText, &bad) && (!parseInt(countText.c_str(), &rounds) || rounds < 1))
     return usage("top -n takes a count of at least 1");
   if (bad || !args.empty()) return usage("top takes only -n COUNT and --json");
-  InspectLink link;
+  DiagLink link;
   if (int err = link.open()) return callFailure("top", err);
   FiguresView before;
   if (int err = link.figures(&before)) return callFailure("top", err);
@@ -159,7 +159,7 @@ int cmdTop(const std::vector<std::string>& given) {
     sleep(1);
     FiguresView now;
     if (int err = link.figures(&now)) return callFailure("top", err);
-    const px_inspect_figures& f = now.figures;
+    const px_diag_figures& f = now.figures;
     if (json) {
       printf("{\"processes\":%" PRIu64 ",\"threads\":%" PRIu64 ",\"heap_bytes\":%" PRIu64
              ",\"descriptors\":%" PRIu64 ",\"descriptor_limit\":%" PRIu64 ",\"links\":%" PRIu64
@@ -173,12 +173,12 @@ int cmdTop(const std::vector<std::string>& given) {
       printf("%-18s %-16s %10s %10s %10s\n", "SERVICE", "COMMAND", "PER SEC", "P50 <US", "P99 <US");
     }
     bool first = true;
-    for (const px_inspect_command& c : now.commands) {
-      px_inspect_command delta = c;
-      for (const px_inspect_command& old : before.commands) {
+    for (const px_diag_command& c : now.commands) {
+      px_diag_command delta = c;
+      for (const px_diag_command& old : before.commands) {
         if (old.service != c.service || old.code != c.code) continue;
         delta.requests -= old.requests;
-        for (int b = 0; b < PX_INSPECT_BUCKETS; ++b) delta.buckets[b] -= old.buckets[b];
+        for (int b = 0; b < PX_DIAG_BUCKETS; ++b) delta.buckets[b] -= old.buckets[b];
       }
       if (delta.requests == 0) continue;
       uint64_t p50 = percentile(delta.buckets, delta.requests, 0.5);
@@ -212,7 +212,7 @@ int cmdMonitor(const std::vector<std::string>& given) {
   if (takeOption(&args, "--count", &countText, &bad) && (!parseInt(countText.c_str(), &count) || count < 1))
     return usage("monitor --count takes a count of at least 1");
   if (bad || !args.empty()) return usage("monitor takes --pid PID, --command NAME, --count N, --data and --json");
-  InspectLink link;
+  DiagLink link;
   if (int err = link.open()) return callFailure("monitor", err);
   if (int err = link.monitor(static_cast<uint64_t>(pid))) return callFailure("monitor", err);
   for (int64_t shown = 0; count < 0 || shown < count;) {
@@ -224,7 +224,7 @@ int cmdMonitor(const std::vector<std::string>& given) {
       if (json) printf("{\"lost\":%" PRIu64 "}\n", batch.lost);
       else printf("... %" PRIu64 " requests not shown: this monitor fell behind\n", batch.lost);
     }
-    for (const px_inspect_event& e : batch.events) {
+    for (const px_diag_event& e : batch.events) {
       std::string name = commandName(e.service, e.code);
       if (!command.empty() && name != command) continue;
       std::string result = resultName(e);

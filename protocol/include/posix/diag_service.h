@@ -1,13 +1,13 @@
 /*
- * The introspection service, channel "posix.inspect.service": a read-only view of what the
+ * The introspection service, channel "posix.diag.service": a read-only view of what the
  * server keeps (processes, descriptor tables, pipes, request figures) and a stream of the
  * requests it serves. It changes nothing in the server. Strings are platform strings (u32
  * length, then the bytes); every value is little-endian. Unknown commands and requests that
  * are too short answer PX_RESULT_FAILED or PX_RESULT_SHORT_REQUEST (wire.h). docs/protocol.md
  * describes each command in full.
  */
-#ifndef POSIX_INSPECT_SERVICE_PROTOCOL_H
-#define POSIX_INSPECT_SERVICE_PROTOCOL_H
+#ifndef POSIX_DIAG_SERVICE_PROTOCOL_H
+#define POSIX_DIAG_SERVICE_PROTOCOL_H
 
 #include <stdint.h>
 
@@ -15,68 +15,68 @@
 extern "C" {
 #endif
 
-#define PX_INSPECT_SERVICE_NAME "posix.inspect.service"
+#define PX_DIAG_SERVICE_NAME "posix.diag.service"
 
-/* - -> u32 count, then per process: px_inspect_process, string program (path and arguments
+/* - -> u32 count, then per process: px_diag_process, string program (path and arguments
  * of a program the server started; empty otherwise). Living processes in order of their
  * records, then the zombies their parents keep. */
-#define PX_INSPECT_CMD_PROCESSES 1u
-/* u64 pid -> u32 count, then per descriptor: px_inspect_descriptor, string path (an opened
+#define PX_DIAG_CMD_PROCESSES 1u
+/* u64 pid -> u32 count, then per descriptor: px_diag_descriptor, string path (an opened
  * item's; empty otherwise). Result 3 (PX_RESULT_NO_PROCESS) when no living process has the pid. */
-#define PX_INSPECT_CMD_DESCRIPTORS 2u
-/* - -> u32 count, then per pipe or FIFO: px_inspect_pipe, and four pid lists (u32 n, n x u64):
+#define PX_DIAG_CMD_DESCRIPTORS 2u
+/* - -> u32 count, then per pipe or FIFO: px_diag_pipe, and four pid lists (u32 n, n x u64):
  * the processes holding the read end, holding the write end, inside a read now, inside a write
  * now. Pipes that no descriptor table holds are not listed. */
-#define PX_INSPECT_CMD_PIPES 3u
-/* - -> px_inspect_figures, u32 count, then per command served so far: px_inspect_command. */
-#define PX_INSPECT_CMD_FIGURES 4u
+#define PX_DIAG_CMD_PIPES 3u
+/* - -> px_diag_figures, u32 count, then per command served so far: px_diag_command. */
+#define PX_DIAG_CMD_FIGURES 4u
 /* u64 pid (0: every process) -> answered again and again, for as long as the link stays: each
  * reply (result 1) holds u64 events lost since the last reply, u32 count, then count
- * px_inspect_event. A monitor that does not read loses events, never slows the server. */
-#define PX_INSPECT_CMD_MONITOR 5u
+ * px_diag_event. A monitor that does not read loses events, never slows the server. */
+#define PX_DIAG_CMD_MONITOR 5u
 
-/* States of px_inspect_process. */
-#define PX_INSPECT_RUNNING 0u   /* a program the server started */
-#define PX_INSPECT_CONNECTED 1u /* a process that connected on its own */
-#define PX_INSPECT_ZOMBIE 2u    /* ended, kept for its parent; exit_code is valid */
+/* States of px_diag_process. */
+#define PX_DIAG_RUNNING 0u   /* a program the server started */
+#define PX_DIAG_CONNECTED 1u /* a process that connected on its own */
+#define PX_DIAG_ZOMBIE 2u    /* ended, kept for its parent; exit_code is valid */
 
-/* Services named in px_inspect_command and px_inspect_event. */
-#define PX_INSPECT_PROCESS_SERVICE 0u /* "posix.service" */
-#define PX_INSPECT_FD_SERVICE 1u      /* "posix.fd.service" */
+/* Services named in px_diag_command and px_diag_event. */
+#define PX_DIAG_PROCESS_SERVICE 0u /* "posix.service" */
+#define PX_DIAG_FD_SERVICE 1u      /* "posix.fd.service" */
 
 /* Latency buckets: bucket i counts replies that took less than 2^i microseconds (the last
  * one everything slower). */
-#define PX_INSPECT_BUCKETS 24
+#define PX_DIAG_BUCKETS 24
 
 #pragma pack(push, 1)
-typedef struct px_inspect_process {
+typedef struct px_diag_process {
   uint64_t pid;
   uint64_t parent;   /* 0: none */
   uint64_t group;
-  uint32_t state;    /* PX_INSPECT_* */
+  uint32_t state;    /* PX_DIAG_* */
   uint32_t exit_code;
   uint32_t descriptors;
   uint32_t children;
   uint32_t waits;    /* queued blocking waits */
   uint32_t pending;  /* bit s-1 for a pending signal s */
   uint32_t signal_waiter; /* 1 while a signal wait is kept */
-} px_inspect_process;
+} px_diag_process;
 
-typedef struct px_inspect_descriptor {
+typedef struct px_diag_descriptor {
   int32_t fd;
   int32_t type;      /* PX_FD_KIND_* */
   uint32_t end;      /* a pipe end: 1 read, 2 write; 0 otherwise */
   uint64_t offset;   /* an opened item's offset; all ones when it has none */
-  uint64_t pipe;     /* the pipe's number (as PX_INSPECT_CMD_PIPES lists it); 0 otherwise */
-} px_inspect_descriptor;
+  uint64_t pipe;     /* the pipe's number (as PX_DIAG_CMD_PIPES lists it); 0 otherwise */
+} px_diag_descriptor;
 
-typedef struct px_inspect_pipe {
+typedef struct px_diag_pipe {
   uint64_t pipe;
   uint64_t buffered;
   uint32_t flags;    /* 1: end-of-file (no writer left), 2: broken (no reader left) */
-} px_inspect_pipe;
+} px_diag_pipe;
 
-typedef struct px_inspect_figures {
+typedef struct px_diag_figures {
   uint64_t processes;
   uint64_t threads;
   uint64_t heap_bytes;
@@ -84,31 +84,31 @@ typedef struct px_inspect_figures {
   uint64_t descriptors;       /* host descriptors the server holds */
   uint64_t descriptor_limit;
   uint64_t links;             /* client links open on every service */
-} px_inspect_figures;
+} px_diag_figures;
 
-typedef struct px_inspect_command {
-  uint32_t service;  /* PX_INSPECT_*_SERVICE */
+typedef struct px_diag_command {
+  uint32_t service;  /* PX_DIAG_*_SERVICE */
   uint32_t code;
   uint64_t requests;
-  uint64_t buckets[PX_INSPECT_BUCKETS];
-} px_inspect_command;
+  uint64_t buckets[PX_DIAG_BUCKETS];
+} px_diag_command;
 
-typedef struct px_inspect_event {
+typedef struct px_diag_event {
   uint64_t time_us;  /* when the request arrived, microseconds of the host's real-time clock */
   uint64_t pid;
   uint32_t service;
   uint32_t code;
-  uint32_t result;   /* the reply's result code; PX_INSPECT_KEPT for a request kept to answer later */
+  uint32_t result;   /* the reply's result code; PX_DIAG_KEPT for a request kept to answer later */
   uint32_t size;     /* bytes of the request's data */
   uint64_t took_us;
   uint8_t head[16];  /* the first bytes of the request's data, zero-padded */
-} px_inspect_event;
+} px_diag_event;
 #pragma pack(pop)
 
-#define PX_INSPECT_KEPT 0xFFFFFFFFu
+#define PX_DIAG_KEPT 0xFFFFFFFFu
 
 #ifdef __cplusplus
 }
 #endif
 
-#endif /* POSIX_INSPECT_SERVICE_PROTOCOL_H */
+#endif /* POSIX_DIAG_SERVICE_PROTOCOL_H */
