@@ -20,7 +20,6 @@
 namespace {
 
 using IdentityTest = ServerFixture;
-using namespace std::string_literals;
 
 bool gone(pid_t pid) {
   char state = hostState(pid);
@@ -60,27 +59,6 @@ TEST_F(IdentityTest, SignalsReachProcessesWithWhatTheyStartedButNoThreadOfTheSer
   EXPECT_EQ(collect(sh), 128 + SIGKILL);
   EXPECT_TRUE(eventually([&] { return gone(job); })) << "the shell's job survived";
   kill(job, SIGKILL);
-}
-
-TEST_F(IdentityTest, StringsWithAZeroByteInsideAreRefusedNotCut) {
-  auto spawnRequest = [](const std::string& path, const std::vector<std::string>& args) {
-    std::vector<uint8_t> data;
-    putString(data, path);
-    putU32(data, 0);
-    putU64(data, args.size());
-    for (const std::string& a : args) putString(data, a);
-    data.resize(data.size() + 12);  // no environment, no options
-    return data;
-  };
-  RawLink link(path("chn/posix.service"));
-  RawReply reply;
-  for (const auto& request : {spawnRequest("/bin/true\0junk"s, {"true"}),
-                              spawnRequest("/bin/sh", {"sh", "-c", "exit 3\0 junk"s})}) {
-    ASSERT_TRUE(link.roundTrip(PX_CMD_SPAWN, 1, request, &reply));
-    EXPECT_EQ(reply.code, PX_RESULT_FAILED);
-  }
-  ASSERT_TRUE(link.roundTrip(PX_CMD_SPAWN, 2, spawnRequest("/bin/true", {"true"}), &reply));
-  EXPECT_EQ(reply.code, PX_RESULT_DONE);
 }
 
 // The server runs in a pid namespace of its own. A client outside it has no pid there and is

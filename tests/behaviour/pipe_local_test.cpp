@@ -36,23 +36,6 @@ TEST_F(PipeLocalTest, BytesFlowAndEndOfFileFollowsTheWritersClose) {
   EXPECT_EQ(px_close(fds[0]), 0);
 }
 
-TEST_F(PipeLocalTest, NonBlockingCallsAnswerAtOnce) {
-  int fds[2];
-  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
-  ASSERT_EQ(px_set_nonblock(fds[0], 1), 0);
-  ASSERT_EQ(px_set_nonblock(fds[1], 1), 0);
-  EXPECT_ERRNO(px_set_nonblock(99, 1), EBADF);
-  char buf[8192];
-  int64_t start = monotonicMs();
-  EXPECT_ERRNO(px_read(fds[0], buf, sizeof buf), EAGAIN);
-  // A pipe takes 4096 bytes; a non-blocking write of more answers what fit.
-  std::memset(buf, 'a', sizeof buf);
-  EXPECT_EQ(px_write(fds[1], buf, 5000), 4096);
-  EXPECT_ERRNO(px_write(fds[1], buf, 100), EAGAIN);
-  EXPECT_LT(monotonicMs() - start, 900) << "non-blocking calls waited";
-  EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 4096);
-}
-
 // Runs `call` on a thread, closes `fd` after `afterMs` while the call still waits, and answers
 // what the call answered (its errno in `err`); the call must end within 1.5 s of the close.
 ssize_t wokenByClose(const std::function<ssize_t()>& call, int fd, int afterMs, int* err) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <regex>
 #include <iterator>
 
 #include "command_runner.h"
@@ -47,7 +48,8 @@ TEST_F(PosixctlTest, StartStatusStop) {
   r = ctl({"start"});  // one answers already
   EXPECT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(r.out, "already running (pid " + std::to_string(pid) + ")\n");
-  EXPECT_NE(serverLog().find("Entry created"), std::string::npos) << "log goes to RT/server.log";
+  EXPECT_TRUE(std::regex_search(serverLog(), std::regex(" 1 POSIX SERVER: Entry created for process [0-9a-f]+h \\([0-9]+\\)\n")))
+      << "log goes to RT/server.log, numbers in hex then decimal";
   EXPECT_NE(serverLog().find("serving on " + path("chn/posix.service") + ", pid " +
                              std::to_string(pid)),
             std::string::npos);

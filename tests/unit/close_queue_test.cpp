@@ -1,16 +1,13 @@
 // The deferred close queue: the one thread made on first use, closing every
-// queued multiplex exactly once in queue order, and never being held up by a blocked client.
+// queued multiplex exactly once in queue order.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <thread>
 
 #include "core/close_queue.h"
-#include "fifo/posix_fifo.h"
-#include "platform/nodes.h"
 #include "platform_chn_support.h"
 #include "platform_multiplex_support.h"
-#include "posix/nodes.h"
 #include "posix/wire.h"
 
 using namespace chntest;
@@ -103,35 +100,6 @@ TEST_F(CloseQueueTest, OneThreadClosesEveryRequestOnceInQueueOrderAndRemovesItsS
     for (auto& w : per) EXPECT_TRUE(w.client->closedByPeer(1000));
   for (auto& path : paths) EXPECT_FALSE(std::filesystem::exists(path)) << path;
   EXPECT_EQ(log->tags().size(), 1u + kThreads * kEach) << "each multiplex is closed exactly once";
-}
-
-TEST_F(CloseQueueTest, AClientBlockedInARequestDoesNotHoldTheQueueUp) {
-  // A reader waiting for ever on an empty FIFO, through the stream resolver.
-  Ref<PosixFifoRead> end = PosixFifoRead::create();
-  end->setFifo(new Fifo(PosixFifoBase::kFifoCapacity));
-  Ref<Multiplex> blocked = Multiplex::create(String::create("CloseQBlocked"));
-  ASSERT_TRUE(blocked);
-  Ref<Services::Nodes::Resolvers::Stream> stream = Services::Nodes::Resolvers::Stream::create(end, nullptr, 512);
-  ASSERT_EQ(blocked->add(stream, stream), 1u);
-  stream.reset();
-  Client reader(chnPath(blocked->channelId()));
-  ASSERT_TRUE(muxtest::binds(reader, 1));
-  Bytes readArgs;
-  putU64(readArgs, 16);
-  putU32(readArgs, kForever);
-  ASSERT_TRUE(reader.send(request(PX_STREAM_READ, 5, readArgs)));
-  std::this_thread::sleep_for(std::chrono::milliseconds(150));  // the read is waiting now
-
-  WatchedMultiplex behind = watched(log, 1);
-  ASSERT_TRUE(behind.mux);
-  auto start = std::chrono::steady_clock::now();
-  closeLater(std::move(blocked));
-  closeLater(std::exchange(behind.mux, nullptr));
-  EXPECT_TRUE(reader.closedByPeer(3000));
-  ASSERT_TRUE(eventually([&] { return log->tags().size() == 1; }, 3000));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-  EXPECT_TRUE(eventually([&] { return end->strongCount() == 1; }, 2000))
-      << "closing released the resolver and with it the end";
 }
 
 }  // namespace

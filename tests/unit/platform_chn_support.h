@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <stdlib.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -191,36 +190,6 @@ class Client {
   int fd_;
 };
 
-// Clients whose sockets were made beforehand and connected to `paths` while the process could
-// not make a single new descriptor (the soft limit at the lowest free number); `starved` runs
-// before the limit is lifted. Empty when a socket could not be made or connected.
-inline std::vector<std::unique_ptr<Client>> connectStarved(const std::vector<std::string>& paths,
-                                                           const std::function<void()>& starved) {
-  std::vector<std::unique_ptr<Client>> clients;
-  std::vector<int> fds;
-  for (size_t i = 0; i < paths.size(); ++i) {
-    fds.push_back(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    clients.push_back(std::make_unique<Client>(fds.back()));
-  }
-  rlimit saved{};
-  int lowestFree = fds.empty() ? -1 : ::dup(fds[0]);
-  ::close(lowestFree);
-  if (lowestFree < 0 || ::getrlimit(RLIMIT_NOFILE, &saved) != 0) return {};
-  rlimit tight = saved;
-  tight.rlim_cur = static_cast<rlim_t>(lowestFree);
-  if (::setrlimit(RLIMIT_NOFILE, &tight) != 0) return {};
-  bool connected = true;
-  for (size_t i = 0; i < paths.size(); ++i) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, paths[i].c_str(), sizeof address.sun_path - 1);
-    connected = connected && ::connect(fds[i], reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  }
-  starved();
-  ::setrlimit(RLIMIT_NOFILE, &saved);
-  return connected ? std::move(clients) : std::vector<std::unique_ptr<Client>>{};
-}
-
 // Waits up to `ms` for `done`, checking every few milliseconds.
 inline bool eventually(const std::function<bool()>& done, int ms = 5000) {
   auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
@@ -231,13 +200,13 @@ inline bool eventually(const std::function<bool()>& done, int ms = 5000) {
   return true;
 }
 
-// Records every connect and disconnect; refuses links while `refuse` is set.
+// Records every connect and disconnect.
 class RecordingConMan : public Object, public ConMan {
  public:
   bool connect(const Ref<ChnLink>& link) override {
     std::lock_guard lock(mutex);
     connects.push_back(link);
-    return !refuse;
+    return true;
   }
   void disconnect(const Ref<ChnLink>& link) override {
     std::lock_guard lock(mutex);
@@ -254,7 +223,6 @@ class RecordingConMan : public Object, public ConMan {
   std::mutex mutex;
   std::vector<Ref<ChnLink>> connects;     // guarded by mutex
   std::vector<Ref<ChnLink>> disconnects;  // guarded by mutex
-  std::atomic<bool> refuse{false};
 };
 
 // Runs receive() on a thread of its own and queues the requests.

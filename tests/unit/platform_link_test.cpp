@@ -110,33 +110,6 @@ TEST_F(ChannelLinkTest, RepliesToGoneLinksNeverReachNewOnes) {
   EXPECT_TRUE(eventually([&] { return man->disconnectCount() == rounds; }));
 }
 
-double cpuSeconds() {
-  timespec now;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-  return now.tv_sec + now.tv_nsec / 1e9;
-}
-
-// While the process has no descriptor to spare, a plain channel and the multiplexes' acceptor
-// retry a waiting connection now and then, not in a tight loop; once descriptors are free again
-// both connections are served.
-TEST_F(ChannelLinkTest, AcceptShortOfDescriptorsBacksOffAndRecovers) {
-  Ref<Multiplex> mux = Multiplex::create(String::create("StarvedMux"));
-  ASSERT_TRUE(mux && mux->add(echo(4), new RecordingConMan()) == 1u);
-  double spent = 1;
-  auto clients = connectStarved({path(), chnPath(mux->channelId())}, [&] {
-    double before = cpuSeconds();  // nothing here may open a descriptor
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    spent = cpuSeconds() - before;
-  });
-  ASSERT_EQ(clients.size(), 2u);
-  EXPECT_LT(spent, 0.2) << "an accept was retried in a tight loop";
-  ASSERT_TRUE(clients[0]->send(request(9, 9)));
-  Ref<InMsg> msg = server.next();
-  EXPECT_TRUE(msg && msg->code() == 9u);
-  EXPECT_TRUE(binds(*clients[1], 1));
-  mux->close();
-}
-
 // Clients keep connecting and binding while the multiplex closes. Every link that got in is
 // shut down and disconnected, nothing connects once close() has returned, and no thread or
 // descriptor stays behind.

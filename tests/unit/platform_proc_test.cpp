@@ -11,7 +11,6 @@
 
 #include <cerrno>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,12 +23,6 @@ namespace {
 using Vars = std::vector<std::pair<std::string, std::string>>;
 
 Ref<String> str(const std::string& text) { return String::create(text.c_str()); }
-
-std::string readAll(const std::string& path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
 
 void writeFile(const std::string& path, const std::string& text, mode_t mode = 0600) {
   std::ofstream(path) << text;
@@ -142,29 +135,6 @@ TEST_F(ProcTest, ProgramsAreFoundAlongTheirOwnPathAndFailuresCarryTheirErrno) {
     EXPECT_EQ(Error::get(), static_cast<uint32_t>(ENOENT)) << row.why;
   }
   EXPECT_FALSE(std::filesystem::exists(rt_ + "/no-such-output"));
-}
-
-// The program sees exactly the Env's pairs (the last value of a name wins) and the runtime
-// directory, and /dev/null for an input nobody named. (Named standard files are exercised end
-// to end by the behaviour tests.)
-TEST_F(ProcTest, EnvironmentAndStandardFilesAreTheOnesHandedOver) {
-  std::string out = rt_ + "/out";
-  writeFile(out, "");
-  EXPECT_EQ(run({"/usr/bin/env"}, {{"FOO", "first"},
-                                   {"POSIX_STDIN", "/dev/null"},
-                                   {"POSIX_RUNTIME_DIR", "/elsewhere"},
-                                   {"POSIX_CWD", "/"},
-                                   {"POSIX_STDOUT", out},
-                                   {"POSIX_STDERR", "/dev/null"},
-                                   {"FOO", "second"}}),
-            0u);
-  EXPECT_EQ(readAll(out), "FOO=second\nPOSIX_RUNTIME_DIR=" + rt_ + "\n");
-
-  writeFile(out, "");
-  EXPECT_EQ(run({"/bin/sh", "-c", "readlink /proc/self/fd/0"},
-                {{"PATH", "/usr/bin:/bin"}, {"POSIX_STDOUT", out}}),
-            0u);
-  EXPECT_EQ(readAll(out), "/dev/null\n");
 }
 
 }  // namespace

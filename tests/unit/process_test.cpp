@@ -83,66 +83,6 @@ TEST_F(ProcessTest, RecordsAreFoundByIdentityListedWeaklyAndAKnownIdentityKeepsI
   EXPECT_FALSE(PosixProcessGroup::find(900001)) << "a group dies with its last member";
 }
 
-TEST_F(ProcessTest, PendingSignalsAreAnsweredOncePerSignalInAscendingOrderToOneWaiter) {
-  Ref<PosixProcess> p = entry(900002);
-  EXPECT_EQ(p->signal(p, 0, nullptr), 1u);
-  EXPECT_EQ(p->pendingSignals(), 0u) << "signal 0 only probes";
-  for (uint32_t sig : {5u, 3u, 5u}) EXPECT_EQ(p->signal(p, sig, nullptr), 1u);
-  EXPECT_EQ(p->pendingSignals(), (1u << 4) | (1u << 2)) << "a repeated signal is pending once";
-
-  EXPECT_FALSE(p->waitSignal(channel.request(3)));
-  EXPECT_EQ(nextReplyCode(), 3u);
-  EXPECT_EQ(nextReplyCode(), 5u);
-  ChannelHarness::Reply r;
-  EXPECT_FALSE(channel.reply(&r, 50));
-  EXPECT_EQ(p->pendingSignals(), 0u);
-
-  Ref<InMsg> kept = channel.request(3);
-  EXPECT_TRUE(p->waitSignal(kept)) << "with nothing pending the request is kept";
-  EXPECT_FALSE(p->waitSignal(channel.request(3))) << "one waiter at a time";
-  EXPECT_EQ(p->signal(p, 7, nullptr), 1u);
-  ASSERT_TRUE(channel.reply(&r));
-  EXPECT_EQ(r.id, kept->id());
-  EXPECT_EQ(r.code, 7u);
-  EXPECT_EQ(p->signal(p, 8, nullptr), 1u);
-  EXPECT_EQ(p->pendingSignals(), 1u << 7) << "the waiter was answered once and cleared";
-}
-
-TEST_F(ProcessTest, AbortAnswersEveryQueuedWaitAndAnEndedChildDropsItsDescriptors) {
-  Ref<PosixProcess> parent = entry(900005);
-  Ref<PosixProcess> child = PosixProcess::findByPid(
-      spawn(parent, "/bin/sh", {String::create("sh"), String::create("-c"), String::create("sleep 5")}));
-  ASSERT_TRUE(child);
-  EXPECT_TRUE(child->fdTable());
-  parent->wait(channel.request(9), PX_WAIT_ANY_CHILD, 0, 0);
-  parent->wait(channel.request(9), PX_WAIT_BY_PID, child->pid(), 0);
-  EXPECT_EQ(parent->waitCount(), 2u);
-  parent->failWaiters(PX_RESULT_ABORTED);
-  EXPECT_EQ(nextReplyCode(), PX_RESULT_ABORTED);
-  EXPECT_EQ(nextReplyCode(), PX_RESULT_ABORTED);
-  EXPECT_EQ(parent->waitCount(), 0u);
-  EXPECT_EQ(parent->group()->livingMembers(), 2u);
-  EXPECT_EQ(child->signal(parent, PX_SIG_KILL, nullptr), 1u);
-  ASSERT_TRUE(awaitEnd(parent, 1));
-  EXPECT_TRUE(child->terminated());
-  EXPECT_FALSE(child->fdTable()) << "an ended program drops its descriptors";
-  EXPECT_EQ(parent->group()->livingMembers(), 1u) << "and leaves its group";
-  EXPECT_EQ(child->signal(parent, PX_SIG_KILL, nullptr), PX_RESULT_NO_PROCESS);
-}
-
-TEST_F(ProcessTest, ProgramsThatEndAtOnceAreStillChildrenAndOneThatCannotStartIsNone) {
-  // A program may end at once: it is still linked as a child before its end is handled.
-  Ref<PosixProcess> parent = entry(900009);
-  constexpr uint64_t kPrograms = 100;
-  for (uint64_t i = 0; i < kPrograms; ++i)
-    ASSERT_TRUE(spawn(parent, "/bin/true", {String::create("true")})) << i;
-  ASSERT_TRUE(awaitEnd(parent, kPrograms));
-  EXPECT_EQ(parent->childCount(), 0u);
-  EXPECT_FALSE(spawn(parent, "/nonexistent/program", {}));
-  EXPECT_EQ(parent->childCount(), 0u);
-  EXPECT_EQ(parent->zombieCount(), kPrograms);
-}
-
 TEST_F(ProcessTest, GroupSignalSkipsDeadMembersAndAlwaysAnswersOne) {
   Ref<PosixProcess> leader = entry(900007);
   Ref<PosixProcess> member = entry(900008, 1);

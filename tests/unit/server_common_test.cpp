@@ -27,16 +27,6 @@ TEST(ExitHandlers, RunInReverseOrderOfRegistrationAndOnlyOnce) {
   EXPECT_EQ(order().size(), 3u) << "handlers are unlinked as they run";
 }
 
-TEST(LogIdiom, NumbersAreWrittenInHexThenDecimal) {
-  uint64_t handle = 0;
-  posix::registerLogFilters(&handle);
-  EXPECT_EQ(SysLogFilter::id(handle)->c_str(), std::string("POSIX SERVER"));
-  testing::internal::CaptureStderr();
-  POSIX_LOG(handle, 1, "Entry created for process " << posix::LogNum{16934});
-  std::string text = testing::internal::GetCapturedStderr();
-  EXPECT_NE(text.find(" 1 POSIX SERVER: Entry created for process 4226h (16934)\n"), std::string::npos) << text;
-}
-
 TEST(LogIdiom, AssertionLineNamesConditionLineAndFunction) {
   testing::internal::CaptureStderr();
   int* table = nullptr;
@@ -47,17 +37,6 @@ TEST(LogIdiom, AssertionLineNamesConditionLineAndFunction) {
             std::string::npos)
       << text;
   EXPECT_EQ(text.find("never shown"), std::string::npos);
-}
-
-TEST(LogIdiom, SuppressedLinesAreNeverBuilt) {
-  uint64_t handle = 0;
-  posix::registerLogFilters(&handle);
-  int evaluated = 0;
-  auto piece = [&evaluated] { return ++evaluated; };
-  testing::internal::CaptureStderr();
-  POSIX_LOG(handle, 0, "below the threshold " << piece());  // the default threshold is 1
-  EXPECT_EQ(evaluated, 0);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 }  // namespace
