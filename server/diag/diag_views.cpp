@@ -173,7 +173,7 @@ uint32_t pipes(const Ref<OutMsg>& reply) {
       if (d.end && d.end->fifo()) ends.push_back(std::move(d));
     });
     for (const Described& d : ends) {
-      Pipe& pipe = found[d.record.pipe];
+      Pipe& pipe = found[uint64_t{d.record.pipe}];  // a copy: the packed field is not aligned
       pipe.fifo = d.end->fifo();
       const size_t side = d.record.end == 1 ? 0 : 1;
       pipe.holders[side].push_back(p->pid());
