@@ -10,6 +10,7 @@
 #include <string>
 
 #include "bench_instance.h"
+#include "bench_load.h"
 #include "bench_pairs.h"
 
 namespace {
@@ -61,31 +62,65 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
 }  // namespace
 
+namespace {
+
+// The pair's ratio from one run's times: server time / Linux time for time pairs (lower is
+// better), Linux time / server time for throughput pairs (the server's speed as a share of
+// Linux's, higher is better). Negative when either benchmark did not run.
+double ratioOf(const BenchPair& pair, const std::map<std::string, double>& times) {
+  auto server = times.find(pair.server), linux = times.find(pair.linux);
+  if (server == times.end() || linux == times.end() || server->second <= 0 || linux->second <= 0) return -1;
+  return pair.higherIsBetter ? linux->second / server->second : server->second / linux->second;
+}
+
+// "1.07 met", "0.81 MISSED", "1.07" without a target, "-" when not measured.
+std::string verdict(const BenchPair& pair, double ratio, double target) {
+  if (ratio < 0) return "-";
+  char text[32];
+  bool met = pair.higherIsBetter ? ratio >= target : ratio <= target;
+  std::snprintf(text, sizeof text, "%.2f%s", ratio, target <= 0 ? "" : met ? " met" : " MISSED");
+  return text;
+}
+
+}  // namespace
+
+// Runs every benchmark on an idle machine, then again beside one CPU-bound process per core
+// (--idle-only skips that), and prints each pair's ratio in both. With
+// --benchmark_repetitions=N the ratios are of the medians.
 int main(int argc, char** argv) {
+  bool busyToo = true;
+  int kept = 1;
+  for (int i = 1; i < argc; ++i) {
+    if (std::string(argv[i]) == "--idle-only") busyToo = false;
+    else argv[kept++] = argv[i];
+  }
+  argc = kept;
   benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   BenchInstance instance;
   if (!instance.start()) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
+  RatioReporter idle, busy;
+  std::printf("Idle machine:\n");
+  benchmark::RunSpecifiedBenchmarks(&idle);
+  if (busyToo) {
+    BusyLoad load;
+    load.start();
+    std::printf("\nBusy machine (%zu CPU-bound processes beside the benchmark):\n", load.size());
+    benchmark::RunSpecifiedBenchmarks(&busy);
+  }
   instance.stop();
 
-  // Time pairs report server time / Linux time (lower is better); throughput pairs report the
-  // server's speed as a share of Linux's, Linux time / server time (higher is better).
-  std::printf("\nRatios (same run):\n");
+  std::printf("\nRatios (each column from its own run):\n  %-34s %-22s %-14s %-14s %s\n", "pair",
+              "measure", "idle", "busy", "target (idle / busy)");
   for (const BenchPair& pair : benchPairs()) {
-    auto server = reporter.times().find(pair.server);
-    auto linux = reporter.times().find(pair.linux);
-    if (server == reporter.times().end() || linux == reporter.times().end() || linux->second <= 0) continue;
-    if (server->second <= 0) continue;
-    double ratio = pair.higherIsBetter ? linux->second / server->second : server->second / linux->second;
     std::string measure = std::string(pair.higherIsBetter ? "speed vs " : "time vs ") + pair.versus;
-    if (pair.target <= 0) {
-      std::printf("  %-34s %-22s %6.2f  (no target)\n", pair.label, measure.c_str(), ratio);
-      continue;
-    }
-    std::printf("  %-34s %-22s %6.2f  (target %s %.2f)  %s\n", pair.label, measure.c_str(), ratio,
-                pair.higherIsBetter ? ">=" : "<=", pair.target,
-                (pair.higherIsBetter ? ratio >= pair.target : ratio <= pair.target) ? "met" : "MISSED");
+    double busyTarget = pair.busyTarget >= 0 ? pair.busyTarget : pair.target;
+    char target[48] = "none";
+    const char* sense = pair.higherIsBetter ? ">=" : "<=";
+    if (pair.target > 0) std::snprintf(target, sizeof target, "%s %.2f / %.2f", sense, pair.target, busyTarget);
+    std::printf("  %-34s %-22s %-14s %-14s %s\n", pair.label, measure.c_str(),
+                verdict(pair, ratioOf(pair, idle.times()), pair.target).c_str(),
+                verdict(pair, ratioOf(pair, busy.times()), busyTarget).c_str(), target);
   }
   benchmark::Shutdown();
   return 0;

@@ -11,6 +11,7 @@ struct BenchPair {
   double target;       // the ratio the server must stay within; 0 when none is set
   bool higherIsBetter;  // throughput pairs: the ratio of speeds must reach the target
   const char* versus = "Linux";  // what the second benchmark is, for the report
+  double busyTarget = -1;         // the target beside CPU-bound load; negative: as `target`
 };
 
 inline const std::vector<BenchPair>& benchPairs() {
@@ -20,13 +21,13 @@ inline const std::vector<BenchPair>& benchPairs() {
        "unwatched"},
       {"round trip, monitor stopped", "BM_RoundTripMonitorStopped", "BM_RoundTripServer", 1.15,
        false, "unwatched"},
-      {"spawn + wait /bin/true", "BM_SpawnWaitServer", "BM_SpawnWaitLinux", 1.3, false},
-      {"pipe 256 MiB vs 4 KiB pipe", "BM_PipeThroughputServer", "BM_PipeThroughputLinux4K", 0.4,
-       true},
+      {"spawn + wait /bin/true", "BM_SpawnWaitServer", "BM_SpawnWaitLinux", 1.15, false},
+      {"pipe 256 MiB vs 4 KiB pipe", "BM_PipeThroughputServer", "BM_PipeThroughputLinux4K", 1.0,
+       true, "Linux", 0.6},
       {"pipe 256 MiB vs default pipe", "BM_PipeThroughputServer", "BM_PipeThroughputLinuxDefault",
        0.0, true},
-      {"pipe + 2 close", "BM_PipeCreateCloseServer", "BM_PipeCreateCloseLinux", 0.0, false},
-      {"file read 64 MiB in 64 KiB reads", "BM_FileReadServer", "BM_FileReadLinux", 0.3, true},
+      {"pipe + 2 close", "BM_PipeCreateCloseServer", "BM_PipeCreateCloseLinux", 15.0, false},
+      {"file read 64 MiB in 64 KiB reads", "BM_FileReadServer", "BM_FileReadLinux", 0.9, true},
   };
   return pairs;
 }
