@@ -42,8 +42,10 @@ std::string quoted(const std::string& s) {
 
 std::string pidList(const std::vector<uint64_t>& pids, bool json) {
   std::string out = json ? "[" : "";
-  for (size_t i = 0; i < pids.size(); ++i)
-    out += (i ? "," : "") + std::to_string(pids[i]);
+  for (size_t i = 0; i < pids.size(); ++i) {
+    if (i) out += ',';
+    out += std::to_string(pids[i]);
+  }
   if (json) return out + "]";
   return out.empty() ? "-" : out;
 }
@@ -66,7 +68,7 @@ int linkOrFail(DiagLink& link, const char* what) {
 void printTree(const std::vector<ProcessView>& all, const ProcessView& p, int depth) {
   const px_diag_process& r = p.record;
   std::string state = stateName(r.state);
-  if (r.state == PX_DIAG_ZOMBIE) state += "(" + std::to_string(r.exit_code) + ")";
+  if (r.state == PX_DIAG_ZOMBIE) state.append("(").append(std::to_string(r.exit_code)).append(")");
   std::string pid = std::string(static_cast<size_t>(depth) * 2, ' ') + std::to_string(r.pid);
   printf("%-12s %-8" PRIu64 " %-8" PRIu64 " %-12s %4u %5u %-8s %-6s %s\n", pid.c_str(), r.parent,
          r.group, state.c_str(), r.descriptors, r.waits, signalList(r.pending).c_str(),

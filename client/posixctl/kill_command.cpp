@@ -59,7 +59,8 @@ std::string signalList(uint32_t mask) {
     std::string name = std::to_string(sig);
     for (const SignalName& s : kSignals)
       if (s.number == sig && s.name != nullptr) name = s.name;
-    out += (out.empty() ? "" : ",") + name;
+    if (!out.empty()) out += ',';
+    out += name;
   }
   return out.empty() ? "-" : out;
 }
