@@ -38,6 +38,16 @@ int Description::hostFile() {
   return file;
 }
 
+void Description::takeHostFile(int file) {
+  std::lock_guard<std::mutex> lock(item_.mutex);
+  if (hostFile_.load(std::memory_order_relaxed) != kHostFileUnasked) {
+    close(file);
+    return;
+  }
+  type_.store(PX_FD_KIND_FILE, std::memory_order_relaxed);
+  hostFile_.store(file, std::memory_order_release);
+}
+
 int64_t hostRead(int file, void* buf, size_t n) {
   for (;;) {
     ssize_t got = ::read(file, buf, n);

@@ -15,7 +15,7 @@ namespace {
 
 // Enters the number and node of a successful reply in the view; answers the number, or -1
 // with errno. A number given without a node (result 8) cannot be used: it is handed back.
-int registerReply(FdSession& session, const Reply& reply, int32_t type) {
+int registerReply(FdSession& session, const Reply& reply, int32_t type, int hostFile = -1) {
   size_t at = 0;
   int32_t fd = -1;
   NodeRecord node;
@@ -31,7 +31,9 @@ int registerReply(FdSession& session, const Reply& reply, int32_t type) {
       !parseNode(reply.data, &at, &node)) {
     return fail(EPROTO);
   }
-  session.set(fd, std::make_shared<Description>(type, std::move(node)));
+  auto description = std::make_shared<Description>(type, std::move(node));
+  if (hostFile >= 0) description->takeHostFile(hostFile);
+  session.set(fd, std::move(description));
   return fd;
 }
 
@@ -51,17 +53,26 @@ int open(const char* path, int flags, unsigned mode) {
   req.str(absolute.c_str(), absolute.size());
   req.u32(static_cast<uint32_t>(flags));
   req.u32(mode);
+  req.u32(PX_FD_OPEN_HOST_FILE);  // a regular file's bytes then never pass through the server
   if (!req.ok()) return fail(ENAMETOOLONG);
   Reply reply;
-  int err = session.request(req, &reply);
+  int file = -1;
+  int err = session.request(req, &reply, &file);
+  if (file >= 0 && reply.code != PX_RESULT_DONE) {
+    close(file);
+    file = -1;
+  }
   if (err != 0) return fail(err);
   if (reply.code == PX_FD_RESULT_OPEN_FAILED) {
     size_t at = 0;
     int32_t hostErr = 0;
     return fail(takeI32(reply.data, &at, &hostErr) && hostErr > 0 ? hostErr : EIO);
   }
-  // The reply tells no type: the item service is asked when someone wants it.
-  return registerReply(session, reply, Description::kTypeUnknown);
+  // A reply with the host file is a regular file's; any other tells no type, and the item
+  // service is asked when someone wants it.
+  int fd = registerReply(session, reply, file >= 0 ? PX_FD_KIND_FILE : Description::kTypeUnknown, file);
+  if (fd < 0 && file >= 0) close(file);
+  return fd;
 }
 
 }  // namespace

@@ -116,9 +116,10 @@ FdSession::FdSession() {
 
 FdSession::~FdSession() { fs().mutex.unlock(); }
 
-int FdSession::request(FrameWriter& req, Reply* out) {
+int FdSession::request(FrameWriter& req, Reply* out, int* file) {
+  if (file) *file = -1;
   if (err_ != 0) return err_;
-  int err = fs().link->call(req, out);
+  int err = fs().link->call(req, out, nullptr, file);
   if (err != 0) {
     dropLocked();
     err_ = err;

@@ -257,6 +257,9 @@ class Description {
   // offset the server and every holder share; -1 when there is none (not a regular file, or
   // the server could not hand it over), and then the services carry the bytes.
   int hostFile();
+  // Keeps `file`, a host open file that came with the reply that made the description, as its
+  // host file (the description is then known to be a regular file).
+  void takeHostFile(int file);
 
  private:
   struct Slot {
@@ -310,8 +313,9 @@ class FdSession {
   // 0, or the errno value that kept the view from loading.
   int error() const { return err_; }
   // One request to the descriptor service; a broken link drops the whole view (the server has
-  // gone, and its descriptions with it).
-  int request(FrameWriter& req, Reply* out);
+  // gone, and its descriptions with it). With `file`, a host descriptor that came with the
+  // reply (else -1).
+  int request(FrameWriter& req, Reply* out, int* file = nullptr);
   // The description of `fd`; *known tells a reserved number from a number not in the view.
   std::shared_ptr<Description> get(int fd, bool* known) const;
   void set(int fd, std::shared_ptr<Description> d);

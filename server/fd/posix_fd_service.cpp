@@ -53,15 +53,16 @@ uint32_t reserve(const Ref<OutMsg>& reply, FDTable& table) {
   return registerDescriptor(reply, table, new FileDescriptor{});
 }
 
-// Opens a host item: string path, u32 open flags, u32 mode (both 0 when missing). When the host
-// refuses, result 7 and its error code; no number is taken then.
+// Opens a host item: string path, u32 open flags, u32 mode, u32 options (0 when missing). When
+// the host refuses, result 7 and its error code; no number is taken then. With
+// PX_FD_OPEN_HOST_FILE a regular file's host open file travels with the reply.
 uint32_t openItem(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& table,
                   DescriptionBudget& budget) {
   Ref<String> path = String::create(request);
-  uint32_t flags = 0;
-  uint32_t mode = 0;
+  uint32_t flags = 0, mode = 0, options = 0;
   request->read(&flags, sizeof flags);
   request->read(&mode, sizeof mode);
+  request->read(&options, sizeof options);
   Ref<DescriptionCharge> charge = roomFor(table, 1) ? budget.charge(kItemFiles) : nullptr;
   if (!charge) return PX_RESULT_LIMIT;
   Ref<LocalFileDescriptionFSItem> item = LocalFileDescriptionFSItem::open(path, flags, mode);
@@ -70,6 +71,7 @@ uint32_t openItem(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& 
     reply->write(&error, sizeof error);
     return PX_FD_RESULT_OPEN_FAILED;
   }
+  if (options & PX_FD_OPEN_HOST_FILE) item->attachTo(reply);  // none for other items
   Ref<FileDescriptionServerFSItem> server = FileDescriptionServerFSItem::create(std::move(item));
   if (!server) return PX_RESULT_FAILED;
   server->setCharge(std::move(charge));

@@ -17,11 +17,16 @@ extern "C" {
 #define PX_FD_CMD_GET_TABLE 2u     /* [u64 first number] -> the serialised table from that number
                                       on, as much as fits; result = entries present in all */
 #define PX_FD_CMD_RESERVE 3u       /* - -> i32 fd (result 8: no node behind it) */
-#define PX_FD_CMD_OPEN 4u          /* string path, u32 open flags, u32 mode -> i32 fd, node */
+#define PX_FD_CMD_OPEN 4u          /* string path, u32 open flags, u32 mode [, u32 options]
+                                      -> i32 fd, node */
 #define PX_FD_CMD_RESERVE_ALT1 5u  /* as PX_FD_CMD_RESERVE */
 #define PX_FD_CMD_RESERVE_ALT2 6u  /* as PX_FD_CMD_RESERVE */
 #define PX_FD_CMD_CREATE_PIPE 7u   /* - -> i32 read fd, node, i32 write fd, node */
 #define PX_FD_CMD_CREATE_SOCKET 8u /* - -> i32 fd, node */
+
+/* openItem options: attach the host open file of a regular file to the reply (SCM_RIGHTS), as
+ * the item service's hostFile does, so that the opener needs no second request for it. */
+#define PX_FD_OPEN_HOST_FILE 1u
 
 /* Types that end a serialised table's reply: the table goes on from the u64 number that
  * follows (ask again with it), or it ends here. No description has either type. */
