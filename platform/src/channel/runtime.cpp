@@ -85,16 +85,20 @@ std::string path(const std::string& relative) { return dir() + "/" + relative; }
 bool prepare(std::string* why) {
   std::string rt = dir();
   while (rt.size() > 1 && rt.back() == '/') rt.pop_back();
-  makeParents(rt);
-  if (::mkdir(rt.c_str(), 0700) == 0) {
-    ::chmod(rt.c_str(), 0700);  // the umask must not leave us without access
-  } else if (errno != EEXIST) {
-    return fail(why, "cannot create runtime directory " + rt + ": " + std::strerror(errno));
-  }
-  // lstat: a symlink planted at RT by someone else must not redirect the instance.
+  // Every channel and multiplex checks the tree when it is made: an existing tree costs one
+  // lstat per directory, and only what is missing is made. lstat, not stat: a symlink planted
+  // at RT by someone else must not redirect the instance.
   struct stat st;
-  if (::lstat(rt.c_str(), &st) != 0)
-    return fail(why, "cannot inspect runtime directory " + rt + ": " + std::strerror(errno));
+  if (::lstat(rt.c_str(), &st) != 0) {
+    makeParents(rt);
+    if (::mkdir(rt.c_str(), 0700) == 0) {
+      ::chmod(rt.c_str(), 0700);  // the umask must not leave us without access
+    } else if (errno != EEXIST) {
+      return fail(why, "cannot create runtime directory " + rt + ": " + std::strerror(errno));
+    }
+    if (::lstat(rt.c_str(), &st) != 0)
+      return fail(why, "cannot inspect runtime directory " + rt + ": " + std::strerror(errno));
+  }
   if (!S_ISDIR(st.st_mode)) return fail(why, "runtime directory " + rt + " is not a directory");
   if (st.st_uid != ::geteuid())
     return fail(why, "runtime directory " + rt + " is not owned by the current user");
@@ -102,6 +106,7 @@ bool prepare(std::string* why) {
     return fail(why, "runtime directory " + rt + " is accessible by group or others");
   for (const char* sub : {"chn", "dev", "root", "shm"}) {
     std::string p = rt + "/" + sub;
+    if (::lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) continue;
     if (::mkdir(p.c_str(), 0700) != 0 && errno != EEXIST)
       return fail(why, "cannot create " + p + ": " + std::strerror(errno));
     if (::lstat(p.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
