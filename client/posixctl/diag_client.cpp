@@ -197,6 +197,7 @@ int DiagLink::next(EventBatch* out, int timeoutMs) {
   uint32_t result = 0;
   std::vector<uint8_t> data;
   if (int err = receive(monitorId_, &result, &data, timeoutMs)) return err;
+  if (result == PX_RESULT_LIMIT) return EBUSY;  // as many monitors as the server allows
   Reader r(data);
   out->lost = r.get<uint64_t>();
   out->events.resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);

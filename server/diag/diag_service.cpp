@@ -48,8 +48,9 @@ bool DiagService::handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply, ui
         *result = DiagViews::descriptors(pid, reply);
         return true;
       }
-      RequestLog::attach(new RequestLog::Monitor(request, pid));
-      return false;
+      if (RequestLog::attach(new RequestLog::Monitor(request, pid))) return false;  // kept
+      *result = PX_RESULT_LIMIT;
+      return true;
     }
     default: return true;
   }

@@ -96,10 +96,12 @@ std::vector<px_diag_event> Monitor::take(size_t max, uint64_t* lost) {
   return out;
 }
 
-void attach(const Ref<Monitor>& monitor) {
+bool attach(const Ref<Monitor>& monitor) {
   std::lock_guard lock(g_monitorsMutex);
+  if (g_monitors->size() >= kMaxMonitors) return false;
   g_monitors->push_back(monitor);
   g_monitorCount.store(static_cast<uint32_t>(g_monitors->size()), std::memory_order_relaxed);
+  return true;
 }
 
 void detach(const ChnLink* link) {

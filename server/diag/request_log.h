@@ -48,7 +48,11 @@ class Monitor : public Object {
   uint64_t lost_ = 0;                  // guarded by mutex_
 };
 
-void attach(const Ref<Monitor>& monitor);
+// Monitors attached at most, over every link: each costs the services a copy of every event.
+constexpr size_t kMaxMonitors = 8;
+
+// Attaches `monitor`; false when kMaxMonitors are attached already.
+bool attach(const Ref<Monitor>& monitor);
 // Drops the monitors that answer on `link` (its client went away).
 void detach(const ChnLink* link);
 std::vector<Ref<Monitor>> monitors();
