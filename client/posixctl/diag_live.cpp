@@ -12,6 +12,7 @@
 #include <utility>
 
 #include <posix/fd_service.h>
+#include <posix/nodes.h>
 #include <posix/posix_service.h>
 #include <posix/wire.h>
 
@@ -58,7 +59,10 @@ uint64_t percentile(const uint64_t* buckets, uint64_t count, double q) {
 }
 
 const char* serviceName(uint32_t service) {
-  return service == PX_DIAG_PROCESS_SERVICE ? "posix.service" : "posix.fd.service";
+  static const char* const kNames[PX_DIAG_SERVICES] = {
+      "posix.service", "posix.fd.service", "stream", "seekable", "resizable", "item", "fifo-status",
+      "socket"};
+  return service < PX_DIAG_SERVICES ? kNames[service] : "?";
 }
 
 // The request's first values as a person reads them, by command.
@@ -86,7 +90,10 @@ std::string arguments(const px_diag_event& e) {
       case PX_CMD_WAIT: snprintf(text, sizeof text, "kind %u value %" PRId64, u32, static_cast<int64_t>(value)); break;
       default: break;
     }
-  } else {
+  } else if (e.service == PX_DIAG_STREAM_SERVICE) {
+    if (e.code == PX_STREAM_READ) snprintf(text, sizeof text, "up to %" PRIu64 " bytes", u64);
+    if (e.code == PX_STREAM_WRITE) snprintf(text, sizeof text, "%u bytes", e.size > 4 ? e.size - 4 : 0);
+  } else if (e.service == PX_DIAG_FD_SERVICE) {
     switch (e.code) {
       case PX_FD_CMD_CLOSE: snprintf(text, sizeof text, "fd %d", i32[0]); break;
       case PX_FD_CMD_DUP: snprintf(text, sizeof text, "fd %d onto %d", i32[0], i32[1]); break;
@@ -98,10 +105,11 @@ std::string arguments(const px_diag_event& e) {
 }
 
 // The result code by name: the shared ones, then the service's own. getTable's result is a
-// count, shown as the number.
+// count and a FIFO status answer a status: both shown as the number.
 std::string resultName(const px_diag_event& e) {
-  if (e.service == PX_DIAG_FD_SERVICE && e.code == PX_FD_CMD_GET_TABLE && e.result != PX_DIAG_KEPT)
-    return std::to_string(e.result);
+  bool counted = e.service == PX_DIAG_FD_SERVICE && e.code == PX_FD_CMD_GET_TABLE;
+  if ((counted || e.service == PX_DIAG_FIFO_STATUS_SERVICE) && e.result != PX_DIAG_KEPT)
+    return std::to_string(e.result);  // a count, or a status of the end
   switch (e.result) {
     case PX_DIAG_KEPT: return "kept";
     case PX_RESULT_FAILED: return "failed";
@@ -119,7 +127,7 @@ std::string resultName(const px_diag_event& e) {
       case PX_RESULT_ABORTED: return "aborted";
       default: break;
     }
-  } else {
+  } else if (e.service == PX_DIAG_FD_SERVICE) {
     switch (e.result) {
       case PX_FD_RESULT_OPEN_FAILED: return "open-failed";
       case PX_FD_RESULT_NO_NODE: return "no-node";

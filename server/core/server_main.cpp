@@ -6,6 +6,7 @@
 #include "core/posix_service.h"
 #include "core/service_log.h"
 #include "fd/posix_fd_service.h"
+#include "diag/description_watch.h"
 #include "diag/diag_service.h"
 #include "platform/chario.h"
 #include "platform/devnode.h"
@@ -42,6 +43,7 @@ void publishServiceNode(const Ref<Chn>& channel) {
 void serverMain() {
   StdIO::stdOut(Debug::out());
   Chn::reserveDescriptors(kReservedDescriptors);
+  DescriptionWatch::start();  // before the first description's multiplex
 
   // Both services live as long as the process: never released.
   Ref<PosixService> service = new PosixService();

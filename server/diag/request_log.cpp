@@ -10,8 +10,8 @@ namespace RequestLog {
 
 namespace {
 
-constexpr uint32_t kServices = 2;
-constexpr uint32_t kCodes = 16;  // commands of both services are numbered below this
+constexpr uint32_t kServices = PX_DIAG_SERVICES;
+constexpr uint32_t kCodes = 16;  // commands of every service are numbered below this
 
 struct Counters {
   std::atomic<uint64_t> requests{0};

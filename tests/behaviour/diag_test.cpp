@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include "command_runner.h"
@@ -66,17 +67,24 @@ TEST_F(DiagTest, PsFdsPipesAndMonitorTellWhatTheServerKeeps) {
   EXPECT_NE(readerFds.find("\"end\":\"read\",\"other_end\":" + holders), std::string::npos) << readerFds;
   EXPECT_NE(ctl({"fds", "999999999"}).find("no process 999999999"), std::string::npos);
 
-  // The monitor shows this process's requests as they are served.
-  std::string monitored;
-  std::atomic<bool> done{false};
-  std::thread monitor([&] {
-    monitored = ctl({"monitor", "--json", "--pid", me, "--command", "getGroupId", "--count", "1"});
-    done = true;
-  });
-  EXPECT_TRUE(eventually([&] { return px_getpgid(0) >= 0 && done; }, 10000));
-  monitor.join();
+  // The monitor shows this process's requests as they are served, a description's too.
+  auto monitorOne = [&](const char* command, const std::function<bool()>& act) {
+    std::string out;
+    std::atomic<bool> done{false};
+    std::thread monitor([&] {
+      out = ctl({"monitor", "--json", "--pid", me, "--command", command, "--count", "1"});
+      done = true;
+    });
+    EXPECT_TRUE(eventually([&] { return act() && done; }, 10000));
+    monitor.join();
+    return out;
+  };
+  std::string monitored = monitorOne("getGroupId", [] { return px_getpgid(0) >= 0; });
   EXPECT_NE(monitored.find("\"pid\":" + me + ",\"service\":\"posix.service\",\"command\":\"getGroupId\","
                            "\"arguments\":\"pid " + me + "\",\"size\":8,\"result\":\"done\""),
+            std::string::npos) << monitored;
+  monitored = monitorOne("write", [&] { return px_write(ends[1], "x", 1) == 1; });  // wakes the reader
+  EXPECT_NE(monitored.find("\"service\":\"stream\",\"command\":\"write\",\"arguments\":\"1 bytes\""),
             std::string::npos) << monitored;
 
   // Eight monitors at a time; a ninth is refused (result 11) instead of costing every request.
@@ -93,7 +101,6 @@ TEST_F(DiagTest, PsFdsPipesAndMonitorTellWhatTheServerKeeps) {
   };
   EXPECT_TRUE(eventually([&] { return attachedBeforeRefusal() == 8; }, 5000));
 
-  ASSERT_EQ(px_write(ends[1], "x", 1), 1);
   waiter.join();
   EXPECT_EQ(status, 0);
   EXPECT_EQ(collect(zombie), 7);

@@ -15,6 +15,8 @@
 // or the multiplex has gone.
 #pragma once
 
+#include <chrono>
+
 #include <cstddef>
 #include <cstdint>
 
@@ -32,6 +34,18 @@ class Multiplex : public Object {
   // Links one process may hold on all multiplexes of this process together (each is a thread
   // here); a link beyond it is refused with one reply frame (id 0, result PX_RESULT_LIMIT).
   static constexpr size_t kMaxLinksPerProcess = 512;
+
+  // Watches the requests of every multiplex of the process (for diagnostics): `classify` is
+  // asked once per link, when its bind is accepted, for a number that stands for the bound
+  // service; `note` is told of each request after its handler returned, with that number, the
+  // result (`answered` false: the service kept the request to answer later) and when the
+  // request was read. Set once, before the first multiplex is made.
+  struct Observer {
+    uint32_t (*classify)(Interfaces::Service& service);
+    void (*note)(uint32_t kind, const Ref<InMsg>& request, bool answered, uint32_t result,
+                 std::chrono::steady_clock::time_point began);
+  };
+  static void observe(const Observer& observer);
 
   // A new multiplex listening on a fresh channel socket; `name` names its threads in logs and
   // thread lists. Null (and Error set) when the socket cannot be made or not be watched for

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <memory>
 
 #include "multiplex_core.h"
@@ -22,6 +23,9 @@ using Libraries::Service::Multiplex;
 namespace {
 
 thread_local uint64_t t_servedPeer = 0;
+
+// Set once by Multiplex::observe() before any link thread runs; read by every link thread.
+Multiplex::Observer g_observer{};
 
 // The body of a link's thread.
 class LinkExec : public Object, public Exec {
@@ -46,6 +50,8 @@ class LinkExec : public Object, public Exec {
 
 uint64_t ChnLink::servedPeerPid() { return t_servedPeer; }
 
+void Multiplex::observe(const Observer& observer) { g_observer = observer; }
+
 void Multiplex::Core::serve(const Ref<ChnLink>& link) {
   Ref<Thd> thread = Thd::create(new LinkExec(this, link));
   if (thread) {
@@ -64,6 +70,7 @@ struct MuxLinkServe::State {
   std::unique_ptr<uint8_t[]> buffer;  // one datagram
   uint64_t serviceId = 0;             // 0 until a bind was accepted
   Multiplex::Core::Entry bound;       // the bound service, kept for the link's life
+  uint32_t kind = 0;                  // the observer's number for the bound service
 };
 
 Ref<ChnLink> MuxLinkServe::make(int fd, const ChnPeer& peer, Ref<Object> ticket) {
@@ -147,6 +154,7 @@ bool MuxLinkServe::bind(State& st, const Ref<InMsg>& msg) {
   }
   st.serviceId = msg->id();
   st.bound = std::move(entry);
+  if (g_observer.classify) st.kind = g_observer.classify(*st.bound.service);
   answerBind(st, st.serviceId, PX_RESULT_DONE);
   return true;
 }
@@ -158,9 +166,13 @@ void MuxLinkServe::answerBind(State& st, uint64_t serviceId, uint32_t status) {
 }
 
 void MuxLinkServe::dispatch(State& st, const Ref<InMsg>& msg) {
+  auto began = std::chrono::steady_clock::now();
   Ref<OutMsg> out = OutMsg::create();
   uint32_t ret = 0;
-  if (!st.bound.service->handle(msg, out, &ret, 0, nullptr)) return;  // kept: answered later
-  out->setCode(ret);
-  msg->reply(out);
+  bool answered = st.bound.service->handle(msg, out, &ret, 0, nullptr);  // false: kept
+  if (answered) {
+    out->setCode(ret);
+    msg->reply(out);
+  }
+  if (g_observer.note) g_observer.note(st.kind, msg, answered, ret, began);
 }

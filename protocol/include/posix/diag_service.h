@@ -43,6 +43,14 @@ extern "C" {
 /* Services named in px_diag_command and px_diag_event. */
 #define PX_DIAG_PROCESS_SERVICE 0u /* "posix.service" */
 #define PX_DIAG_FD_SERVICE 1u      /* "posix.fd.service" */
+/* The services of descriptions, each on its description's own channel. */
+#define PX_DIAG_STREAM_SERVICE 2u    /* reads and writes */
+#define PX_DIAG_SEEKABLE_SERVICE 3u
+#define PX_DIAG_RESIZABLE_SERVICE 4u
+#define PX_DIAG_ITEM_SERVICE 5u      /* a file-system item's describe and hostFile */
+#define PX_DIAG_FIFO_STATUS_SERVICE 6u
+#define PX_DIAG_SOCKET_SERVICE 7u
+#define PX_DIAG_SERVICES 8u
 
 /* Latency buckets: bucket i counts replies that took less than 2^i microseconds (the last
  * one everything slower). */
