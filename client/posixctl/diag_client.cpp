@@ -107,19 +107,24 @@ int DiagLink::receive(uint64_t id, uint32_t* result, std::vector<uint8_t>* reply
   }
 }
 
-int DiagLink::call(uint32_t code, const std::vector<uint8_t>& data, uint32_t* result,
-                      std::vector<uint8_t>* reply) {
+int DiagLink::send(uint32_t code, const std::vector<uint8_t>& data, uint64_t* id) {
   px_frame_header h = {};
   h.kind = PX_FRAME_REQUEST;
   h.code = code;
-  h.id = nextId_++;
+  h.id = *id = nextId_++;
   h.data_len = static_cast<uint32_t>(data.size());
   std::vector<uint8_t> frame(sizeof h);
   std::memcpy(frame.data(), &h, sizeof h);
   frame.insert(frame.end(), data.begin(), data.end());
-  if (send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(frame.size()))
-    return ECONNRESET;
-  return receive(h.id, result, reply, kReplyTimeoutMs);
+  bool sent = ::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(frame.size());
+  return sent ? 0 : ECONNRESET;
+}
+
+int DiagLink::call(uint32_t code, const std::vector<uint8_t>& data, uint32_t* result,
+                   std::vector<uint8_t>* reply) {
+  uint64_t id = 0;
+  if (int err = send(code, data, &id)) return err;
+  return receive(id, result, reply, kReplyTimeoutMs);
 }
 
 int DiagLink::processes(std::vector<ProcessView>* out) {
@@ -180,17 +185,7 @@ int DiagLink::figures(FiguresView* out) {
 int DiagLink::monitor(uint64_t pid) {
   std::vector<uint8_t> request;
   putU64(request, pid);
-  px_frame_header h = {};
-  h.kind = PX_FRAME_REQUEST;
-  h.code = PX_DIAG_CMD_MONITOR;
-  h.id = monitorId_ = nextId_++;
-  h.data_len = static_cast<uint32_t>(request.size());
-  std::vector<uint8_t> frame(sizeof h);
-  std::memcpy(frame.data(), &h, sizeof h);
-  frame.insert(frame.end(), request.begin(), request.end());
-  return send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(frame.size())
-             ? 0
-             : ECONNRESET;
+  return send(PX_DIAG_CMD_MONITOR, request, &monitorId_);
 }
 
 int DiagLink::next(EventBatch* out, int timeoutMs) {

@@ -54,6 +54,8 @@ class DiagLink {
   int next(EventBatch* out, int timeoutMs);
 
  private:
+  // Sends a request; its id in *id.
+  int send(uint32_t code, const std::vector<uint8_t>& data, uint64_t* id);
   // Sends a request and waits for the reply with its id: its result code and data.
   int call(uint32_t code, const std::vector<uint8_t>& data, uint32_t* result, std::vector<uint8_t>* reply);
   int receive(uint64_t id, uint32_t* result, std::vector<uint8_t>* reply, int timeoutMs);

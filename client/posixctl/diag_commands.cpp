@@ -15,14 +15,6 @@ namespace posixctl {
 
 namespace {
 
-// Takes "--json" out of `args`; true when it was there.
-bool takeJson(std::vector<std::string>* args) {
-  auto it = std::find(args->begin(), args->end(), "--json");
-  if (it == args->end()) return false;
-  args->erase(it);
-  return true;
-}
-
 std::string quoted(const std::string& s) {
   std::string out = "\"";
   for (unsigned char c : s) {
@@ -82,7 +74,7 @@ void printTree(const std::vector<ProcessView>& all, const ProcessView& p, int de
 
 int cmdPs(const std::vector<std::string>& given) {
   std::vector<std::string> args = given;
-  bool json = takeJson(&args);
+  bool json = takeFlag(&args, "--json");
   if (!args.empty()) return usage("ps takes only --json");
   DiagLink link;
   std::vector<ProcessView> all;
@@ -155,7 +147,7 @@ int cmdFdsOf(uint64_t pid, bool json) {
 
 int cmdPipes(const std::vector<std::string>& given) {
   std::vector<std::string> args = given;
-  bool json = takeJson(&args);
+  bool json = takeFlag(&args, "--json");
   if (!args.empty()) return usage("pipes takes only --json");
   DiagLink link;
   std::vector<PipeView> pipes;

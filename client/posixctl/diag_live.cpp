@@ -23,31 +23,6 @@ namespace posixctl {
 
 namespace {
 
-// "--name VALUE" taken out of `args` into *value; false when absent. *bad when VALUE is missing.
-bool takeOption(std::vector<std::string>* args, const char* name, std::string* value, bool* bad) {
-  for (size_t i = 0; i < args->size(); ++i) {
-    if ((*args)[i] != name) continue;
-    if (i + 1 >= args->size()) {
-      *bad = true;
-      return false;
-    }
-    *value = (*args)[i + 1];
-    args->erase(args->begin() + static_cast<std::ptrdiff_t>(i), args->begin() + static_cast<std::ptrdiff_t>(i) + 2);
-    return true;
-  }
-  return false;
-}
-
-bool takeFlag(std::vector<std::string>* args, const char* name) {
-  for (size_t i = 0; i < args->size(); ++i) {
-    if ((*args)[i] == name) {
-      args->erase(args->begin() + static_cast<std::ptrdiff_t>(i));
-      return true;
-    }
-  }
-  return false;
-}
-
 // The upper bound in microseconds of the bucket that holds the fraction `q` of `count` replies.
 uint64_t percentile(const uint64_t* buckets, uint64_t count, double q) {
   uint64_t seen = 0;

@@ -24,6 +24,10 @@ void setEnvEntry(std::vector<std::string>& env, const std::string& entry);
 
 // Parses a whole decimal integer; false for anything else.
 bool parseInt(const char* s, int64_t* out);
+// "--name VALUE" taken out of `args` into *value; false when absent (*bad when VALUE is missing).
+bool takeOption(std::vector<std::string>* args, const char* name, std::string* value, bool* bad);
+// The flag `name` taken out of `args`; true when it was there.
+bool takeFlag(std::vector<std::string>* args, const char* name);
 
 // The pid of the server that answers a round trip on the runtime directory, or 0 with *err
 // (may be null) set to the library's errno.
