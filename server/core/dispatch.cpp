@@ -22,7 +22,7 @@ namespace {
 uint32_t createPipe(const Ref<PosixProcess>& caller, const Ref<OutMsg>& reply) {
   const Ref<UnclaimedPipeEnds>& waiting = caller->unclaimedPipeEnds();
   if (!waiting->admit(2)) return PX_RESULT_LIMIT;
-  Ref<DescriptionCharge> readCharge = caller->descriptions()->charge(1);
+  Ref<DescriptionCharge> readCharge = caller->descriptions()->charge(2);  // socket and page
   Ref<DescriptionCharge> writeCharge = readCharge ? caller->descriptions()->charge(1) : nullptr;
   if (!writeCharge) return PX_RESULT_LIMIT;
   PipeProviderPair pair = createPipePair();

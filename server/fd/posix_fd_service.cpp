@@ -23,7 +23,8 @@ namespace {
 // The host descriptors each kind of description holds while nobody is linked to it.
 constexpr uint32_t kItemFiles = 2;    // the opened item and the listening socket
 constexpr uint32_t kSocketFiles = 2;  // the socket and the listening socket
-constexpr uint32_t kFifoEndFiles = 1;
+constexpr uint32_t kFifoEndFiles = 1;  // the listening socket
+constexpr uint32_t kFifoPageFiles = 1;  // the pipe's shared page, counted with its read end
 
 // The result for what insert or dup answered when it found no number.
 uint32_t refusal(int32_t fd) { return fd == FDTable::kNoRoom ? PX_RESULT_LIMIT : PX_RESULT_FAILED; }
@@ -117,7 +118,7 @@ uint32_t getTable(const Ref<InMsg>& request, const Ref<OutMsg>& reply, const FDT
 // each number followed by the node provider record of its description.
 uint32_t createPipe(const Ref<OutMsg>& reply, FDTable& table, DescriptionBudget& budget) {
   if (!roomFor(table, 2)) return PX_RESULT_LIMIT;
-  Ref<DescriptionCharge> readCharge = budget.charge(kFifoEndFiles);
+  Ref<DescriptionCharge> readCharge = budget.charge(kFifoEndFiles + kFifoPageFiles);
   Ref<DescriptionCharge> writeCharge = readCharge ? budget.charge(kFifoEndFiles) : nullptr;
   if (!writeCharge) return PX_RESULT_LIMIT;
   FifoDescriptionPair pair = createFifoPair();

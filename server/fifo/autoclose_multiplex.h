@@ -31,7 +31,8 @@ class AutocloseSvcMultiplex : public Object, public ConMan {
   void setMultiplex(Ref<Libraries::Service::Multiplex> multiplex);
   // The share of its maker's budget that the end holds until it closes.
   void setCharge(Ref<DescriptionCharge> charge);
-  // A further manager consulted first on every notification; nothing in the server sets one.
+  // A further manager consulted first on every notification: the end's status service, which
+  // frees what a departed holder of the shared page held. Set before the multiplex serves.
   void setInner(Ref<ConMan> inner) { inner_ = std::move(inner); }
 
   // Refused once the end has been closed.

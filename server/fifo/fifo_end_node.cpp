@@ -5,14 +5,15 @@
 
 Ref<DeviceNode> serveFifoEnd(const Ref<Libraries::Service::Multiplex>& multiplex,
                              const Ref<PosixFifoBase>& end, uint64_t access,
-                             const Ref<ConMan>& conMan) {
+                             const Ref<AutocloseSvcMultiplex>& closer) {
   if (!multiplex || !end) return nullptr;
   Ref<Services::Nodes::Resolvers::Stream> stream =
       Services::Nodes::Resolvers::Stream::create(end, nullptr, kFifoResolverValue);
   Ref<PosixFifoSvc> status = PosixFifoSvc::create(end);
   if (!stream || !status) return nullptr;
-  uint64_t streamId = multiplex->add(stream, conMan ? conMan : Ref<ConMan>(stream));
-  uint64_t statusId = multiplex->add(status, conMan ? conMan : Ref<ConMan>(status));
+  if (closer) closer->setInner(status);
+  uint64_t streamId = multiplex->add(stream, closer ? Ref<ConMan>(closer) : Ref<ConMan>(stream));
+  uint64_t statusId = multiplex->add(status, closer ? Ref<ConMan>(closer) : Ref<ConMan>(status));
   if (streamId == 0 || statusId == 0) return nullptr;
   Ref<DeviceNode> node = DeviceNode::create();
   if (!node) return nullptr;

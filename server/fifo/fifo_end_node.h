@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "fifo/autoclose_multiplex.h"
 #include "fifo/posix_fifo.h"
 #include "platform/chn.h"
 #include "platform/devnode.h"
@@ -21,9 +22,10 @@ constexpr uint64_t kFifoStatusInterface = 0x880000;
 constexpr uint64_t kFifoResolverValue = 512;
 
 // Adds the end's two services to `multiplex` and answers the node that lists them: the stream
-// entry with `access`, then the status entry. With `conMan` null each service is its own
-// connection manager; otherwise `conMan` hears of the connections of both. Null when a service
-// or the node could not be made, or the multiplex refused a service.
+// entry with `access`, then the status entry. With `closer` null each service is its own
+// connection manager; otherwise `closer` hears of the connections of both and passes them on
+// to the status service (which frees what a departed holder of the shared page held). Null
+// when a service or the node could not be made, or the multiplex refused a service.
 Ref<DeviceNode> serveFifoEnd(const Ref<Libraries::Service::Multiplex>& multiplex,
                              const Ref<PosixFifoBase>& end, uint64_t access,
-                             const Ref<ConMan>& conMan);
+                             const Ref<AutocloseSvcMultiplex>& closer);

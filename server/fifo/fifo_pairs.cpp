@@ -16,7 +16,7 @@ struct FifoEnds {
 // A fresh FIFO: both ends share one buffer. Both null when it could not be made.
 FifoEnds makeFifo() {
   FifoEnds ends{PosixFifoRead::create(), PosixFifoWrite::create()};
-  Ref<Fifo> fifo = new Fifo(PosixFifoBase::kFifoCapacity);
+  Ref<Fifo> fifo = Fifo::create(PosixFifoBase::kFifoCapacity);
   if (!ends.read || !ends.write || !fifo) return {};
   ends.read->setFifo(fifo);
   ends.write->setFifo(fifo);

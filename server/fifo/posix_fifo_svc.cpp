@@ -1,6 +1,7 @@
 #include "fifo/posix_fifo_svc.h"
 
 #include "platform/object.h"
+#include "posix/wire.h"
 
 Ref<PosixFifoSvc> PosixFifoSvc::create(const Ref<PosixFifoBase>& end) {
   if (!end) return nullptr;
@@ -25,7 +26,41 @@ bool PosixFifoSvc::handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t
       break;
     }
     case kCommandStatus: *ret = end->status(); break;
+    case kCommandSharedPage: sharePage(out, ret); break;
     default: *ret = kAnswerUnknownCommand; break;
   }
   return true;
+}
+
+void PosixFifoSvc::sharePage(const Ref<OutMsg>& out, uint32_t* ret) {
+  *ret = 0;
+  const ChnLink* link = ChnLink::served();
+  if (!fifo_ || !link) return;
+  std::lock_guard lock(holdersMutex_);
+  uint32_t token = 0;
+  for (const auto& [holder, held] : holders_) {
+    if (holder == link) token = held;
+  }
+  // A link asking again gets the page again under the token it already has.
+  uint32_t fresh = fifo_->attachTo(out);
+  if (fresh == 0) return;
+  if (token == 0) {
+    token = fresh;
+    holders_.emplace_back(link, token);
+  }
+  uint32_t ring = static_cast<uint32_t>(fifo_->capacity());
+  out->write(&token, sizeof token);
+  out->write(&ring, sizeof ring);
+  *ret = PX_RESULT_DONE;
+}
+
+void PosixFifoSvc::disconnect(const Ref<ChnLink>& link) {
+  std::lock_guard lock(holdersMutex_);
+  for (auto it = holders_.begin(); it != holders_.end(); ++it) {
+    if (it->first == link.get()) {
+      fifo_->releaseHolder(it->second);
+      holders_.erase(it);
+      return;
+    }
+  }
 }

@@ -1,20 +1,29 @@
 // The status service of one FIFO end: a client asks whether more data may still come (command
-// 0) and how the end's last read or write went (command 1). The whole answer is the request's
-// status; nothing is read beyond the command code and nothing is written.
+// 0) and how the end's last read or write went (command 1); for those the whole answer is the
+// request's status. Command 2 hands the client the FIFO's shared page (with a token of its
+// own for the page's locks), so that it reads or writes the buffer without requests.
 //
 // It holds the end only weakly: dropping the last descriptor of an end must still close it.
-// Once the end is gone every command is answered kAnswerEndGone.
+// Once the end is gone every command is answered kAnswerEndGone. The buffer itself it holds
+// strongly, for the links that were given its page: when such a link disconnects (its process
+// has gone, perhaps in the middle of a copy), the locks its token still holds are freed.
 #pragma once
+
+#include <mutex>
+#include <utility>
+#include <vector>
 
 #include "fifo/posix_fifo.h"
 #include "platform/chn.h"
 #include "platform/service.h"
+#include "posix/pipe_page.h"
 
 class PosixFifoSvc : public Object, public Interfaces::Service, public ConMan {
  public:
   enum Command : uint32_t {
-    kCommandMoreData = 0,  // 1 while end-of-file is not set, else 0
-    kCommandStatus = 1,    // the end's status (PosixFifoBase::Status)
+    kCommandMoreData = PX_FIFO_CMD_MORE_DATA,  // 1 while end-of-file is not set, else 0
+    kCommandStatus = PX_FIFO_CMD_STATUS,       // the end's status (PosixFifoBase::Status)
+    kCommandSharedPage = PX_FIFO_CMD_SHARED_PAGE,  // 1, token and ring size, page attached
   };
   static constexpr uint32_t kAnswerUnknownCommand = 2;
   static constexpr uint32_t kAnswerEndGone = 3;
@@ -31,9 +40,16 @@ class PosixFifoSvc : public Object, public Interfaces::Service, public ConMan {
 
   // Every client may ask.
   bool connect(const Ref<ChnLink>& /*link*/) override { return true; }
-  void disconnect(const Ref<ChnLink>& /*link*/) override {}
+  // Frees what the link's token still holds of the page.
+  void disconnect(const Ref<ChnLink>& link) override;
 
  private:
-  explicit PosixFifoSvc(const Ref<PosixFifoBase>& end) : end_(end) {}
+  PosixFifoSvc(const Ref<PosixFifoBase>& end) : end_(end), fifo_(end->fifo()) {}
+  // Command 2 on the link being served: the page and the link's token (one per link).
+  void sharePage(const Ref<OutMsg>& out, uint32_t* ret);
+
   const WeakRef<PosixFifoBase> end_;
+  const Ref<Fifo> fifo_;  // the end's buffer (null when the end had none)
+  std::mutex holdersMutex_;
+  std::vector<std::pair<const ChnLink*, uint32_t>> holders_;  // guarded by holdersMutex_
 };

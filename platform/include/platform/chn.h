@@ -47,6 +47,9 @@ class ChnLink : public Object {
   // The pid of the peer whose multiplex link the calling thread serves (each such link has a
   // thread of its own); 0 on any other thread. For diagnostics: who waits in a service.
   static uint64_t servedPeerPid();
+  // The multiplex link the calling thread serves; null on any other thread. A service keeps
+  // per-link state with it (e.g. what to undo when that link disconnects).
+  static ChnLink* served();
   // Links of every channel and multiplex of this process that are open now (for diagnostics).
   static uint64_t openLinks();
   const ProcIdentity& peerIdentity() const { return peer_.identity; }

@@ -5,19 +5,26 @@
 // or mixed with another write's; a larger write goes in piece by piece as room appears. Waits
 // end at their time-out, or at once when a flag is set. Time-outs are milliseconds;
 // 0xFFFFFFFF waits for ever.
+//
+// The buffer lives in a shared page (posix/pipe_page.h) of a host memory file: attachTo hands
+// the page to a client, which then reads and writes it in its own process by the same rules
+// (posix::PipeRing) under a token of its own. The flags stay the owner's to set; release frees
+// whatever a client that has gone still held.
 #pragma once
 
-#include <condition_variable>
+#include <atomic>
 #include <cstdint>
-#include <memory>
-#include <mutex>
 
+#include "platform/message.h"
 #include "platform/object.h"
+#include "posix/pipe_ring.h"
 
 class Fifo : public Object {
  public:
-  // A buffer that holds up to `capacity` bytes (at least 1).
-  explicit Fifo(uint64_t capacity);
+  // A buffer that holds up to `capacity` bytes (1 to 1 MiB); null (and Error set) when its
+  // page cannot be made.
+  static Ref<Fifo> create(uint64_t capacity);
+  ~Fifo() override;
 
   // Copies in up to `size` bytes, waiting for room up to the time-out; answers the count taken.
   // Answers at once, with what was taken so far, once the buffer is broken.
@@ -40,22 +47,20 @@ class Fifo : public Object {
   // A number no other buffer of this process has had, to tell buffers apart in diagnostics.
   uint64_t id() const { return id_; }
 
+  // Attaches a descriptor of the page to `out` (SCM_RIGHTS with the reply) and answers a new
+  // token for the client that receives it; 0 (nothing attached) when none could be made.
+  uint32_t attachTo(const Ref<OutMsg>& out);
+  // Frees the locks that the client with `token` still holds: its process has gone.
+  void releaseHolder(uint32_t token);
+
  private:
-  // Waits on `cond` until `ready` holds or the deadline passes; the caller holds `lock`.
-  template <class Pred>
-  bool waitFor(std::condition_variable& cond, std::unique_lock<std::mutex>& lock,
-               uint32_t timeoutMs, Pred ready);
-  void copyIn(const uint8_t* p, uint64_t n);   // the caller holds mutex_ and made room
-  void copyOut(uint8_t* p, uint64_t n);        // the caller holds mutex_; n <= count_
+  Fifo(uint64_t capacity, int file, void* page, uint64_t pageSize);
 
   const uint64_t capacity_;
   const uint64_t id_;
-  const std::unique_ptr<uint8_t[]> ring_;  // bytes guarded by mutex_
-  mutable std::mutex mutex_;
-  std::condition_variable readable_;  // bytes arrived, or a flag was set
-  std::condition_variable writable_;  // room appeared, or a flag was set
-  uint64_t head_ = 0;   // guarded by mutex_: ring index of the oldest byte
-  uint64_t count_ = 0;  // guarded by mutex_: bytes buffered
-  bool eof_ = false;    // guarded by mutex_
-  bool broken_ = false; // guarded by mutex_
+  const int file_;          // the page's memory file, kept to hand it out
+  void* const page_;
+  const uint64_t pageSize_;
+  posix::PipeRing ring_;    // the server's own hands on the page, as PX_PIPE_SERVER_TOKEN
+  std::atomic<uint32_t> nextToken_{PX_PIPE_SERVER_TOKEN + 1};
 };

@@ -112,6 +112,7 @@ class OutMsg : public Object, public virtual Interfaces::Stream {
 
  private:
   friend class LocalFileDescriptionFSItem;
+  friend class Fifo;
   OutMsg() = default;
   int attached_ = -1;
   uint32_t code_ = 0;

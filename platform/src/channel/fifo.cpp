@@ -1,134 +1,113 @@
-// The bounded byte buffer: a ring under one mutex, with one condition variable for each side.
+// The bounded byte buffer, kept in a shared page of a host memory file so that clients can be
+// handed the page and move bytes without a request (the ring's rules: posix/pipe_ring.h).
+//
+// A page that a client broke (impossible counters) tells everyone to stop: the server then
+// sets both flags, so readers see end-of-file and writers a broken pipe.
 #include "platform/fifo.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <atomic>
-#include <chrono>
-#include <cstring>
+#include <climits>
 
-#include "platform/sync.h"
-
-namespace {
-using Clock = std::chrono::steady_clock;
-
-Clock::time_point deadlineOf(uint32_t timeoutMs) {
-  return Clock::now() + std::chrono::milliseconds(timeoutMs);
-}
-}  // namespace
+#include "file/host_fd.h"
+#include "platform/error.h"
 
 namespace {
+
 std::atomic<uint64_t> g_nextFifoId{1};
+
+constexpr uint64_t kMaxCapacity = 1u << 20;
+constexpr uint64_t kPageUnit = 4096;
+
+int timeoutOf(uint32_t timeoutMs) {
+  if (timeoutMs == kForever) return posix::PipeRing::kForever;
+  return timeoutMs > static_cast<uint32_t>(INT_MAX) ? INT_MAX : static_cast<int>(timeoutMs);
+}
+
+// How long the server waits for a client's reader to let go of the ring in readMax, which
+// must not wait for bytes: a client keeps it for one copy, unless it breaks the rules.
+constexpr int kReadLockMs = 1000;
+
 }  // namespace
 
-Fifo::Fifo(uint64_t capacity)
-    : capacity_(capacity ? capacity : 1),
-      id_(g_nextFifoId.fetch_add(1, std::memory_order_relaxed)),
-      ring_(new uint8_t[capacity ? capacity : 1]) {}
-
-template <class Pred>
-bool Fifo::waitFor(std::condition_variable& cond, std::unique_lock<std::mutex>& lock,
-                   uint32_t timeoutMs, Pred ready) {
-  if (timeoutMs == kForever) {
-    cond.wait(lock, ready);
-    return true;
+Ref<Fifo> Fifo::create(uint64_t capacity) {
+  if (capacity == 0 || capacity > kMaxCapacity) {
+    Error::set(EINVAL);
+    return nullptr;
   }
-  return cond.wait_until(lock, deadlineOf(timeoutMs), ready);
+  const uint64_t pageSize = (PX_PIPE_RING_OFFSET + capacity + kPageUnit - 1) / kPageUnit * kPageUnit;
+  int file = HostFd::opened(::memfd_create("posix-pipe", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+  if (file < 0) {
+    Error::set(static_cast<uint32_t>(errno));
+    return nullptr;
+  }
+  void* page = MAP_FAILED;
+  // The size is sealed: a client cannot shrink the file under the server's mapping.
+  if (::ftruncate(file, static_cast<off_t>(pageSize)) == 0 &&
+      ::fcntl(file, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) == 0) {
+    page = ::mmap(nullptr, pageSize, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+  }
+  if (page == MAP_FAILED) {
+    Error::set(static_cast<uint32_t>(errno));
+    HostFd::close(file);
+    return nullptr;
+  }
+  return new Fifo(capacity, file, page, pageSize);
 }
 
-void Fifo::copyIn(const uint8_t* p, uint64_t n) {
-  uint64_t tail = (head_ + count_) % capacity_;
-  uint64_t first = n < capacity_ - tail ? n : capacity_ - tail;
-  std::memcpy(ring_.get() + tail, p, first);
-  std::memcpy(ring_.get(), p + first, n - first);
-  count_ += n;
+Fifo::Fifo(uint64_t capacity, int file, void* page, uint64_t pageSize)
+    : capacity_(capacity),
+      id_(g_nextFifoId.fetch_add(1, std::memory_order_relaxed)),
+      file_(file),
+      page_(page),
+      pageSize_(pageSize),
+      ring_(page, static_cast<uint32_t>(capacity), PX_PIPE_SERVER_TOKEN, false) {
+  ring_.format();
 }
 
-void Fifo::copyOut(uint8_t* p, uint64_t n) {
-  uint64_t first = n < capacity_ - head_ ? n : capacity_ - head_;
-  std::memcpy(p, ring_.get() + head_, first);
-  std::memcpy(p + first, ring_.get(), n - first);
-  head_ = (head_ + n) % capacity_;
-  count_ -= n;
+Fifo::~Fifo() {
+  ::munmap(page_, pageSize_);
+  HostFd::close(file_);
 }
 
 uint64_t Fifo::write(const void* buffer, uint64_t size, uint32_t timeoutMs) {
   if (!buffer || size == 0) return 0;
-  const auto* p = static_cast<const uint8_t*>(buffer);
-  // One deadline for the whole call, however many pieces a large write takes.
-  const Clock::time_point deadline = deadlineOf(timeoutMs == kForever ? 0 : timeoutMs);
-  auto waitRoom = [&](std::unique_lock<std::mutex>& lock, uint64_t room) {
-    auto ready = [&] { return broken_ || capacity_ - count_ >= room; };
-    if (timeoutMs == kForever) {
-      writable_.wait(lock, ready);
-      return true;
-    }
-    return writable_.wait_until(lock, deadline, ready);
-  };
-
-  std::unique_lock lock(mutex_);
-  if (size <= capacity_) {
-    // All of it or nothing: a write that fits the buffer is never cut.
-    if (!waitRoom(lock, size) || broken_) return 0;
-    copyIn(p, size);
-    readable_.notify_all();
-    return size;
-  }
-  uint64_t done = 0;
-  while (done < size) {
-    if (!waitRoom(lock, 1) || broken_) break;
-    uint64_t n = capacity_ - count_ < size - done ? capacity_ - count_ : size - done;
-    copyIn(p + done, n);
-    done += n;
-    readable_.notify_all();
-  }
-  return done;
+  posix::PipeRing::Result r = ring_.write(buffer, size, timeoutOf(timeoutMs));
+  if (r.end == posix::PipeRing::End::kCorrupt) ring_.setFlags(PX_PIPE_EOF | PX_PIPE_BROKEN);
+  return r.count;
 }
 
 uint64_t Fifo::readMax(void* buffer, uint64_t size) {
   if (!buffer || size == 0) return 0;
-  std::lock_guard lock(mutex_);
-  uint64_t n = size < count_ ? size : count_;
-  if (n == 0) return 0;
-  copyOut(static_cast<uint8_t*>(buffer), n);
-  writable_.notify_all();
-  return n;
+  posix::PipeRing::Result r = ring_.readNow(buffer, size, kReadLockMs);
+  if (r.end == posix::PipeRing::End::kCorrupt) ring_.setFlags(PX_PIPE_EOF | PX_PIPE_BROKEN);
+  return r.count;
 }
 
 bool Fifo::waitRead(uint64_t count, uint32_t timeoutMs) {
-  const uint64_t target = count < capacity_ ? count : capacity_;
-  std::unique_lock lock(mutex_);
-  waitFor(readable_, lock, timeoutMs, [&] { return count_ >= target || eof_ || broken_; });
-  return count_ >= target || eof_;
+  if (ring_.waitData(count, timeoutOf(timeoutMs))) return true;
+  if (ring_.corrupt()) ring_.setFlags(PX_PIPE_EOF | PX_PIPE_BROKEN);
+  return false;
 }
 
-void Fifo::setEof() {
-  {
-    std::lock_guard lock(mutex_);
-    eof_ = true;
-  }
-  readable_.notify_all();
-  writable_.notify_all();
+void Fifo::setEof() { ring_.setFlags(PX_PIPE_EOF); }
+void Fifo::setBroken() { ring_.setFlags(PX_PIPE_BROKEN); }
+bool Fifo::eof() const { return (ring_.flags() & PX_PIPE_EOF) != 0; }
+bool Fifo::broken() const { return (ring_.flags() & PX_PIPE_BROKEN) != 0; }
+uint64_t Fifo::size() const { return ring_.buffered(); }
+
+uint32_t Fifo::attachTo(const Ref<OutMsg>& out) {
+  if (!out || out->attached_ >= 0) return 0;
+  uint32_t token = nextToken_.fetch_add(1, std::memory_order_relaxed);
+  if (token <= PX_PIPE_SERVER_TOKEN) return 0;  // every token has been given out
+  out->attached_ = HostFd::opened(::fcntl(file_, F_DUPFD_CLOEXEC, 3));
+  return out->attached_ >= 0 ? token : 0;
 }
 
-void Fifo::setBroken() {
-  {
-    std::lock_guard lock(mutex_);
-    broken_ = true;
-  }
-  readable_.notify_all();
-  writable_.notify_all();
-}
-
-bool Fifo::eof() const {
-  std::lock_guard lock(mutex_);
-  return eof_;
-}
-
-bool Fifo::broken() const {
-  std::lock_guard lock(mutex_);
-  return broken_;
-}
-
-uint64_t Fifo::size() const {
-  std::lock_guard lock(mutex_);
-  return count_;
+void Fifo::releaseHolder(uint32_t token) {
+  if (token > PX_PIPE_SERVER_TOKEN) ring_.release(token);
 }

@@ -23,6 +23,7 @@ using Libraries::Service::Multiplex;
 namespace {
 
 thread_local uint64_t t_servedPeer = 0;
+thread_local ChnLink* t_servedLink = nullptr;  // held by the thread's LinkExec for its life
 
 // Set once by Multiplex::observe() before any link thread runs; read by every link thread.
 Multiplex::Observer g_observer{};
@@ -35,7 +36,9 @@ class LinkExec : public Object, public Exec {
   void run() override {
     Multiplex::Core::current() = core_.get();
     t_servedPeer = link_->peerPid();
+    t_servedLink = link_.get();
     MuxLinkServe::run(*core_, link_);
+    t_servedLink = nullptr;
     core_->forget(link_);
     link_.reset();
     core_->threadEnded();
@@ -49,6 +52,7 @@ class LinkExec : public Object, public Exec {
 }  // namespace
 
 uint64_t ChnLink::servedPeerPid() { return t_servedPeer; }
+ChnLink* ChnLink::served() { return t_servedLink; }
 
 void Multiplex::observe(const Observer& observer) { g_observer = observer; }
 

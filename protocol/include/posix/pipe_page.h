@@ -1,0 +1,82 @@
+/*
+ * The shared page of a pipe or FIFO: the buffer itself, reachable from every process that holds
+ * an end, so that bytes move without a request per read or write.
+ *
+ * The FIFO status service of an end (PX_IFACE_FIFO_STATUS) answers command
+ * PX_FIFO_CMD_SHARED_PAGE with result 1, data = u32 token, u32 ring size, and a descriptor of
+ * the page attached to the reply (SCM_RIGHTS; a memory file of PX_PIPE_PAGE_SIZE bytes to map
+ * shared). Without the descriptor (a reply that could not carry it at once) the result is 0:
+ * use the stream service then. Other results as the status service's commands 0 and 1.
+ *
+ * The page (all integers little-endian, naturally aligned, accessed atomically):
+ *   magic, ring_size    written once by the server; a client checks both after mapping
+ *   flags               PX_PIPE_EOF once every write end has closed, PX_PIPE_BROKEN once every
+ *                       read end has; set only by the server, never cleared
+ *   write_lock          0 when free, else the token of the holder: one writer at a time
+ *   read_lock           the same for readers
+ *   *_seq               futex words (shared, not private), bumped on every change that a
+ *                       waiter may wait for: lock_seq at every release of either lock,
+ *                       data_seq when bytes arrive or a flag is set, room_seq when room
+ *                       appears or a flag is set
+ *   *_waiters           how many wait on the matching word; a waker may skip the wake call
+ *                       while it reads 0
+ *   head, tail          bytes ever read and ever written; tail - head bytes are buffered, at
+ *                       ring offset head % ring_size
+ *
+ * A writer holds write_lock while it copies its bytes behind tail and then publishes the new
+ * tail with one store; a reader holds read_lock while it copies from head and then publishes the
+ * new head. So a process killed in the middle of a copy has published nothing, and the server,
+ * which sees the link that fetched the token close, frees a lock that still holds that token.
+ * A write of at most ring_size bytes goes in whole, once that much room is free, so records of
+ * up to ring_size bytes never interleave. A count tail - head above ring_size means the page was
+ * written by a client that does not keep these rules: the server then marks the pipe
+ * end-of-file and broken for everyone.
+ * This header is plain C so that any client can include it.
+ */
+#ifndef POSIX_PIPE_PAGE_H
+#define POSIX_PIPE_PAGE_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define PX_FIFO_CMD_MORE_DATA 0u   /* -> result 1 while more data may come, else 0 */
+#define PX_FIFO_CMD_STATUS 1u      /* -> result: the status of the end's last read or write */
+#define PX_FIFO_CMD_SHARED_PAGE 2u /* -> result 1, u32 token, u32 ring size, the page attached */
+
+#define PX_PIPE_PAGE_MAGIC 0x50495045u /* "EPIP" read as bytes */
+#define PX_PIPE_PAGE_SIZE 8192u
+#define PX_PIPE_RING_OFFSET 64u
+#define PX_PIPE_EOF 1u
+#define PX_PIPE_BROKEN 2u
+/* The token of the server's own readers and writers; clients get others. */
+#define PX_PIPE_SERVER_TOKEN 1u
+
+typedef struct px_pipe_page {
+  uint32_t magic;
+  uint32_t ring_size;
+  uint32_t flags;
+  uint32_t write_lock;
+  uint32_t read_lock;
+  uint32_t lock_seq;
+  uint32_t lock_waiters;
+  uint32_t data_seq;
+  uint32_t data_waiters;
+  uint32_t room_seq;
+  uint32_t room_waiters;
+  uint32_t reserved;
+  uint64_t head;
+  uint64_t tail;
+  /* ring_size bytes of ring follow at PX_PIPE_RING_OFFSET */
+} px_pipe_page;
+
+#ifdef __cplusplus
+static_assert(sizeof(px_pipe_page) == PX_PIPE_RING_OFFSET, "the ring follows the header");
+}
+#else
+_Static_assert(sizeof(px_pipe_page) == PX_PIPE_RING_OFFSET, "the ring follows the header");
+#endif
+
+#endif /* POSIX_PIPE_PAGE_H */
