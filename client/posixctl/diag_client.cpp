@@ -211,12 +211,12 @@ std::string commandName(uint32_t service, uint32_t code) {
   if (service == PX_DIAG_FD_SERVICE && code < sizeof kFd / sizeof *kFd) return kFd[code];
   static const char* const kStream[] = {"0", "read", "write"};
   static const char* const kItem[] = {"position", "seek", "size", "resize", "describe", "hostFile"};
-  static const char* const kStatus[] = {"moreToCome", "lastStatus"};
+  static const char* const kStatus[] = {"moreToCome", "lastStatus", "sharedPage"};
   if (service == PX_DIAG_STREAM_SERVICE && code < 3) return kStream[code];
   bool itemish = service == PX_DIAG_SEEKABLE_SERVICE || service == PX_DIAG_RESIZABLE_SERVICE ||
                  service == PX_DIAG_ITEM_SERVICE;
   if (itemish && code < sizeof kItem / sizeof *kItem) return kItem[code];
-  if (service == PX_DIAG_FIFO_STATUS_SERVICE && code < 2) return kStatus[code];
+  if (service == PX_DIAG_FIFO_STATUS_SERVICE && code < 3) return kStatus[code];
   return std::to_string(code);
 }
 

@@ -42,6 +42,7 @@ bool sliceUsed(Clock::time_point started, bool nonblock) {
 Description::Description(int32_t type, NodeRecord node) : type_(type), node_(std::move(node)) {}
 
 Description::~Description() {
+  delete page_.load(std::memory_order_relaxed);
   for (Slot* slot : {&stream_, &status_, &seek_, &resize_, &item_}) delete slot->link;
   if (int file = hostFile_.load(std::memory_order_relaxed); file >= 0) close(file);
 }
@@ -133,6 +134,7 @@ int64_t Description::status(uint32_t command) {
 int64_t Description::read(void* buf, size_t n, bool nonblock) {
   if (n == 0) return 0;
   if (int file = hostFile(); file >= 0) return hostRead(file, buf, n);
+  if (PipePage* page = pipePage()) return pageRead(*page, buf, n, nonblock);
   const uint64_t want = std::min<uint64_t>(n, PX_STREAM_MAX_READ);
   // One reader at a time per description in this process; the server serialises the readers
   // of an end anyway, and the status answered after a read then belongs to that read.
@@ -174,7 +176,9 @@ int64_t Description::read(void* buf, size_t n, bool nonblock) {
 }
 
 int64_t Description::write(const void* buf, size_t n, bool nonblock) {
+  if (n == 0) return 0;
   if (int file = hostFile(); file >= 0) return hostWrite(file, buf, n);
+  if (PipePage* page = pipePage()) return pageWrite(*page, buf, n, nonblock);
   const uint8_t* bytes = static_cast<const uint8_t*>(buf);
   size_t done = 0;
   std::lock_guard<std::mutex> lock(stream_.mutex);

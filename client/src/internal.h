@@ -13,6 +13,7 @@
 
 #include "posix/fd_service.h"
 #include "posix/nodes.h"
+#include "posix/pipe_ring.h"
 #include "posix/posix_service.h"
 #include "posix/wire.h"
 
@@ -212,6 +213,24 @@ struct ItemInfo {
   uint32_t openFlags = 0;
 };
 
+// A pipe end's shared page as this process maps it (fd_pipe_page.cpp).
+class PipePage {
+ public:
+  // Maps the page that came as `file` (which is closed here) with the token and ring size the
+  // server gave; null when it does not check out (size, magic, ring size).
+  static PipePage* map(int file, uint32_t token, uint32_t ringSize);
+  ~PipePage();
+  PipePage(const PipePage&) = delete;
+  PipePage& operator=(const PipePage&) = delete;
+  posix::PipeRing& ring() { return ring_; }
+
+ private:
+  PipePage(void* page, size_t size, uint32_t token, uint32_t ringSize);
+  void* const page_;
+  const size_t size_;
+  posix::PipeRing ring_;
+};
+
 // An open file description as this process reaches it: its node, and at most one link per
 // service (stream, FIFO status, seekable, resizable, item), opened on first use and shared by
 // every local descriptor of the description. The links close when the last holder lets go.
@@ -261,6 +280,11 @@ class Description {
   // host file (the description is then known to be a regular file).
   void takeHostFile(int file);
 
+  // The shared page of a pipe or FIFO end (fd_pipe_page.cpp), asked of the status service
+  // once: through it this process moves the bytes itself. Null when the description is no
+  // FIFO end or the server could not hand the page over; the services carry the bytes then.
+  PipePage* pipePage();
+
  private:
   struct Slot {
     std::mutex mutex;
@@ -279,6 +303,13 @@ class Description {
   static constexpr int kTimedOut = -1;
   int itemEmpty(bool writing, bool sliceUsed);
   Slot* slotFor(uint64_t iface);
+  // Reads and writes through the shared page, with the results of read() and write().
+  int64_t pageRead(PipePage& page, void* buf, size_t n, bool nonblock);
+  int64_t pageWrite(PipePage& page, const void* buf, size_t n, bool nonblock);
+  // Whether the status link is still open (the server has not gone), between waits.
+  bool serverThere();
+  // Whether the stream entry grants `access` (PX_ACCESS_READ or PX_ACCESS_WRITE).
+  bool mayUse(uint64_t access) const;
 
   std::atomic<int32_t> type_;
   const NodeRecord node_;
@@ -289,6 +320,8 @@ class Description {
   Slot item_;
   static constexpr int kHostFileUnasked = -2;
   std::atomic<int> hostFile_{kHostFileUnasked};  // set once, under item_.mutex
+  std::atomic<PipePage*> page_{nullptr};  // set once, under status_.mutex
+  std::atomic<bool> pageAsked_{false};    // set once page_ holds its final value
   bool described_ = false;  // guarded by item_.mutex
   ItemInfo info_;           // guarded by item_.mutex, valid once described_
 };

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <climits>
 #include <cstring>
+#include <vector>
 
 namespace posix {
 
@@ -85,7 +86,7 @@ uint64_t PipeRing::used() const {
 uint64_t PipeRing::buffered() const { return std::min<uint64_t>(used(), ringSize_); }
 
 PipeRing::End PipeRing::waitOn(uint32_t* word, uint32_t seen, uint32_t* waiters,
-                               const Deadline& deadline) {
+                               const Deadline& deadline, uint32_t sleeper) {
   int64_t left = deadline.left();
   if (left == 0) return End::kTimedOut;
   timespec ts{};
@@ -93,13 +94,35 @@ PipeRing::End PipeRing::waitOn(uint32_t* word, uint32_t seen, uint32_t* waiters,
     ts.tv_sec = left / 1000000000;
     ts.tv_nsec = left % 1000000000;
   }
+  uint32_t* slot = sleeper != 0 ? listSleeper(sleeper) : nullptr;
   at(waiters).fetch_add(1);
   long rc = syscall(SYS_futex, word, FUTEX_WAIT, seen, deadline.forever ? nullptr : &ts, nullptr, 0);
   int err = rc == 0 ? 0 : errno;
   at(waiters).fetch_sub(1);
+  if (slot != nullptr) {
+    uint32_t mine = sleeper;
+    at(slot).compare_exchange_strong(mine, 0);
+  }
   if (err == EINTR && stopOnSignal_) return End::kInterrupted;
   if (err == ETIMEDOUT || deadline.left() == 0) return End::kTimedOut;
   return End::kDone;
+}
+
+uint32_t* PipeRing::listSleeper(uint32_t sleeper) {
+  for (uint32_t& slot : page_->sleepers) {
+    uint32_t expected = 0;
+    if (at(&slot).compare_exchange_strong(expected, sleeper)) return &slot;
+  }
+  return nullptr;
+}
+
+std::vector<PipeRing::Sleeper> PipeRing::sleepers() const {
+  std::vector<Sleeper> found;
+  for (uint32_t& slot : page_->sleepers) {
+    uint32_t v = at(&slot).load();
+    if (v != 0) found.push_back({v / 2, (v & 1) != 0});
+  }
+  return found;
 }
 
 void PipeRing::bump(uint32_t* word, uint32_t* waiters) {
@@ -117,7 +140,7 @@ bool PipeRing::lock(uint32_t* word, const Deadline& deadline) {
     }
     uint32_t seen = at(&page_->lock_seq).load();
     if (at(word).load() == 0) continue;
-    if (waitOn(&page_->lock_seq, seen, &page_->lock_waiters, deadline) != End::kDone) return false;
+    if (waitOn(&page_->lock_seq, seen, &page_->lock_waiters, deadline, 0) != End::kDone) return false;
   }
 }
 
@@ -180,7 +203,7 @@ PipeRing::Result PipeRing::write(const void* bytes, uint64_t n, int timeoutMs) {
         relax();
         continue;
       }
-      waited = waitOn(&page_->room_seq, seen, &page_->room_waiters, deadline);
+      waited = waitOn(&page_->room_seq, seen, &page_->room_waiters, deadline, token_ * 2 + 1);
       if (waited != End::kDone) break;
     }
     if (waited != End::kDone) {
@@ -245,7 +268,7 @@ PipeRing::End PipeRing::awaitData(uint64_t count, const Deadline& deadline, bool
       relax();
       continue;
     }
-    End waited = waitOn(&page_->data_seq, seen, &page_->data_waiters, deadline);
+    End waited = waitOn(&page_->data_seq, seen, &page_->data_waiters, deadline, token_ * 2);
     if (waited != End::kDone) return waited;
   }
 }
@@ -267,6 +290,10 @@ void PipeRing::release(uint32_t token) {
   for (uint32_t* word : {&page_->write_lock, &page_->read_lock}) {
     uint32_t expected = token;
     freed |= at(word).compare_exchange_strong(expected, 0);
+  }
+  for (uint32_t& slot : page_->sleepers) {
+    uint32_t v = at(&slot).load();
+    if (v / 2 == token) at(&slot).compare_exchange_strong(v, 0);
   }
   if (freed) {
     at(&page_->lock_seq).fetch_add(1);

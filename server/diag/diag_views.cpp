@@ -183,6 +183,13 @@ uint32_t pipes(const Ref<OutMsg>& reply) {
   }
   Records records;
   for (auto& [id, pipe] : found) {
+    // Holders of the shared page wait in their own processes; the page lists who sleeps.
+    for (size_t side : {0, 1}) {
+      for (uint64_t pid : pipe.fifo->sleeping(side == 1)) {
+        std::vector<uint64_t>& inside = pipe.inside[side];
+        if (std::find(inside.begin(), inside.end(), pid) == inside.end()) inside.push_back(pid);
+      }
+    }
     records.add([&](Bytes& out) {
       uint32_t flags = (pipe.fifo->eof() ? 1u : 0u) | (pipe.fifo->broken() ? 2u : 0u);
       put(out, px_diag_pipe{id, pipe.fifo->size(), flags});

@@ -83,9 +83,15 @@ TEST_F(DiagTest, PsFdsPipesAndMonitorTellWhatTheServerKeeps) {
   EXPECT_NE(monitored.find("\"pid\":" + me + ",\"service\":\"posix.service\",\"command\":\"getGroupId\","
                            "\"arguments\":\"pid " + me + "\",\"size\":8,\"result\":\"done\""),
             std::string::npos) << monitored;
-  monitored = monitorOne("write", [&] { return px_write(ends[1], "x", 1) == 1; });  // wakes the reader
-  EXPECT_NE(monitored.find("\"service\":\"stream\",\"command\":\"write\",\"arguments\":\"1 bytes\""),
-            std::string::npos) << monitored;
+  // A pipe's bytes pass through its shared page; the first write of a new pipe asks for it.
+  monitored = monitorOne("sharedPage", [] {
+    int fresh[2];
+    bool wrote = px_pipe(fresh) == 0 && px_write(fresh[1], "x", 1) == 1;
+    return px_close(fresh[0]) == 0 && px_close(fresh[1]) == 0 && wrote;
+  });
+  EXPECT_NE(monitored.find("\"service\":\"fifo-status\",\"command\":\"sharedPage\""), std::string::npos)
+      << monitored;
+  EXPECT_EQ(px_write(ends[1], "x", 1), 1);  // wakes the reader
 
   // Eight monitors at a time; a ninth is refused (result 11) instead of costing every request.
   auto attachedBeforeRefusal = [&] {

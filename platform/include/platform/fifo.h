@@ -14,6 +14,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
+#include <mutex>
+#include <vector>
 
 #include "platform/message.h"
 #include "platform/object.h"
@@ -48,10 +51,13 @@ class Fifo : public Object {
   uint64_t id() const { return id_; }
 
   // Attaches a descriptor of the page to `out` (SCM_RIGHTS with the reply) and answers a new
-  // token for the client that receives it; 0 (nothing attached) when none could be made.
-  uint32_t attachTo(const Ref<OutMsg>& out);
-  // Frees the locks that the client with `token` still holds: its process has gone.
+  // token for the client `pid` that receives it; 0 (nothing attached) when none could be made.
+  uint32_t attachTo(const Ref<OutMsg>& out, uint64_t pid);
+  // Frees what the client with `token` still holds of the page: its process has gone.
   void releaseHolder(uint32_t token);
+  // The pids of the clients that sleep in a read (waiting for bytes) or, with `writing`, in a
+  // write (waiting for room) on the page now.
+  std::vector<uint64_t> sleeping(bool writing) const;
 
  private:
   Fifo(uint64_t capacity, int file, void* page, uint64_t pageSize);
@@ -63,4 +69,6 @@ class Fifo : public Object {
   const uint64_t pageSize_;
   posix::PipeRing ring_;    // the server's own hands on the page, as PX_PIPE_SERVER_TOKEN
   std::atomic<uint32_t> nextToken_{PX_PIPE_SERVER_TOKEN + 1};
+  mutable std::mutex holdersMutex_;
+  std::map<uint32_t, uint64_t> holders_;  // guarded by holdersMutex_: token -> pid
 };

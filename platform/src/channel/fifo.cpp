@@ -100,14 +100,31 @@ bool Fifo::eof() const { return (ring_.flags() & PX_PIPE_EOF) != 0; }
 bool Fifo::broken() const { return (ring_.flags() & PX_PIPE_BROKEN) != 0; }
 uint64_t Fifo::size() const { return ring_.buffered(); }
 
-uint32_t Fifo::attachTo(const Ref<OutMsg>& out) {
+uint32_t Fifo::attachTo(const Ref<OutMsg>& out, uint64_t pid) {
   if (!out || out->attached_ >= 0) return 0;
   uint32_t token = nextToken_.fetch_add(1, std::memory_order_relaxed);
-  if (token <= PX_PIPE_SERVER_TOKEN) return 0;  // every token has been given out
+  // Every token has been given out (a sleeper slot keeps twice the token in 32 bits).
+  if (token <= PX_PIPE_SERVER_TOKEN || token >= (1u << 31)) return 0;
   out->attached_ = HostFd::opened(::fcntl(file_, F_DUPFD_CLOEXEC, 3));
-  return out->attached_ >= 0 ? token : 0;
+  if (out->attached_ < 0) return 0;
+  std::lock_guard lock(holdersMutex_);
+  holders_[token] = pid;
+  return token;
 }
 
 void Fifo::releaseHolder(uint32_t token) {
-  if (token > PX_PIPE_SERVER_TOKEN) ring_.release(token);
+  if (token <= PX_PIPE_SERVER_TOKEN) return;
+  ring_.release(token);
+  std::lock_guard lock(holdersMutex_);
+  holders_.erase(token);
+}
+
+std::vector<uint64_t> Fifo::sleeping(bool writing) const {
+  std::vector<uint64_t> pids;
+  std::lock_guard lock(holdersMutex_);
+  for (const posix::PipeRing::Sleeper& s : ring_.sleepers()) {
+    auto it = holders_.find(s.token);
+    if (s.writing == writing && it != holders_.end()) pids.push_back(it->second);
+  }
+  return pids;
 }

@@ -4,8 +4,8 @@
  *
  * The FIFO status service of an end (PX_IFACE_FIFO_STATUS) answers command
  * PX_FIFO_CMD_SHARED_PAGE with result 1, data = u32 token, u32 ring size, and a descriptor of
- * the page attached to the reply (SCM_RIGHTS; a memory file of PX_PIPE_PAGE_SIZE bytes to map
- * shared). Without the descriptor (a reply that could not carry it at once) the result is 0:
+ * the page attached to the reply (SCM_RIGHTS; a sealed memory file of PX_PIPE_RING_OFFSET + ring
+ * size bytes, rounded up to whole 4096-byte pages, to map shared). Without the descriptor (a reply that could not carry it at once) the result is 0:
  * use the stream service then. Other results as the status service's commands 0 and 1.
  *
  * The page (all integers little-endian, naturally aligned, accessed atomically):
@@ -22,6 +22,9 @@
  *                       while it reads 0
  *   head, tail          bytes ever read and ever written; tail - head bytes are buffered, at
  *                       ring offset head % ring_size
+ *   sleepers            who sleeps on data_seq or room_seq now, for the server's diagnostics:
+ *                       a sleeper puts token * 2 (+ 1 when it waits for room) into a free (0)
+ *                       slot before it sleeps and clears it after; none free: it is not listed
  *
  * A writer holds write_lock while it copies its bytes behind tail and then publishes the new
  * tail with one store; a reader holds read_lock while it copies from head and then publishes the
@@ -47,8 +50,8 @@ extern "C" {
 #define PX_FIFO_CMD_SHARED_PAGE 2u /* -> result 1, u32 token, u32 ring size, the page attached */
 
 #define PX_PIPE_PAGE_MAGIC 0x50495045u /* "EPIP" read as bytes */
-#define PX_PIPE_PAGE_SIZE 8192u
-#define PX_PIPE_RING_OFFSET 64u
+#define PX_PIPE_RING_OFFSET 128u
+#define PX_PIPE_SLEEPERS 16u
 #define PX_PIPE_EOF 1u
 #define PX_PIPE_BROKEN 2u
 /* The token of the server's own readers and writers; clients get others. */
@@ -69,6 +72,7 @@ typedef struct px_pipe_page {
   uint32_t reserved;
   uint64_t head;
   uint64_t tail;
+  uint32_t sleepers[PX_PIPE_SLEEPERS];
   /* ring_size bytes of ring follow at PX_PIPE_RING_OFFSET */
 } px_pipe_page;
 

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "posix/pipe_page.h"
 
@@ -61,8 +62,16 @@ class PipeRing {
 
   // Only the server: sets PX_PIPE_EOF or PX_PIPE_BROKEN and wakes everyone who waits.
   void setFlags(uint32_t bits);
-  // Only the server: frees the locks that `token` still holds (its process has gone).
+  // Only the server: frees the locks and sleeper slots that `token` still holds (its process
+  // has gone).
   void release(uint32_t token);
+
+  // Who sleeps in a read (waiting for bytes) or a write (waiting for room) now.
+  struct Sleeper {
+    uint32_t token;
+    bool writing;
+  };
+  std::vector<Sleeper> sleepers() const;
 
  private:
   struct Deadline;
@@ -71,7 +80,11 @@ class PipeRing {
   // Waits on `word` while it still holds `seen`, counting itself in `waiters`: kDone when woken
   // (or the word had moved on), kTimedOut once the deadline passed, kInterrupted when a signal
   // handler ran and stopOnSignal_ is set.
-  End waitOn(uint32_t* word, uint32_t seen, uint32_t* waiters, const Deadline& deadline);
+  // A non-zero `sleeper` is listed in a sleeper slot for the time of the wait.
+  End waitOn(uint32_t* word, uint32_t seen, uint32_t* waiters, const Deadline& deadline,
+             uint32_t sleeper);
+  // Claims a free sleeper slot for `sleeper`; null when all are taken.
+  uint32_t* listSleeper(uint32_t sleeper);
   void bump(uint32_t* word, uint32_t* waiters);
   // Waits until `count` bytes (at most ringSize) are buffered or end-of-file is set (kDone);
   // kBroken, kCorrupt, or how the wait ended. Looks again a few times before sleeping with
