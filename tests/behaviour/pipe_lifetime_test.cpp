@@ -4,12 +4,21 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
 
 #include <cstring>
 #include <filesystem>
 #include <functional>
 
+#include "posix/pipe_page.h"
+#include "raw_link.h"
 #include "server_fixture.h"
 
 namespace {
@@ -160,6 +169,82 @@ TEST_F(PipeLifetimeTest, AReaderOrWriterKilledWhileBlockedLeavesNothingBehind) {
   int fifo = px_open(path("fifo").c_str(), O_RDWR, 0);
   ASSERT_GE(fifo, 0) << strerror(errno);
   killWhileBlocked({"readn", std::to_string(fifo), "1"}, serverThreads());
+}
+
+// Shared pages of pipes that the server has mapped now.
+int serverPipePages(pid_t server) {
+  std::ifstream maps("/proc/" + std::to_string(server) + "/maps");
+  int count = 0;
+  for (std::string line; std::getline(maps, line);) count += line.find("posix-pipe") != std::string::npos;
+  return count;
+}
+
+// A process that holds both locks of a pipe's shared page, with half a record copied behind the
+// tail, is SIGKILLed: the server frees its locks when its link closes, nothing of the half
+// record appears, and every page goes with its pipe.
+TEST_F(PipeLifetimeTest, AHolderKilledInTheMiddleOfACopyWedgesNoOne) {
+  const int pagesBefore = serverPipePages(server_);
+  int fds[2];
+  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
+  EXPECT_EQ(serverPipePages(server_), pagesBefore + 1);
+  std::unique_ptr<RawLink> status = bindService(fds[1], PX_IFACE_FIFO_STATUS);
+  ASSERT_TRUE(status);
+  ASSERT_TRUE(status->send(requestFrame(PX_FIFO_CMD_SHARED_PAGE, 1)));
+  uint8_t frame[256];
+  char control[CMSG_SPACE(sizeof(int))];
+  iovec iov{frame, sizeof frame};
+  msghdr msg{};
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  msg.msg_control = control;
+  msg.msg_controllen = sizeof control;
+  ASSERT_EQ(recvmsg(status->fd(), &msg, 0), 24 + 8) << strerror(errno);
+  cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+  ASSERT_TRUE(cmsg != nullptr && cmsg->cmsg_type == SCM_RIGHTS);
+  int file;
+  std::memcpy(&file, CMSG_DATA(cmsg), sizeof file);
+  uint32_t token, ring;
+  std::memcpy(&token, frame + 24, 4);
+  std::memcpy(&ring, frame + 28, 4);
+  ASSERT_EQ(ring, 4096u);
+  auto* page = static_cast<px_pipe_page*>(mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+  ASSERT_NE(page, MAP_FAILED);
+  close(file);
+
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  pid_t holder = fork();
+  if (holder == 0) {
+    uint32_t free = 0;
+    bool held = std::atomic_ref<uint32_t>(page->write_lock).compare_exchange_strong(free, token);
+    free = 0;
+    held = held && std::atomic_ref<uint32_t>(page->read_lock).compare_exchange_strong(free, token);
+    std::memset(reinterpret_cast<uint8_t*>(page) + PX_PIPE_RING_OFFSET, 'h', 100);  // never published
+    (void)!write(ready[1], held ? "y" : "n", 1);
+    pause();
+    _exit(0);
+  }
+  status.reset();  // the holder's copy keeps the link open
+  munmap(page, 8192);
+  close(ready[1]);
+  char held = 0;
+  ASSERT_EQ(read(ready[0], &held, 1), 1);
+  close(ready[0]);
+  EXPECT_EQ(held, 'y');
+  // A writer and a reader wait for the locks while the holder lives...
+  ASSERT_EQ(px_set_nonblock(fds[1], 1), 0);
+  EXPECT_ERRNO(px_write(fds[1], "x", 1), EAGAIN);
+  ASSERT_EQ(px_set_nonblock(fds[1], 0), 0);
+  // ...and go on once it has been killed.
+  ASSERT_EQ(kill(holder, SIGKILL), 0);
+  ASSERT_EQ(waitpid(holder, nullptr, 0), holder);
+  int64_t start = monotonicMs();
+  EXPECT_EQ(px_write(fds[1], "after", 5), 5);
+  EXPECT_EQ(readUpTo(fds[0], 5), "after");
+  EXPECT_LT(monotonicMs() - start, 3000);
+  EXPECT_EQ(px_close(fds[0]), 0);
+  EXPECT_EQ(px_close(fds[1]), 0);
+  EXPECT_TRUE(eventually([&] { return serverPipePages(server_) == pagesBefore; }));
 }
 
 }  // namespace
