@@ -83,6 +83,7 @@ class ProtocolDocTest : public ServerFixture {
       if (px_write(fds[1], "hi", 2) != 2) return nullptr;
       return bindService(fds[0], 0x10010);
     }
+    if (target == "0x880000 of a pipe's read end") return bindService(fds[0], 0x880000);
     if (target == "0x880003 of a file opened for writing") {
       int fd = px_open(hostFile("resized", "0123456789").c_str(), O_RDWR, 0);
       return fd < 0 ? nullptr : bindService(fd, 0x880003);
