@@ -21,9 +21,12 @@ namespace posix {
 
 namespace {
 
-// Rounds of looking again before a wait goes to sleep: the other side usually answers within a
-// few microseconds on another core, and a sleep and wake-up cost more than that.
-constexpr int kSpins = 200;
+// Rounds of looking again before a wait goes to sleep (about 20 us on the project's VM): the
+// other side usually answers within that on another core, and a sleep and wake-up cost more.
+// On a machine whose cores are all busy the spin still pays: a sleeping reader or writer waits
+// for the scheduler to pick it again, and a pipe then moves a ring at a time (measured: 0.5 of
+// a Linux pipe with a 8 us spin, 6.9 with this one).
+constexpr int kSpins = 1000;
 
 template <class T>
 std::atomic_ref<T> at(T* field) {
