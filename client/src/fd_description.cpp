@@ -17,7 +17,6 @@ namespace pxc {
 
 namespace {
 
-constexpr uint32_t kSliceMs = 1000;
 // Bytes per write request: well inside one frame, and far above the 4096 bytes that a FIFO
 // takes whole, so that a write of up to 4096 bytes is one request and arrives unsplit.
 constexpr size_t kWriteChunk = 65536;
@@ -86,10 +85,10 @@ int Description::ensure(Slot& slot, uint64_t iface) {
 }
 
 int Description::call(Slot& slot, uint64_t iface, FrameWriter& req, Reply* out,
-                      bool* interrupted) {
+                      bool* interrupted, int* file) {
   int err = ensure(slot, iface);
   if (err != 0) return err;
-  err = slot.link->call(req, out, interrupted);
+  err = slot.link->call(req, out, interrupted, file);
   if (err != 0) {
     delete slot.link;
     slot.link = nullptr;

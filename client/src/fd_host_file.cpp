@@ -24,12 +24,7 @@ int Description::hostFile() {
   FrameWriter req(PX_ITEM_CMD_HOST_FILE);
   Reply reply;
   int file = -1;
-  if (ensure(item_, PX_IFACE_FS_ITEM) != 0) return -1;  // asked again next time
-  if (item_.link->call(req, &reply, nullptr, &file) != 0) {
-    delete item_.link;
-    item_.link = nullptr;
-    return -1;
-  }
+  if (call(item_, PX_IFACE_FS_ITEM, req, &reply, nullptr, &file) != 0) return -1;  // asked again
   if (reply.code != PX_RESULT_DONE && file >= 0) {
     close(file);
     file = -1;

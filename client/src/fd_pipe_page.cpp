@@ -16,7 +16,6 @@ namespace pxc {
 
 namespace {
 
-constexpr int kSliceMs = 1000;
 constexpr uint32_t kMaxRing = 1u << 20;
 
 }  // namespace
@@ -51,15 +50,10 @@ PipePage* Description::pipePage() {
   if (node_.find(PX_IFACE_FIFO_STATUS) == nullptr) return nullptr;
   std::lock_guard<std::mutex> lock(status_.mutex);
   if (pageAsked_.load(std::memory_order_relaxed)) return page_.load(std::memory_order_relaxed);
-  if (ensure(status_, PX_IFACE_FIFO_STATUS) != 0) return nullptr;  // asked again next time
   FrameWriter req(PX_FIFO_CMD_SHARED_PAGE);
   Reply reply;
   int file = -1;
-  if (status_.link->call(req, &reply, nullptr, &file) != 0) {
-    delete status_.link;
-    status_.link = nullptr;
-    return nullptr;
-  }
+  if (call(status_, PX_IFACE_FIFO_STATUS, req, &reply, nullptr, &file) != 0) return nullptr;
   size_t at = 0;
   int32_t token = 0;
   int32_t ring = 0;
@@ -90,8 +84,9 @@ bool Description::mayUse(uint64_t access) const {
 int64_t Description::pageRead(PipePage& page, void* buf, size_t n, bool nonblock) {
   using End = posix::PipeRing::End;
   if (!mayUse(PX_ACCESS_READ)) return -EBADF;
+  const int slice = nonblock ? 0 : static_cast<int>(kSliceMs);
   for (;;) {
-    posix::PipeRing::Result r = page.ring().read(buf, n, nonblock ? 0 : kSliceMs);
+    posix::PipeRing::Result r = page.ring().read(buf, n, slice);
     switch (r.end) {
       case End::kDone: return static_cast<int64_t>(r.count);
       case End::kEof: return 0;
@@ -109,9 +104,10 @@ int64_t Description::pageWrite(PipePage& page, const void* buf, size_t n, bool n
   using End = posix::PipeRing::End;
   if (!mayUse(PX_ACCESS_WRITE)) return -EBADF;
   const auto* bytes = static_cast<const uint8_t*>(buf);
+  const int slice = nonblock ? 0 : static_cast<int>(kSliceMs);
   size_t done = 0;
   while (done < n) {
-    posix::PipeRing::Result r = page.ring().write(bytes + done, n - done, nonblock ? 0 : kSliceMs);
+    posix::PipeRing::Result r = page.ring().write(bytes + done, n - done, slice);
     done += r.count;
     if (done == n) break;
     int fault = 0;

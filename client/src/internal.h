@@ -69,6 +69,9 @@ int checkRuntimeDir();
 // Longest wait for the reply to a request that the server answers at once: a reply that
 // takes this long means the server hangs (ETIMEDOUT).
 constexpr int kReplyTimeoutMs = 20000;
+// Longest wait of one step of a blocking read or write (in the server, or on a pipe's shared
+// page): between steps a blocked call notices a server that went away.
+constexpr uint32_t kSliceMs = 1000;
 
 // Moves `fd` to a number above 2 (close-on-exec) when it took a standard descriptor that was
 // closed, so that no link of the library is ever a program's standard input or output.
@@ -292,8 +295,10 @@ class Description {
   };
   // Opens `slot`'s link to the entry of `iface` when needed; called with slot.mutex held.
   int ensure(Slot& slot, uint64_t iface);
-  // One request on `slot`; drops the link after a transport error.
-  int call(Slot& slot, uint64_t iface, FrameWriter& req, Reply* out, bool* interrupted);
+  // One request on `slot`; drops the link after a transport error. A host descriptor that
+  // came with the reply goes to `*file` (-1 when none) when `file` is given.
+  int call(Slot& slot, uint64_t iface, FrameWriter& req, Reply* out, bool* interrupted,
+           int* file = nullptr);
   // Asks the status service; answers the status, or -1 when there is none to ask.
   int64_t status(uint32_t command);
   // Why a transfer of a file-system item moved nothing: the end of the file (0) for a read,

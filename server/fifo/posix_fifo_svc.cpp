@@ -42,14 +42,10 @@ void PosixFifoSvc::sharePage(const Ref<OutMsg>& out, uint32_t* ret) {
     if (holder == link) token = held;
   }
   // A link asking again gets the page again under the token it already has.
-  uint32_t fresh = fifo_->attachTo(out, link->peerPid());
-  if (fresh == 0) return;
-  if (token == 0) {
-    token = fresh;
-    holders_.emplace_back(link, token);
-  } else {
-    fifo_->releaseHolder(fresh);  // not needed: the link keeps its first token
-  }
+  const bool known = token != 0;
+  token = fifo_->attachTo(out, link->peerPid(), token);
+  if (token == 0) return;
+  if (!known) holders_.emplace_back(link, token);
   uint32_t ring = static_cast<uint32_t>(fifo_->capacity());
   out->write(&token, sizeof token);
   out->write(&ring, sizeof ring);

@@ -32,7 +32,8 @@ class Fifo : public Object {
   // Copies in up to `size` bytes, waiting for room up to the time-out; answers the count taken.
   // Answers at once, with what was taken so far, once the buffer is broken.
   uint64_t write(const void* buffer, uint64_t size, uint32_t timeoutMs);
-  // Copies out up to `size` buffered bytes without waiting; answers the count.
+  // Copies out up to `size` buffered bytes without waiting for bytes (only, up to a second,
+  // for a client's reader to finish its copy); answers the count.
   uint64_t readMax(void* buffer, uint64_t size);
   // Waits until `count` bytes are buffered (a count above the capacity waits for a full
   // buffer), or end-of-file is set even with nothing buffered; true when either holds. Ends
@@ -50,9 +51,10 @@ class Fifo : public Object {
   // A number no other buffer of this process has had, to tell buffers apart in diagnostics.
   uint64_t id() const { return id_; }
 
-  // Attaches a descriptor of the page to `out` (SCM_RIGHTS with the reply) and answers a new
-  // token for the client `pid` that receives it; 0 (nothing attached) when none could be made.
-  uint32_t attachTo(const Ref<OutMsg>& out, uint64_t pid);
+  // Attaches a descriptor of the page to `out` (SCM_RIGHTS with the reply) and answers the
+  // token of the client `pid` that receives it: `token` when it already has one, else a new
+  // one; 0 (nothing attached) when none could be made.
+  uint32_t attachTo(const Ref<OutMsg>& out, uint64_t pid, uint32_t token = 0);
   // Frees what the client with `token` still holds of the page: its process has gone.
   void releaseHolder(uint32_t token);
   // The pids of the clients that sleep in a read (waiting for bytes) or, with `writing`, in a

@@ -100,9 +100,9 @@ bool Fifo::eof() const { return (ring_.flags() & PX_PIPE_EOF) != 0; }
 bool Fifo::broken() const { return (ring_.flags() & PX_PIPE_BROKEN) != 0; }
 uint64_t Fifo::size() const { return ring_.buffered(); }
 
-uint32_t Fifo::attachTo(const Ref<OutMsg>& out, uint64_t pid) {
+uint32_t Fifo::attachTo(const Ref<OutMsg>& out, uint64_t pid, uint32_t token) {
   if (!out || out->attached_ >= 0) return 0;
-  uint32_t token = nextToken_.fetch_add(1, std::memory_order_relaxed);
+  if (token == 0) token = nextToken_.fetch_add(1, std::memory_order_relaxed);
   // Every token has been given out (a sleeper slot keeps twice the token in 32 bits).
   if (token <= PX_PIPE_SERVER_TOKEN || token >= (1u << 31)) return 0;
   out->attached_ = HostFd::opened(::fcntl(file_, F_DUPFD_CLOEXEC, 3));
