@@ -111,8 +111,9 @@ TEST_F(ChannelLinkTest, RepliesToGoneLinksNeverReachNewOnes) {
 }
 
 // Clients keep connecting and binding while the multiplex closes. Every link that got in is
-// shut down and disconnected, nothing connects once close() has returned, and no thread or
-// descriptor stays behind.
+// shut down and disconnected, nothing binds once close() has returned (a link that reaches the
+// socket, kept as a spare, is closed at once), and no thread or descriptor stays behind but
+// the spare sockets.
 TEST_F(MultiplexTest, CloseRacingIncomingConnectsEndsEveryLink) {
   auto openFds = [] {
     auto all = std::filesystem::directory_iterator("/proc/self/fd");
@@ -123,10 +124,11 @@ TEST_F(MultiplexTest, CloseRacingIncomingConnectsEndsEveryLink) {
     Ref<RecordingConMan> man = new RecordingConMan();
     Ref<Multiplex> racing = Multiplex::create(String::create(name.c_str()));
     ASSERT_TRUE(racing);
-    ASSERT_EQ(racing->add(echo(1), man), 1u);
+    const uint64_t service = racing->add(echo(1), man);
+    ASSERT_NE(service, 0u);
     const std::string where = chnPath(racing->channelId());
     std::atomic<bool> closeReturned{false};
-    std::atomic<int> lateConnects{0};
+    std::atomic<int> lateBinds{0};
     std::vector<std::vector<std::unique_ptr<Client>>> held(4);
     std::vector<std::thread> connectors;
     for (size_t t = 0; t < held.size(); ++t) {
@@ -138,8 +140,8 @@ TEST_F(MultiplexTest, CloseRacingIncomingConnectsEndsEveryLink) {
             if (after) return;
             continue;
           }
-          if (after) ++lateConnects;
-          binds(*c, 1, 200);  // answered, or ended by the close
+          // Answered, or ended by the close; never answered after it.
+          if (binds(*c, service, 200) && after) ++lateBinds;
           held[t].push_back(std::move(c));
         }
       });
@@ -148,14 +150,46 @@ TEST_F(MultiplexTest, CloseRacingIncomingConnectsEndsEveryLink) {
     racing->close();
     closeReturned = true;
     for (auto& t : connectors) t.join();
-    EXPECT_EQ(lateConnects.load(), 0) << round;
+    EXPECT_EQ(lateBinds.load(), 0) << round;
     for (auto& clients : held)
       for (auto& c : clients) EXPECT_TRUE(c->closedByPeer()) << round;
     EXPECT_TRUE(racing->wait(5000)) << round;
     EXPECT_EQ(man->disconnectCount(), man->connectCount()) << round;
   }
   EXPECT_TRUE(eventually([&] { return threadsNamed(name) == 0; }));
-  EXPECT_TRUE(eventually([&] { return openFds() <= fds; }));
+  EXPECT_TRUE(eventually([&] { return openFds() <= fds + static_cast<long>(Multiplex::kSpareSockets); }));
+}
+
+// A closed multiplex's socket serves the next multiplex (same channel id, no new file), whose
+// services are numbered past the old ones: a client that kept the old node reaches nothing.
+// A second with no multiplex open and the spares are gone with their files.
+TEST_F(MultiplexTest, ASpareSocketServesTheNextMultiplexButNeverTheOldServices) {
+  const uint64_t old = mux->add(echo(1), new RecordingConMan());
+  Client early(path);
+  ASSERT_TRUE(binds(early, old));
+  mux->close();
+  ASSERT_TRUE(mux->wait(5000));
+  EXPECT_TRUE(early.closedByPeer());
+  Client late(path);  // reaches the spare
+  EXPECT_FALSE(binds(late, old, 500));
+
+  Ref<Multiplex> next = Multiplex::create(String::create(name.c_str()));
+  ASSERT_TRUE(next);
+  EXPECT_EQ(next->channelId(), mux->channelId());
+  const uint64_t fresh = next->add(echo(2), new RecordingConMan());
+  EXPECT_GT(fresh, old);
+  Client stale(path);
+  EXPECT_FALSE(binds(stale, old, 500));
+  Client now(path);
+  ASSERT_TRUE(binds(now, fresh));
+  Frame f;
+  ASSERT_TRUE(now.send(request(7, 1)) && now.recvFrame(&f));
+  EXPECT_EQ(f.code, 2007u);
+
+  next->close();
+  ASSERT_TRUE(next->wait(5000));
+  EXPECT_TRUE(std::filesystem::exists(path));
+  EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(path); }, 5000));
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // The service multiplex: several services behind one channel socket (RT/chn/<id>, reachable by
-// id only). Services are numbered 1, 2, 3, ... in the order they are added. A client connects,
-// sends a bind frame naming a service, and from then on every request of that link goes to
-// that service.
+// id only). Services are numbered in the order they are added (1, 2, 3, ... on a fresh
+// socket). A client connects, sends a bind frame naming a service, and from then on every
+// request of that link goes to that service.
 //
 // Threads: one thread per link. Connections are accepted by a single acceptor thread that the
 // process shares among all its multiplexes, so an idle multiplex costs no thread. A link's
@@ -34,6 +34,9 @@ class Multiplex : public Object {
   // Links one process may hold on all multiplexes of this process together (each is a thread
   // here); a link beyond it is refused with one reply frame (id 0, result PX_RESULT_LIMIT).
   static constexpr size_t kMaxLinksPerProcess = 512;
+  // Listening sockets of closed multiplexes that the process keeps, bound, for the next ones
+  // it makes (see close()); each holds a descriptor and a file in RT/chn.
+  static constexpr size_t kSpareSockets = 8;
 
   // Watches the requests of every multiplex of the process (for diagnostics): `classify` is
   // asked once per link, when its bind is accepted, for a number that stands for the bound
@@ -53,8 +56,9 @@ class Multiplex : public Object {
   static Ref<Multiplex> create(Ref<String> name);
 
   // Adds a service served for links that bind to it; `conMan` is asked on every bind and told
-  // of every bound link that closes. Answers the service id (1, 2, 3, ...), or 0 when either is
-  // null or the multiplex was closed.
+  // of every bound link that closes. Answers the service id (1, 2, 3, ... on a fresh socket;
+  // on a spare, the ids go on from the last one its earlier multiplex gave out), or 0 when
+  // either is null or the multiplex was closed.
   uint64_t add(Ref<Interfaces::Service> service, Ref<ConMan> conMan);
   uint64_t channelId() const;
   const Ref<String>& name() const;
@@ -62,6 +66,13 @@ class Multiplex : public Object {
   // Stops accepting, removes the socket file and shuts every link down; once it has returned no
   // further link is admitted. Any thread may call it, one of the multiplex's own link threads
   // too (from a handler or a notification).
+  //
+  // Binding and removing a socket file costs more than the requests of a short-lived
+  // multiplex, so up to kSpareSockets closed sockets stay bound as spares, and create() takes
+  // one over (same channel id) when it can. A link that reaches a spare is closed at once, and
+  // a later multiplex on it numbers its services past the earlier ones, so a node of a closed
+  // multiplex never reaches another. Spares go when the process has no multiplex open for a
+  // second, and at shut-down.
   void close();
   // Waits until every link thread of the multiplex has ended, except the calling thread when it
   // is one of them; false when the time-out ended first. Called from inside a notification, it

@@ -17,22 +17,24 @@ namespace Libraries::Service {
 Multiplex::Multiplex(Ref<String> name) : name_(std::move(name)) {}
 
 Ref<Multiplex> Multiplex::create(Ref<String> name) {
-  if (!Runtime::prepare(nullptr)) {
-    Error::set(EACCES);
-    return nullptr;
-  }
   if (!name) name = String::create("Multiplex");
   Ref<Core> core = new Core();
   core->name = name;
-  core->listenFd = chnListenAtFreshId(&core->id, &core->socketPath);
-  if (core->listenFd < 0) {
-    Error::set(errno);
-    core->fileRemoved = true;  // nothing was made
-    return nullptr;
-  }
-  if (!MuxAcceptor::watch(core)) {
-    Error::set(errno);
-    return nullptr;  // ~Core closes the socket and removes its file
+  if (!MuxAcceptor::reuse(core)) {
+    if (!Runtime::prepare(nullptr)) {
+      Error::set(EACCES);
+      return nullptr;
+    }
+    core->listenFd = chnListenAtFreshId(&core->id, &core->socketPath);
+    if (core->listenFd < 0) {
+      Error::set(errno);
+      core->fileRemoved = true;  // nothing was made
+      return nullptr;
+    }
+    if (!MuxAcceptor::watch(core)) {
+      Error::set(errno);
+      return nullptr;  // ~Core closes the socket and removes its file
+    }
   }
   Ref<Multiplex> mux = new Multiplex(name);
   mux->core_ = core;
@@ -59,7 +61,7 @@ uint64_t Multiplex::add(Ref<Interfaces::Service> service, Ref<ConMan> conMan) {
   std::lock_guard lock(core_->mutex);
   if (core_->closed) return 0;
   core_->services.push_back({std::move(service), std::move(conMan)});
-  return core_->services.size();
+  return core_->serviceBase + core_->services.size();
 }
 
 uint64_t Multiplex::channelId() const { return core_->id; }
@@ -104,8 +106,8 @@ void Multiplex::Core::forget(const Ref<ChnLink>& link) {
 
 bool Multiplex::Core::lookup(uint64_t serviceId, Entry* entry) {
   std::lock_guard lock(mutex);
-  if (serviceId == 0 || serviceId > services.size()) return false;
-  *entry = services[serviceId - 1];
+  if (serviceId <= serviceBase || serviceId - serviceBase > services.size()) return false;
+  *entry = services[serviceId - serviceBase - 1];
   return true;
 }
 
@@ -136,16 +138,23 @@ void Multiplex::Core::removeFile() {
 
 void Multiplex::Core::close() {
   std::vector<Ref<ChnLink>> open;
+  uint64_t nextBase = 0;
   {
     std::lock_guard lock(mutex);
     if (closed) return;
     closed = true;
     open = links;
+    nextBase = serviceBase + services.size();
   }
-  removeFile();
-  // From here on no link is accepted: a connection that arrived meanwhile is refused by admit(),
-  // and the socket closes, ending those still waiting in its queue.
-  MuxAcceptor::unwatch(*this);
+  // From here on no link is admitted: a connection that arrived meanwhile is refused by
+  // admit(), and the socket either closes (ending those still waiting in its queue) or, kept
+  // as a spare, ends every link that reaches it.
+  if (MuxAcceptor::unwatch(*this, nextBase)) {
+    std::lock_guard lock(mutex);
+    fileRemoved = true;  // the file is the spare's now
+  } else {
+    removeFile();
+  }
   // Each link's thread sees its socket shut down in its poll and ends the link; a handler
   // that waits in slices sees ChnLink::peerGone().
   for (const Ref<ChnLink>& link : open) link->shutdown();

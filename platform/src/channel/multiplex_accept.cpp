@@ -12,10 +12,14 @@
 // Each process may hold Multiplex::kMaxLinksPerProcess links on all multiplexes together; the
 // count lives here, since every link of every multiplex is accepted here.
 //
+// A spare socket stays listed and watched with no core: what it accepts is closed at once. Its
+// key does not change when a new multiplex takes it over, so an event reported for the spare
+// is simply handled for the new multiplex (whose services refuse a bind to an old id).
+//
 // The acceptor's state is made on first use and never destroyed: the detached thread may still
 // be waiting in epoll while the process exits. The thread itself starts with the first watched
-// multiplex and ends after a second with none, so a process that has closed all its
-// multiplexes is back to the threads it had before the first.
+// multiplex and ends after a second with none (its spares then go too), so a process that has
+// closed all its multiplexes is back to the threads and files it had before the first.
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -24,12 +28,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "chn_peer.h"
 #include "multiplex_core.h"
 #include "file/host_fd.h"
+#include "platform/runtime.h"
 
 namespace Libraries::Service {
 namespace {
@@ -48,8 +54,16 @@ constexpr int kIdleEndMs = 1000;
 constexpr uint64_t kWakeKey = 0;
 
 struct Listener {
-  Ref<Multiplex::Core> core;
+  Ref<Multiplex::Core> core;  // null while the socket is a spare
   int fd;
+};
+
+// What a spare socket keeps of the multiplex that served it last.
+struct Spare {
+  uint64_t key;
+  uint64_t id;
+  std::string path;
+  uint64_t nextBase;  // the service base of the next multiplex on it
 };
 
 struct Accepted {
@@ -87,27 +101,61 @@ class Acceptor : public Object, public Exec {
     return true;
   }
 
-  void unwatch(Multiplex::Core& core) {
+  bool reuse(const Ref<Multiplex::Core>& core) {
+    std::vector<Spare> foreign;  // spares of another runtime directory: they go
+    bool taken = false;
+    {
+      std::lock_guard lock(mutex_);
+      if (spares_.empty()) return false;
+      const std::string here = Runtime::path("chn/");
+      Runtime::MakingFile making;  // a shut-down has removed the spares' files
+      while (!spares_.empty() && !taken) {
+        Spare spare = std::move(spares_.back());
+        spares_.pop_back();
+        auto it = listeners_.find(spare.key);
+        if (it == listeners_.end()) continue;
+        if (!making.allowed() || spare.path.compare(0, here.size(), here) != 0) {
+          foreign.push_back(std::move(spare));
+          continue;
+        }
+        it->second.core = core;
+        core->acceptKey = spare.key;
+        core->id = spare.id;
+        core->socketPath = std::move(spare.path);
+        core->serviceBase = spare.nextBase;
+        taken = true;
+      }
+    }
+    for (const Spare& spare : foreign) {
+      closeListener(spare.key);
+      ::unlink(spare.path.c_str());
+      Runtime::disownFile(spare.path);
+    }
+    return taken;
+  }
+
+  bool unwatch(Multiplex::Core& core, uint64_t nextBase) {
     Listener gone{nullptr, -1};
     {
       std::lock_guard lock(mutex_);
       auto it = listeners_.find(core.acceptKey);
-      if (it == listeners_.end()) return;
-      gone = std::move(it->second);
-      listeners_.erase(it);
-      // Fails harmlessly for a paused listener, which is out of the set already.
-      ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, gone.fd, nullptr);
-      // The last one: a thread waiting without a time-out is woken to count its idle time.
-      // Only then: creating and closing one multiplex at a time must not cost a wake-up each.
-      if (listeners_.empty() && waitsForever_) {
-        waitsForever_ = false;
-        uint64_t one = 1;
-        ssize_t n = ::write(wakeFd_, &one, sizeof one);
-        (void)n;  // a full counter wakes the thread just as well
+      if (it == listeners_.end()) return false;
+      if (spares_.size() < Multiplex::kSpareSockets && Runtime::MakingFile().allowed()) {
+        it->second.core = nullptr;
+        spares_.push_back({core.acceptKey, core.id, core.socketPath, nextBase});
+        wakeIfIdleLocked();
+        return true;
       }
+      gone = unlistLocked(it);
     }
     // Unlisted: the acceptor can no longer reach the socket, so it may close outside the lock.
     HostFd::close(gone.fd);
+    return false;
+  }
+
+  size_t spares() {
+    std::lock_guard lock(mutex_);
+    return spares_.size();
   }
 
   void run() override {
@@ -131,6 +179,40 @@ class Acceptor : public Object, public Exec {
 
  private:
   Acceptor() = default;
+
+  // Takes a listener out of the set; the caller closes its socket outside the lock.
+  Listener unlistLocked(std::unordered_map<uint64_t, Listener>::iterator it) {
+    Listener gone = std::move(it->second);
+    listeners_.erase(it);
+    // Fails harmlessly for a paused listener, which is out of the set already.
+    ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, gone.fd, nullptr);
+    wakeIfIdleLocked();
+    return gone;
+  }
+
+  // Whether a multiplex is watched (spares do not count).
+  bool activeLocked() const { return listeners_.size() > spares_.size(); }
+
+  // The last multiplex went: a thread waiting without a time-out is woken to count its idle
+  // time. Only then: creating and closing one multiplex at a time must not cost a wake-up each.
+  void wakeIfIdleLocked() {
+    if (activeLocked() || !waitsForever_) return;
+    waitsForever_ = false;
+    uint64_t one = 1;
+    ssize_t n = ::write(wakeFd_, &one, sizeof one);
+    (void)n;  // a full counter wakes the thread just as well
+  }
+
+  void closeListener(uint64_t key) {
+    Listener gone{nullptr, -1};
+    {
+      std::lock_guard lock(mutex_);
+      auto it = listeners_.find(key);
+      if (it == listeners_.end()) return;
+      gone = unlistLocked(it);
+    }
+    HostFd::close(gone.fd);
+  }
 
   // Makes the epoll set and the wake-up event the first time a multiplex is watched, and the
   // thread whenever none is running; a failed start is tried again by the next watch.
@@ -189,6 +271,11 @@ class Acceptor : public Object, public Exec {
           if (errno != EAGAIN && errno != EWOULDBLOCK) pauseLocked(key, l.fd);
           break;
         }
+        if (!l.core) {  // a spare: as if nobody listened
+          HostFd::close(fd);
+          if (fromReserve) DescriptorReserve::refill();
+          continue;
+        }
         ChnPeer peer;
         Ref<Object> ticket;
         bool admitted = admitPeer(fd, *peerLinks_, fromReserve, &peer, &ticket);
@@ -232,7 +319,7 @@ class Acceptor : public Object, public Exec {
     int ms = -1;
     {
       std::lock_guard lock(mutex_);
-      if (listeners_.empty()) ms = kIdleEndMs;
+      if (!activeLocked()) ms = kIdleEndMs;
       waitsForever_ = ms < 0 && paused_.empty();
     }
     if (paused_.empty()) return ms;
@@ -243,13 +330,27 @@ class Acceptor : public Object, public Exec {
     return ms < 0 ? due : std::min(ms, due);
   }
 
-  // After a wait that timed out: true when nothing is watched, and the thread then ends. The
-  // next watch() starts a new one; the state stays.
+  // After a wait that timed out: true when no multiplex is watched, and the thread then ends,
+  // closing the spares and removing their files. The next watch() starts a new thread; the
+  // state stays.
   bool endIfIdle() {
-    std::lock_guard lock(mutex_);
-    if (!listeners_.empty()) return false;
-    paused_.clear();  // only keys of unwatched listeners can be left
-    started_ = false;
+    std::vector<std::pair<int, std::string>> gone;
+    {
+      std::lock_guard lock(mutex_);
+      if (activeLocked()) return false;
+      for (Spare& spare : spares_) {
+        auto it = listeners_.find(spare.key);
+        if (it != listeners_.end()) gone.emplace_back(unlistLocked(it).fd, std::move(spare.path));
+      }
+      spares_.clear();
+      paused_.clear();  // only keys of unwatched listeners can be left
+      started_ = false;
+    }
+    for (auto& [fd, path] : gone) {
+      HostFd::close(fd);
+      ::unlink(path.c_str());
+      Runtime::disownFile(path);
+    }
     return true;
   }
 
@@ -266,6 +367,7 @@ class Acceptor : public Object, public Exec {
   // Links of each process on all multiplexes; locks itself.
   const Ref<PeerLinks> peerLinks_ = PeerLinks::create(Multiplex::kMaxLinksPerProcess);
   std::unordered_map<uint64_t, Listener> listeners_;  // guarded by mutex_
+  std::vector<Spare> spares_;  // guarded by mutex_: each also listed in listeners_, core null
   std::vector<Pause> paused_;  // the running acceptor thread only (handed on under mutex_)
 };
 
@@ -275,8 +377,14 @@ bool MuxAcceptor::watch(const Ref<Multiplex::Core>& core) {
   return Acceptor::instance().watch(core);
 }
 
-void MuxAcceptor::unwatch(Multiplex::Core& core) {
-  if (core.acceptKey) Acceptor::instance().unwatch(core);
+bool MuxAcceptor::reuse(const Ref<Multiplex::Core>& core) {
+  return Acceptor::instance().reuse(core);
 }
+
+bool MuxAcceptor::unwatch(Multiplex::Core& core, uint64_t nextBase) {
+  return core.acceptKey != 0 && Acceptor::instance().unwatch(core, nextBase);
+}
+
+size_t MuxAcceptor::spares() { return Acceptor::instance().spares(); }
 
 }  // namespace Libraries::Service

@@ -36,7 +36,7 @@ struct Multiplex::Core : public Object {
   void forget(const Ref<ChnLink>& link);
   // The last thing a link thread does.
   void threadEnded();
-  // The service with id `id` (1-based); false when there is none.
+  // The service with id `id` (serviceBase + 1 onwards); false when there is none.
   bool lookup(uint64_t id, Entry* entry);
 
   // Around every connect and disconnect call: one notification of the multiplex at a time.
@@ -52,6 +52,10 @@ struct Multiplex::Core : public Object {
   Ref<String> name;
   uint64_t id = 0;
   std::string socketPath;
+  // Service ids of this multiplex start after this: 0 on a fresh socket; on a socket that an
+  // earlier multiplex served, past every id that one gave out, so that a node of the earlier
+  // multiplex never binds to a service of this one.
+  uint64_t serviceBase = 0;
   // The listening socket until the acceptor takes it over (then -1); ~Core closes it only when
   // the acceptor never had it.
   int listenFd = -1;
@@ -73,14 +77,27 @@ struct Multiplex::Core : public Object {
 // The one acceptor thread of the process (multiplex_accept.cpp). It waits on the listening
 // sockets of every open multiplex at once, accepts, admits each link to its multiplex and
 // starts the link's thread outside its own lock.
+//
+// It also keeps a few spare sockets: the listening sockets of multiplexes that have closed,
+// still bound and watched. A link that reaches a spare is closed at once, as if the socket
+// were gone; a new multiplex takes a spare instead of binding a socket of its own, which
+// spares the file-system work of making and removing a socket for every short-lived multiplex
+// (a pipe end lives for a few requests).
 namespace MuxAcceptor {
+// Hands `core` a spare socket of the current runtime directory and starts accepting for it:
+// sets its id, socket path, service base and accept key. False when there is none.
+bool reuse(const Ref<Multiplex::Core>& core);
 // Takes over `core`'s listening socket and starts accepting for it; starts the acceptor thread
 // on first use. False with errno set when the socket cannot be watched or the thread not made;
 // the socket then stays the core's.
 bool watch(const Ref<Multiplex::Core>& core);
-// Stops accepting for `core` and closes its listening socket. Once it returns the acceptor no
-// longer touches the socket or admits links to the core. Harmless when never watched.
-void unwatch(Multiplex::Core& core);
+// Stops accepting for `core`. The socket becomes a spare when there is room (its file then
+// stays, and true is answered); otherwise it is closed and the caller removes its file. Once
+// it returns the acceptor no longer admits links to the core. `nextBase` is the service base
+// for the socket's next multiplex. Harmless (false) when never watched.
+bool unwatch(Multiplex::Core& core, uint64_t nextBase);
+// The number of spare sockets now (tests and diagnostics).
+size_t spares();
 }  // namespace MuxAcceptor
 
 }  // namespace Libraries::Service
