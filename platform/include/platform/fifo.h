@@ -10,6 +10,10 @@
 // the page to a client, which then reads and writes it in its own process by the same rules
 // (posix::PipeRing) under a token of its own. The flags stay the owner's to set; release frees
 // whatever a client that has gone still held.
+//
+// The page is made on first use (a write, a wait for bytes, or handing it out), so a buffer
+// that is made and dropped unused costs no memory file. When it cannot be made, the buffer
+// ends as if both sides had gone (end-of-file and broken), so that nobody waits on it.
 #pragma once
 
 #include <atomic>
@@ -24,8 +28,8 @@
 
 class Fifo : public Object {
  public:
-  // A buffer that holds up to `capacity` bytes (1 to 1 MiB); null (and Error set) when its
-  // page cannot be made.
+  // A buffer that holds up to `capacity` bytes (1 to 1 MiB); null (and Error set) for another
+  // capacity.
   static Ref<Fifo> create(uint64_t capacity);
   ~Fifo() override;
 
@@ -62,14 +66,22 @@ class Fifo : public Object {
   std::vector<uint64_t> sleeping(bool writing) const;
 
  private:
-  Fifo(uint64_t capacity, int file, void* page, uint64_t pageSize);
+  struct Page;
+  explicit Fifo(uint64_t capacity);
+  // The page, made now if need be; null when it cannot be made (the flags are then set).
+  Page* page();
+  // The page if it has been made, else null.
+  Page* made() const { return page_.load(std::memory_order_acquire); }
+  // Sets flags on the server's side and on the page, if there is one.
+  void raise(uint32_t bits);
 
   const uint64_t capacity_;
   const uint64_t id_;
-  const int file_;          // the page's memory file, kept to hand it out
-  void* const page_;
-  const uint64_t pageSize_;
-  posix::PipeRing ring_;    // the server's own hands on the page, as PX_PIPE_SERVER_TOKEN
+  std::mutex pageMutex_;  // serialises making the page with raising flags
+  std::atomic<Page*> page_{nullptr};  // set once, under pageMutex_
+  // PX_PIPE_EOF and PX_PIPE_BROKEN as the server set them: the page carries a copy, which a
+  // client could overwrite; the server goes by this one.
+  std::atomic<uint32_t> flags_{0};
   std::atomic<uint32_t> nextToken_{PX_PIPE_SERVER_TOKEN + 1};
   mutable std::mutex holdersMutex_;
   std::map<uint32_t, uint64_t> holders_;  // guarded by holdersMutex_: token -> pid
