@@ -117,7 +117,15 @@ int receiveError(ssize_t n) {
 int ServiceLink::call(FrameWriter& req, Reply* out, bool* interrupted, int* file) {
   uint64_t id = 0;
   int err = sendRequest(req, &id);
-  if (err != 0) return err;
+  return err != 0 ? err : awaitReply(id, out, interrupted, file);
+}
+
+int ServiceLink::settle(uint64_t id) {
+  Reply reply;
+  return awaitReply(id, &reply, nullptr, nullptr);
+}
+
+int ServiceLink::awaitReply(uint64_t id, Reply* out, bool* interrupted, int* file) {
   if (file != nullptr) *file = -1;
   for (;;) {
     struct iovec iov = {buffer_.data(), buffer_.size()};
@@ -148,7 +156,7 @@ int ServiceLink::call(FrameWriter& req, Reply* out, bool* interrupted, int* file
     if (out->id == id) return 0;
     // The server refused the link itself (a bound of this process): id 0, result 11.
     if (out->id == 0 && out->code == PX_RESULT_LIMIT) return EAGAIN;
-    // An answer to an earlier request of this link that its caller gave up on: skip it.
+    // An answer to an earlier request of this link, posted or given up on: skip it.
   }
 }
 

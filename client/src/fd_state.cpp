@@ -24,6 +24,9 @@ struct FdState {
   ServiceLink* link = nullptr;   // guarded by mutex: the descriptor service
   std::map<int, std::shared_ptr<Description>> fds;  // guarded by mutex; null: reserved
   int64_t aliveUntil = 0;        // guarded by mutex: the link was seen alive until this time
+  uint64_t lastPosted = 0;       // guarded by mutex: id of the last posted request
+  // Posted requests not yet answered; written under mutex, read without it by settleFds.
+  std::atomic<uint32_t> posted{0};
 };
 
 
@@ -53,6 +56,7 @@ bool linkGone() {
 std::atomic<bool> forked{false};
 
 void dropLocked() {
+  fs().posted.store(0, std::memory_order_relaxed);
   fs().aliveUntil = 0;
   delete fs().link;
   fs().link = nullptr;
@@ -124,6 +128,31 @@ int FdSession::request(FrameWriter& req, Reply* out, int* file) {
     dropLocked();
     err_ = err;
   }
+  // Replies come in order: the posted ones were skipped on the way to this one.
+  fs().posted.store(0, std::memory_order_relaxed);
+  return err;
+}
+
+bool FdSession::post(FrameWriter& req) {
+  if (err_ != 0 || fs().posted.load(std::memory_order_relaxed) >= kMaxPosted) return false;
+  int err = fs().link->post(req, &fs().lastPosted);
+  if (err != 0) {
+    dropLocked();
+    err_ = err;
+    return false;
+  }
+  fs().posted.fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
+int FdSession::settle() {
+  if (err_ != 0 || fs().posted.load(std::memory_order_relaxed) == 0) return err_;
+  int err = fs().link->settle(fs().lastPosted);
+  fs().posted.store(0, std::memory_order_relaxed);
+  if (err != 0) {
+    dropLocked();
+    err_ = err;
+  }
   return err;
 }
 
@@ -150,7 +179,8 @@ std::vector<std::pair<int, std::shared_ptr<Description>>> FdSession::all() const
 
 int lookupFd(int fd, std::shared_ptr<Description>* out) {
   FdSession session;
-  if (session.error() != 0) return session.error();
+  // What the description shows (end-of-file, a broken pipe) may hang on a posted close.
+  if (session.settle() != 0) return session.error();
   bool known = false;
   *out = session.get(fd, &known);
   return *out ? 0 : EBADF;
@@ -158,7 +188,18 @@ int lookupFd(int fd, std::shared_ptr<Description>* out) {
 
 void resetFds() {
   std::lock_guard<std::mutex> lock(fs().mutex);
+  // A close posted by this process is served before it lets go of the link.
+  if (!forked.load(std::memory_order_relaxed) && fs().posted.load(std::memory_order_relaxed) != 0)
+    fs().link->settle(fs().lastPosted);
   dropLocked();
+}
+
+void settleFds() {
+  // A forked child never waits for its parent's replies: its copy of the link goes unused.
+  if (fs().posted.load(std::memory_order_acquire) == 0 || forked.load(std::memory_order_relaxed))
+    return;
+  FdSession session;
+  session.settle();
 }
 
 }  // namespace pxc

@@ -199,12 +199,20 @@ class ServiceLink {
   // when the data does not fit. Blocks after the data are not looked at.
   int callInto(FrameWriter& req, void* buf, size_t cap, uint32_t* status, size_t* got,
                bool* interrupted);
+  // Sends a request without waiting for its reply, which a later call skips or settle()
+  // takes: 0 or an errno value. *id is the request's id.
+  int post(FrameWriter& req, uint64_t* id) { return sendRequest(req, id); }
+  // Waits for the reply to the posted request `id` (and so for every one posted before it):
+  // 0 or an errno value, as for call.
+  int settle(uint64_t id);
 
  private:
   explicit ServiceLink(int fd);
   static ServiceLink* openPath(const std::string& path, int* err);
   // Sends the request with a fresh id: 0 or an errno value.
   int sendRequest(FrameWriter& req, uint64_t* id);
+  // Receives until the reply to `id`, skipping earlier ones; the rest as for call.
+  int awaitReply(uint64_t id, Reply* out, bool* interrupted, int* file);
   int fd_;
   std::vector<uint8_t> buffer_;  // one datagram
 };
@@ -354,6 +362,15 @@ class FdSession {
   // gone, and its descriptions with it). With `file`, a host descriptor that came with the
   // reply (else -1).
   int request(FrameWriter& req, Reply* out, int* file = nullptr);
+  // Sends a request whose reply nobody needs (a close of a number the view knows), without
+  // waiting: the next request on the link skips its reply, and settle() waits for it. False
+  // when kMaxPosted replies are outstanding already (or the view is broken): the caller then
+  // makes it a request.
+  bool post(FrameWriter& req);
+  // Waits until the server has answered every posted request. 0 or an errno value.
+  int settle();
+  // Requests posted and not answered at most.
+  static constexpr uint32_t kMaxPosted = 8;
   // The description of `fd`; *known tells a reserved number from a number not in the view.
   std::shared_ptr<Description> get(int fd, bool* known) const;
   void set(int fd, std::shared_ptr<Description> d);
@@ -375,7 +392,11 @@ int askValue(Description& d, uint64_t iface, FrameWriter& req, uint64_t* value);
 int lookupFd(int fd, std::shared_ptr<Description>* out);
 
 // Drops the local descriptor view (after a fork, or for a new instance): the next call fetches
-// the table again.
+// the table again. Closes that were posted are settled first.
 void resetFds();
+// Waits until the server has served the descriptor closes this process posted, so that no
+// other request overtakes them (a spawn must not copy a descriptor that was closed before
+// it). Cheap when none are outstanding; called before every request to the process service.
+void settleFds();
 
 }  // namespace pxc

@@ -79,6 +79,7 @@ void release(Connection* conn, bool reusable) {
 
 int transact(FrameWriter& req, Reply* out, bool mayWait) {
   if (!req.ok()) return E2BIG;
+  settleFds();  // no request overtakes a close this process made
   for (;;) {
     int err = 0;
     bool reused = false;

@@ -77,10 +77,14 @@ TEST_F(FileShareTest, ItemServiceAnswersUntilTheLastDescriptorCloses) {
   EXPECT_EQ(reply.code, PX_RESULT_FAILED);
   EXPECT_TRUE(reply.data.empty());
 
+  // px_close does not wait for the server's word; the next call that reaches the server (here
+  // the table, which lists only the dup then) waits for the close to be served.
   ASSERT_EQ(px_close(fd), 0);
+  EXPECT_EQ(px_fd_table(nullptr, 0), 1);
   ASSERT_TRUE(link->roundTrip(PX_ITEM_CMD_DESCRIBE, 3, {}, &reply)) << "a descriptor is left";
   EXPECT_EQ(reply.code, PX_ITEM_RESULT_OK);
   ASSERT_EQ(px_close(dup), 0);
+  EXPECT_EQ(px_fd_table(nullptr, 0), 0);
   // Gone: the service answers 0 with nothing, or its multiplex has closed the link already.
   if (link->roundTrip(PX_ITEM_CMD_DESCRIBE, 4, {}, &reply)) {
     EXPECT_EQ(reply.code, PX_RESULT_FAILED);
