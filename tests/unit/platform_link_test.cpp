@@ -73,6 +73,30 @@ TEST_F(ChannelLinkTest, SlowReadersGetEveryReplyInOrderAndNonReadersAreDroppedAt
   EXPECT_FALSE(toBusy->reply(reply(0, 0)));
 }
 
+// Requests a client sent in a row are read together; their replies wait until the service has
+// handled the last of them (it asks for the next request), then all go out, in order.
+TEST_F(ChannelLinkTest, RepliesToABatchGoOutTogetherOnceItIsHandled) {
+  Ref<Chn> own = Chn::create(new RecordingConMan());
+  ASSERT_TRUE(own);
+  Client c(chnPath(own->id()));
+  for (uint64_t id = 1; id <= 3; ++id) ASSERT_TRUE(c.send(request(1, id)));
+  Bytes raw;
+  for (uint64_t id = 1; id <= 3; ++id) {
+    Ref<InMsg> msg = own->receive(2000);
+    ASSERT_TRUE(msg);
+    EXPECT_EQ(msg->id(), id);
+    ASSERT_TRUE(msg->reply(reply(static_cast<uint32_t>(id), 0)));
+    EXPECT_EQ(c.recvRaw(&raw, 0), -1) << "a reply went out before the batch was handled";
+  }
+  EXPECT_FALSE(own->receive(50));  // handled: the replies go
+  for (uint32_t id = 1; id <= 3; ++id) {
+    Frame f;
+    ASSERT_TRUE(c.recvFrame(&f, 2000));
+    EXPECT_EQ(f.id, id);
+  }
+  own->close();
+}
+
 // Replies race with links closing and with new links taking over their descriptor numbers: a
 // reply meant for a link that has gone must never reach whoever holds the number now.
 TEST_F(ChannelLinkTest, RepliesToGoneLinksNeverReachNewOnes) {

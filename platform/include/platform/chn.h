@@ -91,6 +91,12 @@ class ChnLink : public Object {
   // Sends queued frames; called by the channel's thread when the socket has room. Answers true
   // when nothing is left queued.
   bool flush();
+  bool flushLocked();
+  // The channel's thread read several requests of this link at once: their replies wait until
+  // sendHeld(), after the last of them was handled, and then go out together, so the client
+  // wakes once for all of them. A reply that carries a host descriptor ends the hold early.
+  void hold();
+  void sendHeld();
   // Closes the socket; called by the channel's thread when it disconnects the link.
   void closeSocket();
   // True once shutdown() ran or the reply queue overflowed: the channel's thread must
@@ -106,6 +112,7 @@ class ChnLink : public Object {
   bool dropped_ = false;                 // guarded by mutex_; set by shutdown() and overflow
   std::deque<std::vector<uint8_t>> queue_;  // guarded by mutex_: replies waiting for room
   size_t queuedBytes_ = 0;               // guarded by mutex_
+  bool held_ = false;                    // guarded by mutex_: replies wait for sendHeld()
   const ChnPeer peer_;
   // Guarded by mutex_: counts this link against its process's bound; released by
   // closeSocket(), so a process's count follows the sockets it holds.

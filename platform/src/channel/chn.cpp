@@ -179,7 +179,7 @@ Ref<Chn> Chn::create(Ref<ConMan> conMan, Ref<String> name) {
     return nullptr;
   }
   s->listenWatched = true;
-  s->buffer.resize(PX_WIRE_MAX_FRAME);
+  s->buffer.resize(ChnServe::kBatch * PX_WIRE_MAX_FRAME);
   s->conMan = std::move(conMan);
   return chn;
 }

@@ -44,8 +44,15 @@ struct Chn::Impl {
   bool listenWatched = false;
   std::chrono::steady_clock::time_point acceptResume;  // when a paused listener is rearmed
   uint64_t nextKey = 2;  // keys 0 and 1 are the listening socket and the wake-up event
-  std::deque<Ref<InMsg>> ready;  // requests read but not yet answered by receive()
-  std::vector<uint8_t> buffer;   // one datagram, PX_WIRE_MAX_FRAME bytes
+  struct Ready {
+    Ref<InMsg> msg;
+    bool lastOfBatch;  // the last of several read from its link at once, whose replies wait
+  };
+  std::deque<Ready> ready;  // requests read but not yet answered by receive()
+  // The link whose held replies go out when the service next calls receive(): it has handled
+  // the last request of the batch by then.
+  Ref<ChnLink> releaseNext;
+  std::vector<uint8_t> buffer;  // ChnServe::kBatch datagrams of PX_WIRE_MAX_FRAME bytes
 };
 
 // A non-blocking listening socket at a fresh RT/chn/<id> (chn.cpp), owned by the process (it
@@ -64,9 +71,11 @@ struct ChnServe {
   static constexpr size_t kLightRoom = 256;
   // A listener paused for want of descriptors is tried again after this long.
   static constexpr int kAcceptPauseMs = 100;
+  // Datagrams read from one link in one pass at most.
+  static constexpr size_t kBatch = 4;
 
-  // One round of waiting, at most `waitMs` (-1: for ever): accepts links, reads at most one
-  // datagram from each ready link and flushes queued replies. Answers false when the wait
+  // One round of waiting, at most `waitMs` (-1: for ever): accepts links, reads up to kBatch
+  // datagrams from each ready link and flushes queued replies. Answers false when the wait
   // itself failed.
   static bool pass(Chn::Impl& s, Chn* chn, int waitMs);
   // Disconnects every link, closes the listener and lets go of the manager.
@@ -80,7 +89,7 @@ struct ChnServe {
   static void acceptLinks(Chn::Impl& s, Chn* chn);
   static void addLink(Chn::Impl& s, Chn* chn, int fd, bool fromReserve);
   static void serveLink(Chn::Impl& s, uint64_t key, uint32_t events);
-  static void readOne(Chn::Impl& s, uint64_t key);
+  static void readBatch(Chn::Impl& s, uint64_t key);
   static void serveAttention(Chn::Impl& s);
   static void armOut(Chn::Impl& s, Chn::Impl::Entry& entry, bool on);
 };

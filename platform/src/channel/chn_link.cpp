@@ -29,13 +29,13 @@ bool ChnLink::sendFrame(const uint8_t* frame, size_t size) {
   {
     std::lock_guard lock(mutex_);
     if (fd_ < 0 || dropped_ || size == 0 || size > PX_WIRE_MAX_FRAME) return false;
-    if (queue_.empty()) {
+    if (queue_.empty() && !held_) {
       bool again = false;
       if (sendNow(fd_, frame, size, &again)) return true;
       if (!again) return false;
     }
   }
-  // It has to wait behind others or for room: the queue keeps a copy.
+  // It has to wait behind others, for room or for sendHeld(): the queue keeps a copy.
   return sendFrame(std::vector<uint8_t>(frame, frame + size));
 }
 
@@ -43,6 +43,11 @@ bool ChnLink::sendFrame(std::vector<uint8_t> frame, int file) {
   {
     std::lock_guard lock(mutex_);
     if (fd_ < 0 || dropped_ || frame.empty() || frame.size() > PX_WIRE_MAX_FRAME) return false;
+    if (held_ && file >= 0) {
+      // The descriptor cannot wait in the queue: what was held goes now, and this after it.
+      held_ = false;
+      if (!flushLocked()) attendLocked();
+    }
     if (queue_.empty() && file >= 0) {
       iovec iov{frame.data(), frame.size()};
       alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
@@ -68,7 +73,7 @@ bool ChnLink::sendFrame(std::vector<uint8_t> frame) {
   std::lock_guard lock(mutex_);
   if (fd_ < 0 || dropped_ || frame.empty() || frame.size() > PX_WIRE_MAX_FRAME) return false;
   // Replies keep their order: once one waits, the rest wait behind it.
-  if (queue_.empty()) {
+  if (queue_.empty() && !held_) {
     bool again = false;
     if (sendNow(fd_, frame, &again)) return true;
     if (!again) return false;  // the peer has gone; the channel notices the hang-up itself
@@ -81,7 +86,7 @@ bool ChnLink::sendFrame(std::vector<uint8_t> frame) {
   bool first = queue_.empty();
   queuedBytes_ += frame.size();
   queue_.push_back(std::move(frame));
-  if (first) attendLocked();
+  if (first && !held_) attendLocked();
   return true;
 }
 
@@ -133,6 +138,23 @@ bool ChnLink::dropped() const {
 
 bool ChnLink::flush() {
   std::lock_guard lock(mutex_);
+  return flushLocked();
+}
+
+void ChnLink::hold() {
+  std::lock_guard lock(mutex_);
+  held_ = true;
+}
+
+void ChnLink::sendHeld() {
+  std::lock_guard lock(mutex_);
+  if (!held_) return;
+  held_ = false;
+  if (!flushLocked()) attendLocked();  // the rest goes when the socket has room
+}
+
+bool ChnLink::flushLocked() {
+  if (held_) return true;  // sendHeld() sends them, and asks for room itself if need be
   while (!queue_.empty() && fd_ >= 0) {
     bool again = false;
     if (sendNow(fd_, queue_.front(), &again)) {

@@ -1,16 +1,22 @@
 // The serving side of a channel: one thread waits on the listening socket, every link and a
 // wake-up event, accepts links, reads requests and flushes replies that did not fit at once.
 //
-// Fairness: every pass reads at most one datagram from each ready link, and epoll in
-// level-triggered mode hands back links that are still ready on the next pass. A client that
-// floods the channel gets one request served per pass like everybody else. Links are bound per
-// process (Chn::kMaxLinksPerProcess) and in total (kMaxLinks, then only light processes).
+// Fairness: every pass reads at most kBatch datagrams from each ready link (one system call),
+// and epoll in level-triggered mode hands back links that are still ready on the next pass. A
+// client that floods the channel gets at most kBatch requests served per pass, and everybody
+// else with a request is served in the same pass. Links are bound per process
+// (Chn::kMaxLinksPerProcess) and in total (kMaxLinks, then only light processes).
+//
+// The replies to a batch of several requests of one link are held until the last of them has
+// been handled and then sent together: a client that sent them in a row (closes it does not
+// wait for, then a request) wakes once instead of once per reply.
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "chn_impl.h"
 #include "platform/error.h"
@@ -50,6 +56,9 @@ Ref<InMsg> Chn::receive(uint32_t timeoutMs) {
   if (tear) ChnServe::tearDown(s);
   if (!serve) return nullptr;
 
+  // The caller has handled what it was given last: replies held for that batch go out.
+  if (s.releaseNext) std::exchange(s.releaseNext, nullptr)->sendHeld();
+
   // At least one pass, however short the time-out: what is ready now is always taken.
   Ref<InMsg> next;
   bool timedOut = false;
@@ -59,7 +68,8 @@ Ref<InMsg> Chn::receive(uint32_t timeoutMs) {
       if (s.closed) break;
     }
     if (!s.ready.empty()) {
-      next = std::move(s.ready.front());
+      next = std::move(s.ready.front().msg);
+      if (s.ready.front().lastOfBatch) s.releaseNext = next->link();
       s.ready.pop_front();
       break;
     }
@@ -192,30 +202,47 @@ void ChnServe::serveLink(Chn::Impl& s, uint64_t key, uint32_t events) {
   if ((events & EPOLLOUT) && entry.watchingOut && entry.link->flush()) armOut(s, entry, false);
   // Data still queued is read before a hang-up counts: recv answers 0 once it is all gone.
   if (events & EPOLLIN)
-    readOne(s, key);
+    readBatch(s, key);
   else if (events & (EPOLLHUP | EPOLLERR))
     disconnect(s, key);
 }
 
-void ChnServe::readOne(Chn::Impl& s, uint64_t key) {
+void ChnServe::readBatch(Chn::Impl& s, uint64_t key) {
   Chn::Impl::Entry& entry = s.links.at(key);
-  ssize_t n = ::recv(entry.fd, s.buffer.data(), s.buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
-  if (n < 0) {
+  iovec iov[kBatch];
+  mmsghdr msgs[kBatch] = {};
+  for (size_t i = 0; i < kBatch; ++i) {
+    iov[i] = {s.buffer.data() + i * PX_WIRE_MAX_FRAME, PX_WIRE_MAX_FRAME};
+    msgs[i].msg_hdr.msg_iov = &iov[i];
+    msgs[i].msg_hdr.msg_iovlen = 1;
+  }
+  int got = ::recvmmsg(entry.fd, msgs, kBatch, MSG_DONTWAIT, nullptr);
+  if (got < 0) {
     if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) disconnect(s, key);
     return;
   }
-  // 0 is the end of the link (or an empty datagram, which is no frame either); MSG_TRUNC makes
-  // recv answer the real length of a datagram too long for any frame.
-  if (n == 0 || static_cast<size_t>(n) > s.buffer.size()) {
-    disconnect(s, key);
-    return;
+  const Ref<ChnLink> link = entry.link;  // the entry goes if the link is disconnected below
+  size_t taken = 0;
+  bool broken = got == 0;
+  for (int i = 0; i < got && !broken; ++i) {
+    // 0 is the end of the link (or an empty datagram, which is no frame either); a datagram
+    // too long for any frame comes truncated.
+    const size_t n = msgs[i].msg_len;
+    Ref<InMsg> msg = n == 0 || (msgs[i].msg_hdr.msg_flags & MSG_TRUNC) != 0
+                         ? nullptr
+                         : InMsg::decode(static_cast<const uint8_t*>(iov[i].iov_base), n, link);
+    if (!msg || msg->kind() != PX_FRAME_REQUEST) {
+      broken = true;  // a protocol error ends this link only; what came before it is served
+      break;
+    }
+    s.ready.push_back({std::move(msg), false});
+    ++taken;
   }
-  Ref<InMsg> msg = InMsg::decode(s.buffer.data(), static_cast<uint64_t>(n), entry.link);
-  if (!msg || msg->kind() != PX_FRAME_REQUEST) {
-    disconnect(s, key);  // a protocol error ends this link only
-    return;
+  if (taken > 1 && !broken) {
+    link->hold();
+    s.ready.back().lastOfBatch = true;
   }
-  s.ready.push_back(std::move(msg));
+  if (broken) disconnect(s, key);
 }
 
 void ChnServe::serveAttention(Chn::Impl& s) {
@@ -279,6 +306,7 @@ void ChnServe::tearDown(Chn::Impl& s) {
     entry.link->closeSocket();
   }
   s.ready.clear();
+  s.releaseNext.reset();
   HostFd::close(s.listenFd);
   s.listenFd = -1;
   s.listenWatched = false;
