@@ -5,6 +5,7 @@
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,6 +23,14 @@
 // thread that starts a program and then waits for it (the server's agent threads) needs
 // nothing else to pair the two.
 thread_local pid_t t_lastStarted = 0;
+thread_local uint64_t t_lastStartTick = 0;
+
+uint64_t bootTick() {
+  static const uint64_t nsPerTick = 1000000000ull / static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));
+  timespec now{};
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  return (static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec)) / nsPerTick;
+}
 
 namespace {
 
@@ -159,11 +168,14 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
   }
 
   pid_t pid = 0;
+  const uint64_t before = bootTick();
   if (usePathSearch)
     rc = posix_spawnp(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), envp.data());
   else
     rc = posix_spawn(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), envp.data());
+  const uint64_t after = bootTick();
   if (rc != 0) return fail(rc);
   t_lastStarted = pid;
+  t_lastStartTick = before == after ? before : 0;
   return static_cast<uint64_t>(pid);
 }

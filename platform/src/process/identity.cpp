@@ -13,6 +13,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -21,6 +22,7 @@
 
 #include "platform/error.h"
 #include "platform/proc.h"
+#include "started.h"
 
 namespace {
 
@@ -82,7 +84,29 @@ bool hasEnded(int pidfd) {
 
 using namespace ProcIdentityRead;
 
+namespace {
+
+// Whether the start tick read from the clock around a program's start (started.h) is what
+// /proc tells: unknown until the first such start has been checked against /proc.
+enum class Trust { kUnknown, kTrusted, kDistrusted };
+std::atomic<Trust> g_clockStart{Trust::kUnknown};
+
+}  // namespace
+
 ProcIdentity Proc::identity(uint64_t pid) {
+  // A program this thread started and has not collected is still its child: nobody else can
+  // have its pid. Its start tick is known from the clock, without waiting for /proc, which
+  // answers only once the program's exec has gone far enough (some 60 us).
+  if (t_lastStarted > 0 && pid == static_cast<uint64_t>(t_lastStarted) && t_lastStartTick != 0) {
+    Trust trust = g_clockStart.load(std::memory_order_relaxed);
+    if (trust == Trust::kTrusted) return ProcIdentity{pid, t_lastStartTick};
+    uint64_t start = 0;
+    if (trust == Trust::kUnknown && startTime(pid, &start)) {
+      g_clockStart.store(start == t_lastStartTick ? Trust::kTrusted : Trust::kDistrusted,
+                         std::memory_order_relaxed);
+      return ProcIdentity{pid, start};
+    }
+  }
   int pidfd = openPidfd(pid);
   if (pidfd < 0) return {};
   uint64_t start = 0;

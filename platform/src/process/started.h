@@ -6,3 +6,11 @@
 #include <sys/types.h>
 
 extern thread_local pid_t t_lastStarted;
+
+// The host's start time of that program (clock ticks after boot, as /proc/<pid>/stat tells it)
+// as the clock read around its start pins it down: both readings fell in one tick, so the
+// program's start did too. 0 when they fell in different ticks.
+extern thread_local uint64_t t_lastStartTick;
+
+// The boot-time clock in /proc's start-time ticks.
+uint64_t bootTick();
