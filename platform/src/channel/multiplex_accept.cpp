@@ -153,11 +153,6 @@ class Acceptor : public Object, public Exec {
     return false;
   }
 
-  size_t spares() {
-    std::lock_guard lock(mutex_);
-    return spares_.size();
-  }
-
   void run() override {
     epoll_event events[kEventsPerWait];
     for (;;) {
@@ -384,7 +379,5 @@ bool MuxAcceptor::reuse(const Ref<Multiplex::Core>& core) {
 bool MuxAcceptor::unwatch(Multiplex::Core& core, uint64_t nextBase) {
   return core.acceptKey != 0 && Acceptor::instance().unwatch(core, nextBase);
 }
-
-size_t MuxAcceptor::spares() { return Acceptor::instance().spares(); }
 
 }  // namespace Libraries::Service

@@ -96,8 +96,6 @@ bool watch(const Ref<Multiplex::Core>& core);
 // it returns the acceptor no longer admits links to the core. `nextBase` is the service base
 // for the socket's next multiplex. Harmless (false) when never watched.
 bool unwatch(Multiplex::Core& core, uint64_t nextBase);
-// The number of spare sockets now (tests and diagnostics).
-size_t spares();
 }  // namespace MuxAcceptor
 
 }  // namespace Libraries::Service
