@@ -65,6 +65,14 @@ void dropLocked() {
   fs().instance.clear();
 }
 
+// Waits for the replies to the posted requests, if any: 0 or an errno value. Called with the
+// mutex held and the view loaded.
+int settleLocked() {
+  if (fs().posted.load(std::memory_order_relaxed) == 0) return 0;
+  fs().posted.store(0, std::memory_order_relaxed);
+  return fs().link->settle(fs().lastPosted);
+}
+
 // Loads the view on first use. Called with the mutex held.
 int loadLocked() {
   static std::once_flag watch;
@@ -146,9 +154,8 @@ bool FdSession::post(FrameWriter& req) {
 }
 
 int FdSession::settle() {
-  if (err_ != 0 || fs().posted.load(std::memory_order_relaxed) == 0) return err_;
-  int err = fs().link->settle(fs().lastPosted);
-  fs().posted.store(0, std::memory_order_relaxed);
+  if (err_ != 0) return err_;
+  int err = settleLocked();
   if (err != 0) {
     dropLocked();
     err_ = err;
@@ -189,8 +196,7 @@ int lookupFd(int fd, std::shared_ptr<Description>* out) {
 void resetFds() {
   std::lock_guard<std::mutex> lock(fs().mutex);
   // A close posted by this process is served before it lets go of the link.
-  if (!forked.load(std::memory_order_relaxed) && fs().posted.load(std::memory_order_relaxed) != 0)
-    fs().link->settle(fs().lastPosted);
+  if (!forked.load(std::memory_order_relaxed)) settleLocked();
   dropLocked();
 }
 
