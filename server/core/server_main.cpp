@@ -70,8 +70,8 @@ void serverMain() {
   } else {
     POSIX_LOG(serviceLog.handle, 3, "Could not acquire channel " << PX_DIAG_SERVICE_NAME);
   }
-  // One thread waits for the first spawn's agent from the start.
-  AgentThreads::keepSpare();
+  // Threads wait for the first spawns' agents from the start.
+  AgentThreads::prepare();
 
   service->mainLoop();
   Proc::exit(0);  // reached only if the channel was closed under the loop

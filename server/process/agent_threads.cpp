@@ -59,6 +59,10 @@ void AgentThreads::keepSpare() {
   threads.startThread();
 }
 
+void AgentThreads::prepare() {
+  for (uint32_t i = 0; i < kSpare; ++i) instance().startThread();
+}
+
 uint32_t AgentThreads::waiting() {
   AgentThreads& threads = instance();
   MonLock lock(threads.monitor_);

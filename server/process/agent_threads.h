@@ -1,8 +1,13 @@
 // Threads for process agents, made ahead of need. A spawn hands its agent to a thread that is
 // already waiting, so that making a thread never lies on a spawn's path; once the program has
-// started, the agent asks for a spare to be made for the next spawn (keepSpare). A thread whose
-// agent has run to its end waits for the next agent, and ends when one waits already. So once
-// the server has made its first spare, exactly one thread waits whenever no spawn is under way.
+// started, the agent asks for a spare to be made for the next spawn (keepSpare), which makes
+// one only when none waits. A thread whose agent has run to its end waits for the next agent,
+// and ends when kSpare wait already. Two are kept so that a program started and collected in
+// turn (a shell running commands one after another) reuses the threads: the next spawn takes
+// the second spare, keepSpare finds the first still waiting, and the finished agent's thread
+// waits again, so no thread is made or ended per program. Making one costs the server a few
+// hundred microseconds of CPU while the new program starts, which on a small machine the
+// program feels.
 //
 // Locking: `monitor_` guards queue_ and waiting_. A thread counted in waiting_ is asleep on
 // `wake_` or about to be; run() takes one off the count and posts once for it.
@@ -21,13 +26,16 @@ class AgentThreads {
   static bool run(Ref<Exec> agent);
   // Makes a waiting thread when none waits; called off the spawn's path.
   static void keepSpare();
+  // Makes the spares the server starts with, so that the count of threads that wait stays the
+  // same from the first spawn on.
+  static void prepare();
 
   // Threads waiting for an agent (tests and diagnostics).
   static uint32_t waiting();
 
  private:
   class Worker;
-  static constexpr uint32_t kSpare = 1;
+  static constexpr uint32_t kSpare = 2;
 
   static AgentThreads& instance();
   AgentThreads();

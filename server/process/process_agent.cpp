@@ -111,13 +111,14 @@ void ProcessAgent::run() {
   // The end is noted before the program is collected: until markEnded() a signal sender may
   // still use the pid and the group id the program leads.
   uint32_t exitCode = Proc::awaitEnd();
-  POSIX_LOG(agentLog.handle, 1,
-            "Process " << start_.path << " (" << LogNum{process_->pid()}
-                       << ") terminated with exitcode " << LogNum{exitCode});
   process_->markEnded(exitCode);
   Proc::wait();
   process_->unlinkEnded();
   if (Ref<PosixProcess> parent = process_->parent()) parent->childExited(process_);
+  // Logged once the parent has been told: a waiting parent is not kept waiting for the log.
+  POSIX_LOG(agentLog.handle, 1,
+            "Process " << start_.path << " (" << LogNum{process_->pid()}
+                       << ") terminated with exitcode " << LogNum{exitCode});
   process_.reset();
 }
 
