@@ -32,6 +32,10 @@ std::string& runtimeDirectory() {
 
 std::atomic<uint64_t> requestIds{1};
 
+// Counts resetRuntimeDir calls: state kept per instance compares this instead of the string,
+// which would take runtimeMutex on every descriptor call.
+std::atomic<uint64_t> runtimeGenerations{1};
+
 int64_t nowMs() {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -63,7 +67,10 @@ const std::string& runtimeDir() {
 void resetRuntimeDir() {
   std::lock_guard<std::mutex> lock(runtimeMutex);
   runtimeDirectory().clear();
+  runtimeGenerations.fetch_add(1, std::memory_order_release);
 }
+
+uint64_t runtimeGeneration() { return runtimeGenerations.load(std::memory_order_acquire); }
 
 // Checked on every connect, not once: a directory that did not exist at one call may have been
 // made by someone else before the next.

@@ -5,6 +5,7 @@
 // by all its local descriptors (so one set of links per description).
 #include <errno.h>
 #include <pthread.h>
+#include <time.h>
 
 #include <atomic>
 #include <chrono>
@@ -20,7 +21,7 @@ namespace {
 struct FdState {
   std::mutex mutex;
   bool loaded = false;           // guarded by mutex
-  std::string instance;          // guarded by mutex: the runtime directory of the view
+  uint64_t instance = 0;         // guarded by mutex: runtimeGeneration() when the view loaded
   ServiceLink* link = nullptr;   // guarded by mutex: the descriptor service
   std::map<int, std::shared_ptr<Description>> fds;  // guarded by mutex; null: reserved
   int64_t aliveUntil = 0;        // guarded by mutex: the link was seen alive until this time
@@ -44,8 +45,11 @@ constexpr int64_t kAliveForMs = 5;
 
 // Whether the descriptor service's link has gone (its server stopped or was restarted).
 bool linkGone() {
-  int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
-                    std::chrono::steady_clock::now().time_since_epoch()).count();
+  // The coarse clock (a tick's resolution) is enough for a bound of milliseconds and costs a
+  // fraction of the precise one.
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+  int64_t now = static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
   if (now < fs().aliveUntil) return false;
   if (!fs().link->alive()) return true;
   fs().aliveUntil = now + kAliveForMs;
@@ -62,7 +66,7 @@ void dropLocked() {
   fs().link = nullptr;
   fs().fds.clear();
   fs().loaded = false;
-  fs().instance.clear();
+  fs().instance = 0;
 }
 
 // Waits for the replies to the posted requests, if any: 0 or an errno value. Called with the
@@ -82,8 +86,10 @@ int loadLocked() {
   // A new instance (px_fini and another runtime directory), a fork, or a server that has gone
   // (its descriptions went with it, and a new server on the same instance has a table of its
   // own): start again.
-  if (forked.exchange(false, std::memory_order_relaxed) ||
-      (fs().loaded && (fs().instance != runtimeDir() || linkGone()))) {
+  // Every read and write passes here: plain loads first, the exchange only after a fork.
+  bool wasForked = forked.load(std::memory_order_relaxed) &&
+                   forked.exchange(false, std::memory_order_relaxed);
+  if (wasForked || (fs().loaded && (fs().instance != runtimeGeneration() || linkGone()))) {
     dropLocked();
   }
   if (fs().loaded) return 0;
@@ -102,7 +108,7 @@ int loadLocked() {
     return err;
   }
   fs().loaded = true;
-  fs().instance = runtimeDir();
+  fs().instance = runtimeGeneration();
   // Numbers of one description carry the same node: they share one Description. Found by
   // the node's identifying entry, so that a full table loads in one pass.
   std::map<std::tuple<uint64_t, uint64_t, uint64_t>, std::shared_ptr<Description>> seen;
