@@ -8,7 +8,6 @@
 #include <time.h>
 
 #include <atomic>
-#include <chrono>
 #include <map>
 #include <tuple>
 
