@@ -3,7 +3,7 @@
 // together. Reads and writes only look the description up and then talk to its services.
 #include <errno.h>
 
-#include "internal.h"
+#include "descriptors.h"
 #include "posix_client.h"
 
 namespace pxc {

@@ -5,7 +5,7 @@
 
 #include <new>
 
-#include "internal.h"
+#include "descriptors.h"
 #include "posix_client.h"
 
 struct px_channel {

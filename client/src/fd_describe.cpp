@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "internal.h"
+#include "descriptors.h"
 #include "posix/fs_item.h"
 #include "posix_client.h"
 

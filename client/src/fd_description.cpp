@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "internal.h"
+#include "descriptors.h"
 #include "posix_client.h"
 
 namespace pxc {

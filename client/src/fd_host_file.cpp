@@ -8,7 +8,7 @@
 #include <errno.h>
 #include <unistd.h>
 
-#include "internal.h"
+#include "descriptors.h"
 #include "posix/fs_item.h"
 #include "posix_client.h"
 

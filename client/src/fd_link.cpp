@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "internal.h"
+#include "descriptors.h"
 
 namespace pxc {
 

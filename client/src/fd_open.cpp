@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "internal.h"
+#include "descriptors.h"
 #include "posix_client.h"
 
 namespace pxc {

@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "internal.h"
+#include "descriptors.h"
 #include "posix/pipe_page.h"
 #include "posix_client.h"
 

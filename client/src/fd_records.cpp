@@ -1,6 +1,6 @@
 // Decoding of node records and of the serialised descriptor table (little-endian throughout),
 // and fetching the table, which the server hands out in as many replies as it needs.
-#include "internal.h"
+#include "descriptors.h"
 
 namespace pxc {
 

@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "internal.h"
+#include "descriptors.h"
 #include "posix/fs_item.h"
 #include "posix_client.h"
 

@@ -11,7 +11,7 @@
 #include <map>
 #include <tuple>
 
-#include "internal.h"
+#include "descriptors.h"
 
 namespace pxc {
 

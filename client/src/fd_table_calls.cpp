@@ -2,7 +2,7 @@
 // the local view up to date, since it is the server's word on which numbers hold what.
 #include <errno.h>
 
-#include "internal.h"
+#include "descriptors.h"
 #include "posix_client.h"
 
 extern "C" {

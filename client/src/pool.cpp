@@ -7,7 +7,7 @@
 #include <atomic>
 #include <mutex>
 
-#include "internal.h"
+#include "descriptors.h"
 #include "posix_client.h"
 
 namespace pxc {
