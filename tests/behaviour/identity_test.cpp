@@ -79,10 +79,11 @@ class PidNamespaceTest : public ServerFixture {
 
 // Forks a child that has the given pid: the next pid is set to it through ns_last_pid, and a
 // child that got another one ends at once. A thread of the server may hold the pid for a
-// moment (its threads come and go with links and multiplexes), so this goes on for up to two
-// seconds. Returns 0 in the child, the pid in the parent, -1 when it stayed taken.
+// moment (its threads come and go with links and multiplexes; the acceptor's ends a second
+// after the last multiplex), so this goes on for up to five seconds.
+// Returns 0 in the child, the pid in the parent, -1 when it stayed taken.
 pid_t forkWithPid(pid_t pid) {
-  for (int tries = 0; tries < 200; ++tries) {
+  for (int tries = 0; tries < 500; ++tries) {
     std::ofstream("/proc/sys/kernel/ns_last_pid") << pid - 1;
     pid_t child = fork();
     if (child == 0 && getpid() != pid) _exit(0);
