@@ -26,7 +26,7 @@ import wire
 
 SANITIZER = re.compile(
     r"ERROR: AddressSanitizer|ERROR: LeakSanitizer|WARNING: ThreadSanitizer|runtime error:")
-STATS = re.compile(rb"stats: heap bytes (\d+) blocks (\d+) threads (\d+)\n")
+STATS = re.compile(rb"stats: heap bytes (\d+) blocks (\d+) threads (\d+)[ \n]")
 HEAP_SLACK = 200  # blocks the heap may keep: tables that grew once keep their capacity
 
 
