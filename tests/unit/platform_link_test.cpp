@@ -144,7 +144,7 @@ TEST_F(MultiplexTest, CloseRacingIncomingConnectsEndsEveryLink) {
     return std::distance(begin(all), end(all));
   };
   const auto fds = openFds();
-  for (int round = 0; round < 20; ++round) {
+  for (int round = 0; round < 10; ++round) {
     Ref<RecordingConMan> man = new RecordingConMan();
     Ref<Multiplex> racing = Multiplex::create(String::create(name.c_str()));
     ASSERT_TRUE(racing);
@@ -170,7 +170,7 @@ TEST_F(MultiplexTest, CloseRacingIncomingConnectsEndsEveryLink) {
         }
       });
     }
-    std::this_thread::sleep_for(std::chrono::microseconds(500 * round));
+    std::this_thread::sleep_for(std::chrono::microseconds(1000 * round));
     racing->close();
     closeReturned = true;
     for (auto& t : connectors) t.join();
