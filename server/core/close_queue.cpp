@@ -32,13 +32,21 @@ void SvcCloseQueueObj::push(Ref<Multiplex> multiplex) {
 
 void SvcCloseQueueObj::run() {
   while (!Thd::cancelled()) {
-    sem_->down(kForever);
+    sem_->down(lingering_.empty() ? kForever : kStopMs);
+    releaseStopped();
     Ref<Multiplex> multiplex = queue_->dequeue();
     if (!multiplex) continue;  // an empty wake-up is ignored
     multiplex->close();
-    multiplex->wait(kForever);
+    if (!multiplex->wait(kStopMs)) {
+      lingering_.push_back(std::move(multiplex));
+      continue;
+    }
     multiplex.reset();  // normally the last reference: the multiplex and its services go
   }
+}
+
+void SvcCloseQueueObj::releaseStopped() {
+  std::erase_if(lingering_, [](const Ref<Multiplex>& multiplex) { return multiplex->wait(0); });
 }
 
 Ref<SvcCloseQueueObj> SvcCloseQueueObj::instance() {

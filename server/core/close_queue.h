@@ -2,9 +2,14 @@
 // own threads runs, yet descriptions drop their multiplexes exactly there (in destructors that
 // run wherever the last reference goes). closeLater() takes such a multiplex and the queue's own
 // thread, "SvcCloseQueue", stops it later: close, wait until its threads have ended, release.
-// Closing a multiplex wakes every link thread it has, so a blocked client never holds the
-// queue up. One queue per process, made on the first close request.
+// Closing a multiplex wakes every link thread it has, and every service handler waits in
+// slices, so a multiplex normally stops at once. One that has not stopped after kStopMs (a
+// handler inside a host call that takes its time) is set aside and looked at again whenever
+// the thread wakes, at least every kStopMs: one slow description never holds up the teardown
+// of the others. One queue per process, made on the first close request.
 #pragma once
+
+#include <vector>
 
 #include "common/tqueue.h"
 #include "platform/multiplex.h"
@@ -21,6 +26,9 @@ struct TQueueNames<Ref<Libraries::Service::Multiplex>> {
 class SvcCloseQueueObj : public Object, public Exec {
  public:
   using MultiplexQueue = TQueue<Ref<Libraries::Service::Multiplex>>;
+
+  // How long the thread waits for one multiplex to stop before it sets it aside.
+  static constexpr uint32_t kStopMs = 100;
 
   // A queue with no thread yet; start() gives it one.
   static Ref<SvcCloseQueueObj> create();
@@ -39,9 +47,14 @@ class SvcCloseQueueObj : public Object, public Exec {
 
  private:
   SvcCloseQueueObj();
+  // Releases the set-aside multiplexes whose threads have ended meanwhile.
+  void releaseStopped();
 
   Ref<Sem> sem_;               // one unit per queued multiplex
   Ref<MultiplexQueue> queue_;  // guarded by its own monitor
+  // Closed multiplexes whose link threads had not ended in time; only the queue's thread
+  // touches it.
+  std::vector<Ref<Libraries::Service::Multiplex>> lingering_;
 };
 
 // Queues `multiplex` on the process-wide close queue, making the queue on first use.

@@ -109,3 +109,35 @@ TEST_F(CloseQueueTest, OneThreadClosesEveryRequestOnceInQueueOrderAndRemovesItsS
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(CloseQueueTest, AMultiplexThatDoesNotStopHoldsUpNoOther) {
+  // A handler stuck in a call the close cannot interrupt (until the test lets it go).
+  std::atomic<bool> inside{false}, release{false};
+  Ref<Multiplex> stuck = Multiplex::create(String::create("CloseQStuck"));
+  ASSERT_TRUE(stuck);
+  const uint64_t id = stuck->add(
+      new muxtest::FnService([&](const Ref<InMsg>&, const Ref<OutMsg>&, uint32_t* ret) {
+        inside = true;
+        for (int i = 0; i < 1000 && !release; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        *ret = 1;
+        return true;
+      }),
+      new TaggedConMan(log, 1));
+  Client client(chnPath(stuck->channelId()));
+  ASSERT_TRUE(muxtest::binds(client, id));
+  ASSERT_TRUE(client.send(Frame{PX_FRAME_REQUEST, 1, 1, {}}));
+  ASSERT_TRUE(eventually([&] { return inside.load(); }, 2000));
+  closeLater(std::move(stuck));
+
+  WatchedMultiplex next = watched(log, 2);
+  ASSERT_TRUE(next.mux);
+  closeLater(std::exchange(next.mux, nullptr));
+  // Torn down while the first still sits in its handler.
+  EXPECT_TRUE(eventually([&] { return log->tags() == std::vector<int>{2}; }, 2000));
+  release = true;
+  EXPECT_TRUE(eventually([&] { return log->tags().size() == 2; }, 2000)) << "the stuck one goes too";
+}
+
+}  // namespace
