@@ -192,6 +192,8 @@ class Description {
   int64_t pageWrite(PipePage& page, const void* buf, size_t n, bool nonblock);
   // Whether the status link is still open (the server has not gone), between waits.
   bool serverThere();
+  // Tells the server that the page's write (or read) lock has stayed with one holder too long.
+  void askRecover(bool writeLock);
   // Whether the stream entry grants `access` (PX_ACCESS_READ or PX_ACCESS_WRITE).
   bool mayUse(uint64_t access) const;
 

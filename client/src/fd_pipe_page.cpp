@@ -40,7 +40,7 @@ PipePage* PipePage::map(int file, uint32_t token, uint32_t ringSize) {
 }
 
 PipePage::PipePage(void* page, size_t size, uint32_t token, uint32_t ringSize)
-    : page_(page), size_(size), ring_(page, ringSize, token, /*stopOnSignal=*/true) {}
+    : page_(page), size_(size), ring_(page, ringSize, token, posix::PipeRing::Holder::kClient) {}
 
 PipePage::~PipePage() { munmap(page_, size_); }
 
@@ -65,10 +65,20 @@ PipePage* Description::pipePage() {
     close(file);
   }
   // The page's locks are freed for this process when this link closes: it stays open for the
-  // description's life.
+  // description's life. A lock that another holder keeps for long is reported to the server,
+  // which frees it when that holder is stopped or has no right to it.
+  if (page != nullptr) page->ring().onStuckLock([this](bool writeLock) { askRecover(writeLock); });
   page_.store(page, std::memory_order_release);
   pageAsked_.store(true, std::memory_order_release);
   return page;
+}
+
+void Description::askRecover(bool writeLock) {
+  FrameWriter req(PX_FIFO_CMD_RECOVER_LOCK);
+  req.u32(writeLock ? PX_FIFO_WRITE_LOCK : PX_FIFO_READ_LOCK);
+  Reply reply;
+  std::lock_guard<std::mutex> lock(status_.mutex);
+  call(status_, PX_IFACE_FIFO_STATUS, req, &reply, nullptr);
 }
 
 bool Description::serverThere() {

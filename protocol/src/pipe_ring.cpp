@@ -8,7 +8,6 @@
 #include <errno.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,55 +16,19 @@
 #include <cstring>
 #include <vector>
 
+#include "pipe_ring_internal.h"
+#include "restartable_copy.h"
+
 namespace posix {
 
-namespace {
+using namespace ring;
 
-// Rounds of looking again before a wait goes to sleep (about 20 us on the project's VM): the
-// other side usually answers within that on another core, and a sleep and wake-up cost more.
-// On a machine whose cores are all busy the spin still pays: a sleeping reader or writer waits
-// for the scheduler to pick it again, and a pipe then moves a ring at a time (measured: 0.5 of
-// a Linux pipe with a 8 us spin, 6.9 with this one).
-constexpr int kSpins = 1000;
-
-template <class T>
-std::atomic_ref<T> at(T* field) {
-  return std::atomic_ref<T>(*field);
-}
-
-void relax() {
-#if defined(__x86_64__) || defined(__i386__)
-  __builtin_ia32_pause();
-#endif
-}
-
-int64_t nowNs() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
-}  // namespace
-
-struct PipeRing::Deadline {
-  explicit Deadline(int timeoutMs)
-      : forever(timeoutMs < 0), at(forever ? 0 : nowNs() + int64_t{timeoutMs} * 1000000) {}
-  // Nanoseconds left; 0 once passed.
-  int64_t left() const {
-    if (forever) return INT64_MAX;
-    int64_t rest = at - nowNs();
-    return rest > 0 ? rest : 0;
-  }
-  const bool forever;
-  const int64_t at;
-};
-
-PipeRing::PipeRing(void* page, uint32_t ringSize, uint32_t token, bool stopOnSignal)
+PipeRing::PipeRing(void* page, uint32_t ringSize, uint32_t token, Holder holder)
     : page_(static_cast<px_pipe_page*>(page)),
       ring_(static_cast<uint8_t*>(page) + PX_PIPE_RING_OFFSET),
       ringSize_(ringSize ? ringSize : 1),
       token_(token),
-      stopOnSignal_(stopOnSignal) {}
+      holder_(holder) {}
 
 void PipeRing::format() {
   std::memset(page_, 0, sizeof *page_);
@@ -106,7 +69,7 @@ PipeRing::End PipeRing::waitOn(uint32_t* word, uint32_t seen, uint32_t* waiters,
     uint32_t mine = sleeper;
     at(slot).compare_exchange_strong(mine, 0);
   }
-  if (err == EINTR && stopOnSignal_) return End::kInterrupted;
+  if (err == EINTR && holder_ == Holder::kClient) return End::kInterrupted;
   if (err == ETIMEDOUT || deadline.left() == 0) return End::kTimedOut;
   return End::kDone;
 }
@@ -133,69 +96,55 @@ void PipeRing::bump(uint32_t* word, uint32_t* waiters) {
   if (at(waiters).load() != 0) syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
 }
 
-bool PipeRing::lock(uint32_t* word, const Deadline& deadline) {
-  for (int round = 0;; ++round) {
-    uint32_t expected = 0;
-    if (at(word).compare_exchange_strong(expected, token_)) return true;
-    if (round < kSpins) {
-      relax();
-      continue;
-    }
-    uint32_t seen = at(&page_->lock_seq).load();
-    if (at(word).load() == 0) continue;
-    if (waitOn(&page_->lock_seq, seen, &page_->lock_waiters, deadline, 0) != End::kDone) return false;
-  }
-}
-
-void PipeRing::unlock(uint32_t* word) {
-  at(word).store(0);
-  bump(&page_->lock_seq, &page_->lock_waiters);
-}
-
-void PipeRing::copyIn(uint64_t pos, const uint8_t* from, uint64_t n) {
+void PipeRing::piecesAt(uint64_t pos, uint64_t n, uint8_t** first, uint64_t* firstSize,
+                        uint8_t** second) {
   uint64_t offset = pos % ringSize_;
-  uint64_t first = std::min<uint64_t>(n, ringSize_ - offset);
-  std::memcpy(ring_ + offset, from, first);
-  std::memcpy(ring_, from + first, n - first);
-}
-
-void PipeRing::copyOut(uint64_t pos, uint8_t* to, uint64_t n) {
-  uint64_t offset = pos % ringSize_;
-  uint64_t first = std::min<uint64_t>(n, ringSize_ - offset);
-  std::memcpy(to, ring_ + offset, first);
-  std::memcpy(to + first, ring_, n - first);
+  *first = ring_ + offset;
+  *firstSize = std::min<uint64_t>(n, ringSize_ - offset);
+  *second = ring_;
 }
 
 PipeRing::Result PipeRing::write(const void* bytes, uint64_t n, int timeoutMs) {
   const auto* from = static_cast<const uint8_t*>(bytes);
   const Deadline deadline(timeoutMs);
   const bool whole = n <= ringSize_;
+  const uint32_t held = heldValue();
   Result result;
   while (result.count < n) {
     // Room this write needs before it copies anything: all of it, or a byte of a large one.
     const uint64_t need = whole ? n : 1;
-    if (!lock(&page_->write_lock, deadline)) {
-      result.end = End::kTimedOut;
+    End locked = lock(&page_->write_lock, held, deadline);
+    if (locked != End::kDone) {
+      result.end = locked;
       break;
     }
     uint64_t tail = at(&page_->tail).load();
     uint64_t inUse = tail - at(&page_->head).load();
     uint32_t flags = this->flags();
     if (inUse > ringSize_ || (flags & PX_PIPE_BROKEN) != 0) {
-      unlock(&page_->write_lock);
+      unlock(&page_->write_lock, held);
       result.end = inUse > ringSize_ ? End::kCorrupt : End::kBroken;
       break;
     }
     if (ringSize_ - inUse >= need) {
       uint64_t k = std::min<uint64_t>(ringSize_ - inUse, n - result.count);
-      copyIn(tail, from + result.count, k);
-      at(&page_->tail).store(tail + k);
-      unlock(&page_->write_lock);
+      CopyPlan plan{};
+      piecesAt(tail, k, &plan.to0, &plan.size0, &plan.to1);
+      plan.from0 = from + result.count;
+      plan.from1 = plan.from0 + plan.size0;
+      plan.size1 = k - plan.size0;
+      plan.counter = &page_->tail;
+      plan.value = tail + k;
+      plan.lock = &page_->write_lock;
+      plan.held = held;
+      bool published = publish(plan);
+      unlock(&page_->write_lock, held);
+      if (!published) continue;  // taken over while this thread was stopped: try again
       bump(&page_->data_seq, &page_->data_waiters);
       result.count += k;
       continue;
     }
-    unlock(&page_->write_lock);
+    unlock(&page_->write_lock, held);
     // Wait for readers to make room, looking again a few times before sleeping.
     End waited = End::kDone;
     for (int round = 0;; ++round) {
@@ -219,22 +168,45 @@ PipeRing::Result PipeRing::write(const void* bytes, uint64_t n, int timeoutMs) {
 
 PipeRing::Result PipeRing::take(void* bytes, uint64_t n, const Deadline& deadline) {
   Result result;
-  if (!lock(&page_->read_lock, deadline)) {
-    result.end = End::kTimedOut;
+  const uint32_t held = heldValue();
+  for (;;) {
+    End locked = lock(&page_->read_lock, held, deadline);
+    if (locked != End::kDone) {
+      result.end = locked;
+      return result;
+    }
+    uint64_t head = at(&page_->head).load();
+    uint64_t avail = at(&page_->tail).load() - head;
+    if (avail > ringSize_) {
+      unlock(&page_->read_lock, held);
+      result.end = End::kCorrupt;
+      return result;
+    }
+    if (avail == 0) {
+      unlock(&page_->read_lock, held);
+      return result;
+    }
+    const uint64_t k = std::min(avail, n);
+    CopyPlan plan{};
+    uint8_t* ringFirst = nullptr;
+    uint8_t* ringSecond = nullptr;
+    piecesAt(head, k, &ringFirst, &plan.size0, &ringSecond);
+    plan.from0 = ringFirst;
+    plan.to0 = static_cast<uint8_t*>(bytes);
+    plan.from1 = ringSecond;
+    plan.to1 = plan.to0 + plan.size0;
+    plan.size1 = k - plan.size0;
+    plan.counter = &page_->head;
+    plan.value = head + k;
+    plan.lock = &page_->read_lock;
+    plan.held = held;
+    bool published = publish(plan);
+    unlock(&page_->read_lock, held);
+    if (!published) continue;  // taken over while this thread was stopped: try again
+    bump(&page_->room_seq, &page_->room_waiters);
+    result.count = k;
     return result;
   }
-  uint64_t head = at(&page_->head).load();
-  uint64_t avail = at(&page_->tail).load() - head;
-  if (avail > ringSize_) {
-    result.end = End::kCorrupt;
-  } else if (avail > 0) {
-    result.count = std::min(avail, n);
-    copyOut(head, static_cast<uint8_t*>(bytes), result.count);
-    at(&page_->head).store(head + result.count);
-  }
-  unlock(&page_->read_lock);
-  if (result.count > 0) bump(&page_->room_seq, &page_->room_waiters);
-  return result;
 }
 
 PipeRing::Result PipeRing::readNow(void* bytes, uint64_t n, int lockTimeoutMs) {
@@ -286,22 +258,6 @@ void PipeRing::setFlags(uint32_t bits) {
   at(&page_->room_seq).fetch_add(1);
   syscall(SYS_futex, &page_->data_seq, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
   syscall(SYS_futex, &page_->room_seq, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
-}
-
-void PipeRing::release(uint32_t token) {
-  bool freed = false;
-  for (uint32_t* word : {&page_->write_lock, &page_->read_lock}) {
-    uint32_t expected = token;
-    freed |= at(word).compare_exchange_strong(expected, 0);
-  }
-  for (uint32_t& slot : page_->sleepers) {
-    uint32_t v = at(&slot).load();
-    if (v / 2 == token) at(&slot).compare_exchange_strong(v, 0);
-  }
-  if (freed) {
-    at(&page_->lock_seq).fetch_add(1);
-    syscall(SYS_futex, &page_->lock_seq, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
-  }
 }
 
 }  // namespace posix

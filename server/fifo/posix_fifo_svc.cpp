@@ -27,6 +27,12 @@ bool PosixFifoSvc::handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t
     }
     case kCommandStatus: *ret = end->status(); break;
     case kCommandSharedPage: sharePage(out, ret); break;
+    case kCommandRecoverLock: {
+      uint32_t which = 0;
+      bool asked = in->read(&which, sizeof which) == sizeof which && fifo_;
+      *ret = asked && fifo_->recover(which == PX_FIFO_WRITE_LOCK) ? 1 : 0;
+      break;
+    }
     default: *ret = kAnswerUnknownCommand; break;
   }
   return true;

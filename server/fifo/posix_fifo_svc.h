@@ -3,6 +3,9 @@
 // request's status. Command 2 hands the client the FIFO's shared page (with a token of its
 // own for the page's locks), so that it reads or writes the buffer without requests.
 //
+// Command 3 is what a holder sends when a lock of the page stays with another holder: the
+// buffer frees it when its holder has no right to it or is stopped (Fifo::recover).
+//
 // It holds the end only weakly: dropping the last descriptor of an end must still close it.
 // Once the end is gone every command is answered kAnswerEndGone. The buffer itself it holds
 // strongly, for the links that were given its page: when such a link disconnects (its process
@@ -24,6 +27,7 @@ class PosixFifoSvc : public Object, public Interfaces::Service, public ConMan {
     kCommandMoreData = PX_FIFO_CMD_MORE_DATA,  // 1 while end-of-file is not set, else 0
     kCommandStatus = PX_FIFO_CMD_STATUS,       // the end's status (PosixFifoBase::Status)
     kCommandSharedPage = PX_FIFO_CMD_SHARED_PAGE,  // 1, token and ring size, page attached
+    kCommandRecoverLock = PX_FIFO_CMD_RECOVER_LOCK,  // u32 which lock: 1 when it was freed
   };
   static constexpr uint32_t kAnswerUnknownCommand = 2;
   static constexpr uint32_t kAnswerEndGone = 3;

@@ -1,8 +1,11 @@
 // Pipes shared between processes: a spawned child inherits the parent's descriptors under the
 // same numbers, end-of-file waits for the last writer and EPIPE for the last reader in every
-// process, and concurrent writers' records of up to 4096 bytes arrive whole.
+// process, and concurrent writers' records of up to 4096 bytes arrive whole, even while one of
+// them is stopped again and again.
 #include <errno.h>
+#include <signal.h>
 
+#include <atomic>
 #include <cstring>
 #include <map>
 #include <thread>
@@ -64,56 +67,93 @@ TEST_F(PipeProcessTest, EndOfFileWaitsForTheLastWriterAndWritesFailWithoutAReade
   EXPECT_ERRNO(px_write(fds[1], "lost", 4), EPIPE);
 }
 
-// Parses the stream of records: header (tag, u16 length), payload all of the tag. Counts
-// records per tag; false at the first torn or mixed record.
-bool parseRecords(const std::string& data, std::map<char, int>* counts) {
-  size_t at = 0;
-  while (at + 3 <= data.size()) {
-    char tag = data[at];
-    size_t end = at + 3 + static_cast<uint8_t>(data[at + 1]) +
-                 256 * static_cast<size_t>(static_cast<uint8_t>(data[at + 2]));
-    if (end > data.size() || data.find_first_not_of(tag, at + 3) < end) return false;
-    ++(*counts)[tag];
-    at = end;
-  }
-  return at == data.size();
-}
+// Reads a stream of records as it comes: header (tag, u16 length), payload all of the tag.
+// Counts records per tag; `torn` at the first torn or mixed record.
+struct RecordReader {
+  std::map<char, int> counts;
+  bool torn = false;
+  std::string pending;
 
-TEST_F(PipeProcessTest, ConcurrentWritersRecordsArriveWhole) {
+  void feed(const char* bytes, size_t n) {
+    pending.append(bytes, n);
+    size_t at = 0;
+    while (!torn && at + 3 <= pending.size()) {
+      char tag = pending[at];
+      size_t end = at + 3 + static_cast<uint8_t>(pending[at + 1]) +
+                   256 * static_cast<size_t>(static_cast<uint8_t>(pending[at + 2]));
+      if (end > pending.size()) break;
+      torn = pending.find_first_not_of(tag, at + 3) < end;
+      ++counts[tag];
+      at = end;
+    }
+    pending.erase(0, at);
+  }
+  // Reads `fd` to its end.
+  void drain(int fd) {
+    char buf[8192];
+    for (ssize_t got; (got = px_read(fd, buf, sizeof buf)) > 0;) feed(buf, static_cast<size_t>(got));
+    torn |= !pending.empty();
+  }
+};
+
+// Four writers (two children, two threads here) write records into one pipe while one child
+// is stopped and continued again and again: every record arrives whole, and the writers that
+// run never wait for the stopped one, whatever it held when it stopped.
+TEST_F(PipeProcessTest, ConcurrentWritersRecordsArriveWholeAndAStoppedWriterHoldsUpNoOther) {
   int fds[2];
   ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
-  constexpr int kRecords = 150;
+  constexpr int kRecords = 300, kStops = 100;
   OutputPipe outA, outB;
-  int64_t a = spawnProbe({"records", "4", std::to_string(kRecords), "A"}, &outA);
+  int64_t a = spawnProbe({"records", "4", "100000000", "A"}, &outA);  // until it is killed
   int64_t b = spawnProbe({"records", "4", std::to_string(kRecords), "B"}, &outB);
   ASSERT_GT(a, 0);
   ASSERT_GT(b, 0);
   // Two threads of this process write too, through two descriptors of the write end.
   int second = px_dup(fds[1]);
   ASSERT_GE(second, 0);
+  std::atomic<bool> enough{false};
+  std::atomic<int> written{0};
+  int wrote[2] = {0, 0};
   auto writer = [&](int fd, char tag) {
-    for (int k = 0; k < kRecords; ++k) {
+    int k = 0;
+    for (; k < kRecords || !enough; ++k) {
       size_t size = 5 + static_cast<size_t>((k * 811) % 4092);
       std::string rec(size, tag);
       rec[1] = static_cast<char>((size - 3) & 0xFF);
       rec[2] = static_cast<char>((size - 3) >> 8);
-      ASSERT_EQ(px_write(fd, rec.data(), size), static_cast<ssize_t>(size)) << strerror(errno);
+      if (px_write(fd, rec.data(), size) != static_cast<ssize_t>(size)) break;
+      ++written;
+      if (k >= kRecords) std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
+    wrote[tag - 'C'] = k;
   };
+  RecordReader records;
+  std::thread reader([&] { records.drain(fds[0]); });
   std::thread c(writer, fds[1], 'C');
   std::thread d(writer, second, 'D');
-  std::string data;
-  std::thread reader([&] { data = readUpTo(fds[0], 64 << 20); });
+  int stalls = 0;
+  for (int stop = 0; stop < kStops; ++stop) {
+    ASSERT_EQ(kill(static_cast<pid_t>(a), SIGSTOP), 0);
+    ASSERT_TRUE(eventually([&] { return hostState(static_cast<pid_t>(a)) == 'T'; }, 2000, 1));
+    const int before = written;
+    if (!eventually([&] { return written >= before + 3; }, 2000, 1)) ++stalls;
+    kill(static_cast<pid_t>(a), SIGCONT);
+    sleepMs(3);
+  }
+  enough = true;
   c.join();
   d.join();
+  EXPECT_EQ(px_kill(a, PX_SIGKILL), 0);
+  EXPECT_EQ(collect(a), 128 + SIGKILL);
+  EXPECT_EQ(collect(b, 60000), 0);
   px_close(fds[1]);
   px_close(second);
-  EXPECT_EQ(collect(a, 60000), 0);
-  EXPECT_EQ(collect(b, 60000), 0);
   reader.join();
-  std::map<char, int> counts;
-  EXPECT_TRUE(parseRecords(data, &counts)) << "a record was torn or mixed";
-  for (char tag : {'A', 'B', 'C', 'D'}) EXPECT_EQ(counts[tag], kRecords) << tag;
+  EXPECT_EQ(stalls, 0) << "writers waited for a stopped writer in " << stalls << " of " << kStops << " stops";
+  EXPECT_FALSE(records.torn) << "a record was torn or mixed";
+  EXPECT_EQ(records.counts['B'], kRecords);
+  for (char tag : {'C', 'D'}) EXPECT_EQ(records.counts[tag], wrote[tag - 'C']) << tag;
+  EXPECT_GT(records.counts['A'], 0);
 }
 
 TEST_F(PipeProcessTest, PosixctlListsTheTableItInherited) {

@@ -61,6 +61,10 @@ class Fifo : public Object {
   uint32_t attachTo(const Ref<OutMsg>& out, uint64_t pid, uint32_t token = 0);
   // Frees what the client with `token` still holds of the page: its process has gone.
   void releaseHolder(uint32_t token);
+  // Looks at the holder of the write lock (or the read lock) of the page: frees the lock when
+  // it holds a token that nobody holds now, or takes it over when every thread of its holder
+  // is stopped and the holder copies restartably (posix/pipe_ring.h). True when it freed it.
+  bool recover(bool writeLock);
   // The pids of the clients that sleep in a read (waiting for bytes) or, with `writing`, in a
   // write (waiting for room) on the page now.
   std::vector<uint64_t> sleeping(bool writing) const;

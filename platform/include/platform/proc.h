@@ -70,6 +70,9 @@ class Proc {
   [[noreturn]] static void exit(int32_t code);
   // The calling process's name.
   static Ref<String> name();
+  // Whether every thread of process `pid` is stopped now (by a stop signal or a tracer); false
+  // when any runs or may run, or the process has gone.
+  static bool stopped(uint64_t pid);
 };
 
 // A program's environment: name/value pairs, in the order set; setting a name again replaces it.

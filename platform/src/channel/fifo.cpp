@@ -15,6 +15,7 @@
 
 #include "file/host_fd.h"
 #include "platform/error.h"
+#include "platform/proc.h"
 
 namespace {
 
@@ -37,7 +38,8 @@ constexpr int kReadLockMs = 1000;
 // The page and the server's own hands on it, as PX_PIPE_SERVER_TOKEN.
 struct Fifo::Page {
   Page(int f, void* m, uint64_t size, uint32_t capacity)
-      : file(f), map(m), mapSize(size), ring(m, capacity, PX_PIPE_SERVER_TOKEN, false) {}
+      : file(f), map(m), mapSize(size),
+        ring(m, capacity, PX_PIPE_SERVER_TOKEN, posix::PipeRing::Holder::kServer) {}
   ~Page() {
     ::munmap(map, mapSize);
     HostFd::close(file);
@@ -83,6 +85,8 @@ Fifo::Page* Fifo::page() {
   }
   Page* p = new Page(file, map, size, static_cast<uint32_t>(capacity_));
   p->ring.format();
+  // The server's own calls wait for a lock too: one that stays with a holder is looked at.
+  p->ring.onStuckLock([this](bool writeLock) { recover(writeLock); });
   if (uint32_t bits = flags_.load()) p->ring.setFlags(bits);
   page_.store(p, std::memory_order_release);
   return p;
@@ -140,6 +144,18 @@ uint32_t Fifo::attachTo(const Ref<OutMsg>& out, uint64_t pid, uint32_t token) {
   std::lock_guard lock(holdersMutex_);
   holders_[token] = pid;
   return token;
+}
+
+bool Fifo::recover(bool writeLock) {
+  Page* p = made();
+  if (!p) return false;
+  using State = posix::PipeRing::HolderState;
+  return p->ring.recover(writeLock, [this](uint32_t token) {
+    std::lock_guard lock(holdersMutex_);
+    auto it = holders_.find(token);
+    if (it == holders_.end()) return State::kNobody;
+    return Proc::stopped(it->second) ? State::kStopped : State::kRunning;
+  });
 }
 
 void Fifo::releaseHolder(uint32_t token) {

@@ -1,6 +1,7 @@
 // Processes: the calling process, and the /proc view of other processes.
 #include "platform/proc.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
@@ -120,4 +121,28 @@ Ref<String> Proc::name() {
   if (!readFile("/proc/self/comm", &comm)) return String::create("");
   while (!comm.empty() && (comm.back() == '\n' || comm.back() == '\0')) comm.pop_back();
   return String::create(comm.c_str(), static_cast<int64_t>(comm.size()));
+}
+
+bool Proc::stopped(uint64_t pid) {
+  if (!validPid(pid)) return false;
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  DIR* dir = ::opendir(tasks.c_str());
+  if (dir == nullptr) return false;
+  bool all = true, any = false;
+  while (dirent* entry = ::readdir(dir)) {
+    if (entry->d_name[0] == '.') continue;
+    std::string stat;
+    size_t close = std::string::npos;
+    if (readFile(tasks + "/" + entry->d_name + "/stat", &stat)) close = stat.rfind(')');
+    // The state letter follows the name: T stopped by a signal, t by a tracer.
+    char state = close != std::string::npos && close + 2 < stat.size() ? stat[close + 2] : '?';
+    // Any other state, or a thread that could not be read, may run.
+    if (state != 'T' && state != 't') {
+      all = false;
+      break;
+    }
+    any = true;
+  }
+  ::closedir(dir);
+  return all && any;
 }

@@ -12,7 +12,9 @@
  *   magic, ring_size    written once by the server; a client checks both after mapping
  *   flags               PX_PIPE_EOF once every write end has closed, PX_PIPE_BROKEN once every
  *                       read end has; set only by the server, never cleared
- *   write_lock          0 when free, else the token of the holder: one writer at a time
+ *   write_lock          0 when free, else the holder's token, with PX_PIPE_LOCK_RESTARTABLE
+ *                       set when the holder copies in restartable sequences (below); one
+ *                       writer at a time; PX_PIPE_LOCK_TAKING while the server takes it over
  *   read_lock           the same for readers
  *   *_seq               futex words (shared, not private), bumped on every change that a
  *                       waiter may wait for: lock_seq at every release of either lock,
@@ -31,7 +33,22 @@
  * new head. So a process killed in the middle of a copy has published nothing, and the server,
  * which sees the link that fetched the token close, frees a lock that still holds that token.
  * A write of at most ring_size bytes goes in whole, once that much room is free, so records of
- * up to ring_size bytes never interleave. A count tail - head above ring_size means the page was
+ * up to ring_size bytes never interleave.
+ *
+ * A holder that is stopped while it holds a lock would hold up every other reader or writer. A
+ * holder whose host can run its copy and the store that publishes it as a restartable sequence
+ * (one that a thread preempted, stopped or signalled inside starts again from its beginning,
+ * and that first checks that the lock word still holds its value) marks its lock word with
+ * PX_PIPE_LOCK_RESTARTABLE. A holder that waits PX_PIPE_STUCK_MS for a lock that stays with one
+ * holder sends command PX_FIFO_CMD_RECOVER_LOCK to its end's status service; the server then
+ * frees a lock word holding a token that no holder of the pipe has, and takes the lock over
+ * from a marked holder all of whose threads are stopped: it writes PX_PIPE_LOCK_TAKING, looks
+ * again, and frees the lock (or puts the holder's value back when a thread ran meanwhile). A
+ * holder whose check finds PX_PIPE_LOCK_TAKING waits until it goes: its value back means the
+ * lock is still its own. Threads of one process take a lock one at a time, so that a lock word
+ * holding the process's value always means the same thread.
+ *
+ * A count tail - head above ring_size means the page was
  * written by a client that does not keep these rules: the server then marks the pipe
  * end-of-file and broken for everyone.
  * This header is plain C so that any client can include it.
@@ -48,6 +65,9 @@ extern "C" {
 #define PX_FIFO_CMD_MORE_DATA 0u   /* -> result 1 while more data may come, else 0 */
 #define PX_FIFO_CMD_STATUS 1u      /* -> result: the status of the end's last read or write */
 #define PX_FIFO_CMD_SHARED_PAGE 2u /* -> result 1, u32 token, u32 ring size, the page attached */
+#define PX_FIFO_CMD_RECOVER_LOCK 3u /* u32 which lock -> result 1 when the server freed it, else 0 */
+#define PX_FIFO_WRITE_LOCK 0u
+#define PX_FIFO_READ_LOCK 1u
 
 #define PX_PIPE_PAGE_MAGIC 0x50495045u /* "EPIP" read as bytes */
 #define PX_PIPE_RING_OFFSET 128u
@@ -56,6 +76,13 @@ extern "C" {
 #define PX_PIPE_BROKEN 2u
 /* The token of the server's own readers and writers; clients get others. */
 #define PX_PIPE_SERVER_TOKEN 1u
+/* In a lock word: the holder copies in restartable sequences and may be taken over while
+   stopped. Tokens stay below it. */
+#define PX_PIPE_LOCK_RESTARTABLE 0x80000000u
+/* A lock word the server is taking over from a stopped holder (no token is 0). */
+#define PX_PIPE_LOCK_TAKING 0x80000000u
+/* How long a holder waits for a lock that stays with one holder before it asks the server. */
+#define PX_PIPE_STUCK_MS 20u
 
 typedef struct px_pipe_page {
   uint32_t magic;

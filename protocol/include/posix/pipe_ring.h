@@ -5,18 +5,32 @@
 // Every value read from the page is checked before it is used: a page written by a process
 // that ignores the rules can make the ring report itself corrupt, never make a caller copy
 // outside the ring or wait past its time-out.
+//
+// A client's copies are restartable where the host allows (restartable_copy.h): its lock word
+// then carries PX_PIPE_LOCK_RESTARTABLE, and the server may take the lock over while every
+// thread of the client is stopped (recover()), so that a process stopped in the middle of a
+// copy holds up no other reader or writer of the pipe. One thread of a process at a time takes
+// each lock (the ring's own turn per lock), so that a thread finding the lock word holding its
+// process's value knows whether the lock is its own.
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <mutex>
 #include <vector>
 
 #include "posix/pipe_page.h"
 
 namespace posix {
 
+struct CopyPlan;
+
 class PipeRing {
  public:
   static constexpr int kForever = -1;
+
+  // Who uses the ring: the server (never stopped, never taken over) or a client.
+  enum class Holder { kServer, kClient };
 
   // Why a read or write stopped.
   enum class End {
@@ -24,7 +38,7 @@ class PipeRing {
     kEof,          // a read found nothing and every write end has closed
     kBroken,       // a write found every read end closed
     kTimedOut,     // the time-out passed (0: the call would have had to wait)
-    kInterrupted,  // a host signal handler ran while the call waited (only when asked for)
+    kInterrupted,  // a host signal handler ran while a client's call waited
     kCorrupt,      // the page breaks the rules: its counters are impossible
   };
   struct Result {
@@ -33,9 +47,15 @@ class PipeRing {
   };
 
   // The page's bytes at `page`, with a ring of `ringSize` bytes (the size the server gave; the
-  // caller checks valid() on a page it did not make). Locks are taken as `token`. With
-  // `stopOnSignal`, a wait that a signal handler interrupts ends with kInterrupted.
-  PipeRing(void* page, uint32_t ringSize, uint32_t token, bool stopOnSignal);
+  // caller checks valid() on a page it did not make). Locks are taken as `token`. A client's
+  // waits end with kInterrupted when a signal handler runs.
+  PipeRing(void* page, uint32_t ringSize, uint32_t token, Holder holder);
+
+  // Called, at most every kStuckMs, while a lock this ring waits for stays with one holder
+  // that long (true: the write lock); whoever can look at that holder may then recover() it.
+  // Set before the ring is used.
+  void onStuckLock(std::function<void(bool writeLock)> stuck) { stuck_ = std::move(stuck); }
+  static constexpr int kStuckMs = PX_PIPE_STUCK_MS;
 
   // Makes a fresh page (the server, once, before the page is shared).
   void format();
@@ -66,6 +86,19 @@ class PipeRing {
   // has gone).
   void release(uint32_t token);
 
+  // What the server knows of the holder of a token.
+  enum class HolderState {
+    kNobody,   // no living holder has the token: a lock word holding it is forged or stale
+    kRunning,  // a holder that may be inside a copy now
+    kStopped,  // a holder all of whose threads are stopped
+  };
+  // Only the server: frees the write lock (or the read lock) when it holds a token nobody has
+  // (the server's own while none of its threads has the turn), or takes it over from a
+  // stopped holder whose copies are restartable. `holder` is asked what a client token's
+  // holder is doing, twice for a take-over (before and after the lock word is marked
+  // PX_PIPE_LOCK_TAKING). True when the lock was freed.
+  bool recover(bool writeLock, const std::function<HolderState(uint32_t token)>& holder);
+
   // Who sleeps in a read (waiting for bytes) or a write (waiting for room) now.
   struct Sleeper {
     uint32_t token;
@@ -75,11 +108,22 @@ class PipeRing {
 
  private:
   struct Deadline;
-  bool lock(uint32_t* word, const Deadline& deadline);
-  void unlock(uint32_t* word);
+  // The value this thread's lock words hold: the token, flagged when its copies are
+  // restartable.
+  uint32_t heldValue() const;
+  // Takes this process's turn at `word`, then `word` as `held`, waiting until `deadline`:
+  // kDone (unlock() gives both back), kTimedOut or kInterrupted.
+  End lock(uint32_t* word, uint32_t held, const Deadline& deadline);
+  // Frees `word` when it still holds `held`, wakes who waits for a lock, and gives the turn
+  // back.
+  void unlock(uint32_t* word, uint32_t held);
+  std::timed_mutex* turnOf(uint32_t* word);
+  // Copies the plan's bytes and publishes its counter while `word` holds `held`: false when
+  // the lock was taken over meanwhile (nothing published; the caller takes the lock again).
+  bool publish(CopyPlan& plan);
   // Waits on `word` while it still holds `seen`, counting itself in `waiters`: kDone when woken
   // (or the word had moved on), kTimedOut once the deadline passed, kInterrupted when a signal
-  // handler ran and stopOnSignal_ is set.
+  // handler ran and the holder is a client.
   // A non-zero `sleeper` is listed in a sleeper slot for the time of the wait.
   End waitOn(uint32_t* word, uint32_t seen, uint32_t* waiters, const Deadline& deadline,
              uint32_t sleeper);
@@ -94,14 +138,18 @@ class PipeRing {
   Result take(void* bytes, uint64_t n, const Deadline& deadline);
   // Buffered bytes from the counters, or a value above ringSize_ when they are impossible.
   uint64_t used() const;
-  void copyIn(uint64_t at, const uint8_t* from, uint64_t n);
-  void copyOut(uint64_t at, uint8_t* to, uint64_t n);
+  // The two pieces of `n` ring bytes at position `pos`.
+  void piecesAt(uint64_t pos, uint64_t n, uint8_t** first, uint64_t* firstSize, uint8_t** second);
 
   px_pipe_page* const page_;
   uint8_t* const ring_;
   const uint32_t ringSize_;
   const uint32_t token_;
-  const bool stopOnSignal_;
+  const Holder holder_;
+  std::function<void(bool)> stuck_;  // set before use, then only read
+  // This process's turn at each lock (0 write, 1 read): held by the thread that takes the lock
+  // word, from before it takes it until after it frees it.
+  std::timed_mutex turn_[2];
 };
 
 }  // namespace posix

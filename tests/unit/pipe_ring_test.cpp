@@ -1,0 +1,84 @@
+// The pipe ring's locks: a wait for a lock ends when a signal handler runs, a lock word holding
+// a value nobody may hold is freed, and the server takes a lock over from a holder only while
+// that holder is still stopped after the word was marked.
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "posix/pipe_ring.h"
+
+namespace {
+
+using posix::PipeRing;
+using State = PipeRing::HolderState;
+
+constexpr uint32_t kRing = 4096;
+
+class PipeRingTest : public ::testing::Test {
+ protected:
+  std::vector<uint64_t> memory = std::vector<uint64_t>((PX_PIPE_RING_OFFSET + kRing) / 8);
+  px_pipe_page* page = reinterpret_cast<px_pipe_page*>(memory.data());
+  PipeRing server{memory.data(), kRing, PX_PIPE_SERVER_TOKEN, PipeRing::Holder::kServer};
+  PipeRing client{memory.data(), kRing, 5, PipeRing::Holder::kClient};
+  void SetUp() override { server.format(); }
+  uint32_t writeLock() { return std::atomic_ref<uint32_t>(page->write_lock).load(); }
+  void setWriteLock(uint32_t v) { std::atomic_ref<uint32_t>(page->write_lock).store(v); }
+};
+
+TEST_F(PipeRingTest, ALockWaitEndsWhenASignalHandlerRunsAndForgedLocksAreFreed) {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  ASSERT_EQ(sigaction(SIGUSR2, &action, nullptr), 0);
+  setWriteLock(9);  // another holder's token
+  std::atomic<bool> done{false};
+  PipeRing::Result result;
+  std::thread writer([&] {
+    result = client.write("x", 1, 5000);
+    done = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_FALSE(done) << "the lock is held";
+  const auto sent = std::chrono::steady_clock::now();
+  pthread_kill(writer.native_handle(), SIGUSR2);
+  writer.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(1));
+  EXPECT_EQ(result.end, PipeRing::End::kInterrupted);
+  EXPECT_EQ(result.count, 0u);
+
+  // A token that no holder has is freed; a live holder's is left alone.
+  EXPECT_FALSE(server.recover(true, [](uint32_t) { return State::kRunning; }));
+  EXPECT_EQ(writeLock(), 9u);
+  EXPECT_TRUE(server.recover(true, [](uint32_t) { return State::kNobody; }));
+  EXPECT_EQ(writeLock(), 0u);
+  // The server's own token while none of its calls has the turn: written by someone else,
+  // freed by the server's next call at once (and by recover).
+  setWriteLock(PX_PIPE_SERVER_TOKEN);
+  EXPECT_EQ(server.write("y", 1, 2000).count, 1u);
+  setWriteLock(PX_PIPE_SERVER_TOKEN);
+  EXPECT_TRUE(server.recover(true, [](uint32_t) { return State::kRunning; }));
+}
+
+TEST_F(PipeRingTest, AStoppedRestartableHolderIsTakenOverOnlyWhileStillStopped) {
+  const uint32_t held = 7 | PX_PIPE_LOCK_RESTARTABLE;
+  setWriteLock(7);  // not restartable: a stopped holder keeps it
+  EXPECT_FALSE(server.recover(true, [](uint32_t) { return State::kStopped; }));
+  setWriteLock(held);
+  // Ran again between the two looks: its value goes back.
+  int looks = 0;
+  EXPECT_FALSE(server.recover(true, [&](uint32_t token) {
+    EXPECT_EQ(token, 7u);
+    EXPECT_EQ(writeLock(), looks == 0 ? held : PX_PIPE_LOCK_TAKING);
+    return ++looks == 1 ? State::kStopped : State::kRunning;
+  }));
+  EXPECT_EQ(writeLock(), held);
+  EXPECT_TRUE(server.recover(true, [](uint32_t) { return State::kStopped; }));
+  EXPECT_EQ(writeLock(), 0u);
+  EXPECT_EQ(client.write("z", 1, 1000).count, 1u) << "the lock is free for others";
+}
+
+}  // namespace
