@@ -10,7 +10,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 #include <climits>
 #include <cstring>
 
@@ -28,14 +28,8 @@ uint32_t PipeRing::heldValue() const {
 
 PipeRing::End PipeRing::lock(uint32_t* word, uint32_t held, const Deadline& deadline) {
   // The threads of one process take the page's lock one at a time (see turn_).
-  std::timed_mutex* turn = turnOf(word);
-  if (deadline.forever) {
-    turn->lock();
-  } else {
-    // A call that may not wait still waits for its own process's other thread's copy.
-    auto left = std::chrono::nanoseconds(std::max<int64_t>(deadline.left(), 1000000));
-    if (!turn->try_lock_for(left)) return End::kTimedOut;
-  }
+  std::mutex* turn = turnOf(word);
+  if (!takeTurn(*turn, deadline)) return End::kTimedOut;
   uint32_t stuckOn = 0;
   int64_t stuckSince = 0;
   for (int round = 0;; ++round) {
@@ -80,8 +74,24 @@ void PipeRing::unlock(uint32_t* word, uint32_t held) {
   turnOf(word)->unlock();
 }
 
-std::timed_mutex* PipeRing::turnOf(uint32_t* word) {
-  return &turn_[word == &page_->write_lock ? 0 : 1];
+std::mutex* PipeRing::turnOf(uint32_t* word) { return &turn_[word == &page_->write_lock ? 0 : 1]; }
+
+bool PipeRing::takeTurn(std::mutex& turn, const Deadline& deadline) {
+  if (turn.try_lock()) return true;
+  if (deadline.forever) {
+    turn.lock();
+    return true;
+  }
+  // Another thread of this process takes or holds the lock: it holds the turn for a copy, or
+  // for as long as it waits for the lock itself. A call that may not wait still waits for
+  // that other thread's copy (1 ms).
+  const Deadline until = deadline.left() >= 1000000 ? deadline : Deadline(1);
+  for (int64_t pause = 1000; until.left() > 0; pause = std::min<int64_t>(pause * 2, 1000000)) {
+    if (turn.try_lock()) return true;
+    timespec nap{0, static_cast<long>(std::min(pause, until.left()))};
+    nanosleep(&nap, nullptr);
+  }
+  return turn.try_lock();
 }
 
 bool PipeRing::publish(CopyPlan& plan) {
@@ -125,7 +135,7 @@ bool PipeRing::recover(bool writeLock, const std::function<HolderState(uint32_t)
   bool freed = false;
   if (token == token_) {
     // The server's own token: held by one of its threads only while that thread has the turn.
-    std::unique_lock<std::timed_mutex> turn(*turnOf(word), std::try_to_lock);
+    std::unique_lock<std::mutex> turn(*turnOf(word), std::try_to_lock);
     freed = turn.owns_lock() && at(word).compare_exchange_strong(value, 0);
   } else if (HolderState state = holder(token); state == HolderState::kNobody) {
     freed = at(word).compare_exchange_strong(value, 0);

@@ -117,7 +117,9 @@ class PipeRing {
   // Frees `word` when it still holds `held`, wakes who waits for a lock, and gives the turn
   // back.
   void unlock(uint32_t* word, uint32_t held);
-  std::timed_mutex* turnOf(uint32_t* word);
+  std::mutex* turnOf(uint32_t* word);
+  // Takes `turn`, waiting until `deadline` (at least a millisecond); false when it could not.
+  static bool takeTurn(std::mutex& turn, const Deadline& deadline);
   // Copies the plan's bytes and publishes its counter while `word` holds `held`: false when
   // the lock was taken over meanwhile (nothing published; the caller takes the lock again).
   bool publish(CopyPlan& plan);
@@ -149,7 +151,7 @@ class PipeRing {
   std::function<void(bool)> stuck_;  // set before use, then only read
   // This process's turn at each lock (0 write, 1 read): held by the thread that takes the lock
   // word, from before it takes it until after it frees it.
-  std::timed_mutex turn_[2];
+  std::mutex turn_[2];
 };
 
 }  // namespace posix
