@@ -121,6 +121,10 @@ PipeRing::Result PipeRing::write(const void* bytes, uint64_t n, int timeoutMs) {
     uint64_t tail = at(&page_->tail).load();
     uint64_t inUse = tail - at(&page_->head).load();
     uint32_t flags = this->flags();
+    if (inUse > ringSize_ && !stillHeld(&page_->write_lock, held)) {
+      unlock(&page_->write_lock, held);  // taken over while stopped: the counters moved on
+      continue;
+    }
     if (inUse > ringSize_ || (flags & PX_PIPE_BROKEN) != 0) {
       unlock(&page_->write_lock, held);
       result.end = inUse > ringSize_ ? End::kCorrupt : End::kBroken;
@@ -178,7 +182,9 @@ PipeRing::Result PipeRing::take(void* bytes, uint64_t n, const Deadline& deadlin
     uint64_t head = at(&page_->head).load();
     uint64_t avail = at(&page_->tail).load() - head;
     if (avail > ringSize_) {
+      bool lost = !stillHeld(&page_->read_lock, held);
       unlock(&page_->read_lock, held);
+      if (lost) continue;  // taken over while stopped: the counters moved on
       result.end = End::kCorrupt;
       return result;
     }

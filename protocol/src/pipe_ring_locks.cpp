@@ -94,6 +94,12 @@ bool PipeRing::takeTurn(std::mutex& turn, const Deadline& deadline) {
   return turn.try_lock();
 }
 
+bool PipeRing::stillHeld(uint32_t* word, uint32_t held) {
+  uint32_t now;
+  while ((now = at(word).load()) == PX_PIPE_LOCK_TAKING) sched_yield();
+  return now == held;
+}
+
 bool PipeRing::publish(CopyPlan& plan) {
   if ((plan.held & PX_PIPE_LOCK_RESTARTABLE) == 0) {
     std::memcpy(plan.to0, plan.from0, plan.size0);
@@ -105,11 +111,7 @@ bool PipeRing::publish(CopyPlan& plan) {
     CopyOutcome outcome = copyRestartable(plan);
     if (outcome == CopyOutcome::kCommitted) return true;
     if (outcome == CopyOutcome::kRestarted) continue;
-    // The lock word moved: a take-over is under way or done. It settles within microseconds;
-    // when it was called off the word holds this holder's value again.
-    uint32_t now;
-    while ((now = at(plan.lock).load()) == PX_PIPE_LOCK_TAKING) sched_yield();
-    if (now != plan.held) return false;
+    if (!stillHeld(plan.lock, plan.held)) return false;
   }
 }
 

@@ -133,8 +133,11 @@ TEST_F(PipeProcessTest, ConcurrentWritersRecordsArriveWholeAndAStoppedWriterHold
   std::thread d(writer, second, 'D');
   int stalls = 0;
   for (int stop = 0; stop < kStops; ++stop) {
-    ASSERT_EQ(kill(static_cast<pid_t>(a), SIGSTOP), 0);
-    ASSERT_TRUE(eventually([&] { return hostState(static_cast<pid_t>(a)) == 'T'; }, 2000, 1));
+    if (kill(static_cast<pid_t>(a), SIGSTOP) != 0 ||
+        !eventually([&] { return hostState(static_cast<pid_t>(a)) == 'T'; }, 2000, 1)) {
+      ADD_FAILURE() << "child A: " << outA.expect("", 100);
+      break;
+    }
     const int before = written;
     if (!eventually([&] { return written >= before + 3; }, 2000, 1)) ++stalls;
     kill(static_cast<pid_t>(a), SIGCONT);

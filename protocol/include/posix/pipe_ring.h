@@ -120,6 +120,11 @@ class PipeRing {
   std::mutex* turnOf(uint32_t* word);
   // Takes `turn`, waiting until `deadline` (at least a millisecond); false when it could not.
   static bool takeTurn(std::mutex& turn, const Deadline& deadline);
+  // Whether `word` still holds `held` (waiting out a take-over under way, which settles within
+  // microseconds): a holder that finds it so has held the lock without a break, and what it
+  // read of the counters since it took it is sound; one that does not was taken over while
+  // stopped and read counters that moved on.
+  bool stillHeld(uint32_t* word, uint32_t held);
   // Copies the plan's bytes and publishes its counter while `word` holds `held`: false when
   // the lock was taken over meanwhile (nothing published; the caller takes the lock again).
   bool publish(CopyPlan& plan);
