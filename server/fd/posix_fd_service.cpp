@@ -66,7 +66,7 @@ uint32_t openItem(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& 
   request->read(&options, sizeof options);
   Ref<DescriptionCharge> charge = roomFor(table, 1) ? budget.charge(kItemFiles) : nullptr;
   if (!charge) return PX_RESULT_LIMIT;
-  Ref<LocalFileDescriptionFSItem> item = LocalFileDescriptionFSItem::open(path, flags, mode);
+  Ref<LocalFileDescriptionFSItem> item = LocalFileDescriptionFSItem::open(path, flags, mode, request->link()->peerIdentity().pid);
   if (!item) {
     uint32_t error = Error::get();
     reply->write(&error, sizeof error);
