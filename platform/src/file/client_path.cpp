@@ -78,7 +78,11 @@ class Walk {
  private:
   static constexpr int kGoOn = -2;  // a step's answer when the walk goes on
 
-  bool moveTo(int fd);
+  // Makes `fd` the current directory. With `check`, a directory inside this process's /proc
+  // directory is refused (EACCES): needed where the walk may have landed anywhere in procfs.
+  // A name looked up inside a procfs directory stays in it, and a process directory at the
+  // procfs root is checked by its name.
+  bool moveTo(int fd, bool check = true, const struct stat* known = nullptr);
   bool start(int dir, const char* name) {
     return moveTo(::openat(dir, name, O_PATH | O_DIRECTORY | O_CLOEXEC));
   }
@@ -97,18 +101,32 @@ class Walk {
   int cur_ = -1;
   bool onProc_ = false;  // cur_ is on procfs
   bool procRoot_ = false;  // cur_ is the root of a procfs mount
+  dev_t lastDev_ = 0;  // the device whose kind was asked last, and its answer
+  bool lastDevKnown_ = false;
+  bool lastDevProc_ = false;
   std::string todo_;
   int links_ = 0;
 };
 
-bool Walk::moveTo(int fd) {
+bool Walk::moveTo(int fd, bool check, const struct stat* known) {
   if (fd < 0) return false;
   if (cur_ >= 0) ::close(cur_);
   cur_ = fd;
-  struct stat st;
-  onProc_ = onProc(fd);
-  procRoot_ = onProc_ && ::fstat(fd, &st) == 0 && st.st_ino == kProcRootIno;
-  if (onProc_ && ClientPath::ofThisProcess(fd)) {
+  struct stat st{};
+  if (known) {
+    st = *known;
+  } else if (::fstat(fd, &st) != 0) {
+    return false;
+  }
+  // Whether a device is procfs is asked once per walk: most walks cross one or two.
+  if (st.st_dev != lastDev_ || !lastDevKnown_) {
+    lastDev_ = st.st_dev;
+    lastDevKnown_ = true;
+    lastDevProc_ = onProc(fd);
+  }
+  onProc_ = lastDevProc_;
+  procRoot_ = onProc_ && st.st_ino == kProcRootIno;
+  if (check && onProc_ && ClientPath::ofThisProcess(fd)) {
     errno = EACCES;
     return false;
   }
@@ -141,7 +159,9 @@ int Walk::client(std::string* name) {
 
 int Walk::step(const std::string& name, bool slash) {
   if (name == ".") return kGoOn;
-  if (name == "..") return moveTo(::openat(cur_, "..", O_PATH | O_DIRECTORY | O_CLOEXEC)) ? kGoOn : -1;
+  if (name == "..") {
+    return moveTo(::openat(cur_, "..", O_PATH | O_DIRECTORY | O_CLOEXEC)) ? kGoOn : -1;
+  }
   std::string real = name;
   uint64_t id = 0;
   if (procRoot_ && (name == "self" || name == "thread-self")) {
@@ -155,7 +175,11 @@ int Walk::step(const std::string& name, bool slash) {
     return slash && errno == ENOENT && (flags_ & O_CREAT) ? fail(EISDIR) : -1;
   }
   struct stat st;
-  if (::fstat(fd, &st) != 0 || !S_ISLNK(st.st_mode)) return moveTo(fd) ? kGoOn : -1;
+  if (::fstat(fd, &st) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  if (!S_ISLNK(st.st_mode)) return moveTo(fd, !onProc_, &st) ? kGoOn : -1;
   if (++links_ > kMaxLinks) {
     ::close(fd);
     return fail(ELOOP);
@@ -185,14 +209,17 @@ int Walk::last(std::string name) {
   if (follow && !dots && ::fstatat(cur_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
       S_ISLNK(st.st_mode)) {
     if (++links_ > kMaxLinks) return fail(ELOOP);
-    if (onProc_ && !procRoot_) return checked(::openat(cur_, name.c_str(), flags_ | O_CLOEXEC, mode_));
+    if (onProc_ && !procRoot_) {
+      return checked(::openat(cur_, name.c_str(), flags_ | O_CLOEXEC, mode_));
+    }
     return readLink(cur_, name.c_str());
   }
   // Not a link when looked at: O_NOFOLLOW makes sure it is none when opened either.
   int fd = ::openat(cur_, name.c_str(), flags_ | O_CLOEXEC | (follow && !dots ? O_NOFOLLOW : 0),
                     mode_);
   bool becameLink = fd < 0 && errno == ELOOP;
-  if (fd >= 0 && (flags_ & O_PATH) && follow && !dots && ::fstat(fd, &st) == 0 && S_ISLNK(st.st_mode)) {
+  if (fd >= 0 && (flags_ & O_PATH) && follow && !dots && ::fstat(fd, &st) == 0 &&
+      S_ISLNK(st.st_mode)) {
     ::close(fd);
     becameLink = true;
   }
@@ -246,32 +273,33 @@ int open(int dir, const char* path, int flags, mode_t mode, uint64_t pid) {
 }
 
 bool ofThisProcess(int fd) {
-  if (!onProc(fd)) return false;
+  struct stat self;
+  if (!onProc(fd) || (::fstat(fd, &self) == 0 && self.st_ino == kProcRootIno)) return false;
   char link[48];
   std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
   char target[PATH_MAX];
   ssize_t n = ::readlink(link, target, sizeof target - 1);
   if (n <= 0) return true;  // where it is cannot be told: refused
   const std::string text(target, static_cast<size_t>(n));
-  // The first numeric name right below the root of a procfs mount names the process.
+  // The name right below the root of a procfs mount tells: a number names a process. A file
+  // of procfs whose path passes no procfs root (a part of /proc mounted elsewhere) cannot be
+  // told apart and is refused.
   for (size_t pos = 0; pos < text.size();) {
     size_t begin = text.find_first_not_of('/', pos);
     if (begin == std::string::npos) break;
     size_t end = text.find('/', begin);
     if (end == std::string::npos) end = text.size();
-    uint64_t id = 0;
-    if (numeric(text.substr(begin, end - begin), &id)) {
-      const std::string parent = begin > 1 ? text.substr(0, begin - 1) : "/";
-      struct statfs fs;
-      struct stat st;
-      if (::statfs(parent.c_str(), &fs) == 0 && fs.f_type == PROC_SUPER_MAGIC &&
-          ::stat(parent.c_str(), &st) == 0 && st.st_ino == kProcRootIno) {
-        return ourTask(id);
-      }
+    const std::string parent = begin > 1 ? text.substr(0, begin - 1) : "/";
+    struct statfs fs;
+    struct stat st;
+    if (::statfs(parent.c_str(), &fs) == 0 && fs.f_type == PROC_SUPER_MAGIC &&
+        ::stat(parent.c_str(), &st) == 0 && st.st_ino == kProcRootIno) {
+      uint64_t id = 0;
+      return numeric(text.substr(begin, end - begin), &id) && ourTask(id);
     }
     pos = end;
   }
-  return false;
+  return true;
 }
 
 }  // namespace ClientPath

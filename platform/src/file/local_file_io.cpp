@@ -36,7 +36,9 @@ uint64_t clampSize(const Interfaces::MemDesc& buffer, uint64_t size) {
 
 }  // namespace
 
-bool LocalFileDescriptionFSItem::mayBlock(int32_t type) { return type != 1 && type != 2 && type != 4; }
+bool LocalFileDescriptionFSItem::mayBlock(int32_t type) {
+  return type != 1 && type != 2 && type != 4;
+}
 
 bool LocalFileDescriptionFSItem::ready(short events, uint32_t timeoutMs) const {
   if (!mayBlock(type_)) return true;
@@ -56,19 +58,20 @@ namespace {
 // What is left of a call's time-out; kForever stays.
 class Deadline {
  public:
+  using Clock = std::chrono::steady_clock;
   explicit Deadline(uint32_t timeoutMs)
       : forever_(timeoutMs == kForever),
-        end_(std::chrono::steady_clock::now() + std::chrono::milliseconds(forever_ ? 0 : timeoutMs)) {}
+        end_(Clock::now() + std::chrono::milliseconds(forever_ ? 0 : timeoutMs)) {}
   uint32_t left() const {
     if (forever_) return kForever;
-    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(end_ - std::chrono::steady_clock::now());
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(end_ - Clock::now());
     return ms.count() > 0 ? static_cast<uint32_t>(ms.count()) : 0;
   }
   bool passed() const { return !forever_ && left() == 0; }
 
  private:
   const bool forever_;
-  const std::chrono::steady_clock::time_point end_;
+  const Clock::time_point end_;
 };
 
 // The host call failed for a reason of its own (not "would block" or a signal).
