@@ -20,7 +20,7 @@ namespace {
 
 using IsolationTest = ServerFixture;
 
-// The "Pid:" line of the status file px_open gives for `path`, "" when it cannot be read.
+// The "Pid:" line of the status file px_open gives for `path`; "errno N" when the open fails.
 std::string pidLine(const std::string& path) {
   int fd = px_open(path.c_str(), O_RDONLY, 0);
   if (fd < 0) return "errno " + std::to_string(errno);
