@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <linux/close_range.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -95,6 +96,9 @@ pid_t launch(const std::string& binary, const std::string& rt, int logFd, int* e
       dup2(devnull, 0);
       dup2(logFd, 1);
       dup2(logFd, 2);
+      // The server starts with its standard files only: nothing posixctl inherited or opened
+      // (the exec pipe goes at the exec, as it should) reaches it or the programs it starts.
+      close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
       setenv("POSIX_RUNTIME_DIR", rt.c_str(), 1);
       execl(binary.c_str(), binary.c_str(), static_cast<char*>(nullptr));
       int e = errno;

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -112,6 +113,12 @@ void* signalThread(void*) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // What whoever started the server left open is no business of the server's, and would be
+  // handed on to every program it starts.
+  HostFiles::closeInherited();
+  // No process of the server's user reads or writes the server's memory or open files
+  // through /proc/<pid> (mem, maps, fd); the server itself still can.
+  prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
       std::fputs(kHelp, stdout);

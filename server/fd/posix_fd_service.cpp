@@ -66,7 +66,9 @@ uint32_t openItem(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& 
   request->read(&options, sizeof options);
   Ref<DescriptionCharge> charge = roomFor(table, 1) ? budget.charge(kItemFiles) : nullptr;
   if (!charge) return PX_RESULT_LIMIT;
-  Ref<LocalFileDescriptionFSItem> item = LocalFileDescriptionFSItem::open(path, flags, mode);
+  // The path is read as the requesting process reads it: /proc/self is its own.
+  const uint64_t requester = request->link()->peerIdentity().pid;
+  Ref<LocalFileDescriptionFSItem> item = LocalFileDescriptionFSItem::open(path, flags, mode, requester);
   if (!item) {
     uint32_t error = Error::get();
     reply->write(&error, sizeof error);

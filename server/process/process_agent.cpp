@@ -58,7 +58,8 @@ void ProcessAgent::answer(uint32_t code, T value) {
 bool ProcessAgent::start() {
   const Clock::time_point began = Clock::now();
   uint64_t pid = Binary::create(start_.path, start_.startFlags, start_.arguments.data(),
-                                start_.arguments.size(), start_.environment, start_.startOptions);
+                                start_.arguments.size(), start_.environment, start_.startOptions,
+                                parent_->pid());
   if (pid == 0) {
     uint32_t error = Error::get();
     POSIX_LOG(agentLog.handle, 2, "Could not create new process for " << start_.path);
@@ -171,7 +172,9 @@ bool PosixProcess::spawn(const Ref<PosixProcess>& parent, ProgramStart start, Re
   if (!parent || !request) return false;
   Ref<PosixProcess> child = new PosixProcess();
   child->parent_ = WeakRef<PosixProcess>(parent);
-  if (start.sharedMemory.id != 0) child->sharedMemory_ = ShMem::open(start.sharedMemory);
+  // A shared-memory object that cannot be opened fails the start with the host's reason.
+  if (start.sharedMemory.id != 0 && !(child->sharedMemory_ = ShMem::open(start.sharedMemory)))
+    return false;
   Ref<ProcessAgent> agent = new ProcessAgent(parent, child, std::move(start), std::move(request));
   Error::set(EAGAIN);
   return AgentThreads::run(agent);

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <iterator>
@@ -35,12 +36,22 @@ TEST_F(PosixctlTest, StartStatusStop) {
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_EQ(r.out, "not running\n");
 
-  r = ctl({"start"});
+  // Started with a descriptor it should not pass on: neither the server nor what it starts
+  // holds it.
+  std::string inherited = hostFile("inherited", "x");
+  r = runCommand({"/bin/sh", "-c", "exec 7<\"$1\" && exec \"$0\" start", POSIXCTL_BINARY,
+                  inherited});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   std::ifstream pidFile(path("server.pid"));
   int pid = 0;
   ASSERT_TRUE(pidFile >> pid);
   EXPECT_GT(pid, 0);
+  std::error_code ec;
+  const std::string fds = "/proc/" + std::to_string(pid) + "/fd";
+  for (const auto& fd : std::filesystem::directory_iterator(fds, ec))
+    EXPECT_NE(std::filesystem::read_symlink(fd.path(), ec), inherited) << fd.path();
+  r = ctl({"run", "/bin/sh", "-c", "ls /proc/$$/fd"});
+  EXPECT_EQ(r.out, "0\n1\n2\n") << r.err;
 
   r = ctl({"status"});
   EXPECT_EQ(r.exitCode, 0);

@@ -42,7 +42,7 @@ class ProcTest : public ::testing::Test {
     for (const auto& [name, value] : vars) env->set(str(name), str(value));
     std::vector<Ref<String>> argv;
     for (const std::string& a : args) argv.push_back(str(a));
-    return Binary::create(argv[0], flags, argv.data(), argv.size(), env, 0);
+    return Binary::create(argv[0], flags, argv.data(), argv.size(), env, 0, Proc::current());
   }
   // Starts `args` and answers how it ended, or ~0 when it did not start.
   uint32_t run(const std::vector<std::string>& args, const Vars& vars = {}, uint32_t flags = 0) {

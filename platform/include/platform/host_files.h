@@ -24,4 +24,9 @@ uint64_t available();
 // one thread; the first inUse() does it when nobody did.
 void calibrate();
 
+// Closes every descriptor above standard error that this process inherited from whoever
+// started it: those without close-on-exec, which are what survives an exec. Called first
+// thing in main, before the process opens anything of its own.
+void closeInherited();
+
 }  // namespace HostFiles

@@ -61,12 +61,14 @@ class LocalFileDescriptionFSItem : public Object,
                                    public virtual Interfaces::Resizable,
                                    public virtual Interfaces::FileSystemObject {
  public:
-  // Opens the host path with the Linux O_* `openFlags` and `openMode` (close-on-exec added).
-  // Null with Error set to errno when the host refuses, or to EINVAL for a path that holds a
-  // zero byte. Opening never waits for a peer: a host FIFO opens at once for reading, and for
-  // writing only while it has a reader (ENXIO otherwise).
+  // Opens the host path with the Linux O_* `openFlags` and `openMode` (close-on-exec added)
+  // for process `forPid`, as ClientPath reads it (/proc/self is that process's; the server's
+  // own /proc directory is refused with EACCES). Null with Error set to errno when the host
+  // refuses, or to EINVAL for a path that holds a zero byte. Opening never waits: a host FIFO
+  // opens at once for reading, and for writing only while it has a reader (ENXIO otherwise); a
+  // file under someone's lease fails with EWOULDBLOCK.
   static Ref<LocalFileDescriptionFSItem> open(const Ref<String>& path, uint32_t openFlags,
-                                              uint32_t openMode);
+                                              uint32_t openMode, uint64_t forPid);
 
   // The interfaces the item offers; the seek and resize interfaces are null when it has none.
   Ref<Interfaces::Stream> stream() { return this; }
@@ -77,9 +79,10 @@ class LocalFileDescriptionFSItem : public Object,
   // The open flags as they were asked for.
   uint32_t openFlags() const { return openFlags_; }
 
-  // Stream: one host read or write at the description's offset. For items that may block
-  // (devices, sockets, FIFOs) the call first waits for readiness up to the time-out; regular
-  // files, directories and block devices never wait.
+  // Stream: reads and writes at the description's offset. Items that may block (devices,
+  // sockets, FIFOs) keep a non-blocking host descriptor: a read waits for readiness up to the
+  // time-out, a write fills what room comes within it and answers what went. Regular files,
+  // directories and block devices never wait.
   uint32_t dataKind() override { return 1; }
   Interfaces::MemDesc map(Ref<Object> /*client*/) override { return {}; }
   void unmap(Ref<Object> /*client*/) override {}
@@ -111,6 +114,8 @@ class LocalFileDescriptionFSItem : public Object,
                              bool canSeek, bool canResize)
       : fd_(fd), path_(std::move(path)), openFlags_(openFlags), type_(type),
         canSeek_(canSeek), canResize_(canResize) {}
+  // Regular files, directories and block devices answer at once; anything else may wait.
+  static bool mayBlock(int32_t type);
   // Waits until the host file is ready for `events`, for items that can block; false when the
   // time-out passed first.
   bool ready(short events, uint32_t timeoutMs) const;

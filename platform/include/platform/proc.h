@@ -105,10 +105,14 @@ class Binary {
   // its standard input, output and error (a relative name resolves against POSIX_CWD; an
   // empty one starts the program with that descriptor closed), else /dev/null for input and
   // the server's own output and error. Nothing named can make the start wait: an output FIFO
-  // with no reader fails with ENXIO. The program leads a host process group of its own. Bit
-  // kSearchPath looks a path without a slash up in env's PATH (else the server's).
+  // with no reader fails with ENXIO. The program leads a host process group of its own and
+  // has no descriptor but 0, 1 and 2. Bit kSearchPath looks a path without a slash up in env's
+  // PATH (else the server's). The program, its directory and its files are named as process
+  // `forPid` names them (ClientPath: /proc/self is that process's, the server's own /proc
+  // directory is refused with EACCES).
   static uint64_t create(const Ref<String>& path, uint32_t startFlags, const Ref<String>* args,
-                         uint64_t argc, const Ref<Env>& env, uint32_t startOptions);
+                         uint64_t argc, const Ref<Env>& env, uint32_t startOptions,
+                         uint64_t forPid);
 
   // The modules loaded in this process, the main program first (ModuleInfo stands in
   // platform/binary_services.h).
@@ -137,7 +141,9 @@ class SharedMemory : public Object {
 
 class ShMem {
  public:
-  // Opens an existing object; null when it is missing.
+  // Opens an existing object without waiting (EWOULDBLOCK when someone holds a lease on it);
+  // null with Error set when it is missing (ENOENT), is a link (ELOOP) or no regular file
+  // (EINVAL).
   static Ref<SharedMemory> open(ShMemID id);
   // Makes a new object of `size` bytes (used by tests; clients make their own).
   static Ref<SharedMemory> create(uint64_t size);

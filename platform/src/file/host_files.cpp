@@ -2,11 +2,14 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <mutex>
+#include <vector>
 
 #include "host_fd.h"
 
@@ -59,6 +62,20 @@ void close(int fd) {
 namespace HostFiles {
 
 void calibrate() { std::call_once(calibrated, measure); }
+
+void closeInherited() {
+  DIR* dir = ::opendir("/proc/self/fd");
+  if (dir == nullptr) return;
+  std::vector<int> inherited;
+  while (dirent* entry = ::readdir(dir)) {
+    int fd = std::atoi(entry->d_name);
+    if (fd <= 2 || fd == ::dirfd(dir)) continue;
+    int flags = ::fcntl(fd, F_GETFD);
+    if (flags >= 0 && !(flags & FD_CLOEXEC)) inherited.push_back(fd);
+  }
+  ::closedir(dir);
+  for (int fd : inherited) ::close(fd);
+}
 
 uint64_t limit() {
   rlimit files{};

@@ -2,14 +2,17 @@
 // file description, so the offset it moves is the one every holder of the item shares: reads
 // and writes use read(2) and write(2), never the positioned calls.
 //
-// A read or write is one host call straight between the caller's memory and the file, so a
-// reader that hands in the memory of its reply gets the bytes there without a copy.
+// A read or write goes straight between the caller's memory and the file, so a reader that
+// hands in the memory of its reply gets the bytes there without a copy. An item that may block
+// has a non-blocking host descriptor, so no host call waits: each call waits for readiness
+// within its time-out and answers by then with what it moved.
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 
 #include "platform/error.h"
@@ -17,9 +20,6 @@
 #include "platform/sync.h"
 
 namespace {
-
-// Regular files, directories and block devices answer at once; anything else may wait.
-bool mayBlock(int32_t type) { return type != 1 && type != 2 && type != 4; }
 
 uint64_t moved(ssize_t n) {
   if (n < 0) {
@@ -36,6 +36,10 @@ uint64_t clampSize(const Interfaces::MemDesc& buffer, uint64_t size) {
 
 }  // namespace
 
+bool LocalFileDescriptionFSItem::mayBlock(int32_t type) {
+  return type != 1 && type != 2 && type != 4;
+}
+
 bool LocalFileDescriptionFSItem::ready(short events, uint32_t timeoutMs) const {
   if (!mayBlock(type_)) return true;
   pollfd p{fd_, events, 0};
@@ -49,28 +53,79 @@ bool LocalFileDescriptionFSItem::ready(short events, uint32_t timeoutMs) const {
   return n != 0;
 }
 
+namespace {
+
+// What is left of a call's time-out; kForever stays.
+class Deadline {
+ public:
+  using Clock = std::chrono::steady_clock;
+  explicit Deadline(uint32_t timeoutMs)
+      : forever_(timeoutMs == kForever),
+        end_(Clock::now() + std::chrono::milliseconds(forever_ ? 0 : timeoutMs)) {}
+  uint32_t left() const {
+    if (forever_) return kForever;
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(end_ - Clock::now());
+    return ms.count() > 0 ? static_cast<uint32_t>(ms.count()) : 0;
+  }
+  bool passed() const { return !forever_ && left() == 0; }
+
+ private:
+  const bool forever_;
+  const Clock::time_point end_;
+};
+
+// The host call failed for a reason of its own (not "would block" or a signal).
+bool failed(ssize_t n) { return n < 0 && errno != EAGAIN && errno != EINTR; }
+
+}  // namespace
+
 uint64_t LocalFileDescriptionFSItem::read(Interfaces::MemDesc buffer, uint64_t size,
                                           uint32_t timeoutMs) {
   if (buffer.kind != Interfaces::MemDesc::kDirect || !buffer.address) return 0;
   uint64_t n = clampSize(buffer, size);
-  if (n == 0 || !ready(POLLIN, timeoutMs)) return 0;
-  ssize_t got;
-  do {
-    got = ::read(fd_, buffer.pointer(), n);
-  } while (got < 0 && errno == EINTR);
-  return moved(got);
+  if (n == 0) return 0;
+  // An item that may block has a non-blocking host descriptor: a read waits for data only
+  // within its time-out, never in the host call. Readiness is asked first, so a FIFO that no
+  // writer has opened yet is waited for rather than read as at its end.
+  Deadline deadline(timeoutMs);
+  for (;;) {
+    if (!ready(POLLIN, deadline.left())) return 0;
+    ssize_t got = ::read(fd_, buffer.pointer(), n);
+    if (got >= 0 || failed(got)) return moved(got);
+    if (deadline.passed()) return 0;
+  }
 }
 
 uint64_t LocalFileDescriptionFSItem::write(Interfaces::MemDesc buffer, uint64_t size,
                                            uint32_t timeoutMs) {
   if (buffer.kind != Interfaces::MemDesc::kDirect || !buffer.address) return 0;
   uint64_t n = clampSize(buffer, size);
-  if (n == 0 || !ready(POLLOUT, timeoutMs)) return 0;
-  ssize_t put;
-  do {
-    put = ::write(fd_, buffer.pointer(), n);
-  } while (put < 0 && errno == EINTR);
-  return moved(put);
+  if (n == 0) return 0;
+  if (!mayBlock(type_)) {
+    ssize_t put;
+    do {
+      put = ::write(fd_, buffer.pointer(), n);
+    } while (put < 0 && errno == EINTR);
+    return moved(put);
+  }
+  // Whatever room the reader makes within the time-out is filled; what did not fit by then is
+  // left to the caller, with the count of what went.
+  Deadline deadline(timeoutMs);
+  const char* from = static_cast<const char*>(buffer.pointer());
+  uint64_t done = 0;
+  while (done < n) {
+    if (!ready(POLLOUT, deadline.left())) break;
+    ssize_t put = ::write(fd_, from + done, n - done);
+    if (put > 0) {
+      done += static_cast<uint64_t>(put);
+    } else if (failed(put)) {
+      if (done == 0) return moved(put);
+      break;
+    } else if (deadline.passed()) {
+      break;
+    }
+  }
+  return done;
 }
 
 uint64_t LocalFileDescriptionFSItem::readable() {

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/client_path.h"
 #include "platform/error.h"
 #include "platform/local_file.h"
 #include "file/host_fd.h"
@@ -27,27 +28,26 @@ int32_t typeOf(mode_t mode) {
 
 Ref<LocalFileDescriptionFSItem> LocalFileDescriptionFSItem::open(const Ref<String>& path,
                                                                  uint32_t openFlags,
-                                                                 uint32_t openMode) {
+                                                                 uint32_t openMode,
+                                                                 uint64_t forPid) {
   if (!path || std::strlen(path->c_str()) != path->length()) {
     // A zero byte inside the path would make the host open a shorter path than was asked for.
     Error::set(EINVAL);
     return nullptr;
   }
-  // The open itself never waits: a host FIFO without a peer, or a device waiting for a line,
-  // would otherwise hold the opening thread (and every request queued behind it) for as long
-  // as it likes. Non-blocking mode is taken off again unless it was asked for.
+  // The open itself never waits: a host FIFO without a peer, a device waiting for a line, or a
+  // file on which someone holds a lease would otherwise hold the opening thread (and every
+  // request queued behind it) for as long as they like. The path is read as the client reads
+  // it (/proc/self is the client's).
   int fd;
   do {
-    fd = HostFd::opened(::open(path->c_str(), static_cast<int>(openFlags) | O_CLOEXEC | O_NONBLOCK,
-                               static_cast<mode_t>(openMode)));
+    fd = HostFd::opened(ClientPath::open(AT_FDCWD, path->c_str(),
+                                         static_cast<int>(openFlags) | O_NONBLOCK,
+                                         static_cast<mode_t>(openMode), forPid));
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) {
     Error::set(static_cast<uint32_t>(errno));
     return nullptr;
-  }
-  if (!(openFlags & O_NONBLOCK)) {
-    int status = ::fcntl(fd, F_GETFL);
-    if (status >= 0) ::fcntl(fd, F_SETFL, status & ~O_NONBLOCK);
   }
   struct stat st;
   if (::fstat(fd, &st) != 0) {
@@ -56,6 +56,13 @@ Ref<LocalFileDescriptionFSItem> LocalFileDescriptionFSItem::open(const Ref<Strin
     return nullptr;
   }
   const int32_t type = typeOf(st.st_mode);
+  // What may block (FIFOs, devices, sockets) stays non-blocking for good: reads and writes wait
+  // for readiness themselves, within their time-out. Other items are made blocking again unless
+  // that was asked for: a regular file's descriptor is handed to clients as it is.
+  if (!(openFlags & O_NONBLOCK) && !mayBlock(type)) {
+    int status = ::fcntl(fd, F_GETFL);
+    if (status >= 0) ::fcntl(fd, F_SETFL, status & ~O_NONBLOCK);
+  }
   // Asking for the current offset moves nothing and fails exactly where a seek cannot work
   // (pipes, sockets, FIFOs).
   const bool canSeek = ::lseek(fd, 0, SEEK_CUR) >= 0;

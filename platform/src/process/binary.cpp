@@ -1,18 +1,24 @@
 // Starting programs: the environment handed to a program and posix_spawn. Waiting for the
 // program that the calling thread started last is in proc_wait.cpp.
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "platform/client_path.h"
 #include "platform/error.h"
 #include "platform/proc.h"
 #include "platform/runtime.h"
@@ -38,25 +44,52 @@ constexpr const char* kRuntimeDir = "POSIX_RUNTIME_DIR";
 
 bool named(const Ref<String>& name, const char* text) { return name && name->equals(text); }
 
-// The first regular, executable `dir/file` along a PATH-style list; an empty entry is the
-// current directory, and a relative entry resolves against `base` (the program's working
-// directory, where the program will be exec'd from).
-bool searchPath(int base, const std::string& list, const std::string& file, std::string* found) {
-  size_t start = 0;
-  for (;;) {
+// A program file opened (O_PATH) as process `pid` names it, relative to `base`: the file
+// itself, when it is a regular file that may be executed; -1 with errno set otherwise.
+int openProgram(int base, const std::string& path, uint64_t pid) {
+  int fd = ClientPath::open(base, path.c_str(), O_PATH, 0, pid);
+  if (fd < 0) return -1;
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) ||
+      ::faccessat(fd, "", X_OK, AT_EMPTY_PATH) != 0) {
+    ::close(fd);
+    errno = EACCES;
+    return -1;
+  }
+  return fd;
+}
+
+// The first program `dir/file` along a PATH-style list; an empty entry is the current
+// directory, and a relative entry resolves against `base` (the program's working directory,
+// where the program will be exec'd from). -1 with ENOENT when there is none.
+int searchPath(int base, const std::string& list, const std::string& file, uint64_t pid) {
+  for (size_t start = 0;;) {
     size_t colon = list.find(':', start);
     size_t length = colon == std::string::npos ? std::string::npos : colon - start;
     std::string dir = list.substr(start, length);
-    std::string candidate = (dir.empty() ? std::string(".") : dir) + "/" + file;
-    struct stat st;
-    if (::fstatat(base, candidate.c_str(), &st, 0) == 0 && S_ISREG(st.st_mode) &&
-        ::faccessat(base, candidate.c_str(), X_OK, 0) == 0) {
-      *found = candidate;
-      return true;
-    }
-    if (colon == std::string::npos) return false;
+    int fd = openProgram(base, (dir.empty() ? std::string(".") : dir) + "/" + file, pid);
+    if (fd >= 0) return fd;
+    if (colon == std::string::npos) break;
     start = colon + 1;
   }
+  errno = ENOENT;
+  return -1;
+}
+
+// The host path of an opened program: posix_spawn takes a path, not a descriptor. A program
+// is never a /proc file (what the host follows from /proc/<pid>/exe or fd/N is the file
+// itself), so a path that is not an absolute one outside /proc is refused.
+int programPath(int fd, std::string* path) {
+  char link[48];
+  std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+  char target[PATH_MAX];
+  ssize_t n = ::readlink(link, target, sizeof target);
+  if (n <= 0) return EACCES;
+  if (n == static_cast<ssize_t>(sizeof target)) return ENAMETOOLONG;
+  path->assign(target, static_cast<size_t>(n));
+  struct statfs fs;
+  if ((*path)[0] != '/' || ::fstatfs(fd, &fs) != 0 || fs.f_type == PROC_SUPER_MAGIC) return EACCES;
+  return 0;
 }
 
 // Owns the spawn attributes and file actions for one start.
@@ -125,7 +158,8 @@ Ref<String> Env::get(const char* name) const {
 }
 
 uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<String>* args,
-                        uint64_t argc, const Ref<Env>& env, uint32_t /*startOptions*/) {
+                        uint64_t argc, const Ref<Env>& env, uint32_t /*startOptions*/,
+                        uint64_t forPid) {
   if (!path || path->length() == 0) return fail(ENOENT);
   if (std::strlen(path->c_str()) != path->length()) return fail(EINVAL);
 
@@ -153,26 +187,30 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
   argv.push_back(nullptr);
 
   SpawnSetup setup;
-  int rc = files.open();
+  int rc = files.open(forPid);
   if (rc == 0) rc = files.addActions(&setup.actions);
   if (rc == 0) rc = setAttributes(&setup.attr);
   if (rc != 0) return fail(rc);
 
+  // The program's file is found as the starter names it, and exec'd by the path the host
+  // gives that file.
   std::string program = path->c_str();
-  bool usePathSearch = (startFlags & kSearchPath) != 0 && program.find('/') == std::string::npos;
-  if (usePathSearch && pathList) {
-    std::string found;
-    if (!searchPath(files.dirFd(), pathList->c_str(), program, &found)) return fail(ENOENT);
-    program = found;
-    usePathSearch = false;
+  int programFd;
+  if ((startFlags & kSearchPath) != 0 && program.find('/') == std::string::npos) {
+    const char* serverList = std::getenv("PATH");
+    std::string list = pathList ? pathList->c_str() : serverList ? serverList : "/bin:/usr/bin";
+    programFd = searchPath(files.dirFd(), list, program, forPid);
+  } else {
+    programFd = openProgram(files.dirFd(), program, forPid);
   }
+  if (programFd < 0) return fail(errno);
+  rc = programPath(programFd, &program);
+  ::close(programFd);
+  if (rc != 0) return fail(rc);
 
   pid_t pid = 0;
   const uint64_t before = bootTick();
-  if (usePathSearch)
-    rc = posix_spawnp(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), envp.data());
-  else
-    rc = posix_spawn(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), envp.data());
+  rc = posix_spawn(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), envp.data());
   const uint64_t after = bootTick();
   if (rc != 0) return fail(rc);
   t_lastStarted = pid;

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/client_path.h"
+
 namespace {
 
 // A name that holds a NUL byte would open only its part before the NUL.
@@ -15,9 +17,9 @@ bool wholeName(const Ref<String>& name) { return std::strlen(name->c_str()) == n
 // cleared again so the program sees the blocking file it expects. The descriptor lands above
 // the standard numbers (a server whose own 0, 1 or 2 is closed would otherwise get one there,
 // and one start's dup2 could overwrite another of its files) and is closed on exec.
-int openNoWait(int dir, const Ref<String>& name, int access, int* out) {
+int openNoWait(int dir, const Ref<String>& name, int access, uint64_t pid, int* out) {
   if (!wholeName(name)) return EINVAL;
-  int fd = ::openat(dir, name->c_str(), access | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  int fd = ClientPath::open(dir, name->c_str(), access | O_NONBLOCK | O_NOCTTY, 0, pid);
   if (fd < 0) return errno;
   if (fd <= STDERR_FILENO) {
     int high = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
@@ -59,10 +61,10 @@ bool ProgramFiles::take(const Ref<String>& name, const Ref<String>& value) {
   return false;
 }
 
-int ProgramFiles::open() {
+int ProgramFiles::open(uint64_t pid) {
   if (dirName_) {
     if (!wholeName(dirName_)) return EINVAL;
-    dir_ = ::open(dirName_->c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    dir_ = ClientPath::open(AT_FDCWD, dirName_->c_str(), O_PATH | O_DIRECTORY, 0, pid);
     if (dir_ < 0) return errno;
   }
   // Input is /dev/null unless named; output and error stay the server's own unless named.
@@ -71,7 +73,7 @@ int ProgramFiles::open() {
     if (!names_[i] || names_[i]->length() == 0) continue;
     // Output appends, so a file that the starter's own output goes to is continued.
     int access = i == 0 ? O_RDONLY : O_WRONLY | O_APPEND;
-    if (int err = openNoWait(dirFd(), names_[i], access, &fds_[i])) return err;
+    if (int err = openNoWait(dirFd(), names_[i], access, pid, &fds_[i])) return err;
   }
   return 0;
 }
@@ -85,6 +87,10 @@ int ProgramFiles::addActions(posix_spawn_file_actions_t* actions) const {
       rc = posix_spawn_file_actions_addclose(actions, i);
     }
   }
+  // Nothing of the server's reaches the program: it starts with its standard files only,
+  // whatever the server holds without close-on-exec (what it inherited, or a descriptor that
+  // a library opened without the flag).
+  if (rc == 0) rc = posix_spawn_file_actions_addclosefrom_np(actions, STDERR_FILENO + 1);
   return rc;
 }
 

@@ -29,9 +29,10 @@ class ProgramFiles {
   // Keeps `value` when `name` is one of the consumed names; false for any other name.
   bool take(const Ref<String>& name, const Ref<String>& value);
   // Opens the directory, then the standard files (a relative name resolves against the
-  // directory); 0 or an errno value.
-  int open();
-  // Adds the directory change and the descriptor moves to `actions`; 0 or an errno value.
+  // directory), each read as process `pid` names it (ClientPath); 0 or an errno value.
+  int open(uint64_t pid);
+  // Adds the directory change, the descriptor moves and the closing of every descriptor above
+  // the standard ones to `actions`; 0 or an errno value.
   int addActions(posix_spawn_file_actions_t* actions) const;
   // Where a relative path of this start resolves: the directory, or AT_FDCWD without one.
   int dirFd() const;

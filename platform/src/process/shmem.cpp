@@ -46,9 +46,18 @@ Ref<SharedMemory> ShMem::open(ShMemID id) {
     Error::set(EINVAL);
     return nullptr;
   }
-  int fd = HostFd::opened(::open(objectPath(id.id).c_str(), O_RDWR | O_CLOEXEC));
+  // Clients make the objects, so one may be anything: the open neither follows a link nor
+  // waits (a FIFO, or a lease a client holds on the file), and only a regular file is kept.
+  int fd = HostFd::opened(
+      ::open(objectPath(id.id).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
   if (fd < 0) {
     Error::set(static_cast<uint32_t>(errno));
+    return nullptr;
+  }
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    Error::set(EINVAL);
+    HostFd::close(fd);
     return nullptr;
   }
   return new SharedMemory(fd, id);

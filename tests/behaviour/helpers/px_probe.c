@@ -16,6 +16,8 @@
 //   cat                        copies standard input to standard output
 //   fds                        prints "fd N kind K" per known descriptor (the first 64),
 //                              "fds count COUNT", then "fds done"
+//   find PATH TEXT             opens PATH through the server and prints "found <the rest of
+//                              the first line from TEXT on>" or "found none"
 //   write FD TEXT              prints "wrote N"
 //   readn FD N                 reads until N bytes or end-of-file; prints "got <bytes>"
 //   close FD                   prints "closed FD"
@@ -166,6 +168,17 @@ int main(int argc, char** argv) {
       int n = (int)must(px_fd_list(list, 64));
       for (int k = 0; k < n && k < 64; ++k) printf("fd %d kind %d\n", list[k].fd, list[k].kind);
       printf("fds count %d\nfds done\n", n);
+    }
+    STEP("find", 2) {
+      int fd = (int)must(px_open(a[0], O_RDONLY, 0));
+      size_t got = 0;
+      for (ssize_t n = 1; n > 0 && got < sizeof buf - 1; got += (size_t)n) {
+        n = must(px_read(fd, buf + got, sizeof buf - 1 - got));
+      }
+      buf[got] = '\0';
+      px_close(fd);
+      char* at = strstr(buf, a[1]);
+      printf("found %.*s\n", at != NULL ? (int)strcspn(at, "\n") : 4, at != NULL ? at : "none");
     }
     STEP("write", 2) {
       writeAll((int)num(0), a[1], strlen(a[1]));
