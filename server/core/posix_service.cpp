@@ -21,7 +21,7 @@ bool PosixService::connect(const Ref<ChnLink>& link) {
   POSIX_ASSERT(link, "link != 0", 56, "PosixService::connect");
   if (!link) return false;  // the hosted channel never passes one; nothing to bind
   // The platform admits only links whose peer it could identify. A record of an earlier
-  // process with the same pid is never handed over: the identity includes the start time.
+  // process with the same pid is never handed over: the identity includes the serial.
   const ProcIdentity& identity = link->peerIdentity();
   Ref<PosixProcess> process = PosixProcess::find(identity);
   // A program this server has just started may connect before its agent has linked it.

@@ -1,6 +1,6 @@
 // The process service, channel "posix.service": the object behind the channel, its connection
 // table and the dispatcher of its requests. Every connection is bound to the PosixProcess of
-// the client's identity (pid and start time, made on first connect), and every request finds
+// the client's identity (pid and serial, made on first connect), and every request finds
 // its caller through the connection's tag.
 //
 // Everything here runs on the main thread: the channel's connects and disconnects, every

@@ -1,7 +1,7 @@
 // The server's record of one POSIX process: its pid, parent and children, terminated children
 // not yet collected, pending waits and signals, its process group and its descriptor table.
 //
-// A record belongs to one process identity (pid and the host's start time of the process): a
+// A record belongs to one process identity (pid and the host's serial of the process): a
 // link is bound to the record of its peer's identity, and a process that gets a pid again is a
 // new process with a record of its own. Every record is also listed (weakly) in the process
 // registry so that it can be found by identity. A record is kept alive by the connection tables

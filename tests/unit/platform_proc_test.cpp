@@ -88,7 +88,7 @@ TEST_F(ProcTest, InfoIdentityAndSignalsOfAChild) {
   // The start of a program this thread started is known from the clock read around it (the
   // first look checks that against /proc); either way both looks agree with /proc.
   EXPECT_EQ(Proc::identity(pid), child);
-  EXPECT_FALSE(Proc::send({pid, child.startTime + 1}, HostSignal::Kill)) << "another process";
+  EXPECT_FALSE(Proc::send({pid, child.serial + 1}, HostSignal::Kill)) << "another process";
   EXPECT_TRUE(Proc::send(child, HostSignal::Kill));
   EXPECT_EQ(Proc::awaitEnd(), 128u + SIGKILL);
   EXPECT_EQ(Proc::identity(pid), child) << "ended, not collected";

@@ -35,7 +35,7 @@ class ConMan : public virtual RefCount {
 };
 
 // The process on the other end of a link, read when the link was accepted: its identity (pid
-// from SO_PEERCRED, start time read race-free through a pidfd) and its user.
+// from SO_PEERCRED, serial read race-free through a pidfd) and its user.
 struct ChnPeer {
   ProcIdentity identity;
   uint64_t uid = 0;

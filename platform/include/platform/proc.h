@@ -28,11 +28,15 @@ class ProcInfo : public Object {
   uint64_t threads_ = 0;
 };
 
-// Who a process is on this host: its pid and the host's start time of the process. A pid is
-// handed out again once its process has been collected; the pair names one process only.
+// Who a process is on this host: its pid and a serial number the host gives that process and
+// no other. A pid is handed out again once its process has been collected; the pair names one
+// process only. The serial is the inode number of the process's pidfd where the host keeps
+// pidfds in a file system of their own (Linux 6.9 on), which no other process ever gets, else
+// the host's start time of the process in clock ticks (field 22 of /proc/<pid>/stat), which a
+// process that gets the pid within the same tick shares.
 struct ProcIdentity {
   uint64_t pid = 0;
-  uint64_t startTime = 0;  // clock ticks after boot (field 22 of /proc/<pid>/stat)
+  uint64_t serial = 0;
   bool operator==(const ProcIdentity&) const = default;
   explicit operator bool() const { return pid != 0; }
 };
@@ -50,7 +54,7 @@ class Proc {
   // not lead its process.
   static ProcIdentity identity(uint64_t pid);
   // Sends `what` to the process `who`, only while its pid still names that process (a pidfd is
-  // opened and its start time checked first). With `withGroup` it also goes to the host process
+  // opened and its serial checked first). With `withGroup` it also goes to the host process
   // group that `who` leads; the caller makes sure that `who` has not been collected yet, so that
   // the group id is still its own. False with Error ESRCH when `who` has gone, EPERM for the
   // calling process itself (nothing signals its own process), else the host's error.

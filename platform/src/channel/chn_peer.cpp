@@ -49,9 +49,10 @@ void PeerLinks::give(const ProcIdentity& peer) {
 
 namespace {
 
-// The peer's pid, user and start time. The start time is read race-free: the pidfd pins the
-// process that connected, and a process still running after the /proc read had that pid all
-// along. A peer that has ended already is no client any more.
+// The peer's pid, user and serial. The serial is read race-free: the pidfd pins the process that
+// connected (and, where it is the pidfd's inode, is it), and a process still running after a
+// /proc read of its start time had that pid all along. A peer that has ended already is no
+// client any more.
 bool readCredentials(int fd, ChnPeer* peer) {
   ucred cred{};
   socklen_t size = sizeof cred;
@@ -62,12 +63,12 @@ bool readCredentials(int fd, ChnPeer* peer) {
     pidfd = ProcIdentityRead::openPidfd(static_cast<uint64_t>(cred.pid));  // before Linux 6.5
   }
   if (pidfd < 0) return false;
-  uint64_t start = 0;
+  uint64_t serial = 0;
   const uint64_t pid = static_cast<uint64_t>(cred.pid);
-  bool known = ProcIdentityRead::startTime(pid, &start) && !ProcIdentityRead::hasEnded(pidfd);
+  bool known = ProcIdentityRead::serialOf(pidfd, pid, &serial) && !ProcIdentityRead::hasEnded(pidfd);
   ::close(pidfd);
   if (!known) return false;
-  peer->identity = ProcIdentity{pid, start};
+  peer->identity = ProcIdentity{pid, serial};
   peer->uid = cred.uid;
   return true;
 }

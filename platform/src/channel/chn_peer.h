@@ -29,7 +29,7 @@ class PeerLinks : public Object {
   void give(const ProcIdentity& peer);
 
   struct Hash {
-    size_t operator()(const ProcIdentity& id) const { return id.pid * 1000003u ^ id.startTime; }
+    size_t operator()(const ProcIdentity& id) const { return id.pid * 1000003u ^ id.serial; }
   };
   const uint32_t bound_;
   mutable std::mutex mutex_;

@@ -1,15 +1,18 @@
-// Who a process is (its pid and the host's start time of the process), and host signals that
-// reach a process only while its pid still names it.
+// Who a process is (its pid and a serial the host gives it alone), and host signals that reach
+// a process only while its pid still names it.
 //
-// A pidfd pins the process that had the pid when it was opened. Reading the start time after
-// opening it and comparing it with the identity asked for tells whether that process is the
-// one meant: if the process meant was alive when the pidfd was opened, the pidfd is that
-// process, and a start time read later matches only while the pid has not passed to another.
+// A pidfd pins the process that had the pid when it was opened. Its inode number is that
+// process's serial where pidfds live in a file system of their own; elsewhere the start time
+// read after opening the pidfd stands in: if the process meant was alive when the pidfd was
+// opened, the pidfd is that process, and a start time read later matches only while the pid
+// has not passed to another.
 #include "identity.h"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -75,6 +78,27 @@ int openPidfd(uint64_t pid) {
   return pidfdOpen(static_cast<pid_t>(pid));
 }
 
+bool pidfdSerials() {
+  // The magic number of the pidfd file system (PID_FS_MAGIC).
+  constexpr unsigned long kPidFs = 0x50494446;
+  static const bool own = [] {
+    int pidfd = pidfdOpen(::getpid());
+    struct statfs fs {};
+    bool yes = pidfd >= 0 && ::fstatfs(pidfd, &fs) == 0 && static_cast<unsigned long>(fs.f_type) == kPidFs;
+    if (pidfd >= 0) ::close(pidfd);
+    return yes;
+  }();
+  return own;
+}
+
+bool serialOf(int pidfd, uint64_t pid, uint64_t* serial) {
+  if (!pidfdSerials()) return startTime(pid, serial);
+  struct stat st {};
+  if (::fstat(pidfd, &st) != 0) return false;
+  *serial = static_cast<uint64_t>(st.st_ino);
+  return true;
+}
+
 bool hasEnded(int pidfd) {
   pollfd p{pidfd, POLLIN, 0};
   return ::poll(&p, 1, 0) != 0;  // an error counts as ended: nothing can be said for it
@@ -95,9 +119,11 @@ std::atomic<Trust> g_clockStart{Trust::kUnknown};
 
 ProcIdentity Proc::identity(uint64_t pid) {
   // A program this thread started and has not collected is still its child: nobody else can
-  // have its pid. Its start tick is known from the clock, without waiting for /proc, which
-  // answers only once the program's exec has gone far enough (some 60 us).
-  if (t_lastStarted > 0 && pid == static_cast<uint64_t>(t_lastStarted) && t_lastStartTick != 0) {
+  // have its pid. Where the serial is a start time, its start tick is known from the clock,
+  // without waiting for /proc, which answers only once the program's exec has gone far enough
+  // (some 60 us).
+  if (!pidfdSerials() && t_lastStarted > 0 && pid == static_cast<uint64_t>(t_lastStarted) &&
+      t_lastStartTick != 0) {
     Trust trust = g_clockStart.load(std::memory_order_relaxed);
     if (trust == Trust::kTrusted) return ProcIdentity{pid, t_lastStartTick};
     uint64_t start = 0;
@@ -109,10 +135,10 @@ ProcIdentity Proc::identity(uint64_t pid) {
   }
   int pidfd = openPidfd(pid);
   if (pidfd < 0) return {};
-  uint64_t start = 0;
-  bool known = startTime(pid, &start);
+  uint64_t serial = 0;
+  bool known = serialOf(pidfd, pid, &serial);
   ::close(pidfd);
-  return known ? ProcIdentity{pid, start} : ProcIdentity{};
+  return known ? ProcIdentity{pid, serial} : ProcIdentity{};
 }
 
 bool Proc::send(const ProcIdentity& who, HostSignal what, bool withGroup) {
@@ -126,9 +152,9 @@ bool Proc::send(const ProcIdentity& who, HostSignal what, bool withGroup) {
     return false;
   }
   const int sig = what == HostSignal::Kill ? SIGKILL : what == HostSignal::Stop ? SIGSTOP : SIGCONT;
-  uint64_t start = 0;
+  uint64_t serial = 0;
   bool sent = false;
-  if (!startTime(who.pid, &start) || start != who.startTime) {
+  if (!serialOf(pidfd, who.pid, &serial) || serial != who.serial) {
     Error::set(ESRCH);
   } else {
     // The group first, so that what the leader started cannot slip away while it stops or dies.
