@@ -2,6 +2,7 @@
 // frame, texts cut so that every record is small, and the place the next page starts.
 #pragma once
 
+#include <posix/diag_service.h>
 #include <posix/wire.h>
 
 #include <algorithm>
@@ -18,7 +19,7 @@ using Bytes = std::vector<uint8_t>;
 // Bytes of a text (a program's path and arguments, an item's path) a record carries at most;
 // a longer one is cut and ends in "...". A record then takes at most about 1 KB, so one frame
 // holds over a hundred of them whatever a client names.
-constexpr size_t kMaxText = 1024;
+constexpr size_t kMaxText = PX_DIAG_MAX_TEXT;
 // Room for the records of one reply: the frame less its header, the count and the u64 that
 // says where the next page starts.
 constexpr size_t kRoom = PX_WIRE_MAX_FRAME - PX_FRAME_HEADER_SIZE - sizeof(uint32_t) - sizeof(uint64_t);
