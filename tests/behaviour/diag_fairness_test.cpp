@@ -145,7 +145,7 @@ TEST_F(DiagFairnessTest, OneProcessTakesAtMostTwoMonitorsAndOneLinkOne) {
   putU64(quiet, 1);  // a process that never asks the server anything
   auto kept = [&](RawLink& link, uint64_t id) {
     RawReply reply;
-    return !link.roundTrip(PX_DIAG_CMD_MONITOR, id, quiet, &reply, 200) || reply.code != PX_RESULT_LIMIT;
+    return !link.roundTrip(PX_DIAG_CMD_MONITOR, id, quiet, &reply, 500) || reply.code != PX_RESULT_LIMIT;
   };
   Links mine;
   for (int k = 0; k < 3; ++k) mine.push_back(std::make_unique<RawLink>(diag()));
