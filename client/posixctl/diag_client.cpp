@@ -6,15 +6,15 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
+#include <map>
 
 #include "posix/wire.h"
 #include "posix_client.h"
 #include "posixctl.h"
 
 namespace posixctl {
-
-namespace {
 
 // Reads values off a reply's data; ok() turns false once one did not fit.
 class Reader {
@@ -48,6 +48,7 @@ class Reader {
     return ok_ ? out : std::vector<uint64_t>{};
   }
   bool ok() const { return ok_; }
+  size_t remaining() const { return data_.size() - at_; }
 
  private:
   const std::vector<uint8_t>& data_;
@@ -55,12 +56,21 @@ class Reader {
   bool ok_ = true;
 };
 
+namespace {
+
 void putU64(std::vector<uint8_t>& out, uint64_t v) {
   const auto* p = reinterpret_cast<const uint8_t*>(&v);
   out.insert(out.end(), p, p + sizeof v);
 }
 
 constexpr int kReplyTimeoutMs = 20000;
+
+// What a list's call answers: its error, else its result as an errno value (11: EAGAIN, the
+// server takes no more requests of this process now).
+int listed(int err, uint32_t result) {
+  if (err != 0) return err;
+  return result == PX_RESULT_DONE ? 0 : result == PX_RESULT_LIMIT ? EAGAIN : EPROTO;
+}
 
 }  // namespace
 
@@ -127,48 +137,74 @@ int DiagLink::call(uint32_t code, const std::vector<uint8_t>& data, uint32_t* re
   return receive(id, result, reply, kReplyTimeoutMs);
 }
 
+int DiagLink::pages(uint32_t code, const std::vector<uint8_t>& ask,
+                    const std::function<void(Reader&, uint32_t)>& page, uint32_t* result) {
+  // Each page says where the next starts, always further on; 0 ends the list. An answer
+  // without it (a server that sends whole lists) is complete too.
+  for (uint64_t first = 0;;) {
+    std::vector<uint8_t> request = ask, data;
+    putU64(request, first);
+    if (int err = call(code, request, result, &data)) return err;
+    if (*result != PX_RESULT_DONE) return 0;
+    Reader r(data);
+    uint32_t count = r.get<uint32_t>();
+    if (!r.ok()) return EPROTO;
+    page(r, count);
+    if (!r.ok()) return EPROTO;
+    uint64_t next = r.remaining() >= sizeof next ? r.get<uint64_t>() : 0;
+    if (next == 0) return 0;
+    if (next <= first) return EPROTO;
+    first = next;
+  }
+}
+
 int DiagLink::processes(std::vector<ProcessView>* out) {
   uint32_t result = 0;
-  std::vector<uint8_t> data;
-  if (int err = call(PX_DIAG_CMD_PROCESSES, {}, &result, &data)) return err;
-  Reader r(data);
-  out->resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);
-  for (ProcessView& p : *out) {
-    p.record = r.get<px_diag_process>();
-    p.program = r.string();
-  }
-  return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
+  int err = pages(PX_DIAG_CMD_PROCESSES, {}, [&](Reader& r, uint32_t count) {
+    for (uint32_t k = 0; k < count && r.ok(); ++k) {
+      ProcessView p;
+      p.record = r.get<px_diag_process>();
+      p.program = r.string();
+      out->push_back(std::move(p));
+    }
+  }, &result);
+  return listed(err, result);
 }
 
 int DiagLink::descriptors(uint64_t pid, std::vector<DescriptorView>* out) {
-  std::vector<uint8_t> request, data;
+  std::vector<uint8_t> request;
   putU64(request, pid);
   uint32_t result = 0;
-  if (int err = call(PX_DIAG_CMD_DESCRIPTORS, request, &result, &data)) return err;
-  if (result == PX_RESULT_NO_PROCESS) return ESRCH;
-  Reader r(data);
-  out->resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);
-  for (DescriptorView& d : *out) {
-    d.record = r.get<px_diag_descriptor>();
-    d.path = r.string();
-  }
-  return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
+  int err = pages(PX_DIAG_CMD_DESCRIPTORS, request, [&](Reader& r, uint32_t count) {
+    for (uint32_t k = 0; k < count && r.ok(); ++k) {
+      DescriptorView d;
+      d.record = r.get<px_diag_descriptor>();
+      d.path = r.string();
+      out->push_back(std::move(d));
+    }
+  }, &result);
+  return err == 0 && result == PX_RESULT_NO_PROCESS ? ESRCH : listed(err, result);
 }
 
 int DiagLink::pipes(std::vector<PipeView>* out) {
+  // A pipe held across several pages comes in each with the holders that page found.
+  std::map<uint64_t, PipeView> merged;
+  auto join = [](std::vector<uint64_t>& into, const std::vector<uint64_t>& more) {
+    into.insert(into.end(), more.begin(), more.end());
+    std::sort(into.begin(), into.end());
+    into.erase(std::unique(into.begin(), into.end()), into.end());
+  };
   uint32_t result = 0;
-  std::vector<uint8_t> data;
-  if (int err = call(PX_DIAG_CMD_PIPES, {}, &result, &data)) return err;
-  Reader r(data);
-  out->resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);
-  for (PipeView& p : *out) {
-    p.record = r.get<px_diag_pipe>();
-    p.readers = r.pids();
-    p.writers = r.pids();
-    p.reading = r.pids();
-    p.writing = r.pids();
-  }
-  return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
+  int err = pages(PX_DIAG_CMD_PIPES, {}, [&](Reader& r, uint32_t count) {
+    for (uint32_t k = 0; k < count && r.ok(); ++k) {
+      px_diag_pipe record = r.get<px_diag_pipe>();
+      PipeView& p = merged[uint64_t{record.pipe}];
+      p.record = record;  // the latest page's state
+      for (auto* list : {&p.readers, &p.writers, &p.reading, &p.writing}) join(*list, r.pids());
+    }
+  }, &result);
+  for (auto& [id, p] : merged) out->push_back(std::move(p));
+  return listed(err, result);
 }
 
 int DiagLink::figures(FiguresView* out) {

@@ -5,10 +5,13 @@
 #include <posix/diag_service.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
 namespace posixctl {
+
+class Reader;
 
 struct ProcessView {
   px_diag_process record;
@@ -44,7 +47,7 @@ class DiagLink {
   ~DiagLink();
 
   // Each: 0, or an errno value (ESRCH for a pid the server does not know, EPROTO for an
-  // answer that does not decode, ETIMEDOUT, ECONNRESET).
+  // answer that does not decode, ETIMEDOUT, ECONNRESET). A list comes whole: every page of it.
   int processes(std::vector<ProcessView>* out);
   int descriptors(uint64_t pid, std::vector<DescriptorView>* out);
   int pipes(std::vector<PipeView>* out);
@@ -59,6 +62,11 @@ class DiagLink {
   // Sends a request and waits for the reply with its id: its result code and data.
   int call(uint32_t code, const std::vector<uint8_t>& data, uint32_t* result, std::vector<uint8_t>* reply);
   int receive(uint64_t id, uint32_t* result, std::vector<uint8_t>* reply, int timeoutMs);
+  // Asks for a paged list (`ask`, then where the page starts) page by page, handing each
+  // page's count and records to `page`, until the list is complete or a result is not 1
+  // (then in *result).
+  int pages(uint32_t code, const std::vector<uint8_t>& ask,
+            const std::function<void(Reader&, uint32_t)>& page, uint32_t* result);
 
   int fd_ = -1;
   uint64_t nextId_ = 1;

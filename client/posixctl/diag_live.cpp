@@ -202,7 +202,7 @@ int cmdMonitor(const std::vector<std::string>& given) {
     EventBatch batch;
     int err = link.next(&batch, -1);
     if (err == EINTR) continue;
-    if (err == EBUSY) return failure("monitor: the server has as many monitors as it allows", EBUSY);
+    if (err == EBUSY) return failure("monitor: the server takes no more monitors (8 in all, 2 per process)", EBUSY);
     if (err != 0) return callFailure("monitor", err);
     if (batch.lost > 0) {
       if (json) printf("{\"lost\":%" PRIu64 "}\n", batch.lost);

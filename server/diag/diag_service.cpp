@@ -6,6 +6,23 @@
 #include "diag/diag_views.h"
 #include "diag/request_log.h"
 
+namespace {
+
+void answer(const Ref<InMsg>& request, uint32_t result, Ref<OutMsg> reply = OutMsg::create()) {
+  reply->setCode(result);
+  request->reply(reply);
+}
+
+// Reads the u64 that ends a request: where a page starts, or a pid. An absent page start is
+// 0 (the first page); a value cut short is a short request.
+bool readU64(const Ref<InMsg>& request, uint64_t* value, bool optional) {
+  *value = 0;
+  if (optional && request->remaining() == 0) return true;
+  return request->read(value, sizeof *value) == sizeof *value;
+}
+
+}  // namespace
+
 Ref<DiagService> DiagService::create() {
   Ref<DiagService> service = new DiagService();
   service->channel_ = Chn::create(Ref<ConMan>(service.get()), String::create(PX_DIAG_SERVICE_NAME));
@@ -18,41 +35,47 @@ void DiagService::disconnect(const Ref<ChnLink>& link) { RequestLog::detach(link
 
 void DiagService::run() {
   for (;;) {
-    Ref<InMsg> request = channel_->receive(kFlushMs);
+    // Everything that has arrived joins the queues before the next request is served, so a
+    // request waits for one turn of each process ahead of it, not for everything they sent.
+    Ref<InMsg> request = channel_->receive(queue_.empty() ? kFlushMs : 0);
     if (!request && channel_->isClosed()) return;
-    if (request) {
-      Ref<OutMsg> reply = OutMsg::create();
-      uint32_t result = PX_RESULT_FAILED;
-      if (handle(request, reply, &result)) {
-        reply->setCode(result);
-        request->reply(reply);
-      }
-    }
+    for (; request; request = channel_->hasReady() ? channel_->receive(0) : nullptr) admit(request);
+    if (Ref<InMsg> next = queue_.next()) serve(next);
     flushMonitors();
   }
 }
 
-bool DiagService::handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply, uint32_t* result) {
+void DiagService::admit(const Ref<InMsg>& request) {
+  if (request->code() != PX_DIAG_CMD_MONITOR) {
+    if (!queue_.push(request)) answer(request, PX_RESULT_LIMIT);
+    return;
+  }
+  uint64_t pid = 0;
+  if (!readU64(request, &pid, false))
+    answer(request, PX_RESULT_SHORT_REQUEST);
+  else if (!RequestLog::attach(new RequestLog::Monitor(request, pid)))
+    answer(request, PX_RESULT_LIMIT);
+  // else kept: answered with each batch of events
+}
+
+void DiagService::serve(const Ref<InMsg>& request) {
+  Ref<OutMsg> reply = OutMsg::create();
+  uint32_t result = handle(request, reply);
+  answer(request, result, reply);
+}
+
+uint32_t DiagService::handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply) {
+  uint64_t pid = 0, first = 0;
   switch (request->code()) {
-    case PX_DIAG_CMD_PROCESSES: *result = DiagViews::processes(reply); return true;
-    case PX_DIAG_CMD_PIPES: *result = DiagViews::pipes(reply); return true;
-    case PX_DIAG_CMD_FIGURES: *result = DiagViews::figures(reply); return true;
+    case PX_DIAG_CMD_PROCESSES:
+      return readU64(request, &first, true) ? DiagViews::processes(first, reply) : PX_RESULT_SHORT_REQUEST;
+    case PX_DIAG_CMD_PIPES:
+      return readU64(request, &first, true) ? DiagViews::pipes(first, reply) : PX_RESULT_SHORT_REQUEST;
     case PX_DIAG_CMD_DESCRIPTORS:
-    case PX_DIAG_CMD_MONITOR: {
-      uint64_t pid = 0;
-      if (request->read(&pid, sizeof pid) != sizeof pid) {
-        *result = PX_RESULT_SHORT_REQUEST;
-        return true;
-      }
-      if (request->code() == PX_DIAG_CMD_DESCRIPTORS) {
-        *result = DiagViews::descriptors(pid, reply);
-        return true;
-      }
-      if (RequestLog::attach(new RequestLog::Monitor(request, pid))) return false;  // kept
-      *result = PX_RESULT_LIMIT;
-      return true;
-    }
-    default: return true;
+      if (!readU64(request, &pid, false) || !readU64(request, &first, true)) return PX_RESULT_SHORT_REQUEST;
+      return DiagViews::descriptors(pid, first, reply);
+    case PX_DIAG_CMD_FIGURES: return DiagViews::figures(reply);
+    default: return PX_RESULT_FAILED;
   }
 }
 

@@ -3,11 +3,16 @@
 // services, and it changes nothing in the server: it reads records, tables and pipes under
 // their own locks, and the figures the service loops note (RequestLog).
 //
+// Fairness: every request that arrives joins its client process's queue (DiagQueue) and the
+// thread serves the queues in turn, one request at a time; each request costs at most a page
+// of work (DiagViews). A monitor request is answered (or kept) as it arrives.
+//
 // Monitors: a monitor request is kept and answered with a batch of events every
 // kFlushMs, while its link's reply queue is short; a reader that falls behind loses events
 // (its ring is bounded), and the count lost travels with the next batch.
 #pragma once
 
+#include "diag/diag_queue.h"
 #include "platform/chn.h"
 #include "platform/thread.h"
 
@@ -30,9 +35,13 @@ class DiagService : public Object, public ConMan, public Exec {
   static constexpr size_t kQueuedBatches = 4;
 
   DiagService() = default;
-  // False when the request is kept (a monitor).
-  bool handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply, uint32_t* result);
+  // Queues a request, refuses it when its process has too many waiting, or attaches a monitor.
+  void admit(const Ref<InMsg>& request);
+  // Answers one queued request.
+  void serve(const Ref<InMsg>& request);
+  uint32_t handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply);
   void flushMonitors();
 
   Ref<Chn> channel_;
+  DiagQueue queue_;  // used only by the thread that runs the service
 };

@@ -97,8 +97,17 @@ std::vector<px_diag_event> Monitor::take(size_t max, uint64_t* lost) {
 }
 
 bool attach(const Ref<Monitor>& monitor) {
+  const Ref<ChnLink>& link = monitor->request()->link();
+  if (!link) return false;
   std::lock_guard lock(g_monitorsMutex);
   if (g_monitors->size() >= kMaxMonitors) return false;
+  size_t ofProcess = 0;
+  for (const Ref<Monitor>& m : *g_monitors) {
+    const Ref<ChnLink>& other = m->request()->link();
+    if (other == link) return false;
+    if (other->peerPid() == link->peerPid()) ++ofProcess;
+  }
+  if (ofProcess >= kMaxMonitorsPerProcess) return false;
   g_monitors->push_back(monitor);
   g_monitorCount.store(static_cast<uint32_t>(g_monitors->size()), std::memory_order_relaxed);
   return true;

@@ -49,9 +49,13 @@ class Monitor : public Object {
 };
 
 // Monitors attached at most, over every link: each costs the services a copy of every event.
+// One process holds at most kMaxMonitorsPerProcess of them, one per link, so no client can
+// take them all.
 constexpr size_t kMaxMonitors = 8;
+constexpr size_t kMaxMonitorsPerProcess = 2;
 
-// Attaches `monitor`; false when kMaxMonitors are attached already.
+// Attaches `monitor`; false when kMaxMonitors are attached already, or its link has one, or
+// its process has kMaxMonitorsPerProcess.
 bool attach(const Ref<Monitor>& monitor);
 // Drops the monitors that answer on `link` (its client went away).
 void detach(const ChnLink* link);

@@ -17,22 +17,31 @@ extern "C" {
 
 #define PX_DIAG_SERVICE_NAME "posix.diag.service"
 
-/* - -> u32 count, then per process: px_diag_process, string program (path and arguments
- * of a program the server started; empty otherwise). Living processes in order of their
- * records, then the zombies their parents keep. */
+/* Lists come in pages. A list request may end with a u64 `first`, where the page starts
+ * (absent: 0, the first page); the reply ends, after its records, with a u64 `next`, where
+ * the next page starts (0: the list is complete). Ask again with first = next until it is 0.
+ * Texts (program, path) are cut to PX_DIAG_MAX_TEXT bytes, the last three then "...". */
+#define PX_DIAG_MAX_TEXT 1024u
+
+/* [u64 first] -> u32 count, then per process: px_diag_process, string program (path and
+ * arguments of a program the server started; empty otherwise); u64 next. Living processes by
+ * pid, then the zombies their parents keep by pid; at most 128 a page. */
 #define PX_DIAG_CMD_PROCESSES 1u
-/* u64 pid -> u32 count, then per descriptor: px_diag_descriptor, string path (an opened
- * item's; empty otherwise). Result 3 (PX_RESULT_NO_PROCESS) when no living process has the pid. */
+/* u64 pid [u64 first] -> u32 count, then per descriptor: px_diag_descriptor, string path (an
+ * opened item's; empty otherwise); u64 next. Result 3 (PX_RESULT_NO_PROCESS) when no living
+ * process has the pid. */
 #define PX_DIAG_CMD_DESCRIPTORS 2u
-/* - -> u32 count, then per pipe or FIFO: px_diag_pipe, and four pid lists (u32 n, n x u64):
- * the processes holding the read end, holding the write end, inside a read now, inside a write
- * now. Pipes that no descriptor table holds are not listed. */
+/* [u64 first] -> u32 count, then per pipe or FIFO: px_diag_pipe, and four pid lists (u32 n,
+ * n x u64): the processes holding the read end, holding the write end, inside a read now,
+ * inside a write now; u64 next. Pipes that no descriptor table holds are not listed. A page
+ * walks part of the tables, so a pipe may come in several pages, each with the pids it found. */
 #define PX_DIAG_CMD_PIPES 3u
 /* - -> px_diag_figures, u32 count, then per command served so far: px_diag_command. */
 #define PX_DIAG_CMD_FIGURES 4u
 /* u64 pid (0: every process) -> answered again and again, for as long as the link stays: each
  * reply (result 1) holds u64 events lost since the last reply, u32 count, then count
- * px_diag_event. A monitor that does not read loses events, never slows the server. */
+ * px_diag_event. A monitor that does not read loses events, never slows the server. At most 8
+ * monitors, 2 per process and 1 per link; one more is answered at once with result 11. */
 #define PX_DIAG_CMD_MONITOR 5u
 
 /* States of px_diag_process. */

@@ -1,0 +1,44 @@
+#include "diag/diag_sources.h"
+
+#include <algorithm>
+
+#include "fd/file_description_server_fs_item.h"
+#include "fifo/file_description_server_fifo.h"
+#include "process/process_registry.h"
+
+namespace DiagSources {
+
+std::vector<Ref<PosixProcess>> livingByPid() {
+  std::vector<Ref<PosixProcess>> out;
+  {
+    MonLock lock(ProcessRegistry::monitor());
+    TVector<WeakRef<PosixProcess>>* listing = ProcessRegistry::listing();
+    for (uint64_t i = 0; listing && i < listing->count(); ++i) {
+      Ref<PosixProcess> process = GcProxy::lockWeakRef(listing->get(i));
+      if (process && !process->terminated()) out.push_back(process);
+    }
+  }
+  std::stable_sort(out.begin(), out.end(),
+                   [](const Ref<PosixProcess>& a, const Ref<PosixProcess>& b) { return a->pid() < b->pid(); });
+  return out;
+}
+
+Described describe(int32_t fd, const FileDescriptor& entry) {
+  Described d;
+  d.record.fd = fd;
+  d.record.offset = ~uint64_t{0};
+  if (!entry.server) return d;  // a reserved number: type 0
+  d.record.type = entry.server->type();
+  FileDescriptionServer* server = entry.server.get();
+  if (auto* item = dynamic_cast<FileDescriptionServerFSItem*>(server)) {
+    d.path = item->item()->path();
+    if (item->item()->seekable()) d.record.offset = item->item()->position();
+  } else if (auto* fifo = dynamic_cast<FileDescriptionServerFIFO*>(server)) {
+    d.end = fifo->fifoEnd();
+    d.record.end = dynamic_cast<PosixFifoRead*>(d.end.get()) ? 1 : 2;
+    d.record.pipe = d.end->fifo() ? d.end->fifo()->id() : 0;
+  }
+  return d;
+}
+
+}  // namespace DiagSources

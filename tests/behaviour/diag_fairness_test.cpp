@@ -1,0 +1,189 @@
+// Nobody can take the introspection service over: long lists come whole, page by page; a
+// process that floods it with walks over large tables leaves other clients their answers; and
+// one process cannot take every monitor.
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <memory>
+
+#include "command_runner.h"
+#include "posix/diag_service.h"
+#include "server_fixture.h"
+
+namespace {
+
+using Links = std::vector<std::unique_ptr<RawLink>>;
+
+class DiagFairnessTest : public ServerFixture {
+ protected:
+  std::string diag() const { return path("chn/" PX_DIAG_SERVICE_NAME); }
+};
+
+bool put(int fd, int64_t v) { return write(fd, &v, sizeof v) == sizeof v; }
+int64_t take(int fd) {
+  int64_t v = -1;
+  return read(fd, &v, sizeof v) == sizeof v ? v : -1;
+}
+
+// Every process a raw client finds, asking from 0 and then from each reply's continuation;
+// false when a page is not answered within `timeoutMs`.
+bool listProcesses(RawLink& link, std::vector<uint64_t>* pids, int* pages, int timeoutMs) {
+  uint64_t next = 0;
+  *pages = 0;
+  do {
+    std::vector<uint8_t> ask;
+    putU64(ask, next);
+    RawReply reply;
+    if (!link.roundTrip(PX_DIAG_CMD_PROCESSES, ++*pages, ask, &reply, timeoutMs)) return false;
+    const std::vector<uint8_t>& d = reply.data;
+    size_t at = 0;
+    auto get = [&](void* out, size_t n) {
+      if (d.size() - at < n) return false;
+      std::memcpy(out, d.data() + at, n);
+      at += n;
+      return true;
+    };
+    uint32_t count = 0, length = 0;
+    px_diag_process record;
+    if (reply.code != PX_RESULT_DONE || !get(&count, sizeof count)) return false;
+    for (uint32_t k = 0; k < count; ++k) {
+      if (!get(&record, sizeof record) || !get(&length, sizeof length) || d.size() - at < length) return false;
+      at += length;
+      pids->push_back(record.pid);
+    }
+    next = 0;
+    get(&next, sizeof next);  // absent: the list is complete
+  } while (next != 0);
+  return true;
+}
+
+// 150 children, each with a copy of a table of 4000 descriptors (all ends of one pipe) and an
+// argument of 1 KB, registered after two with 70 KB arguments.
+TEST_F(DiagFairnessTest, LongListsComeWholeAndAPipesFloodLeavesPsAnsweredWithinASecond) {
+  constexpr int kChildren = 150;
+  int ends[2];
+  ASSERT_EQ(px_pipe(ends), 0);
+  while (px_dup(ends[0]) < 4000) {
+  }
+  std::vector<uint64_t> started;
+  for (size_t zeros : {70000, 70000}) started.push_back(spawnProbe({"sleep", std::string(zeros, '0') + "60000"}));
+  for (int k = 0; k < kChildren; ++k) started.push_back(spawnProbe({"sleep", std::string(1000, '0') + "60000"}));
+  ASSERT_TRUE(std::all_of(started.begin(), started.end(), [](uint64_t pid) { return pid > 0; }));
+
+  // posixctl ps and a raw client list every one of them.
+  CommandResult ps = runCommand({POSIXCTL_BINARY, "ps", "--json"});
+  ASSERT_EQ(ps.exitCode, 0) << ps.err;
+  for (uint64_t pid : started)
+    ASSERT_NE(ps.out.find("{\"pid\":" + std::to_string(pid) + ","), std::string::npos) << pid << " missing";
+  EXPECT_NE(ps.out.find("0...\"}"), std::string::npos) << "a program's text cut to 1024 bytes";
+  RawLink link(diag());
+  std::vector<uint64_t> listed;
+  int pages = 0;
+  ASSERT_TRUE(listProcesses(link, &listed, &pages, 5000));
+  EXPECT_GE(pages, 2);
+  std::sort(listed.begin(), listed.end());
+  EXPECT_EQ(std::adjacent_find(listed.begin(), listed.end()), listed.end()) << "a process listed twice";
+  for (uint64_t pid : started) EXPECT_TRUE(std::binary_search(listed.begin(), listed.end(), pid)) << pid;
+
+  // posixctl pipes gathers the pipe's holders from every page of the walk.
+  std::vector<uint64_t> holders = started;
+  holders.push_back(static_cast<uint64_t>(getpid()));
+  std::sort(holders.begin(), holders.end());
+  std::string readers = "\"readers\":[";
+  for (uint64_t pid : holders) readers += std::to_string(pid) + (pid == holders.back() ? "]" : ",");
+  CommandResult pipes = runCommand({POSIXCTL_BINARY, "pipes", "--json"});
+  EXPECT_NE(pipes.out.find(readers), std::string::npos) << pipes.out.substr(0, 300) << pipes.err;
+
+  // Another process keeps 100 pipes requests in flight, each a walk over every table.
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  pid_t flooder = fork();
+  if (flooder == 0) {
+    Links links;
+    std::vector<pollfd> polls;
+    for (int i = 0; i < 100; ++i) {
+      links.push_back(std::make_unique<RawLink>(diag()));
+      polls.push_back({links.back()->fd(), POLLIN, 0});
+      links.back()->send(requestFrame(PX_DIAG_CMD_PIPES, 1));
+    }
+    put(ready[1], 1);
+    for (;;) {
+      if (poll(polls.data(), polls.size(), -1) < 0) continue;
+      for (size_t i = 0; i < links.size(); ++i) {
+        RawReply reply;
+        if ((polls[i].revents & POLLIN) && links[i]->receive(&reply, 0) == 1)
+          links[i]->send(requestFrame(PX_DIAG_CMD_PIPES, 1));
+      }
+    }
+  }
+  ASSERT_EQ(take(ready[0]), 1);
+  sleepMs(300);
+  std::vector<int64_t> trips;
+  for (int k = 0; k < 20; ++k) {
+    int64_t start = monotonicMs();
+    listed.clear();
+    bool answered = listProcesses(link, &listed, &pages, 5000);
+    trips.push_back(monotonicMs() - start);
+    if (!answered || listed.size() < started.size()) break;
+    sleepMs(20);
+  }
+  kill(flooder, SIGKILL);
+  waitExit(flooder, 5000);
+  std::sort(trips.begin(), trips.end());
+  std::printf("ps during the pipes flood: median %" PRId64 " ms, slowest %" PRId64 " ms\n",
+              trips[trips.size() / 2], trips.back());
+  EXPECT_EQ(trips.size(), 20u);
+  EXPECT_LT(trips.back(), 1000);
+}
+
+TEST_F(DiagFairnessTest, OneProcessTakesAtMostTwoMonitorsAndOneLinkOne) {
+  // A monitor is kept (no answer until events come); a refusal is answered at once with 11.
+  std::vector<uint8_t> quiet;
+  putU64(quiet, 1);  // a process that never asks the server anything
+  auto kept = [&](RawLink& link, uint64_t id) {
+    RawReply reply;
+    return !link.roundTrip(PX_DIAG_CMD_MONITOR, id, quiet, &reply, 500) || reply.code != PX_RESULT_LIMIT;
+  };
+  Links mine;
+  for (int k = 0; k < 3; ++k) mine.push_back(std::make_unique<RawLink>(diag()));
+  EXPECT_TRUE(kept(*mine[0], 1));
+  EXPECT_FALSE(kept(*mine[0], 2)) << "a second monitor on one link";
+  EXPECT_TRUE(kept(*mine[1], 1));
+  EXPECT_FALSE(kept(*mine[2], 1)) << "a third monitor of one process";
+
+  // Three more processes take the rest of the eight; then nobody gets one.
+  int report[2], hold[2];
+  ASSERT_EQ(pipe(report), 0);
+  ASSERT_EQ(pipe(hold), 0);
+  std::vector<pid_t> others;
+  for (int p = 0; p < 3; ++p) {
+    others.push_back(fork());
+    if (others.back() == 0) {
+      close(hold[1]);
+      Links links;
+      int taken = 0;
+      for (int k = 0; k < 3; ++k) {
+        links.push_back(std::make_unique<RawLink>(diag()));
+        taken += kept(*links.back(), 1) ? 1 : 0;
+      }
+      put(report[1], taken);
+      take(hold[0]);
+      _exit(0);
+    }
+  }
+  for (size_t p = 0; p < others.size(); ++p) EXPECT_EQ(take(report[0]), 2);
+  CommandResult refused = runCommand({POSIXCTL_BINARY, "monitor", "--pid", "1", "--count", "1"});
+  EXPECT_NE(refused.exitCode, 0);
+  EXPECT_NE(refused.err.find("takes no more"), std::string::npos) << refused.err;
+  close(hold[1]);
+  for (pid_t pid : others) EXPECT_EQ(waitExit(pid, 5000), 0);
+  // A monitor's place comes free when its link closes.
+  mine[0].reset();
+  EXPECT_TRUE(eventually([&] { return kept(*mine[2], 2); }));
+}
+
+}  // namespace
