@@ -128,6 +128,10 @@ std::vector<PipeRing::Sleeper> PipeRing::sleepers() const {
   return found;
 }
 
+PipeRing::Locks PipeRing::locks() const {
+  return {at(&page_->write_lock).load(), at(&page_->read_lock).load()};
+}
+
 void PipeRing::bump(uint32_t* word, uint32_t* waiters) {
   at(word).fetch_add(1);
   if (at(waiters).load() != 0) syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);

@@ -66,6 +66,13 @@ class PipeRing {
   // has gone).
   void release(uint32_t token);
 
+  // The tokens in the write lock and the read lock now (0: free).
+  struct Locks {
+    uint32_t write;
+    uint32_t read;
+  };
+  Locks locks() const;
+
   // Who sleeps in a read (waiting for bytes) or a write (waiting for room) now.
   struct Sleeper {
     uint32_t token;
