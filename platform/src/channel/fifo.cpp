@@ -36,8 +36,8 @@ int timeoutOf(uint32_t timeoutMs) {
 constexpr int kReadLockMs = 1000;
 
 // A random token (PX_PIPE_MIN_TOKEN to PX_PIPE_MAX_TOKEN) from the host's random source, read
-// a batch at a time. Should the source fail, a mix of the clock and a counter stands in: still
-// distinct, no longer hard to guess.
+// a batch at a time. Should the source fail, a mix of the clock and a counter stands in, which
+// is no longer hard to guess.
 uint32_t randomToken() {
   static std::mutex mutex;
   static uint32_t batch[64];
