@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "posix/fs_item.h"
@@ -41,7 +42,7 @@ class HoldersTest : public ServerFixture {
   std::vector<px_node_entry> entriesOf(std::initializer_list<int> fds) {
     std::vector<px_node_entry> all;
     for (int fd : fds) {
-      px_fd_record rec;
+      px_fd_record rec{};
       EXPECT_TRUE(tableRecord(fd, &rec)) << fd;
       all.insert(all.end(), rec.entries, rec.entries + std::min<uint32_t>(rec.entry_count, PX_FD_MAX_ENTRIES));
     }
