@@ -326,7 +326,8 @@ int px_socket(void);
 
 /* A pipe of the process service: two ends that no descriptor table holds. Each end lives while
  * a connection to it is open and closes itself when its last connection goes, also when the
- * process dies. The handles read and write like px_read/px_write. */
+ * process dies. Only the calling process can connect to them (a child it starts cannot: pass
+ * it a px_pipe instead). The handles read and write like px_read/px_write. */
 typedef struct px_channel px_channel;
 int px_pipe_channels(px_channel* ends[2]);
 ssize_t px_channel_read(px_channel* ch, void* buf, size_t n);

@@ -24,7 +24,7 @@ PipePage* PipePage::map(int file, uint32_t token, uint32_t ringSize) {
   struct stat st {};
   void* page = MAP_FAILED;
   size_t size = 0;
-  if (token > PX_PIPE_SERVER_TOKEN && ringSize > 0 && ringSize <= kMaxRing &&
+  if (token >= PX_PIPE_MIN_TOKEN && token <= PX_PIPE_MAX_TOKEN && ringSize > 0 && ringSize <= kMaxRing &&
       fstat(file, &st) == 0 && st.st_size >= static_cast<off_t>(PX_PIPE_RING_OFFSET + ringSize)) {
     size = static_cast<size_t>(st.st_size);
     page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);

@@ -135,11 +135,7 @@ bool PipeRing::recover(bool writeLock, const std::function<HolderState(uint32_t)
   if (value == 0 || value == PX_PIPE_LOCK_TAKING) return false;
   const uint32_t token = value & ~PX_PIPE_LOCK_RESTARTABLE;
   bool freed = false;
-  if (token == token_) {
-    // The server's own token: held by one of its threads only while that thread has the turn.
-    std::unique_lock<std::mutex> turn(*turnOf(word), std::try_to_lock);
-    freed = turn.owns_lock() && at(word).compare_exchange_strong(value, 0);
-  } else if (HolderState state = holder(token); state == HolderState::kNobody) {
+  if (HolderState state = holder(token); state == HolderState::kNobody) {
     freed = at(word).compare_exchange_strong(value, 0);
   } else if (state == HolderState::kStopped && (value & PX_PIPE_LOCK_RESTARTABLE) != 0) {
     // Marked first, then looked at again: a thread of the holder that runs on meanwhile finds

@@ -15,17 +15,17 @@ using posix::serviceLog;
 
 namespace {
 
-// A pipe handed out as two node providers, the read end's then the write end's. Each end closes
-// with its last client connection; until a client connects it stays open, counted against the
-// caller's bound of waiting ends and closed when the caller ends. Each end counts among the
-// descriptions the caller holds until it closes.
+// A pipe handed out as two node providers, the read end's then the write end's. Only the caller
+// may connect to them. Each end closes with its last connection; until the caller connects it
+// stays open, counted against the caller's bound of waiting ends and closed when the caller
+// ends. Each end counts among the descriptions the caller holds until it closes.
 uint32_t createPipe(const Ref<PosixProcess>& caller, const Ref<OutMsg>& reply) {
   const Ref<UnclaimedPipeEnds>& waiting = caller->unclaimedPipeEnds();
   if (!waiting->admit(2)) return PX_RESULT_LIMIT;
   Ref<DescriptionCharge> readCharge = caller->descriptions()->charge(2);  // socket and page
   Ref<DescriptionCharge> writeCharge = readCharge ? caller->descriptions()->charge(1) : nullptr;
   if (!writeCharge) return PX_RESULT_LIMIT;
-  PipeProviderPair pair = createPipePair();
+  PipeProviderPair pair = createPipePair(caller->identity());
   if (!pair.read || !pair.write) {
     // Half a pipe is of no use to anyone: withdraw the end that was made.
     if (pair.readCloser) pair.readCloser->closeUnclaimed();

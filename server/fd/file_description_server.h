@@ -1,7 +1,7 @@
 // An open file description as the server holds it: what one open, one pipe end or one socket
 // makes, shared by every descriptor (in any table) that refers to it. Each kind publishes its
 // services on a node through which clients reach it, served over the description's own
-// service multiplex.
+// service multiplex, to the processes that hold it only (description_holders.h).
 //
 // A description dies on whatever thread drops its last reference, often one of its own
 // multiplex's threads; so the multiplex is never closed there but handed to the deferred close
@@ -42,6 +42,10 @@ class FileDescriptionServer : public virtual RefCount {
  protected:
   // Hands a multiplex that is still set to the close queue, then releases the node.
   ~FileDescriptionServer() override;
+
+  // Adds `service` to the multiplex with `conMan` as its manager, behind a gate that admits
+  // only holders of this description (description_holders.h); the service id, or 0.
+  uint64_t addForHolders(const Ref<Interfaces::Service>& service, Ref<ConMan> conMan);
 
   // Set by the concrete server while it is built, then only read.
   Ref<Libraries::Service::Multiplex> multiplex_;

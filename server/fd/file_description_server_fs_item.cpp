@@ -25,7 +25,7 @@ template <class S>
 void FileDescriptionServerFSItem::list(const Ref<S>& service, uint64_t interfaceType,
                                        uint64_t access) {
   if (!service) return;
-  uint64_t id = multiplex_->add(service, service);
+  uint64_t id = addForHolders(service, service);
   if (id != 0) node_->add(interfaceType, multiplex_->channelId(), id, 0, access, 0);
 }
 

@@ -31,8 +31,8 @@ class FileDescriptionServerFSItem : public Object, public virtual FileDescriptio
       : item_(std::move(item)) {}
   // Adds the item's services to the multiplex and lists them on the node.
   void publish();
-  // Adds one service (its own connection manager) and lists it; a service that could not be
-  // made or added is left off the node.
+  // Adds one service (its own connection manager, behind the holders' gate) and lists it; a
+  // service that could not be made or added is left off the node.
   template <class S>
   void list(const Ref<S>& service, uint64_t interfaceType, uint64_t access);
 

@@ -13,7 +13,7 @@ Ref<FileDescriptionServerSocket> FileDescriptionServerSocket::create() {
   server->node_ = DeviceNode::create();
   if (!server->node_) return nullptr;
   Ref<PosixSocketService> service = PosixSocketService::create(server.get());
-  uint64_t id = service ? server->multiplex_->add(service, service) : 0;
+  uint64_t id = server->addForHolders(service, service);
   if (id != 0)
     server->node_->add(PX_IFACE_SOCKET, server->multiplex_->channelId(), id, 0, PX_ACCESS_SERVICE, 0);
   return server;

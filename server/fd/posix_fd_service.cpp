@@ -5,6 +5,7 @@
 #include <posix/wire.h>
 
 #include "fd/description_budget.h"
+#include "fd/description_holders.h"
 #include "fd/fd_log.h"
 #include "fd/fd_table.h"
 #include "fd/file_description_server_fs_item.h"
@@ -150,6 +151,11 @@ uint32_t createPipe(const Ref<OutMsg>& reply, FDTable& table, DescriptionBudget&
 }  // namespace
 
 PosixFDService::PosixFDService() {
+  // The services of descriptions admit the processes whose tables hold them.
+  DescriptionHolders::setLookup([](const ProcIdentity& identity) -> Ref<FDTable> {
+    Ref<PosixProcess> process = PosixProcess::find(identity);
+    return process ? process->fdTable() : nullptr;
+  });
   lockRef();
   channel_ = Chn::create(Ref<ConMan>(this), String::create(PX_FD_SERVICE_NAME));
   connections_ = TIdTable<Ref<PosixProcess>>::create();

@@ -3,6 +3,7 @@
 #include <posix/wire.h>
 
 #include "common/log.h"
+#include "fd/description_holders.h"
 #include "fd/file_description_server_fs_item.h"
 #include "platform/sync.h"
 
@@ -24,7 +25,13 @@ bool PosixFSItemService::handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, ui
   if (!server) return true;
   const Ref<LocalFileDescriptionFSItem>& item = server->item();
   if (static_cast<int32_t>(in->code()) == kCommandHostFile) {
-    if (item->attachTo(out)) *ret = PX_RESULT_DONE;
+    // The host open file outlives any close: only a process that holds the description now
+    // gets one.
+    const ChnLink* link = ChnLink::served();
+    if (!link || !DescriptionHolders::holds(link->peerIdentity(), server.get()))
+      *ret = PX_RESULT_NOT_HOLDER;
+    else if (item->attachTo(out))
+      *ret = PX_RESULT_DONE;
     return true;
   }
   if (static_cast<int32_t>(in->code()) != kCommandDescribe) return true;

@@ -13,6 +13,7 @@ void AutocloseSvcMultiplex::setCharge(Ref<DescriptionCharge> charge) {
 }
 
 bool AutocloseSvcMultiplex::connect(const Ref<ChnLink>& link) {
+  if (!link || !(link->peerIdentity() == maker_)) return false;
   if (inner_ && !inner_->connect(link)) return false;
   MonLock lock(monitor_);
   if (!open_) return false;

@@ -1,5 +1,7 @@
 // The connection manager of a published pipe end's multiplex. Such an end has no owner in the
-// server (no descriptor table refers to it): its life is its clients' connections. The
+// server (no descriptor table refers to it): its life is its maker's connections. Only the
+// process that made the end may connect (its channel is listed in RT/chn for anyone to find):
+// so nobody else can read or write it, or keep it open after its maker let go. The
 // multiplex tells this object of every connection to and disconnection from either of the
 // end's services; when the last connection goes, it closes the multiplex and lets go of it.
 // Closing releases the services and with them the last reference to the FIFO end, whose
@@ -24,7 +26,10 @@
 
 class AutocloseSvcMultiplex : public Object, public ConMan {
  public:
-  static Ref<AutocloseSvcMultiplex> create() { return new AutocloseSvcMultiplex(); }
+  // An end that admits the links of the process `maker` only.
+  static Ref<AutocloseSvcMultiplex> create(const ProcIdentity& maker) {
+    return new AutocloseSvcMultiplex(maker);
+  }
 
   // The multiplex to close; set by its publisher right after it is made, before any client can
   // connect.
@@ -35,7 +40,7 @@ class AutocloseSvcMultiplex : public Object, public ConMan {
   // frees what a departed holder of the shared page held. Set before the multiplex serves.
   void setInner(Ref<ConMan> inner) { inner_ = std::move(inner); }
 
-  // Refused once the end has been closed.
+  // Refused for any process but the maker, and once the end has been closed.
   bool connect(const Ref<ChnLink>& link) override;
   // Closes the multiplex, on the notifying thread, when the count reaches (or already is) 0.
   void disconnect(const Ref<ChnLink>& link) override;
@@ -53,8 +58,9 @@ class AutocloseSvcMultiplex : public Object, public ConMan {
   ~AutocloseSvcMultiplex() override;
 
  private:
-  AutocloseSvcMultiplex() : monitor_(Mon::create()) {}
+  explicit AutocloseSvcMultiplex(const ProcIdentity& maker) : maker_(maker), monitor_(Mon::create()) {}
 
+  const ProcIdentity maker_;
   Ref<Mon> monitor_;
   Ref<ConMan> inner_;  // set before the multiplex serves anyone, then only read
   Ref<Libraries::Service::Multiplex> multiplex_;

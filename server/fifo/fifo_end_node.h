@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "fd/file_description_server.h"
 #include "fifo/autoclose_multiplex.h"
 #include "fifo/posix_fifo.h"
 #include "platform/chn.h"
@@ -22,10 +23,14 @@ constexpr uint64_t kFifoStatusInterface = 0x880000;
 constexpr uint64_t kFifoResolverValue = 512;
 
 // Adds the end's two services to `multiplex` and answers the node that lists them: the stream
-// entry with `access`, then the status entry. With `closer` null each service is its own
-// connection manager; otherwise `closer` hears of the connections of both and passes them on
-// to the status service (which frees what a departed holder of the shared page held). Null
-// when a service or the node could not be made, or the multiplex refused a service.
+// entry with `access`, then the status entry. An end of a description (`description` set)
+// serves the holders of that description only: each service is its own connection manager
+// behind a HolderGate, and the status service hands the shared page only to a holder. An end
+// of the process service (`closer` set) has `closer` hear of the connections of both services
+// (it admits only the end's maker) and pass them on to the status service (which frees what a
+// departed holder of the shared page held). Null when a service or the node could not be
+// made, or the multiplex refused a service.
 Ref<DeviceNode> serveFifoEnd(const Ref<Libraries::Service::Multiplex>& multiplex,
                              const Ref<PosixFifoBase>& end, uint64_t access,
-                             const Ref<AutocloseSvcMultiplex>& closer);
+                             const Ref<AutocloseSvcMultiplex>& closer,
+                             FileDescriptionServer* description);

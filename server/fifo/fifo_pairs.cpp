@@ -34,26 +34,27 @@ FifoDescriptionPair createFifoPair() {
   return pair;
 }
 
-PipeProviderPair createPipePair() {
+PipeProviderPair createPipePair(const ProcIdentity& maker) {
   FifoEnds ends = makeFifo();
   if (!ends.read) return {};
   PipeProviderPair pair;
-  pair.read = publishFifoEnd(ends.read, String::create("PipeRead"), kFifoReadAccess, &pair.readCloser);
-  pair.write = publishFifoEnd(ends.write, String::create("PipeWrite"), kFifoWriteAccess, &pair.writeCloser);
+  pair.read = publishFifoEnd(ends.read, String::create("PipeRead"), kFifoReadAccess, maker, &pair.readCloser);
+  pair.write = publishFifoEnd(ends.write, String::create("PipeWrite"), kFifoWriteAccess, maker, &pair.writeCloser);
   return pair;
 }
 
 Ref<Services::Nodes::Provider> publishFifoEnd(const Ref<PosixFifoBase>& end, Ref<String> name,
-                                              uint64_t access, Ref<AutocloseSvcMultiplex>* closerOut) {
+                                              uint64_t access, const ProcIdentity& maker,
+                                              Ref<AutocloseSvcMultiplex>* closerOut) {
   if (!end || !name) return nullptr;
-  Ref<AutocloseSvcMultiplex> closer = AutocloseSvcMultiplex::create();
+  Ref<AutocloseSvcMultiplex> closer = AutocloseSvcMultiplex::create(maker);
   Ref<Libraries::Service::Multiplex> multiplex = Libraries::Service::Multiplex::create(name);
   if (!multiplex) {
     POSIX_LOG(fifoLog.handle, 3, "Could not serve FIFO end " << name->c_str());
     return nullptr;
   }
   closer->setMultiplex(multiplex);
-  Ref<DeviceNode> node = serveFifoEnd(multiplex, end, access, closer);
+  Ref<DeviceNode> node = serveFifoEnd(multiplex, end, access, closer, nullptr);
   if (!node) {
     // Nobody can reach the end: break the cycle between the multiplex and its manager.
     POSIX_LOG(fifoLog.handle, 3, "Could not serve FIFO end " << name->c_str());

@@ -3,7 +3,8 @@
 // - createFifoPair wraps the ends in open file descriptions for descriptor tables; an end
 //   closes when its description's last descriptor goes.
 // - createPipePair publishes the ends as node providers for the process service; an end
-//   closes when its last client connection goes (AutocloseSvcMultiplex).
+//   serves only the process that made it, and closes when its last connection goes
+//   (AutocloseSvcMultiplex).
 #pragma once
 
 #include <cstdint>
@@ -27,11 +28,12 @@ struct PipeProviderPair {
 
 // Either member is null when it could not be made; both when the FIFO could not be made.
 FifoDescriptionPair createFifoPair();
-PipeProviderPair createPipePair();
+PipeProviderPair createPipePair(const ProcIdentity& maker);
 
-// Serves `end` over a new multiplex named `name` that closes with its last connection, and
-// answers a provider of the node listing the end's stream (with `access`) and status services;
-// `closer` (may be null) receives the multiplex's manager. Null when anything could not be made.
+// Serves `end` to the process `maker` over a new multiplex named `name` that closes with its
+// last connection, and answers a provider of the node listing the end's stream (with
+// `access`) and status services; `closer` (may be null) receives the multiplex's manager. Null
+// when anything could not be made.
 Ref<Services::Nodes::Provider> publishFifoEnd(const Ref<PosixFifoBase>& end, Ref<String> name,
-                                              uint64_t access,
+                                              uint64_t access, const ProcIdentity& maker,
                                               Ref<AutocloseSvcMultiplex>* closer = nullptr);

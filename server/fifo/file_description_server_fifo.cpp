@@ -10,7 +10,7 @@ FileDescriptionServerFIFO::FileDescriptionServerFIFO(const Ref<PosixFifoBase>& e
                                                      Ref<String> name, uint64_t access)
     : fifoEnd_(end) {
   multiplex_ = Libraries::Service::Multiplex::create(std::move(name));
-  if (multiplex_) node_ = serveFifoEnd(multiplex_, fifoEnd_, access, nullptr);
+  if (multiplex_) node_ = serveFifoEnd(multiplex_, fifoEnd_, access, nullptr, this);
 }
 
 Ref<FileDescriptionServerFIFO> FileDescriptionServerFIFO::create(const Ref<PosixFifoBase>& end,

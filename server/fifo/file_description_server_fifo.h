@@ -1,6 +1,6 @@
 // The open file description of one pipe or FIFO end, as descriptor tables hold it. It serves
 // the end over a multiplex of its own (named "FifoRead" or "FifoWrite") and lists the end's
-// stream and status services on its node.
+// stream and status services on its node; both admit only processes that hold the description.
 //
 // When the last descriptor of the description goes, the end is closed at once (readers see
 // end-of-file, writers a broken pipe), even though the end object lives on inside the

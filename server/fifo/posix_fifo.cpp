@@ -37,6 +37,10 @@ uint64_t PosixFifoRead::read(Interfaces::MemDesc buffer, uint64_t size, uint32_t
   POSIX_ASSERT(mon_, "mon != 0", 176, "PosixFifoRead::read");
   POSIX_ASSERT(fifo_, "_fifo != 0", 177, "PosixFifoRead::read");
   setStatus(kStatusOk);
+  if (closed_.load(std::memory_order_acquire)) {
+    setStatus(kStatusNotReadable);
+    return 0;
+  }
   if (buffer.kind != Interfaces::MemDesc::kDirect || !mon_ || !fifo_) return 0;
   if (size > buffer.size) size = buffer.size;  // never past the memory the caller lent
   CallerScope caller(*this);
@@ -61,6 +65,7 @@ uint64_t PosixFifoRead::write(Interfaces::MemDesc, uint64_t, uint32_t) {
 }
 
 void PosixFifoRead::closeEnd() {
+  closed_.store(true, std::memory_order_release);
   if (fifo_) fifo_->setBroken();
 }
 
@@ -75,6 +80,10 @@ uint64_t PosixFifoWrite::write(Interfaces::MemDesc buffer, uint64_t size, uint32
   POSIX_ASSERT(mon_, "mon != 0", 101, "PosixFifoWrite::write");
   POSIX_ASSERT(fifo_, "_fifo != 0", 102, "PosixFifoWrite::write");
   setStatus(kStatusOk);
+  if (closed_.load(std::memory_order_acquire)) {
+    setStatus(kStatusNotWritable);
+    return 0;
+  }
   if (buffer.kind != Interfaces::MemDesc::kDirect || !mon_ || !fifo_) return 0;
   if (size > buffer.size) size = buffer.size;
   CallerScope caller(*this);
@@ -90,6 +99,7 @@ uint64_t PosixFifoWrite::write(Interfaces::MemDesc buffer, uint64_t size, uint32
 }
 
 void PosixFifoWrite::closeEnd() {
+  closed_.store(true, std::memory_order_release);
   if (fifo_) fifo_->setEof();
 }
 

@@ -5,7 +5,9 @@
 // POSIX pipe semantics follow from the ends' lifetimes: when the write end goes (closeEnd or
 // destruction) the Fifo is marked end-of-file, so readers drain what is left and then read 0
 // bytes with status kStatusEof; when the read end goes the Fifo is marked broken, so writers
-// get 0 bytes with status kStatusBroken.
+// get 0 bytes with status kStatusBroken. A closed end moves nothing more for links still open
+// to it (kStatusNotReadable, kStatusNotWritable): a writer's link kept past the close cannot
+// hold off the reader's end-of-file.
 //
 // Each end has its own monitor: all reads of the read end, and all writes of the write end,
 // are serialised by it, entered with the caller's own time-out. The Fifo synchronises the two
@@ -75,6 +77,7 @@ class PosixFifoBase : public Object, public virtual Interfaces::Stream {
 
   // Written by the thread that holds mon_, read by the status service on another thread.
   std::atomic<uint32_t> status_{kStatusOk};
+  std::atomic<bool> closed_{false};  // set by closeEnd, never cleared
   Ref<Mon> mon_;
   Ref<Fifo> fifo_;  // set once before the end is shared, then only read
   mutable std::mutex callersMutex_;

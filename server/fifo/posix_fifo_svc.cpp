@@ -1,11 +1,13 @@
 #include "fifo/posix_fifo_svc.h"
 
+#include "fd/description_holders.h"
 #include "platform/object.h"
 #include "posix/wire.h"
 
-Ref<PosixFifoSvc> PosixFifoSvc::create(const Ref<PosixFifoBase>& end) {
+Ref<PosixFifoSvc> PosixFifoSvc::create(const Ref<PosixFifoBase>& end,
+                                       FileDescriptionServer* description) {
   if (!end) return nullptr;
-  return new PosixFifoSvc(end);
+  return new PosixFifoSvc(end, description);
 }
 
 Ref<String> PosixFifoSvc::name() { return String::create("PosixFifo"); }
@@ -42,6 +44,13 @@ void PosixFifoSvc::sharePage(const Ref<OutMsg>& out, uint32_t* ret) {
   *ret = 0;
   const ChnLink* link = ChnLink::served();
   if (!fifo_ || !link) return;
+  if (description_.get()) {
+    Ref<FileDescriptionServer> description = description_.lock();
+    if (!DescriptionHolders::holds(link->peerIdentity(), description.get())) {
+      *ret = PX_RESULT_NOT_HOLDER;
+      return;
+    }
+  }
   std::lock_guard lock(holdersMutex_);
   uint32_t token = 0;
   for (const auto& [holder, held] : holders_) {

@@ -1,7 +1,9 @@
 // The status service of one FIFO end: a client asks whether more data may still come (command
 // 0) and how the end's last read or write went (command 1); for those the whole answer is the
 // request's status. Command 2 hands the client the FIFO's shared page (with a token of its
-// own for the page's locks), so that it reads or writes the buffer without requests.
+// own for the page's locks), so that it reads or writes the buffer without requests. The end of
+// a description hands the page only to a process whose table holds the description at that
+// moment (else PX_RESULT_NOT_HOLDER): a mapping, once made, cannot be taken back.
 //
 // Command 3 is what a holder sends when a lock of the page stays with another holder: the
 // buffer frees it when its holder has no right to it or is stopped (Fifo::recover).
@@ -16,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "fd/file_description_server.h"
 #include "fifo/posix_fifo.h"
 #include "platform/chn.h"
 #include "platform/service.h"
@@ -32,8 +35,9 @@ class PosixFifoSvc : public Object, public Interfaces::Service, public ConMan {
   static constexpr uint32_t kAnswerUnknownCommand = 2;
   static constexpr uint32_t kAnswerEndGone = 3;
 
-  // Null when `end` is null.
-  static Ref<PosixFifoSvc> create(const Ref<PosixFifoBase>& end);
+  // Null when `end` is null. With `description`, the page goes to its holders only.
+  static Ref<PosixFifoSvc> create(const Ref<PosixFifoBase>& end,
+                                  FileDescriptionServer* description = nullptr);
 
   bool handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t* ret, uint64_t value,
               Ref<Object>* extra) override;
@@ -42,18 +46,20 @@ class PosixFifoSvc : public Object, public Interfaces::Service, public ConMan {
   uint32_t unbind(Ref<Object> /*binding*/) override { return 0; }
   Ref<String> name() override;
 
-  // Every client may ask.
+  // Every client the multiplex admits may ask.
   bool connect(const Ref<ChnLink>& /*link*/) override { return true; }
   // Frees what the link's token still holds of the page.
   void disconnect(const Ref<ChnLink>& link) override;
 
  private:
-  PosixFifoSvc(const Ref<PosixFifoBase>& end) : end_(end), fifo_(end->fifo()) {}
+  PosixFifoSvc(const Ref<PosixFifoBase>& end, FileDescriptionServer* description)
+      : end_(end), fifo_(end->fifo()), description_(description) {}
   // Command 2 on the link being served: the page and the link's token (one per link).
   void sharePage(const Ref<OutMsg>& out, uint32_t* ret);
 
   const WeakRef<PosixFifoBase> end_;
   const Ref<Fifo> fifo_;  // the end's buffer (null when the end had none)
+  const WeakRef<FileDescriptionServer> description_;  // null for an end of no description
   std::mutex holdersMutex_;
   std::vector<std::pair<const ChnLink*, uint32_t>> holders_;  // guarded by holdersMutex_
 };

@@ -102,6 +102,19 @@ std::vector<uint64_t> ServerFixture::interfaceTypes(const px_fd_record& record) 
   return types;
 }
 
+std::unique_ptr<RawLink> ServerFixture::bindEntry(const px_node_entry& e) const {
+  char channel[17];
+  std::snprintf(channel, sizeof channel, "%016" PRIx64, e.channel);
+  auto link = std::make_unique<RawLink>(path(std::string("chn/") + channel));
+  // A bind frame names the service; it is accepted with a reply of status "done".
+  RawReply reply;
+  if (!link->connected() || !link->send(frameHeader(PX_FRAME_BIND, 0, e.service)) ||
+      link->receive(&reply, 5000) != 1 || reply.code != PX_RESULT_DONE) {
+    return nullptr;
+  }
+  return link;
+}
+
 std::unique_ptr<RawLink> ServerFixture::bindService(int fd, uint64_t type) {
   px_fd_record record;
   if (!tableRecord(fd, &record)) {
@@ -109,18 +122,9 @@ std::unique_ptr<RawLink> ServerFixture::bindService(int fd, uint64_t type) {
     return nullptr;
   }
   for (uint32_t i = 0; i < record.entry_count && i < PX_FD_MAX_ENTRIES; ++i) {
-    const px_node_entry& e = record.entries[i];
-    if (e.type != type) continue;
-    char channel[17];
-    std::snprintf(channel, sizeof channel, "%016" PRIx64, e.channel);
-    auto link = std::make_unique<RawLink>(path(std::string("chn/") + channel));
-    // A bind frame names the service; it is accepted with a reply of status "done".
-    RawReply reply;
-    if (!link->connected() || !link->send(frameHeader(PX_FRAME_BIND, 0, e.service)) ||
-        link->receive(&reply, 5000) != 1 || reply.code != PX_RESULT_DONE) {
-      ADD_FAILURE() << "bind to 0x" << std::hex << type << " refused";
-      return nullptr;
-    }
+    if (record.entries[i].type != type) continue;
+    std::unique_ptr<RawLink> link = bindEntry(record.entries[i]);
+    if (!link) ADD_FAILURE() << "bind to 0x" << std::hex << type << " refused";
     return link;
   }
   ADD_FAILURE() << "fd " << fd << " lists no 0x" << std::hex << type;

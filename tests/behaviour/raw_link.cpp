@@ -37,6 +37,20 @@ std::vector<uint8_t> frameHeader(uint32_t kind, uint32_t code, uint64_t id, uint
   return f;
 }
 
+bool takeNode(const std::vector<uint8_t>& data, size_t* at, std::vector<px_node_entry>* out) {
+  uint32_t count = 0;
+  if (*at + PX_NODE_COUNT_SIZE > data.size()) return false;
+  std::memcpy(&count, &data[*at], sizeof count);
+  if ((data.size() - *at - PX_NODE_COUNT_SIZE) / PX_NODE_ENTRY_SIZE < count) return false;
+  *at += PX_NODE_COUNT_SIZE;
+  for (uint32_t i = 0; i < count; ++i, *at += PX_NODE_ENTRY_SIZE) {
+    px_node_entry e;
+    std::memcpy(&e, &data[*at], sizeof e);
+    out->push_back(e);
+  }
+  return true;
+}
+
 std::vector<uint8_t> requestFrame(uint32_t code, uint64_t id, const std::vector<uint8_t>& data) {
   std::vector<uint8_t> f =
       frameHeader(PX_FRAME_REQUEST, code, id, static_cast<uint32_t>(data.size()));

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "posix/nodes.h"
+
 struct RawReply {
   uint32_t kind = 0;
   uint32_t code = 0;
@@ -22,6 +24,9 @@ std::vector<uint8_t> frameHeader(uint32_t kind, uint32_t code, uint64_t id, uint
 // A request frame: header, `data`, no blocks.
 std::vector<uint8_t> requestFrame(uint32_t code, uint64_t id,
                                   const std::vector<uint8_t>& data = {});
+// Appends the entries of the node record at `*at` in `data` to `out` and moves `*at` past it;
+// false when the record runs past the end.
+bool takeNode(const std::vector<uint8_t>& data, size_t* at, std::vector<px_node_entry>* out);
 
 class RawLink {
  public:

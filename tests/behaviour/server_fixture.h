@@ -130,6 +130,8 @@ class ServerFixture : public ::testing::Test {
   // A link to the first entry of `type` in fd's node, bound to its service; null (and a test
   // failure) when there is none or the bind is refused.
   std::unique_ptr<RawLink> bindService(int fd, uint64_t type);
+  // A link bound to the service of one node entry; null when the bind is refused.
+  std::unique_ptr<RawLink> bindEntry(const px_node_entry& entry) const;
 
   std::string rt_;
   pid_t server_ = 0;

@@ -11,6 +11,12 @@
 // (posix::PipeRing) under a token of its own. The flags stay the owner's to set; release frees
 // whatever a client that has gone still held.
 //
+// Tokens are random and distinct among the live ones of the buffer: a client's lives until
+// releaseHolder, and the server draws one for each of its own reads, writes and waits. A value
+// in a lock that is no live token (a client forged it, or copied a token it saw there) is
+// freed whenever a client's token is released and whenever a read or write of the server's
+// own runs out of time.
+//
 // The page is made on first use (a write, a wait for bytes, or handing it out), so a buffer
 // that is made and dropped unused costs no memory file. When it cannot be made, the buffer
 // ends as if both sides had gone (end-of-file and broken), so that nobody waits on it.
@@ -59,7 +65,8 @@ class Fifo : public Object {
   // token of the client `pid` that receives it: `token` when it already has one, else a new
   // one; 0 (nothing attached) when none could be made.
   uint32_t attachTo(const Ref<OutMsg>& out, uint64_t pid, uint32_t token = 0);
-  // Frees what the client with `token` still holds of the page: its process has gone.
+  // Frees what the client with `token` still holds of the page (its process has gone), and
+  // whatever a value that is no live token holds.
   void releaseHolder(uint32_t token);
   // Looks at the holder of the write lock (or the read lock) of the page: frees the lock when
   // it holds a token that nobody holds now, or takes it over when every thread of its holder
@@ -71,6 +78,7 @@ class Fifo : public Object {
 
  private:
   struct Page;
+  struct Hand;
   explicit Fifo(uint64_t capacity);
   // The page, made now if need be; null when it cannot be made (the flags are then set).
   Page* page();
@@ -78,6 +86,15 @@ class Fifo : public Object {
   Page* made() const { return page_.load(std::memory_order_acquire); }
   // Sets flags on the server's side and on the page, if there is one.
   void raise(uint32_t bits);
+  // A random token that no client and no call of the server's holds now; the caller holds
+  // holdersMutex_.
+  uint32_t freshTokenLocked() const;
+  // What the holder of `token` is: a live client (stopped or not), one of the server's own
+  // calls (running), or nobody.
+  posix::PipeRing::HolderState holderOf(uint32_t token) const;
+  // Frees the locks and sleeper slots that hold a value which is no live token, and takes a
+  // lock over from a stopped holder where it can (recover).
+  void sweep(Page* p);
 
   const uint64_t capacity_;
   const uint64_t id_;
@@ -86,7 +103,7 @@ class Fifo : public Object {
   // PX_PIPE_EOF and PX_PIPE_BROKEN as the server set them: the page carries a copy, which a
   // client could overwrite; the server goes by this one.
   std::atomic<uint32_t> flags_{0};
-  std::atomic<uint32_t> nextToken_{PX_PIPE_SERVER_TOKEN + 1};
   mutable std::mutex holdersMutex_;
   std::map<uint32_t, uint64_t> holders_;  // guarded by holdersMutex_: token -> pid
+  std::vector<uint32_t> serverTokens_;    // guarded by holdersMutex_: the server's calls now
 };

@@ -8,8 +8,11 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/random.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 
@@ -33,13 +36,44 @@ int timeoutOf(uint32_t timeoutMs) {
 // must not wait for bytes: a client keeps it for one copy, unless it breaks the rules.
 constexpr int kReadLockMs = 1000;
 
+// A random token (PX_PIPE_MIN_TOKEN to PX_PIPE_MAX_TOKEN) from the host's random source, read
+// a batch at a time. Should the source fail, a mix of the clock and a counter stands in, which
+// is no longer hard to guess.
+uint32_t randomToken() {
+  static std::mutex mutex;
+  static uint32_t batch[64];
+  static size_t left = 0;
+  static uint64_t fallback = 0;
+  std::lock_guard lock(mutex);
+  for (;;) {
+    if (left == 0) {
+      ssize_t got;
+      do {
+        got = ::getrandom(batch, sizeof batch, 0);
+      } while (got < 0 && errno == EINTR);
+      if (got != static_cast<ssize_t>(sizeof batch)) {
+        timespec ts{};
+        clock_gettime(CLOCK_MONOTONIC, &ts);
+        uint64_t z = (fallback += 0x9E3779B97F4A7C15ull) ^ static_cast<uint64_t>(ts.tv_nsec);
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+        batch[0] = static_cast<uint32_t>(z ^ (z >> 31));
+        got = sizeof batch[0];
+      }
+      left = static_cast<size_t>(got) / sizeof batch[0];
+    }
+    uint32_t token = batch[--left] & PX_PIPE_MAX_TOKEN;
+    if (token >= PX_PIPE_MIN_TOKEN) return token;
+  }
+}
+
 }  // namespace
 
-// The page and the server's own hands on it, as PX_PIPE_SERVER_TOKEN.
+// The page, and a view of it for what takes no lock (making it, flags, counts, freeing what a
+// token holds): the server's reads and writes take a Hand each.
 struct Fifo::Page {
   Page(int f, void* m, uint64_t size, uint32_t capacity)
-      : file(f), map(m), mapSize(size),
-        ring(m, capacity, PX_PIPE_SERVER_TOKEN, posix::PipeRing::Holder::kServer) {}
+      : file(f), map(m), mapSize(size), ring(m, capacity, 0, posix::PipeRing::Holder::kServer) {}
   ~Page() {
     ::munmap(map, mapSize);
     HostFd::close(file);
@@ -47,6 +81,35 @@ struct Fifo::Page {
   const int file;  // the page's memory file, kept to hand it out
   void* const map;
   const uint64_t mapSize;
+  posix::PipeRing ring;
+};
+
+// One read, write or wait of the server's own on the page, under a token drawn for it alone and
+// live until it ends: so a lock that still shows the token afterwards (a client copied it
+// there) holds a value nobody has, and is freed as such.
+struct Fifo::Hand {
+  Hand(Fifo& f, Page& page)
+      : fifo(f), token(enlist(f)),
+        ring(page.map, page.ring.ringSize(), token, posix::PipeRing::Holder::kServer) {
+    // The server's own calls wait for a lock too: one that stays with a holder is looked at.
+    ring.onStuckLock([&f](bool writeLock) { f.recover(writeLock); });
+  }
+  ~Hand() {
+    std::lock_guard lock(fifo.holdersMutex_);
+    fifo.serverTokens_.erase(std::find(fifo.serverTokens_.begin(), fifo.serverTokens_.end(), token));
+  }
+  Hand(const Hand&) = delete;
+  Hand& operator=(const Hand&) = delete;
+
+  static uint32_t enlist(Fifo& f) {
+    std::lock_guard lock(f.holdersMutex_);
+    uint32_t token = f.freshTokenLocked();
+    f.serverTokens_.push_back(token);
+    return token;
+  }
+
+  Fifo& fifo;
+  const uint32_t token;
   posix::PipeRing ring;
 };
 
@@ -85,8 +148,6 @@ Fifo::Page* Fifo::page() {
   }
   Page* p = new Page(file, map, size, static_cast<uint32_t>(capacity_));
   p->ring.format();
-  // The server's own calls wait for a lock too: one that stays with a holder is looked at.
-  p->ring.onStuckLock([this](bool writeLock) { recover(writeLock); });
   if (uint32_t bits = flags_.load()) p->ring.setFlags(bits);
   page_.store(p, std::memory_order_release);
   return p;
@@ -102,23 +163,25 @@ uint64_t Fifo::write(const void* buffer, uint64_t size, uint32_t timeoutMs) {
   if (!buffer || size == 0) return 0;
   Page* p = page();
   if (!p) return 0;
-  posix::PipeRing::Result r = p->ring.write(buffer, size, timeoutOf(timeoutMs));
+  posix::PipeRing::Result r = Hand(*this, *p).ring.write(buffer, size, timeoutOf(timeoutMs));
   if (r.end == posix::PipeRing::End::kCorrupt) raise(PX_PIPE_EOF | PX_PIPE_BROKEN);
+  if (r.end == posix::PipeRing::End::kTimedOut && r.count == 0) sweep(p);
   return r.count;
 }
 
 uint64_t Fifo::readMax(void* buffer, uint64_t size) {
   Page* p = made();  // no page, no bytes
   if (!p || !buffer || size == 0) return 0;
-  posix::PipeRing::Result r = p->ring.readNow(buffer, size, kReadLockMs);
+  posix::PipeRing::Result r = Hand(*this, *p).ring.readNow(buffer, size, kReadLockMs);
   if (r.end == posix::PipeRing::End::kCorrupt) raise(PX_PIPE_EOF | PX_PIPE_BROKEN);
+  if (r.end == posix::PipeRing::End::kTimedOut) sweep(p);
   return r.count;
 }
 
 bool Fifo::waitRead(uint64_t count, uint32_t timeoutMs) {
   Page* p = page();
   if (!p) return eof();
-  if (p->ring.waitData(count, timeoutOf(timeoutMs))) return true;
+  if (Hand(*this, *p).ring.waitData(count, timeoutOf(timeoutMs))) return true;
   if (p->ring.corrupt()) raise(PX_PIPE_EOF | PX_PIPE_BROKEN);
   return false;
 }
@@ -136,34 +199,65 @@ uint64_t Fifo::size() const {
 uint32_t Fifo::attachTo(const Ref<OutMsg>& out, uint64_t pid, uint32_t token) {
   Page* p = out && out->attached_ < 0 ? page() : nullptr;
   if (!p) return 0;
-  if (token == 0) token = nextToken_.fetch_add(1, std::memory_order_relaxed);
-  // Every token has been given out (a sleeper slot keeps twice the token in 32 bits).
-  if (token <= PX_PIPE_SERVER_TOKEN || token >= (1u << 31)) return 0;
+  std::lock_guard lock(holdersMutex_);
+  if (token == 0) token = freshTokenLocked();
+  if (token < PX_PIPE_MIN_TOKEN || token > PX_PIPE_MAX_TOKEN) return 0;
   out->attached_ = HostFd::opened(::fcntl(p->file, F_DUPFD_CLOEXEC, 3));
   if (out->attached_ < 0) return 0;
-  std::lock_guard lock(holdersMutex_);
   holders_[token] = pid;
   return token;
+}
+
+uint32_t Fifo::freshTokenLocked() const {
+  for (;;) {
+    uint32_t token = randomToken();
+    if (holders_.count(token) == 0 &&
+        std::find(serverTokens_.begin(), serverTokens_.end(), token) == serverTokens_.end())
+      return token;
+  }
+}
+
+posix::PipeRing::HolderState Fifo::holderOf(uint32_t token) const {
+  using State = posix::PipeRing::HolderState;
+  uint64_t pid = 0;
+  {
+    std::lock_guard lock(holdersMutex_);
+    auto it = holders_.find(token);
+    if (it != holders_.end()) {
+      pid = it->second;
+    } else {
+      bool server = std::find(serverTokens_.begin(), serverTokens_.end(), token) != serverTokens_.end();
+      return server ? State::kRunning : State::kNobody;
+    }
+  }
+  return Proc::stopped(pid) ? State::kStopped : State::kRunning;
 }
 
 bool Fifo::recover(bool writeLock) {
   Page* p = made();
   if (!p) return false;
-  using State = posix::PipeRing::HolderState;
-  return p->ring.recover(writeLock, [this](uint32_t token) {
-    std::lock_guard lock(holdersMutex_);
-    auto it = holders_.find(token);
-    if (it == holders_.end()) return State::kNobody;
-    return Proc::stopped(it->second) ? State::kStopped : State::kRunning;
-  });
+  return p->ring.recover(writeLock, [this](uint32_t token) { return holderOf(token); });
 }
 
 void Fifo::releaseHolder(uint32_t token) {
   Page* p = made();  // a token is only given out with the page
-  if (token <= PX_PIPE_SERVER_TOKEN || !p) return;
+  if (token < PX_PIPE_MIN_TOKEN || !p) return;
   p->ring.release(token);
-  std::lock_guard lock(holdersMutex_);
-  holders_.erase(token);
+  {
+    std::lock_guard lock(holdersMutex_);
+    holders_.erase(token);
+  }
+  sweep(p);
+}
+
+void Fifo::sweep(Page* p) {
+  // A value in a lock or a sleeper slot that is no live token (a holder forged it, or copied
+  // one it saw) goes; so does a stopped holder's lock that can be taken over.
+  recover(true);
+  recover(false);
+  for (const posix::PipeRing::Sleeper& s : p->ring.sleepers()) {
+    if (holderOf(s.token) == posix::PipeRing::HolderState::kNobody) p->ring.release(s.token);
+  }
 }
 
 std::vector<uint64_t> Fifo::sleeping(bool writing) const {

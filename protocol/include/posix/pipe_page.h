@@ -31,7 +31,9 @@
  * A writer holds write_lock while it copies its bytes behind tail and then publishes the new
  * tail with one store; a reader holds read_lock while it copies from head and then publishes the
  * new head. So a process killed in the middle of a copy has published nothing, and the server,
- * which sees the link that fetched the token close, frees a lock that still holds that token.
+ * which sees the link that fetched the token close, frees a lock that still holds that token,
+ * and with it every lock and sleeper slot that holds a value no living holder (and none of its
+ * own calls) has: a token a holder forged, or copied from another.
  * A write of at most ring_size bytes goes in whole, once that much room is free, so records of
  * up to ring_size bytes never interleave.
  *
@@ -74,8 +76,12 @@ extern "C" {
 #define PX_PIPE_SLEEPERS 16u
 #define PX_PIPE_EOF 1u
 #define PX_PIPE_BROKEN 2u
-/* The token of the server's own readers and writers; clients get others. */
-#define PX_PIPE_SERVER_TOKEN 1u
+/* Tokens lie between these two: a sleeper slot keeps twice a token in 32 bits, and 0 is a
+ * free lock. The server draws every token at random, a holder's for as long as the link that
+ * fetched it stays open and its own afresh for each of its reads and writes, so no process
+ * can tell another's token before it sees it in a lock. */
+#define PX_PIPE_MIN_TOKEN 2u
+#define PX_PIPE_MAX_TOKEN 0x7FFFFFFFu
 /* In a lock word: the holder copies in restartable sequences and may be taken over while
    stopped. Tokens stay below it. */
 #define PX_PIPE_LOCK_RESTARTABLE 0x80000000u

@@ -92,11 +92,10 @@ class PipeRing {
     kRunning,  // a holder that may be inside a copy now
     kStopped,  // a holder all of whose threads are stopped
   };
-  // Only the server: frees the write lock (or the read lock) when it holds a token nobody has
-  // (the server's own while none of its threads has the turn), or takes it over from a
-  // stopped holder whose copies are restartable. `holder` is asked what a client token's
-  // holder is doing, twice for a take-over (before and after the lock word is marked
-  // PX_PIPE_LOCK_TAKING). True when the lock was freed.
+  // Only the server: frees the write lock (or the read lock) when it holds a token nobody has,
+  // or takes it over from a stopped holder whose copies are restartable. `holder` is asked
+  // what a token's holder is doing, twice for a take-over (before and after the lock word is
+  // marked PX_PIPE_LOCK_TAKING). True when the lock was freed.
   bool recover(bool writeLock, const std::function<HolderState(uint32_t token)>& holder);
 
   // Who sleeps in a read (waiting for bytes) or a write (waiting for room) now.

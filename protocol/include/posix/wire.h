@@ -29,6 +29,9 @@ extern "C" {
 /* Result codes every service shares. */
 #define PX_RESULT_FAILED 0u
 #define PX_RESULT_DONE 1u
+/* A description's service: the caller's table holds the description no longer, so the page
+ * or host open file it asked for is not handed over. */
+#define PX_RESULT_NOT_HOLDER 4u
 #define PX_RESULT_SHORT_REQUEST 9u
 #define PX_RESULT_REPLY_UNWRITTEN 10u
 /* A bound of the caller, or the reserve the server keeps for others, was reached; nothing was
