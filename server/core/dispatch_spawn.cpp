@@ -35,6 +35,7 @@ uint32_t decodeStart(const Ref<InMsg>& request, ProgramStart* start) {
   readValue(request, &envc);
   if (envc > request->remaining() / (2 * PX_WIRE_STRING_HEADER)) return EPROTO;
   start->environment = Env::create();
+  start->environment->reserve(envc);
   for (uint64_t i = 0; i < envc; ++i) {
     Ref<String> name = String::create(request);
     Ref<String> value = String::create(request);

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "platform/env.h"
 #include "platform/object.h"
 #include "platform/string.h"
 
@@ -70,22 +71,6 @@ class Proc {
   [[noreturn]] static void exit(int32_t code);
   // The calling process's name.
   static Ref<String> name();
-};
-
-// A program's environment: name/value pairs, in the order set; setting a name again replaces it.
-class Env : public Object {
- public:
-  static Ref<Env> create();
-  void set(const Ref<String>& name, const Ref<String>& value);
-  Ref<String> get(const char* name) const;
-  uint64_t count() const { return names_.size(); }
-  Ref<String> nameAt(uint64_t i) const { return i < names_.size() ? names_[i] : nullptr; }
-  Ref<String> valueAt(uint64_t i) const { return i < values_.size() ? values_[i] : nullptr; }
-
- private:
-  Env() = default;
-  std::vector<Ref<String>> names_;
-  std::vector<Ref<String>> values_;
 };
 
 struct ModuleInfo;
