@@ -105,7 +105,8 @@ class PosixProcess : public Object {
   StatusRecord statusRecord() const;
 
   // For the introspection service: whether the server started the program, the program's
-  // path and arguments (set by its agent before the record is listed), whether a signal wait
+  // path and arguments (set by its agent before the record is listed; a text longer than 4096
+  // bytes is cut and ends with "..."), whether a signal wait
   // is kept, and the ended children not yet collected.
   bool startedHere() const { return started_; }
   const Ref<String>& program() const { return program_; }
@@ -138,7 +139,7 @@ class PosixProcess : public Object {
   ProcIdentity identity_;
   uint32_t level_ = 0;
   bool started_ = false;  // a program the server started (it leads its host process group)
-  Ref<String> program_;   // its path and arguments
+  Ref<String> program_;   // its path and arguments, cut to their first 4096 bytes
   Ref<Mon> monitor_;
   WeakRef<PosixProcess> parent_;
   Ref<TVector<Ref<PosixProcess>>> children_;  // living children, in order of creation

@@ -5,11 +5,20 @@
 #include <atomic>
 #include <thread>
 
+#include "command_runner.h"
 #include "server_fixture.h"
 
 namespace {
 
-class BoundedRequestsTest : public ServerFixture {};
+class BoundedRequestsTest : public ServerFixture {
+ protected:
+  // Heap bytes the server holds beyond `before`, per one of `count` things.
+  int64_t perThing(const HeapStats& before, int count) {
+    HeapStats now;
+    EXPECT_TRUE(heapStats(&now));
+    return (static_cast<int64_t>(now.bytes) - static_cast<int64_t>(before.bytes)) / count;
+  }
+};
 
 TEST_F(BoundedRequestsTest, ASpawnOf13000NamesDecodesInMillisecondsWhileOthersAreServed) {
   // 13,000 distinct two-byte names with empty values: as many as one frame holds.
@@ -45,6 +54,32 @@ TEST_F(BoundedRequestsTest, ASpawnOf13000NamesDecodesInMillisecondsWhileOthersAr
   for (std::thread& t : starters) t.join();
   for (int code : codes) EXPECT_EQ(code, 0) << strerror(-code);
   EXPECT_LT(slowest, 1000) << "slowest of " << trips << " round trips beside 4 starts (ms)";
+}
+
+TEST_F(BoundedRequestsTest, StartedProgramsKeepABoundedTextOfTheirArguments) {
+  const std::string big(120 * 1024, 'a');
+  constexpr int kChildren = 100;
+  HeapStats before;
+  ASSERT_TRUE(heapStats(&before));
+  std::vector<int64_t> children;
+  for (int i = 0; i < kChildren; ++i) {
+    children.push_back(spawnProgram("/bin/sh", {"-c", "exec sleep 60", "sh", big}));
+    ASSERT_GT(children.back(), 0) << strerror(errno);
+  }
+  // A running program's arguments and environment are let go once it has started.
+  EXPECT_LT(perThing(before, kChildren), 16 << 10) << "heap bytes per running child";
+  for (int64_t child : children) EXPECT_EQ(px_kill(child, PX_SIGKILL), 0);
+  for (int64_t child : children) {
+    EXPECT_TRUE(eventually([&] { return px_waitpid(child, nullptr, PX_WNOHANG | PX_WNOWAIT) == child; }));
+  }
+  EXPECT_LT(perThing(before, kChildren), 8 << 10) << "heap bytes per zombie";
+  // What the record keeps of a long program text is its start, marked as cut.
+  CommandResult ps = runCommand({POSIXCTL_BINARY, "ps"});
+  size_t at = ps.out.find("/bin/sh -c exec sleep 60 sh aaa");
+  ASSERT_NE(at, std::string::npos) << ps.out.substr(0, 2000);
+  std::string text = ps.out.substr(at, ps.out.find('\n', at) - at);
+  EXPECT_LE(text.size(), 4096u);
+  EXPECT_EQ(text.substr(text.size() - 3), "...");
 }
 
 }  // namespace
