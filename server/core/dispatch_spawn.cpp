@@ -2,7 +2,8 @@
 // what the request can still hold (a string takes at least 4 bytes, an environment pair 8)
 // before anything is allocated for them: a larger count is a short request, answered 0. A
 // string with a zero byte inside (path, argument, environment name or value) is refused too:
-// the host would see only the part before it.
+// the host would see only the part before it. A process that has as many children as it may
+// (PosixProcess::maxChildren) is answered 11, and nothing is started.
 #include <posix/posix_service.h>
 #include <posix/wire.h>
 
@@ -60,7 +61,8 @@ bool PosixService::spawn(const Ref<PosixProcess>& caller, const Ref<InMsg>& requ
   *resultCode = PX_RESULT_FAILED;
   if (refused != 0) return true;
   // The child's agent answers from here on: the pid once the program runs, or the reason.
-  if (PosixProcess::spawn(caller, std::move(start), request)) return false;
-  writeValue(reply, Error::get());
+  *resultCode = PosixProcess::spawn(caller, std::move(start), request);
+  if (*resultCode == PX_RESULT_DONE) return false;
+  if (*resultCode == PX_RESULT_FAILED) writeValue(reply, Error::get());
   return true;
 }

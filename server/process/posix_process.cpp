@@ -1,5 +1,7 @@
 #include "process/posix_process.h"
 
+#include <algorithm>
+
 #include "fd/description_budget.h"
 #include "fd/fd_table.h"
 #include "fifo/unclaimed_pipe_ends.h"
@@ -136,6 +138,22 @@ std::vector<Ref<PosixProcess>> PosixProcess::zombies() const {
   std::vector<Ref<PosixProcess>> out;
   for (uint64_t i = 0; i < zombies_->count(); ++i) out.push_back(zombies_->get(i));
   return out;
+}
+
+uint64_t PosixProcess::maxChildren() {
+  return std::clamp<uint64_t>(Proc::taskLimit() / 4, 16, 8192);
+}
+
+bool PosixProcess::reserveStart() {
+  MonLock lock(monitor_);
+  if (children_->count() + zombies_->count() + startsPending_ >= maxChildren()) return false;
+  ++startsPending_;
+  return true;
+}
+
+void PosixProcess::dropStart() {
+  MonLock lock(monitor_);
+  --startsPending_;
 }
 
 uint64_t PosixProcess::childCount() const {

@@ -124,6 +124,8 @@ void ProcessAgent::run() {
   // Off the spawn's path now: a thread for the next spawn's agent.
   AgentThreads::keepSpare();
   if (!running) {
+    parent_->dropStart();
+    parent_.reset();
     process_.reset();
     return;
   }
@@ -163,6 +165,7 @@ void PosixProcess::linkTo(const Ref<PosixProcess>& parent) {
   MonLock parentLock(parent->monitor_);
   ProcessRegistry::add(this);
   parent->children_->append(this);
+  --parent->startsPending_;  // counted as a child from here on
 }
 
 void PosixProcess::markEnded(uint32_t exitCode) {
@@ -192,13 +195,17 @@ void PosixProcess::unlinkEnded() {
   if (group_) group_->removeMember(this);
 }
 
-bool PosixProcess::spawn(const Ref<PosixProcess>& parent, ProgramStart start, Ref<InMsg> request) {
+uint32_t PosixProcess::spawn(const Ref<PosixProcess>& parent, ProgramStart start,
+                             Ref<InMsg> request) {
   Error::set(EINVAL);
-  if (!parent || !request) return false;
+  if (!parent || !request) return PX_RESULT_FAILED;
+  if (!parent->reserveStart()) return PX_RESULT_LIMIT;
   Ref<PosixProcess> child = new PosixProcess();
   child->parent_ = WeakRef<PosixProcess>(parent);
   if (start.sharedMemory.id != 0) child->sharedMemory_ = ShMem::open(start.sharedMemory);
   Ref<ProcessAgent> agent = new ProcessAgent(parent, child, std::move(start), std::move(request));
   Error::set(EAGAIN);
-  return AgentThreads::run(agent);
+  if (AgentThreads::run(agent)) return PX_RESULT_DONE;
+  parent->dropStart();
+  return PX_RESULT_FAILED;
 }

@@ -2,6 +2,8 @@
 // decodes in time linear in its frame, a process has a bounded number of children, an ended
 // child keeps a bounded text of its program, a child's descriptor table costs what the child
 // changes, and a child always starts with its parent's table.
+#include <sys/resource.h>
+
 #include <atomic>
 #include <thread>
 
@@ -54,6 +56,37 @@ TEST_F(BoundedRequestsTest, ASpawnOf13000NamesDecodesInMillisecondsWhileOthersAr
   for (std::thread& t : starters) t.join();
   for (int code : codes) EXPECT_EQ(code, 0) << strerror(-code);
   EXPECT_LT(slowest, 1000) << "slowest of " << trips << " round trips beside 4 starts (ms)";
+}
+
+TEST_F(BoundedRequestsTest, ChildrenPerProcessCountLivingEndedAndStarting) {
+  // The bound is a quarter of the tasks the host lets the server's user run: 256 give 64.
+  rlimit tasks{256, 256};
+  ASSERT_EQ(prlimit(server_, RLIMIT_NPROC, &tasks, nullptr), 0) << strerror(errno);
+  // Starts from eight links race: those not yet linked count too.
+  std::atomic<int> started{0}, refused{0};
+  std::vector<std::thread> starters;
+  for (int k = 0; k < 8; ++k) {
+    starters.emplace_back([&] {
+      for (int i = 0; i < 10; ++i) {
+        int64_t child = spawnProgram("/bin/true", {});
+        if (child > 0) ++started;
+        else EXPECT_EQ(errno, EAGAIN) << strerror(errno);
+        refused += child <= 0;
+      }
+    });
+  }
+  for (std::thread& t : starters) t.join();
+  EXPECT_EQ(started, 64);
+  EXPECT_EQ(refused, 16);
+  // Ended children count until collected; a refused start starts nothing.
+  OutputPipe out;
+  EXPECT_ERRNO(spawnProbe({"print", "refused-but-ran"}, &out), EAGAIN);
+  int status = -1;
+  ASSERT_GT(px_waitpid(-1, &status, 0), 0);
+  ASSERT_GT(spawnProbe({"print", "ran"}, &out), 0) << strerror(errno);
+  std::string line;
+  EXPECT_TRUE(out.readLine(&line));
+  EXPECT_EQ(line, "ran");
 }
 
 TEST_F(BoundedRequestsTest, StartedProgramsKeepABoundedTextOfTheirArguments) {

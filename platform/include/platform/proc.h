@@ -67,6 +67,10 @@ class Proc {
   // Waits for the program that Binary::create last started on the calling thread, collects it
   // and answers its exit status, or 128 + the signal number when a signal ended it.
   static uint32_t wait();
+  // The tasks (processes and threads) the host lets the calling process's user have at once:
+  // the least of the kernel's pid_max and threads-max and the user's process limit
+  // (RLIMIT_NPROC, read afresh on each call); UINT64_MAX when none is known.
+  static uint64_t taskLimit();
   // Ends the process with code & 0xFF.
   [[noreturn]] static void exit(int32_t code);
   // The calling process's name.
