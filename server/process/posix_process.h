@@ -62,9 +62,10 @@ class PosixProcess : public Object {
   // existing record when one appeared meanwhile.
   static Ref<PosixProcess> createEntry(const ProcIdentity& identity, uint32_t level);
   // Starts a program as a child of `parent` on an agent's thread, which answers `request`
-  // (the child's pid, or why it failed): PX_RESULT_DONE then. Otherwise nothing was started
-  // and the caller answers: PX_RESULT_LIMIT when `parent` has maxChildren() children,
-  // PX_RESULT_FAILED with Error set when no agent could take it.
+  // (the child's pid, or why it failed): PX_RESULT_DONE then. The child's descriptor table is
+  // a copy of the parent's as it is at this call. Otherwise nothing was started and the caller
+  // answers: PX_RESULT_LIMIT when `parent` has maxChildren() children, PX_RESULT_FAILED with
+  // Error set when `parent`'s program has ended (ESRCH) or no agent could take it (EAGAIN).
   static uint32_t spawn(const Ref<PosixProcess>& parent, ProgramStart start, Ref<InMsg> request);
   // The children one process may have: living, ended and not yet collected, and starts in
   // progress together. Each running child takes two of the host's tasks (its program and its
@@ -132,8 +133,9 @@ class PosixProcess : public Object {
   friend class ProcessAgent;
   PosixProcess();
 
-  // Takes the parent's group and a copy of its descriptors, and lists the record in the
-  // registry and among the parent's children (agent thread, once the program has started).
+  // Takes the parent's group and lists the record in the registry and among the parent's
+  // children (agent thread, once the program has started). The record holds its copy of the
+  // parent's table from the spawn on.
   void linkTo(const Ref<PosixProcess>& parent);
   // Counts a start in progress among the children (service thread); false, and nothing
   // counted, when the process has maxChildren() already.

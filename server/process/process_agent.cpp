@@ -161,7 +161,6 @@ Ref<PosixProcess> ProcessAgent::awaitLinked(const ProcIdentity& identity) {
 
 void PosixProcess::linkTo(const Ref<PosixProcess>& parent) {
   setGroup(parent->group());
-  fdTable_ = new FDTable(parent->fdTable());
   MonLock parentLock(parent->monitor_);
   ProcessRegistry::add(this);
   parent->children_->append(this);
@@ -199,9 +198,16 @@ uint32_t PosixProcess::spawn(const Ref<PosixProcess>& parent, ProgramStart start
                              Ref<InMsg> request) {
   Error::set(EINVAL);
   if (!parent || !request) return PX_RESULT_FAILED;
+  // The child gets the parent's table as it is now, when the request is read, whenever its
+  // program comes to run. A parent whose program has ended has no table any more and gets no
+  // child: nobody would know it.
+  Ref<FDTable> table = parent->fdTable();
+  Error::set(ESRCH);
+  if (!table || parent->terminated()) return PX_RESULT_FAILED;
   if (!parent->reserveStart()) return PX_RESULT_LIMIT;
   Ref<PosixProcess> child = new PosixProcess();
   child->parent_ = WeakRef<PosixProcess>(parent);
+  child->fdTable_ = new FDTable(table);
   if (start.sharedMemory.id != 0) child->sharedMemory_ = ShMem::open(start.sharedMemory);
   Ref<ProcessAgent> agent = new ProcessAgent(parent, child, std::move(start), std::move(request));
   Error::set(EAGAIN);

@@ -115,4 +115,25 @@ TEST_F(BoundedRequestsTest, StartedProgramsKeepABoundedTextOfTheirArguments) {
   EXPECT_EQ(text.substr(text.size() - 3), "...");
 }
 
+TEST_F(BoundedRequestsTest, AParentThatEndsRightAfterASpawnNeverLeavesAnEmptyTable) {
+  // The parent's table holds 3 and 4 (besides the reserved 0, 1 and 2), and so must its child's.
+  int fds[2];
+  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
+  OutputPipe out;
+  constexpr int kRounds = 30;
+  for (int i = 0; i < kRounds; ++i) {
+    int64_t parent = spawnProbe({"spawnexit", out.writePath(), helper("px_probe"), "fds"});
+    ASSERT_GT(parent, 0) << strerror(errno);
+    EXPECT_EQ(collect(parent), 0);
+  }
+  // Each start either runs with the parent's table or was refused: count what came.
+  int children = 0;
+  for (std::string line; out.readLine(&line, 3000);) {
+    if (line.rfind("fds count", 0) != 0) continue;
+    ++children;
+    EXPECT_EQ(line, "fds count 2") << "child " << children;
+  }
+  EXPECT_GT(children, 0) << "of " << kRounds << " starts, none ran";
+}
+
 }  // namespace
