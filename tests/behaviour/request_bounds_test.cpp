@@ -115,6 +115,31 @@ TEST_F(BoundedRequestsTest, StartedProgramsKeepABoundedTextOfTheirArguments) {
   EXPECT_EQ(text.substr(text.size() - 3), "...");
 }
 
+TEST_F(BoundedRequestsTest, AChildCostsWhatItChangesNotWhatItsParentHolds) {
+  // A full table of 4096 entries, one of them at the highest number.
+  int fds[2];
+  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
+  ASSERT_EQ(px_dup2(fds[0], PX_FD_LIMIT - 1), PX_FD_LIMIT - 1) << strerror(errno);
+  while (px_dup(fds[0]) >= 0) {
+  }
+  ASSERT_EQ(errno, EMFILE);
+  constexpr int kChildren = 250, kChanging = 20;
+  HeapStats before;
+  ASSERT_TRUE(heapStats(&before));
+  for (int i = 0; i < kChildren; ++i) ASSERT_GT(spawnProbe({"sleep", "60000"}), 0) << strerror(errno);
+  EXPECT_LT(perThing(before, kChildren), 4 << 10) << "heap bytes per child of a full table";
+  // Children that change their table pay for the change, not for a copy of the whole table.
+  ASSERT_TRUE(heapStats(&before));
+  OutputPipe out;
+  for (int i = 0; i < kChanging; ++i) {
+    ASSERT_GT(spawnProbe({"close", "5", "close", "4000", "sleep", "60000"}, &out), 0) << strerror(errno);
+  }
+  for (int i = 0; i < kChanging; ++i) ASSERT_EQ(out.expect("closed 4000", 20000), "closed 4000") << i;
+  EXPECT_LT(perThing(before, kChanging), 16 << 10) << "heap bytes per child that closed two numbers";
+  // What the children closed is still the parent's: its table is as full as before.
+  EXPECT_ERRNO(px_dup(fds[0]), EMFILE);
+}
+
 TEST_F(BoundedRequestsTest, AParentThatEndsRightAfterASpawnNeverLeavesAnEmptyTable) {
   // The parent's table holds 3 and 4 (besides the reserved 0, 1 and 2), and so must its child's.
   int fds[2];

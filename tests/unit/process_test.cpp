@@ -43,7 +43,8 @@ class ProcessTest : public ::testing::Test {
     start.path = String::create(path);
     start.arguments = std::move(arguments);
     start.environment = Env::create();
-    if (!PosixProcess::spawn(parent, std::move(start), channel.request(PX_CMD_SPAWN))) return 0;
+    if (PosixProcess::spawn(parent, std::move(start), channel.request(PX_CMD_SPAWN)) != PX_RESULT_DONE)
+      return 0;
     ChannelHarness::Reply r;
     uint64_t pid = 0;
     if (!channel.reply(&r) || r.code != PX_RESULT_DONE || r.data.size() != sizeof pid) return 0;
