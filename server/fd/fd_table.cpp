@@ -60,7 +60,7 @@ void FDTable::advance(Place* place) const {
 }
 
 FDTable::Run& FDTable::writable(size_t run) {
-  if (runs_[run]->strongCount() > 1) {
+  if (runs_[run]->shared()) {
     Ref<Run> own = new Run();
     own->slots = runs_[run]->slots;
     runs_[run] = own;

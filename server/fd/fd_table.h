@@ -14,6 +14,7 @@
 // read under this table's monitor) stays this table's alone and may change in place.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <vector>
@@ -82,10 +83,20 @@ class FDTable : public Object {
     int32_t fd;
     FileDescriptor entry;
   };
-  // Consecutive entries of the table, in ascending numbers. Never changed while another table
-  // shares it.
-  struct Run : public Object {
+  // Consecutive entries of the table, in ascending numbers, held through Ref by the tables
+  // that share it. Never changed while another table shares it. Counted without an Object's
+  // weak references and virtual functions, which a run has no use for.
+  struct Run {
     std::vector<Slot> slots;
+    mutable std::atomic<uint32_t> holders{0};
+
+    void addRef() const noexcept { holders.fetch_add(1, std::memory_order_relaxed); }
+    void release() const noexcept {
+      if (holders.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    }
+    // Whether another holder may read it; once false it stays so while the holder that asks
+    // keeps its table's monitor.
+    bool shared() const noexcept { return holders.load(std::memory_order_acquire) > 1; }
   };
   // A position: slot `at` of run `run`; run == runs_.size() past the last entry.
   struct Place {

@@ -41,8 +41,7 @@ class Object : public virtual RefCount {
   void lockRef() const noexcept { count_.fetch_add(1, std::memory_order_relaxed); }
   void unlockRef() const noexcept { count_.fetch_sub(1, std::memory_order_acq_rel); }
 
-  // The current strong count: for tests and diagnostics, and for a holder that changes a
-  // shared object in place only while its own reference is the only one (copy on write).
+  // The current strong count (tests and diagnostics only).
   uint32_t strongCount() const noexcept { return count_.load(std::memory_order_acquire); }
 
   Object(const Object&) = delete;
