@@ -48,19 +48,7 @@ PosixProcess::~PosixProcess() {
 }
 
 Ref<PosixProcess> PosixProcess::find(const ProcIdentity& identity) {
-  MonLock lock(ProcessRegistry::monitor());
-  TVector<WeakRef<PosixProcess>>* listing = ProcessRegistry::listing();
-  if (!listing) return nullptr;
-  for (uint64_t i = 0; i < listing->count();) {
-    Ref<PosixProcess> process = listing->get(i).lock();
-    if (!process) {
-      listing->removeAt(i);  // the only place where stale listings are dropped
-      continue;
-    }
-    if (process->identity_ == identity) return process;
-    ++i;
-  }
-  return nullptr;
+  return ProcessRegistry::find(identity);
 }
 
 Ref<PosixProcess> PosixProcess::findByPid(uint64_t pid) {

@@ -53,7 +53,7 @@ struct ProgramStart {
 
 class PosixProcess : public Object {
  public:
-  // The registered, living record of `identity`, or null. Drops stale registry slots it passes.
+  // The registered, living record of `identity`, or null.
   static Ref<PosixProcess> find(const ProcIdentity& identity);
   // The record of the process that has `pid` now, or null.
   static Ref<PosixProcess> findByPid(uint64_t pid);

@@ -82,6 +82,9 @@ TEST_F(ProcessTest, RecordsAreFoundByIdentityListedWeaklyAndAKnownIdentityKeepsI
   again.reset();
   EXPECT_FALSE(PosixProcess::find({900001, 1})) << "records are listed weakly";
   EXPECT_FALSE(PosixProcessGroup::find(900001)) << "a group dies with its last member";
+  // Listings of records that died go, at the latest when the listing has doubled.
+  for (uint64_t pid = 910000; pid < 910500; ++pid) entry(pid);
+  EXPECT_LT(ProcessRegistry::size(), 200u);
 }
 
 TEST_F(ProcessTest, GroupSignalSkipsDeadMembersAndAlwaysAnswersOne) {
