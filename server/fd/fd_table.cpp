@@ -88,7 +88,8 @@ void FDTable::joinIfShort(size_t run) {
   size_t other = run;
   for (size_t neighbour : {run - 1, run + 1}) {
     if (neighbour >= runs_.size()) continue;  // also run - 1 for run 0
-    if (other == run || runs_[neighbour]->slots.size() < runs_[other]->slots.size()) other = neighbour;
+    if (other == run || runs_[neighbour]->slots.size() < runs_[other]->slots.size())
+      other = neighbour;
   }
   if (other == run || runs_[run]->slots.size() + runs_[other]->slots.size() > kRunMax / 2) return;
   size_t first = std::min(run, other);

@@ -45,7 +45,8 @@ Ref<String> programText(const ProgramStart& start) {
   }
   if (text.size() > kProgramTextMax) {
     size_t cut = kProgramTextMax - 3;
-    while (cut > 0 && (static_cast<uint8_t>(text[cut]) & 0xC0) == 0x80) --cut;  // a whole character
+    // Cut before a whole character, not inside one.
+    while (cut > 0 && (static_cast<uint8_t>(text[cut]) & 0xC0) == 0x80) --cut;
     text.resize(cut);
     text += "...";
   }
@@ -176,13 +177,16 @@ void PosixProcess::markEnded(uint32_t exitCode) {
 void PosixProcess::unlinkEnded() {
   ProcessRegistry::remove(this);
   Ref<FDTable> table;
-  Ref<TVector<Ref<PosixProcess>>> ended = TVector<Ref<PosixProcess>>::create();
+  Ref<TVector<Ref<PosixProcess>>> ended;
   {
     MonLock lock(monitor_);
     table = std::move(fdTable_);
     // Nobody collects for an ended program: the record keeps neither its ended children nor
     // the memory handed to it (childExited keeps no more either).
-    ended.swap(zombies_);
+    if (zombies_->count() > 0) {
+      ended = std::move(zombies_);
+      zombies_ = TVector<Ref<PosixProcess>>::create();
+    }
     sharedMemory_.reset();
   }
   // The table (and with it the descriptors) and the ended children go outside the record's

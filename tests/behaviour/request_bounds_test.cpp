@@ -103,7 +103,7 @@ TEST_F(BoundedRequestsTest, StartedProgramsKeepABoundedTextOfTheirArguments) {
   EXPECT_LT(perThing(before, kChildren), 16 << 10) << "heap bytes per running child";
   for (int64_t child : children) EXPECT_EQ(px_kill(child, PX_SIGKILL), 0);
   for (int64_t child : children) {
-    EXPECT_TRUE(eventually([&] { return px_waitpid(child, nullptr, PX_WNOHANG | PX_WNOWAIT) == child; }));
+    EXPECT_TRUE(eventually([&] { return px_waitpid(child, nullptr, PX_WNOHANG | PX_WNOWAIT) > 0; }));
   }
   EXPECT_LT(perThing(before, kChildren), 8 << 10) << "heap bytes per zombie";
   // What the record keeps of a long program text is its start, marked as cut.

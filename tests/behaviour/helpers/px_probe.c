@@ -104,7 +104,8 @@ static void putString(const char* text) {
 
 // Sends the frame in buf as a request with `code` on `link`.
 static void sendFrame(int link, uint32_t code) {
-  px_frame_header header = {PX_FRAME_REQUEST, code, code, (uint32_t)(frameLength - sizeof header), 0};
+  uint32_t length = (uint32_t)(frameLength - sizeof(px_frame_header));
+  px_frame_header header = {PX_FRAME_REQUEST, code, code, length, 0};
   memcpy(buf, &header, sizeof header);
   if (send(link, buf, frameLength, 0) != (ssize_t)frameLength) die();
   frameLength = sizeof header;
@@ -171,7 +172,8 @@ int main(int argc, char** argv) {
       const char* rt = getenv("POSIX_RUNTIME_DIR");
       snprintf(addr.sun_path, sizeof addr.sun_path, "%s/chn/posix.service", rt ? rt : "");
       int link = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-      if (a[0] == NULL || a[1] == NULL || connect(link, (struct sockaddr*)&addr, sizeof addr) != 0) die();
+      if (a[0] == NULL || a[1] == NULL) die();
+      if (connect(link, (struct sockaddr*)&addr, sizeof addr) != 0) die();
       frameLength = sizeof(px_frame_header);
       sendFrame(link, PX_CMD_GET_PARENT_ID);
       if (recv(link, buf, sizeof buf, 0) <= 0) die();
