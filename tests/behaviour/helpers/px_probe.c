@@ -86,13 +86,9 @@ static void writeAll(int fd, const void* p, size_t n) {
   if (px_write(fd, p, n) != (ssize_t)n) die();
 }
 
-// Appends `n` bytes, or a platform string, to the frame being built in buf.
+// Appends `n` bytes to the frame being built in buf; a string is its u32 length and its bytes.
 static size_t frameLength;
 static void put(const void* p, size_t n) {
-  if (frameLength + n > sizeof buf) {
-    errno = E2BIG;
-    die();
-  }
   memcpy(buf + frameLength, p, n);
   frameLength += n;
 }
@@ -102,10 +98,9 @@ static void putString(const char* text) {
   put(text, length);
 }
 
-// Sends the frame in buf as a request with `code` on `link`.
+// Sends the frame in buf as request `code` on `link`, and starts the next one.
 static void sendFrame(int link, uint32_t code) {
-  uint32_t length = (uint32_t)(frameLength - sizeof(px_frame_header));
-  px_frame_header header = {PX_FRAME_REQUEST, code, code, length, 0};
+  px_frame_header header = {PX_FRAME_REQUEST, code, code, (uint32_t)(frameLength - sizeof header), 0};
   memcpy(buf, &header, sizeof header);
   if (send(link, buf, frameLength, 0) != (ssize_t)frameLength) die();
   frameLength = sizeof header;
@@ -169,23 +164,20 @@ int main(int argc, char** argv) {
     }
     STEP("spawnexit", -1) {
       struct sockaddr_un addr = {.sun_family = AF_UNIX};
-      const char* rt = getenv("POSIX_RUNTIME_DIR");
-      snprintf(addr.sun_path, sizeof addr.sun_path, "%s/chn/posix.service", rt ? rt : "");
+      snprintf(addr.sun_path, sizeof addr.sun_path, "%s/chn/posix.service", getenv("POSIX_RUNTIME_DIR"));
       int link = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-      if (a[0] == NULL || a[1] == NULL) die();
-      if (connect(link, (struct sockaddr*)&addr, sizeof addr) != 0) die();
+      if (a[1] == NULL || connect(link, (struct sockaddr*)&addr, sizeof addr) != 0) die();
       frameLength = sizeof(px_frame_header);
       sendFrame(link, PX_CMD_GET_PARENT_ID);
       if (recv(link, buf, sizeof buf, 0) <= 0) die();
       uint32_t none = 0;
-      uint64_t count = 0;
-      while (a[1 + count] != NULL) ++count;
+      uint64_t argc = 0, envc = 1;
+      while (a[1 + argc] != NULL) ++argc;
       putString(a[1]);
       put(&none, sizeof none);
-      put(&count, sizeof count);
-      for (uint64_t k = 0; k < count; ++k) putString(a[1 + k]);
-      count = 1;
-      put(&count, sizeof count);
+      put(&argc, sizeof argc);
+      for (uint64_t k = 1; k <= argc; ++k) putString(a[k]);
+      put(&envc, sizeof envc);
       putString("POSIX_STDOUT");
       putString(a[0]);
       put(&none, sizeof none);
