@@ -112,7 +112,9 @@ int64_t px_server_pid(void);
  * directory), EACCES, ENOEXEC, ENOTDIR, ETXTBSY... from the program's start; ENXIO when an
  * output file is a FIFO without a reader (nothing a start opens may wait on another process);
  * ETIMEDOUT when the start took longer than 5 seconds (it is then given up); EINVAL for a path
- * holding a NUL byte. E2BIG when the request does not fit in one frame. */
+ * holding a NUL byte. E2BIG when the request does not fit in one frame. EAGAIN (result 11)
+ * when the caller already has as many children as it may, living, ended and not yet collected,
+ * or being started (docs/protocol.md section 10.3); nothing is started then. */
 int64_t px_spawn(const char* path, char* const argv[], char* const envp[], int flags);
 
 /* As px_spawn; the child finds `shm` with px_get_shared_memory(). */

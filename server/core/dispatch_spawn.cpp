@@ -2,7 +2,8 @@
 // what the request can still hold (a string takes at least 4 bytes, an environment pair 8)
 // before anything is allocated for them: a larger count is a short request, answered 0. A
 // string with a zero byte inside (path, argument, environment name or value) is refused too:
-// the host would see only the part before it.
+// the host would see only the part before it. A process that has as many children as it may
+// (PosixProcess::maxChildren) is answered 11, and nothing is started.
 #include <posix/posix_service.h>
 #include <posix/wire.h>
 
@@ -35,6 +36,7 @@ uint32_t decodeStart(const Ref<InMsg>& request, ProgramStart* start) {
   readValue(request, &envc);
   if (envc > request->remaining() / (2 * PX_WIRE_STRING_HEADER)) return EPROTO;
   start->environment = Env::create();
+  start->environment->reserve(envc);
   for (uint64_t i = 0; i < envc; ++i) {
     Ref<String> name = String::create(request);
     Ref<String> value = String::create(request);
@@ -59,7 +61,8 @@ bool PosixService::spawn(const Ref<PosixProcess>& caller, const Ref<InMsg>& requ
   *resultCode = PX_RESULT_FAILED;
   if (refused != 0) return true;
   // The child's agent answers from here on: the pid once the program runs, or the reason.
-  if (PosixProcess::spawn(caller, std::move(start), request)) return false;
-  writeValue(reply, Error::get());
+  *resultCode = PosixProcess::spawn(caller, std::move(start), request);
+  if (*resultCode == PX_RESULT_DONE) return false;
+  if (*resultCode == PX_RESULT_FAILED) writeValue(reply, Error::get());
   return true;
 }

@@ -2,14 +2,19 @@
 // referring to a shared open file description. An entry without a description is a
 // placeholder that keeps its number taken. A fresh table holds placeholders at 0, 1 and 2.
 //
-// The table keeps only the numbers that are taken, in ascending order, so its memory and the
-// cost of copying it into a child follow the entries it holds (at most kMaxOpen), however high
-// their numbers are.
+// The table keeps only the numbers that are taken, in ascending order, in runs of at most
+// kRunMax entries stored in place, so its memory follows the entries it holds (at most
+// kMaxOpen), however high their numbers are. A copy of a table (a child's) shares the runs
+// with its original until either changes: a change copies the one run it touches first. So a
+// child costs the server what it changes in its table, not the size of its parent's.
 //
 // `mon_` serialises every operation on the table and is re-entrant (dup removes and inserts
-// while holding it). The copy constructor holds the parent table's monitor while it copies.
+// while holding it). The copy constructor holds the parent table's monitor while it shares its
+// runs; a run is shared only that way, so a run that only this table holds (a count of one,
+// read under this table's monitor) stays this table's alone and may change in place.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <vector>
@@ -65,19 +70,54 @@ class FDTable : public Object {
   // Calls `visit` with each number and entry in ascending order, under the table's monitor.
   void visit(const std::function<void(int32_t, const FileDescriptor&)>& visit) const;
 
-  // Entries held (placeholders included); the entry at `fd` or null.
+  // Entries held (placeholders included); the entry at `fd` or null. The entry's address
+  // holds until the table next changes.
   uint32_t size() const;
   const FileDescriptor* entry(int32_t fd) const;
 
  private:
+  // Entries a run holds at most; a longer one is split in two.
+  static constexpr size_t kRunMax = 64;
+
   struct Slot {
     int32_t fd;
-    FileDescriptor* entry;  // owned
+    FileDescriptor entry;
   };
-  void checkMonitor(uint64_t line, const char* function) const;
-  // The first slot whose number is not below `fd`.
-  std::vector<Slot>::const_iterator lowerBound(int64_t fd) const;
+  // Consecutive entries of the table, in ascending numbers, held through Ref by the tables
+  // that share it. Never changed while another table shares it. Counted without an Object's
+  // weak references and virtual functions, which a run has no use for.
+  struct Run {
+    std::vector<Slot> slots;
+    mutable std::atomic<uint32_t> holders{0};
 
-  std::vector<Slot> slots_;  // guarded by mon_: ascending numbers
+    void addRef() const noexcept { holders.fetch_add(1, std::memory_order_relaxed); }
+    void release() const noexcept {
+      if (holders.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    }
+    // Whether another holder may read it; once false it stays so while the holder that asks
+    // keeps its table's monitor.
+    bool shared() const noexcept { return holders.load(std::memory_order_acquire) > 1; }
+  };
+  // A position: slot `at` of run `run`; run == runs_.size() past the last entry.
+  struct Place {
+    size_t run;
+    size_t at;
+  };
+
+  void checkMonitor(uint64_t line, const char* function) const;
+  // The place of the first entry whose number is not below `fd`.
+  Place lowerBound(int64_t fd) const;
+  // The slot at `place`, null past the last entry; and the place after it.
+  const Slot* slotAt(const Place& place) const;
+  void advance(Place* place) const;
+  // Run `run`, first copied when another table shares it.
+  Run& writable(size_t run);
+  // Keeps runs at most kRunMax long after an insert into run `run`, and after a removal drops
+  // it when empty or joins it to a neighbour when both together fill at most half a run.
+  void splitIfLong(size_t run);
+  void joinIfShort(size_t run);
+
+  std::vector<Ref<Run>> runs_;  // guarded by mon_: ascending numbers, none empty
+  uint32_t count_ = 0;          // guarded by mon_: entries in all runs
   Ref<Mon> mon_;
 };

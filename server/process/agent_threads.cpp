@@ -73,6 +73,7 @@ bool AgentThreads::startThread() {
   Ref<Thd> thread = Thd::create(new Worker());
   if (!thread) return false;
   thread->setName("PosixChild");
+  thread->setStackSize(kStackBytes);
   return thread->start();
 }
 

@@ -1,5 +1,7 @@
 #include "process/posix_process.h"
 
+#include <algorithm>
+
 #include "fd/description_budget.h"
 #include "fd/fd_table.h"
 #include "fifo/unclaimed_pipe_ends.h"
@@ -46,19 +48,7 @@ PosixProcess::~PosixProcess() {
 }
 
 Ref<PosixProcess> PosixProcess::find(const ProcIdentity& identity) {
-  MonLock lock(ProcessRegistry::monitor());
-  TVector<WeakRef<PosixProcess>>* listing = ProcessRegistry::listing();
-  if (!listing) return nullptr;
-  for (uint64_t i = 0; i < listing->count();) {
-    Ref<PosixProcess> process = listing->get(i).lock();
-    if (!process) {
-      listing->removeAt(i);  // the only place where stale listings are dropped
-      continue;
-    }
-    if (process->identity_ == identity) return process;
-    ++i;
-  }
-  return nullptr;
+  return ProcessRegistry::find(identity);
 }
 
 Ref<PosixProcess> PosixProcess::findByPid(uint64_t pid) {
@@ -136,6 +126,22 @@ std::vector<Ref<PosixProcess>> PosixProcess::zombies() const {
   std::vector<Ref<PosixProcess>> out;
   for (uint64_t i = 0; i < zombies_->count(); ++i) out.push_back(zombies_->get(i));
   return out;
+}
+
+uint64_t PosixProcess::maxChildren() {
+  return std::clamp<uint64_t>(Proc::taskLimit() / 4, 16, 8192);
+}
+
+bool PosixProcess::reserveStart() {
+  MonLock lock(monitor_);
+  if (children_->count() + zombies_->count() + startsPending_ >= maxChildren()) return false;
+  ++startsPending_;
+  return true;
+}
+
+void PosixProcess::dropStart() {
+  MonLock lock(monitor_);
+  --startsPending_;
 }
 
 uint64_t PosixProcess::childCount() const {

@@ -8,7 +8,7 @@
 // while its program is connected, by its parent's `children` or `zombies`, and by its
 // ProcessAgent while the program runs.
 //
-// Locking: `monitor_` guards children_, zombies_, waitEntries_, pendingSignals_,
+// Locking: `monitor_` guards children_, zombies_, startsPending_, waitEntries_, pendingSignals_,
 // signalWaiter_, sharedMemory_ and fdTable_; host signals are sent under it, and the agent marks
 // the program ended under it before collecting it, so a signal to a started program's host
 // process group never reaches a group id that was handed on. Lock order: a process's monitor
@@ -53,7 +53,7 @@ struct ProgramStart {
 
 class PosixProcess : public Object {
  public:
-  // The registered, living record of `identity`, or null. Drops stale registry slots it passes.
+  // The registered, living record of `identity`, or null.
   static Ref<PosixProcess> find(const ProcIdentity& identity);
   // The record of the process that has `pid` now, or null.
   static Ref<PosixProcess> findByPid(uint64_t pid);
@@ -62,8 +62,16 @@ class PosixProcess : public Object {
   // existing record when one appeared meanwhile.
   static Ref<PosixProcess> createEntry(const ProcIdentity& identity, uint32_t level);
   // Starts a program as a child of `parent` on an agent's thread, which answers `request`
-  // (the child's pid, or why it failed). False, with Error set, when no agent could take it.
-  static bool spawn(const Ref<PosixProcess>& parent, ProgramStart start, Ref<InMsg> request);
+  // (the child's pid, or why it failed): PX_RESULT_DONE then. The child's descriptor table is
+  // a copy of the parent's as it is at this call. Otherwise nothing was started and the caller
+  // answers: PX_RESULT_LIMIT when `parent` has maxChildren() children, PX_RESULT_FAILED with
+  // Error set when `parent`'s program has ended (ESRCH) or no agent could take it (EAGAIN).
+  static uint32_t spawn(const Ref<PosixProcess>& parent, ProgramStart start, Ref<InMsg> request);
+  // The children one process may have: living, ended and not yet collected, and starts in
+  // progress together. Each running child takes two of the host's tasks (its program and its
+  // agent thread), so one process may take at most half of what Proc::taskLimit() allows:
+  // a quarter of it in children, at least 16 and at most 8192.
+  static uint64_t maxChildren();
 
   // Moves this process into `group`, or into a new group it leads when `group` is null.
   bool setGroup(Ref<PosixProcessGroup> group);
@@ -105,7 +113,8 @@ class PosixProcess : public Object {
   StatusRecord statusRecord() const;
 
   // For the introspection service: whether the server started the program, the program's
-  // path and arguments (set by its agent before the record is listed), whether a signal wait
+  // path and arguments (set by its agent before the record is listed; a text longer than 4096
+  // bytes is cut and ends with "..."), whether a signal wait
   // is kept, and the ended children not yet collected.
   bool startedHere() const { return started_; }
   const Ref<String>& program() const { return program_; }
@@ -124,9 +133,15 @@ class PosixProcess : public Object {
   friend class ProcessAgent;
   PosixProcess();
 
-  // Takes the parent's group and a copy of its descriptors, and lists the record in the
-  // registry and among the parent's children (agent thread, once the program has started).
+  // Takes the parent's group and lists the record in the registry and among the parent's
+  // children (agent thread, once the program has started). The record holds its copy of the
+  // parent's table from the spawn on.
   void linkTo(const Ref<PosixProcess>& parent);
+  // Counts a start in progress among the children (service thread); false, and nothing
+  // counted, when the process has maxChildren() already.
+  bool reserveStart();
+  // Forgets a start in progress that left no child (agent thread).
+  void dropStart();
   // Marks the program as ended, under the monitor (agent thread, before it collects it).
   void markEnded(uint32_t exitCode);
   // Unlinks the record of an ended program: registry, descriptors, pipes, group (agent thread).
@@ -138,12 +153,13 @@ class PosixProcess : public Object {
   ProcIdentity identity_;
   uint32_t level_ = 0;
   bool started_ = false;  // a program the server started (it leads its host process group)
-  Ref<String> program_;   // its path and arguments
+  Ref<String> program_;   // its path and arguments, cut to their first 4096 bytes
   Ref<Mon> monitor_;
   WeakRef<PosixProcess> parent_;
   Ref<TVector<Ref<PosixProcess>>> children_;  // living children, in order of creation
   Ref<TVector<Ref<PosixProcess>>> zombies_;   // ended children not yet collected
   Ref<TVector<WaitEntry*>> waitEntries_;      // queued blocking waits, owned here
+  uint64_t startsPending_ = 0;                // starts handed to agents and not yet linked
   Ref<SharedMemory> sharedMemory_;
   Ref<FDTable> fdTable_;
   std::atomic<bool> terminated_{false};

@@ -31,6 +31,28 @@ constexpr auto kStartLimit = std::chrono::milliseconds(5000);
 // gone far: this bound only matters when the agent's thread is not scheduled.
 constexpr uint32_t kLinkWaitMs = 2000;
 
+// What a record keeps of its program's path and arguments, in bytes: a longer text is cut to
+// its start and ends with "...". An ended program's record lives as long as its parent does
+// not collect it, and its arguments may have filled a frame.
+constexpr size_t kProgramTextMax = 4096;
+
+// The path, then the arguments after the first (the program's name), separated by spaces.
+Ref<String> programText(const ProgramStart& start) {
+  std::string text = start.path->c_str();
+  for (size_t i = 1; i < start.arguments.size() && text.size() <= kProgramTextMax; ++i) {
+    text += ' ';
+    text += start.arguments[i] ? start.arguments[i]->c_str() : "";
+  }
+  if (text.size() > kProgramTextMax) {
+    size_t cut = kProgramTextMax - 3;
+    // Cut before a whole character, not inside one.
+    while (cut > 0 && (static_cast<uint8_t>(text[cut]) & 0xC0) == 0x80) --cut;
+    text.resize(cut);
+    text += "...";
+  }
+  return String::create(text.c_str(), static_cast<int64_t>(text.size()));
+}
+
 // Posted after each link while the process service waits in awaitLinked (its one thread).
 std::atomic<uint32_t> g_linkWaiters{0};
 Ref<Sem>& linkedSignal() {
@@ -76,12 +98,7 @@ bool ProcessAgent::start() {
   process_->identity_ = identity;
   process_->level_ = Proc::levelOfUser(Proc::uid());
   process_->started_ = true;
-  std::string program = start_.path->c_str();
-  for (size_t i = 1; i < start_.arguments.size(); ++i) {  // the first is the program's name
-    program += ' ';
-    program += start_.arguments[i] ? start_.arguments[i]->c_str() : "";
-  }
-  process_->program_ = String::create(program.c_str());
+  process_->program_ = programText(start_);
   if (Clock::now() - began > kStartLimit) {
     POSIX_LOG(agentLog.handle, 2, "Program start given up after "
                                       << LogNum{static_cast<uint64_t>(kStartLimit.count())}
@@ -103,9 +120,14 @@ bool ProcessAgent::start() {
 
 void ProcessAgent::run() {
   bool running = start();
+  // The path, arguments and environment served the start: a running program keeps only its
+  // record's program text.
+  start_ = ProgramStart{};
   // Off the spawn's path now: a thread for the next spawn's agent.
   AgentThreads::keepSpare();
   if (!running) {
+    parent_->dropStart();
+    parent_.reset();
     process_.reset();
     return;
   }
@@ -118,7 +140,7 @@ void ProcessAgent::run() {
   if (Ref<PosixProcess> parent = process_->parent()) parent->childExited(process_);
   // Logged once the parent has been told: a waiting parent is not kept waiting for the log.
   POSIX_LOG(agentLog.handle, 1,
-            "Process " << start_.path << " (" << LogNum{process_->pid()}
+            "Process " << process_->program() << " (" << LogNum{process_->pid()}
                        << ") terminated with exitcode " << LogNum{exitCode});
   process_.reset();
 }
@@ -141,10 +163,10 @@ Ref<PosixProcess> ProcessAgent::awaitLinked(const ProcIdentity& identity) {
 
 void PosixProcess::linkTo(const Ref<PosixProcess>& parent) {
   setGroup(parent->group());
-  fdTable_ = new FDTable(parent->fdTable());
   MonLock parentLock(parent->monitor_);
   ProcessRegistry::add(this);
   parent->children_->append(this);
+  --parent->startsPending_;  // counted as a child from here on
 }
 
 void PosixProcess::markEnded(uint32_t exitCode) {
@@ -156,26 +178,49 @@ void PosixProcess::markEnded(uint32_t exitCode) {
 void PosixProcess::unlinkEnded() {
   ProcessRegistry::remove(this);
   Ref<FDTable> table;
+  Ref<TVector<Ref<PosixProcess>>> ended;
   {
     MonLock lock(monitor_);
     table = std::move(fdTable_);
+    // Nobody collects for an ended program: the record keeps neither its ended children nor
+    // the memory handed to it (childExited keeps no more either).
+    if (zombies_->count() > 0) {
+      ended = std::move(zombies_);
+      zombies_ = TVector<Ref<PosixProcess>>::create();
+    }
+    sharedMemory_.reset();
   }
-  // The table (and with it the descriptors) goes outside the record's monitor.
+  // The table (and with it the descriptors) and the ended children go outside the record's
+  // monitor.
   table.reset();
+  ended.reset();
   unclaimedPipeEnds_->closeAll();
   // A group signal must not reach the pid once it may belong to someone else.
   if (group_) group_->removeMember(this);
 }
 
-bool PosixProcess::spawn(const Ref<PosixProcess>& parent, ProgramStart start, Ref<InMsg> request) {
+uint32_t PosixProcess::spawn(const Ref<PosixProcess>& parent, ProgramStart start,
+                             Ref<InMsg> request) {
   Error::set(EINVAL);
-  if (!parent || !request) return false;
+  if (!parent || !request) return PX_RESULT_FAILED;
+  // The child gets the parent's table as it is now, when the request is read, whenever its
+  // program comes to run. A parent whose program has ended has no table any more and gets no
+  // child: nobody would know it.
+  Ref<FDTable> table = parent->fdTable();
+  Error::set(ESRCH);
+  if (!table || parent->terminated()) return PX_RESULT_FAILED;
+  if (!parent->reserveStart()) return PX_RESULT_LIMIT;
   Ref<PosixProcess> child = new PosixProcess();
   child->parent_ = WeakRef<PosixProcess>(parent);
+  child->fdTable_ = new FDTable(table);
   // A shared-memory object that cannot be opened fails the start with the host's reason.
-  if (start.sharedMemory.id != 0 && !(child->sharedMemory_ = ShMem::open(start.sharedMemory)))
-    return false;
+  if (start.sharedMemory.id != 0 && !(child->sharedMemory_ = ShMem::open(start.sharedMemory))) {
+    parent->dropStart();
+    return PX_RESULT_FAILED;
+  }
   Ref<ProcessAgent> agent = new ProcessAgent(parent, child, std::move(start), std::move(request));
   Error::set(EAGAIN);
-  return AgentThreads::run(agent);
+  if (AgentThreads::run(agent)) return PX_RESULT_DONE;
+  parent->dropStart();
+  return PX_RESULT_FAILED;
 }

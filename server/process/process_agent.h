@@ -34,6 +34,6 @@ class ProcessAgent : public Object, public Exec {
 
   Ref<PosixProcess> parent_;   // until the child is linked
   Ref<PosixProcess> process_;  // held for the program's whole life
-  ProgramStart start_;
+  ProgramStart start_;         // let go once the program has started
   Ref<InMsg> request_;         // the spawn request, answered once
 };

@@ -78,6 +78,8 @@ void PosixProcess::childExited(const Ref<PosixProcess>& child) {
     children_->removeValue(child);
     // Every child's end drops the memory handed over at this process's own creation.
     sharedMemory_.reset();
+    // An ended program collects nothing: its child's end is not kept.
+    if (terminated()) return;
     bool collected = false;
     for (uint64_t i = 0; i < waitEntries_->count(); ++i) {
       WaitEntry* entry = waitEntries_->get(i);

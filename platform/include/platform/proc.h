@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "platform/env.h"
 #include "platform/object.h"
 #include "platform/string.h"
 
@@ -70,6 +71,10 @@ class Proc {
   // Waits for the program that Binary::create last started on the calling thread, collects it
   // and answers its exit status, or 128 + the signal number when a signal ended it.
   static uint32_t wait();
+  // The tasks (processes and threads) the host lets the calling process's user have at once:
+  // the least of the kernel's pid_max and threads-max and the user's process limit
+  // (RLIMIT_NPROC, read afresh on each call); UINT64_MAX when none is known.
+  static uint64_t taskLimit();
   // Ends the process with code & 0xFF.
   [[noreturn]] static void exit(int32_t code);
   // The calling process's name.
@@ -77,22 +82,6 @@ class Proc {
   // Whether every thread of process `pid` is stopped now (by a stop signal or a tracer); false
   // when any runs or may run, or the process has gone.
   static bool stopped(uint64_t pid);
-};
-
-// A program's environment: name/value pairs, in the order set; setting a name again replaces it.
-class Env : public Object {
- public:
-  static Ref<Env> create();
-  void set(const Ref<String>& name, const Ref<String>& value);
-  Ref<String> get(const char* name) const;
-  uint64_t count() const { return names_.size(); }
-  Ref<String> nameAt(uint64_t i) const { return i < names_.size() ? names_[i] : nullptr; }
-  Ref<String> valueAt(uint64_t i) const { return i < values_.size() ? values_[i] : nullptr; }
-
- private:
-  Env() = default;
-  std::vector<Ref<String>> names_;
-  std::vector<Ref<String>> values_;
 };
 
 struct ModuleInfo;

@@ -20,6 +20,8 @@ class Thd : public Object {
   static Ref<Thd> create(Ref<Exec> body);
   // At most 15 characters reach the kernel; longer names are cut.
   void setName(const char* name);
+  // The size of the thread's stack, set before start(); 0 (the default) keeps the host's.
+  void setStackSize(uint64_t bytes) { stackSize_ = bytes; }
   // Starts the thread. The thread holds the Thd and the Exec until run() returns.
   bool start();
   // Asks the thread to stop at its next check of cancelled().
@@ -40,6 +42,7 @@ class Thd : public Object {
 
   Ref<Exec> body_;
   char name_[16] = {};
+  uint64_t stackSize_ = 0;
   std::atomic<bool> started_{false};
   std::atomic<bool> cancelled_{false};
   std::atomic<bool> finished_{false};

@@ -28,6 +28,7 @@ bool Thd::start() {
   pthread_attr_t attr;
   pthread_attr_init(&attr);
   pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+  if (stackSize_ != 0) pthread_attr_setstacksize(&attr, static_cast<size_t>(stackSize_));
   pthread_t thread;
   int rc = pthread_create(&thread, &attr, &Thd::entry, this);
   pthread_attr_destroy(&attr);

@@ -136,27 +136,6 @@ uint64_t fail(int error) {
 
 }  // namespace
 
-Ref<Env> Env::create() { return new Env(); }
-
-void Env::set(const Ref<String>& name, const Ref<String>& value) {
-  if (!name) return;
-  Ref<String> stored = value ? value : String::create("");
-  for (size_t i = 0; i < names_.size(); ++i) {
-    if (names_[i]->equals(name->c_str())) {
-      values_[i] = stored;
-      return;
-    }
-  }
-  names_.push_back(name);
-  values_.push_back(stored);
-}
-
-Ref<String> Env::get(const char* name) const {
-  for (size_t i = 0; i < names_.size(); ++i)
-    if (names_[i]->equals(name)) return values_[i];
-  return nullptr;
-}
-
 uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<String>* args,
                         uint64_t argc, const Ref<Env>& env, uint32_t /*startOptions*/,
                         uint64_t forPid) {

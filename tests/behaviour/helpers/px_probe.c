@@ -9,6 +9,10 @@
 //   spawn PATH [ARG...] [--]   starts a child (with the probe's standard files, the library's
 //                              default); prints "spawned PID"
 //   wait                       waits for the last child spawned; prints "child PID exit CODE"
+//   spawnexit OUT PATH [ARG...] [--]
+//                              asks for a start of PATH with OUT as its standard output on a
+//                              link of its own (after one round trip, so that the server knows
+//                              the link) and ends at once, without waiting for the answer
 //   hold                       keeps a signal wait in a second thread; prints "holding"
 //   shm TEXT                   prints "shm <the spawner's shared memory>", then writes TEXT in it
 //   env NAME                   prints "env NAME=VALUE" or "env NAME unset"
@@ -36,12 +40,17 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
+#include "posix/posix_service.h"
+#include "posix/wire.h"
 #include "posix_client.h"
 
 extern char** environ;
@@ -77,6 +86,26 @@ static long long num(int k) {
 
 static void writeAll(int fd, const void* p, size_t n) {
   if (px_write(fd, p, n) != (ssize_t)n) die();
+}
+
+// Appends `n` bytes to the frame being built in buf; a string is its u32 length and its bytes.
+static size_t frameLength;
+static void put(const void* p, size_t n) {
+  memcpy(buf + frameLength, p, n);
+  frameLength += n;
+}
+static void putString(const char* text) {
+  uint32_t length = (uint32_t)strlen(text);
+  put(&length, sizeof length);
+  put(text, length);
+}
+
+// Sends the frame in buf as request `code` on `link`, and starts the next one.
+static void sendFrame(int link, uint32_t code) {
+  px_frame_header header = {PX_FRAME_REQUEST, code, code, (uint32_t)(frameLength - sizeof header), 0};
+  memcpy(buf, &header, sizeof header);
+  if (send(link, buf, frameLength, 0) != (ssize_t)frameLength) die();
+  frameLength = sizeof header;
 }
 
 static void* signalWaiter(void* arg) {
@@ -134,6 +163,28 @@ int main(int argc, char** argv) {
       errno = EINVAL;  // no program named
       child = must(a[0] != NULL ? px_spawn(a[0], a, environ, PX_SPAWN_SEARCH_PATH) : -1);
       printf("spawned %lld\n", child);
+    }
+    STEP("spawnexit", -1) {
+      struct sockaddr_un addr = {.sun_family = AF_UNIX};
+      snprintf(addr.sun_path, sizeof addr.sun_path, "%s/chn/posix.service", getenv("POSIX_RUNTIME_DIR"));
+      int link = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+      if (a[1] == NULL || connect(link, (struct sockaddr*)&addr, sizeof addr) != 0) die();
+      frameLength = sizeof(px_frame_header);
+      sendFrame(link, PX_CMD_GET_PARENT_ID);
+      if (recv(link, buf, sizeof buf, 0) <= 0) die();
+      uint32_t none = 0;
+      uint64_t argc = 0, envc = 1;
+      while (a[1 + argc] != NULL) ++argc;
+      putString(a[1]);
+      put(&none, sizeof none);
+      put(&argc, sizeof argc);
+      for (uint64_t k = 1; k <= argc; ++k) putString(a[k]);
+      put(&envc, sizeof envc);
+      putString("POSIX_STDOUT");
+      putString(a[0]);
+      put(&none, sizeof none);
+      sendFrame(link, PX_CMD_SPAWN);
+      _exit(0);
     }
     STEP("wait", 0) {
       int status = 0;
