@@ -96,12 +96,24 @@ void PipeRing::bump(uint32_t* word, uint32_t* waiters) {
   if (at(waiters).load() != 0) syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
 }
 
-void PipeRing::piecesAt(uint64_t pos, uint64_t n, uint8_t** first, uint64_t* firstSize,
-                        uint8_t** second) {
+CopyPlan PipeRing::planAt(uint64_t pos, uint64_t n, uint8_t* user, bool writing, uint32_t held) {
+  // The ring's two pieces: from `pos` to the ring's end at most, then from its start.
   uint64_t offset = pos % ringSize_;
-  *first = ring_ + offset;
-  *firstSize = std::min<uint64_t>(n, ringSize_ - offset);
-  *second = ring_;
+  uint64_t first = std::min<uint64_t>(n, ringSize_ - offset);
+  uint8_t* ring[2] = {ring_ + offset, ring_};
+  uint8_t* mine[2] = {user, user + first};
+  CopyPlan plan{};
+  plan.size0 = first;
+  plan.size1 = n - first;
+  plan.from0 = writing ? mine[0] : ring[0];
+  plan.from1 = writing ? mine[1] : ring[1];
+  plan.to0 = writing ? ring[0] : mine[0];
+  plan.to1 = writing ? ring[1] : mine[1];
+  plan.counter = writing ? &page_->tail : &page_->head;
+  plan.value = pos + n;
+  plan.lock = writing ? &page_->write_lock : &page_->read_lock;
+  plan.held = held;
+  return plan;
 }
 
 PipeRing::Result PipeRing::write(const void* bytes, uint64_t n, int timeoutMs) {
@@ -132,15 +144,7 @@ PipeRing::Result PipeRing::write(const void* bytes, uint64_t n, int timeoutMs) {
     }
     if (ringSize_ - inUse >= need) {
       uint64_t k = std::min<uint64_t>(ringSize_ - inUse, n - result.count);
-      CopyPlan plan{};
-      piecesAt(tail, k, &plan.to0, &plan.size0, &plan.to1);
-      plan.from0 = from + result.count;
-      plan.from1 = plan.from0 + plan.size0;
-      plan.size1 = k - plan.size0;
-      plan.counter = &page_->tail;
-      plan.value = tail + k;
-      plan.lock = &page_->write_lock;
-      plan.held = held;
+      CopyPlan plan = planAt(tail, k, const_cast<uint8_t*>(from + result.count), true, held);
       bool published = publish(plan);
       unlock(&page_->write_lock, held);
       if (!published) continue;  // taken over while this thread was stopped: try again
@@ -193,19 +197,7 @@ PipeRing::Result PipeRing::take(void* bytes, uint64_t n, const Deadline& deadlin
       return result;
     }
     const uint64_t k = std::min(avail, n);
-    CopyPlan plan{};
-    uint8_t* ringFirst = nullptr;
-    uint8_t* ringSecond = nullptr;
-    piecesAt(head, k, &ringFirst, &plan.size0, &ringSecond);
-    plan.from0 = ringFirst;
-    plan.to0 = static_cast<uint8_t*>(bytes);
-    plan.from1 = ringSecond;
-    plan.to1 = plan.to0 + plan.size0;
-    plan.size1 = k - plan.size0;
-    plan.counter = &page_->head;
-    plan.value = head + k;
-    plan.lock = &page_->read_lock;
-    plan.held = held;
+    CopyPlan plan = planAt(head, k, static_cast<uint8_t*>(bytes), false, held);
     bool published = publish(plan);
     unlock(&page_->read_lock, held);
     if (!published) continue;  // taken over while this thread was stopped: try again

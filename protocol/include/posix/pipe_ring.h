@@ -144,8 +144,9 @@ class PipeRing {
   Result take(void* bytes, uint64_t n, const Deadline& deadline);
   // Buffered bytes from the counters, or a value above ringSize_ when they are impossible.
   uint64_t used() const;
-  // The two pieces of `n` ring bytes at position `pos`.
-  void piecesAt(uint64_t pos, uint64_t n, uint8_t** first, uint64_t* firstSize, uint8_t** second);
+  // The copy of `n` bytes at ring position `pos` from `user` (`writing`) or to it, published as
+  // the new tail or head under the write or read lock held as `held`.
+  CopyPlan planAt(uint64_t pos, uint64_t n, uint8_t* user, bool writing, uint32_t held);
 
   px_pipe_page* const page_;
   uint8_t* const ring_;
