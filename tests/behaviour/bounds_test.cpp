@@ -1,12 +1,9 @@
-// What one client cannot take from the others: the descriptions a process may hold, the host
-// descriptors the server keeps back for processes that hold little, the size of a descriptor
-// table (a full one still read whole, by its process and by a child); and a table view that
-// follows a restarted server. (What a child's copy of a table costs: request_bounds_test.)
+// What one client cannot take from the others: the descriptions a process may hold, and the
+// host descriptors the server keeps back for processes that hold little. (The size of a
+// descriptor table: request_bounds_test; the reserve for processes with few links: the fairness
+// tests.)
 #include <fcntl.h>
 #include <sys/resource.h>
-
-#include <filesystem>
-#include <set>
 
 #include "server_fixture.h"
 
@@ -23,37 +20,12 @@ class BoundsTest : public ServerFixture {
     ASSERT_EQ(prlimit(server_, RLIMIT_NOFILE, &files, nullptr), 0) << strerror(errno);
   }
 
-  // The numbers of the server's host descriptors.
-  std::set<int> serverFiles() {
-    std::set<int> numbers;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(server_) + "/fd"))
-      numbers.insert(std::stoi(entry.path().filename()));
-    return numbers;
-  }
-
   // The number a hostile probe's next "hog" line reports, -1 when none came.
   static int hogged(OutputPipe& out, std::string* reason = nullptr) {
     std::string line = out.expect("hog ");
     if (line.empty()) return -1;
     if (reason != nullptr) *reason = line.substr(line.find(' ', 4));
     return std::stoi(line.substr(4));
-  }
-
-  // What a well-behaved client still gets: a pipe that carries bytes, a quick round trip, and
-  // a program started and collected.
-  void expectOthersServed() {
-    int fds[2];
-    ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
-    char buf[4];
-    EXPECT_EQ(px_write(fds[1], "ok", 2), 2);
-    EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 2);
-    EXPECT_EQ(px_close(fds[0]) | px_close(fds[1]), 0);
-    int64_t start = monotonicMs();
-    EXPECT_GE(px_getppid(), 0);
-    EXPECT_LT(monotonicMs() - start, 1000) << "a round trip";
-    int64_t child = spawnProgram("/bin/true", {});
-    ASSERT_GT(child, 0) << strerror(errno);
-    EXPECT_EQ(collect(child), 0);
   }
 };
 
@@ -91,8 +63,8 @@ TEST_F(BoundsTest, AProcessHoldsBoundedDescriptionsOfEveryKind) {
   ASSERT_EQ(px_pipe(fds) | px_pipe_channels(ends), 0);
   EXPECT_EQ(px_write(fds[1], "x", 1), 1);
   HeapStats stats;
-  ASSERT_TRUE(eventually([&] { return heapStats(&stats) && stats.descriptors == serverFiles().size(); }))
-      << stats.descriptors << " counted, " << serverFiles().size() << " listed";
+  ASSERT_TRUE(eventually([&] { return heapStats(&stats) && int64_t(stats.descriptors) == serverFds(); }))
+      << stats.descriptors << " counted, " << serverFds() << " listed";
   px_channel_close(ends[0]);
   px_channel_close(ends[1]);
 }
@@ -115,51 +87,9 @@ TEST_F(BoundsTest, TheServerKeepsDescriptorsBackForThoseWhoHoldLittle) {
   ASSERT_TRUE(heapStats(&stats));
   EXPECT_LE(stats.descriptors, 1024u - 64u) << "descriptors left for links";
   // Out of descriptors (none free below the limit), the stats still tell the threads.
-  std::set<int> numbers = serverFiles();
-  int lowestFree = 0;
-  while (numbers.count(lowestFree) != 0) ++lowestFree;
-  limitServerFiles(static_cast<rlim_t>(lowestFree));
+  limitServerFiles(static_cast<rlim_t>(lowestFreeServerFd()));
   ASSERT_TRUE(heapStats(&stats));
   EXPECT_GT(stats.threads, 2u);
-}
-
-TEST_F(BoundsTest, AFullTableIsReadWholeByItsProcessAndByAChild) {
-  // Items have the largest records: a full table takes several replies.
-  int fd = px_open(hostFile("item", "x").c_str(), O_RDONLY, 0);
-  ASSERT_EQ(fd, 3) << strerror(errno);
-  int taken = 1;
-  while (taken < 5000 && px_dup(fd) >= 0) ++taken;
-  EXPECT_EQ(errno, EMFILE);
-  EXPECT_EQ(taken, 4096 - 3) << "the placeholders 0, 1 and 2 count too";
-  int fds[2];
-  EXPECT_ERRNO(px_pipe(fds), EMFILE);
-  EXPECT_ERRNO(px_reserve_fd(), EMFILE);
-  std::vector<px_fd_record> records(5000);
-  ASSERT_EQ(px_fd_table(records.data(), 5000), taken);
-  for (int i = 0; i < taken; ++i) ASSERT_EQ(records[i].fd, 3 + i);
-  OutputPipe out;
-  int64_t child = spawnProbe({"fds"}, &out);
-  ASSERT_GT(child, 0) << strerror(errno);
-  EXPECT_EQ(out.expect("fds count", 20000), "fds count " + std::to_string(taken));
-  EXPECT_EQ(collect(child), 0);
-  ASSERT_EQ(px_close(4095) | px_close(4094), 0);
-  ASSERT_EQ(px_pipe(fds), 0) << "closing makes room: " << strerror(errno);
-  EXPECT_EQ(fds[1], 4095);
-}
-
-TEST_F(BoundsTest, TheTableViewFollowsARestartedServer) {
-  int fds[2];
-  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
-  px_fd_info list[4];
-  EXPECT_EQ(px_fd_list(list, 4), 2);
-  stopServer();
-  server_ = launchServer(path("server.log"));
-  ASSERT_TRUE(eventually([] { return px_getppid() >= 0; }, 10000, 20));
-  EXPECT_EQ(px_fd_list(list, 4), 0) << "the new server's table has only placeholders";
-  char buf[4];
-  EXPECT_ERRNO(px_read(fds[0], buf, sizeof buf), EBADF);
-  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
-  EXPECT_EQ(fds[0], 3);
 }
 
 }  // namespace

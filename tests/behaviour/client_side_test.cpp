@@ -25,10 +25,6 @@ class ClientSideTest : public ServerFixture {
     setenv("POSIX_RUNTIME_DIR", dir.empty() ? rt_.c_str() : dir.c_str(), 1);
     px_fini();
   }
-  CommandResult ctl(std::vector<std::string> args) {
-    args.insert(args.begin(), POSIXCTL_BINARY);
-    return runCommand(args);
-  }
 };
 
 TEST_F(ClientSideTest, ARuntimeDirectoryThatIsNotOurOwnIsRefusedAndNothingIsWrittenThere) {

@@ -66,3 +66,8 @@ CommandResult runCommand(const std::vector<std::string>& argv, const std::string
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return result;
 }
+
+CommandResult ctl(std::vector<std::string> args, const std::string& input) {
+  args.insert(args.begin(), POSIXCTL_BINARY);
+  return runCommand(args, input);
+}

@@ -16,6 +16,9 @@ struct CommandResult {
 CommandResult runCommand(const std::vector<std::string>& argv, const std::string& input = "",
                          int timeoutMs = 20000);
 
+// Runs posixctl with `args` (bounded as runCommand).
+CommandResult ctl(std::vector<std::string> args, const std::string& input = "");
+
 // Starts argv[0] with standard output on `outFd`, standard error on `errFd` (`outFd` when
 // negative) and standard input from `inFd` (/dev/null when negative); answers its pid. The
 // caller waits for it.

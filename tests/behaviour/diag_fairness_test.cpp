@@ -1,13 +1,10 @@
 // Nobody can take the introspection service over: long lists come whole, page by page; a
 // process that floods it with walks over large tables leaves other clients their answers; and
 // one process cannot take every monitor.
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cinttypes>
-#include <cstdio>
 #include <memory>
 
 #include "command_runner.h"
@@ -16,18 +13,10 @@
 
 namespace {
 
-using Links = std::vector<std::unique_ptr<RawLink>>;
-
 class DiagFairnessTest : public ServerFixture {
  protected:
   std::string diag() const { return path("chn/" PX_DIAG_SERVICE_NAME); }
 };
-
-bool put(int fd, int64_t v) { return write(fd, &v, sizeof v) == sizeof v; }
-int64_t take(int fd) {
-  int64_t v = -1;
-  return read(fd, &v, sizeof v) == sizeof v ? v : -1;
-}
 
 // Every process a raw client finds, asking from 0 and then from each reply's continuation;
 // false when a page is not answered within `timeoutMs`.
@@ -99,43 +88,14 @@ TEST_F(DiagFairnessTest, LongListsComeWholeAndAPipesFloodLeavesPsAnsweredWithinA
   EXPECT_NE(pipes.out.find(readers), std::string::npos) << pipes.out.substr(0, 300) << pipes.err;
 
   // Another process keeps 100 pipes requests in flight, each a walk over every table.
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  pid_t flooder = fork();
-  if (flooder == 0) {
-    Links links;
-    std::vector<pollfd> polls;
-    for (int i = 0; i < 100; ++i) {
-      links.push_back(std::make_unique<RawLink>(diag()));
-      polls.push_back({links.back()->fd(), POLLIN, 0});
-      links.back()->send(requestFrame(PX_DIAG_CMD_PIPES, 1));
-    }
-    put(ready[1], 1);
-    for (;;) {
-      if (poll(polls.data(), polls.size(), -1) < 0) continue;
-      for (size_t i = 0; i < links.size(); ++i) {
-        RawReply reply;
-        if ((polls[i].revents & POLLIN) && links[i]->receive(&reply, 0) == 1)
-          links[i]->send(requestFrame(PX_DIAG_CMD_PIPES, 1));
-      }
-    }
-  }
-  ASSERT_EQ(take(ready[0]), 1);
-  sleepMs(300);
-  std::vector<int64_t> trips;
-  for (int k = 0; k < 20; ++k) {
-    int64_t start = monotonicMs();
+  pid_t flooder = flood(diag(), 100, 1, requestFrame(PX_DIAG_CMD_PIPES, 1));
+  ASSERT_GT(flooder, 0);
+  std::vector<int64_t> trips = timeCalls("ps during the pipes flood", 20, 20, [&] {
     listed.clear();
-    bool answered = listProcesses(link, &listed, &pages, 5000);
-    trips.push_back(monotonicMs() - start);
-    if (!answered || listed.size() < started.size()) break;
-    sleepMs(20);
-  }
+    return listProcesses(link, &listed, &pages, 5000) && listed.size() >= started.size();
+  });
   kill(flooder, SIGKILL);
   waitExit(flooder, 5000);
-  std::sort(trips.begin(), trips.end());
-  std::printf("ps during the pipes flood: median %" PRId64 " ms, slowest %" PRId64 " ms\n",
-              trips[trips.size() / 2], trips.back());
   EXPECT_EQ(trips.size(), 20u);
   EXPECT_LT(trips.back(), 1000);
 }
@@ -161,8 +121,7 @@ TEST_F(DiagFairnessTest, OneProcessTakesAtMostTwoMonitorsAndOneLinkOne) {
   ASSERT_EQ(pipe(hold), 0);
   std::vector<pid_t> others;
   for (int p = 0; p < 3; ++p) {
-    others.push_back(fork());
-    if (others.back() == 0) {
+    others.push_back(inChild([&] {
       close(hold[1]);
       Links links;
       int taken = 0;
@@ -170,12 +129,11 @@ TEST_F(DiagFairnessTest, OneProcessTakesAtMostTwoMonitorsAndOneLinkOne) {
         links.push_back(std::make_unique<RawLink>(diag()));
         taken += kept(*links.back(), 1) ? 1 : 0;
       }
-      put(report[1], taken);
-      take(hold[0]);
-      _exit(0);
-    }
+      sendNumber(report[1], taken);
+      takeNumber(hold[0]);
+    }));
   }
-  for (size_t p = 0; p < others.size(); ++p) EXPECT_EQ(take(report[0]), 2);
+  for (size_t p = 0; p < others.size(); ++p) EXPECT_EQ(takeNumber(report[0]), 2);
   CommandResult refused = runCommand({POSIXCTL_BINARY, "monitor", "--pid", "1", "--count", "1"});
   EXPECT_NE(refused.exitCode, 0);
   EXPECT_NE(refused.err.find("takes no more"), std::string::npos) << refused.err;

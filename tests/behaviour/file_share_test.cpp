@@ -1,14 +1,11 @@
-// Descriptions shared: duplicates and spawned children move one offset, the item's service
-// stops answering once its last descriptor is closed, sockets are numbered (their service
-// answers nothing: the robustness tests), and posixctl cat copies files through the server
-// byte for byte.
+// Descriptions shared: duplicates and spawned children move one offset, the description ends
+// with its last descriptor, and posixctl cat copies files through the server byte for byte.
 #include <errno.h>
 #include <fcntl.h>
 
 #include <cstring>
 
 #include "command_runner.h"
-#include "posix/fs_item.h"
 #include "server_fixture.h"
 
 namespace {
@@ -43,11 +40,8 @@ TEST_F(FileShareTest, DuplicatesAndChildrenShareTheOffset) {
   // client that never asks for the host file uses it, reads on at the same offset.
   std::unique_ptr<RawLink> stream = bindService(fd, PX_IFACE_STREAM);
   ASSERT_TRUE(stream);
-  std::vector<uint8_t> want;
-  putU64(want, 4);
-  putU32(want, 0);
   RawReply got;
-  ASSERT_TRUE(stream->roundTrip(PX_STREAM_READ, 1, want, &got));
+  ASSERT_TRUE(stream->roundTrip(PX_STREAM_READ, 1, streamRead(4, 0), &got));
   EXPECT_EQ(std::string(got.data.begin(), got.data.end()), "ijkl");
   EXPECT_EQ(px_lseek(fd, 0, SEEK_CUR), 12);
   EXPECT_EQ(hostRead(p), "abcdefXYijklmnop");
@@ -55,58 +49,6 @@ TEST_F(FileShareTest, DuplicatesAndChildrenShareTheOffset) {
   ASSERT_EQ(px_close(fd), 0);
   EXPECT_LE(awaitThreadsAtMost(threads, 5000), threads);
   EXPECT_TRUE(eventually([&] { return serverFds() <= fds; })) << serverFds() << " > " << fds;
-}
-
-TEST_F(FileShareTest, ItemServiceAnswersUntilTheLastDescriptorCloses) {
-  std::string p = hostFile("item", "x");
-  int fd = px_open(p.c_str(), O_RDONLY, 0);
-  ASSERT_GE(fd, 0) << strerror(errno);
-  int dup = px_dup(fd);
-  std::unique_ptr<RawLink> link = bindService(fd, PX_IFACE_FS_ITEM);
-  ASSERT_TRUE(link);
-  RawReply reply;
-  ASSERT_TRUE(link->roundTrip(PX_ITEM_CMD_DESCRIBE, 1, {}, &reply));
-  EXPECT_EQ(reply.code, PX_ITEM_RESULT_OK);
-  std::vector<uint8_t> expected;
-  putString(expected, p);
-  putU32(expected, PX_FD_KIND_FILE);
-  ASSERT_GE(reply.data.size(), expected.size() + 4);
-  EXPECT_EQ(std::vector<uint8_t>(reply.data.begin(), reply.data.begin() + expected.size()),
-            expected);
-  ASSERT_TRUE(link->roundTrip(9, 2, {}, &reply));
-  EXPECT_EQ(reply.code, PX_RESULT_FAILED);
-  EXPECT_TRUE(reply.data.empty());
-
-  // px_close does not wait for the server's word; the next call that reaches the server (here
-  // the table, which lists only the dup then) waits for the close to be served.
-  ASSERT_EQ(px_close(fd), 0);
-  EXPECT_EQ(px_fd_table(nullptr, 0), 1);
-  ASSERT_TRUE(link->roundTrip(PX_ITEM_CMD_DESCRIBE, 3, {}, &reply)) << "a descriptor is left";
-  EXPECT_EQ(reply.code, PX_ITEM_RESULT_OK);
-  ASSERT_EQ(px_close(dup), 0);
-  EXPECT_EQ(px_fd_table(nullptr, 0), 0);
-  // Gone: the service answers 0 with nothing, or its multiplex has closed the link already.
-  if (link->roundTrip(PX_ITEM_CMD_DESCRIBE, 4, {}, &reply)) {
-    EXPECT_EQ(reply.code, PX_RESULT_FAILED);
-    EXPECT_TRUE(reply.data.empty());
-  }
-}
-
-TEST_F(FileShareTest, SocketIsNumberedButNeitherReadNorSeeked) {
-  int s = px_socket();
-  ASSERT_EQ(s, 3) << strerror(errno);
-  px_fd_record rec;
-  ASSERT_TRUE(tableRecord(s, &rec));
-  EXPECT_EQ(rec.type, PX_FD_KIND_SOCKET);
-  EXPECT_EQ(interfaceTypes(rec), std::vector<uint64_t>{PX_IFACE_SOCKET});
-  px_fd_info info;
-  ASSERT_EQ(px_fd_list(&info, 1), 1);
-  EXPECT_EQ(info.kind, PX_FD_KIND_SOCKET);
-  char c;
-  EXPECT_ERRNO(px_read(s, &c, 1), EINVAL);
-  EXPECT_ERRNO(px_lseek(s, 0, SEEK_SET), ESPIPE);
-  EXPECT_EQ(px_close(s), 0);
-  EXPECT_EQ(px_close(s), -1);
 }
 
 TEST_F(FileShareTest, PosixctlCatCopiesBytesExactly) {

@@ -116,13 +116,8 @@ TEST_F(HoldersTest, PipesOfTheProcessServiceServeOnlyTheirMaker) {
   // The stranger's refused binds claimed nothing: the maker binds and moves bytes.
   std::unique_ptr<RawLink> reader = bindEntry(ends[0]), writer = bindEntry(ends[2]);
   ASSERT_TRUE(reader && writer);
-  std::vector<uint8_t> hi, readAll;
-  putU32(hi, 1000);
-  hi.insert(hi.end(), {'h', 'i'});
-  putU64(readAll, 16);
-  putU32(readAll, 1000);
-  ASSERT_TRUE(writer->roundTrip(PX_STREAM_WRITE, 2, hi, &reply));
-  ASSERT_TRUE(reader->roundTrip(PX_STREAM_READ, 3, readAll, &reply));
+  ASSERT_TRUE(writer->roundTrip(PX_STREAM_WRITE, 2, streamWrite(1000, "hi"), &reply));
+  ASSERT_TRUE(reader->roundTrip(PX_STREAM_READ, 3, streamRead(16, 1000), &reply));
   EXPECT_EQ(std::string(reply.data.begin(), reply.data.end()), "hi");
 }
 
@@ -135,12 +130,9 @@ TEST_F(HoldersTest, ALinkKeptToAClosedWriteEndHoldsOffNoEndOfFile) {
   ASSERT_EQ(px_write(fds[1], "x", 1), 1);
   ASSERT_EQ(px_close(fds[1]), 0);
   EXPECT_EQ(px_fd_table(nullptr, 0), 1) << "the close is served";
-  std::vector<uint8_t> late;
-  putU32(late, 0);
-  late.push_back('y');
   // The end's channel closes shortly after; until then a closed end takes nothing.
   RawReply reply;
-  if (stream->roundTrip(PX_STREAM_WRITE, 1, late, &reply)) {
+  if (stream->roundTrip(PX_STREAM_WRITE, 1, streamWrite(0, "y"), &reply)) {
     EXPECT_EQ(reply.data, std::vector<uint8_t>(8, 0)) << "a closed end takes nothing";
   }
   int64_t start = monotonicMs();

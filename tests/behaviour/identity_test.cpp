@@ -26,14 +26,6 @@ bool gone(pid_t pid) {
   return state == '?' || state == 'Z';
 }
 
-std::vector<uint8_t> signalRequest(uint64_t target, uint32_t signum) {
-  std::vector<uint8_t> data;
-  putU64(data, target);
-  putU32(data, signum);
-  data.resize(data.size() + PX_SIGNAL_INFO_SIZE);
-  return data;
-}
-
 TEST_F(IdentityTest, SignalsReachProcessesWithWhatTheyStartedButNoThreadOfTheServer) {
   std::vector<pid_t> tids;
   for (const auto& e : std::filesystem::directory_iterator("/proc/" + std::to_string(server_) + "/task"))
@@ -127,11 +119,6 @@ void PidNamespaceTest::reusedPid() {
   int go[2], report[2];
   ASSERT_EQ(pipe(go), 0);
   ASSERT_EQ(pipe(report), 0);
-  auto send = [](int fd, int64_t v) { return write(fd, &v, sizeof v) == sizeof v; };
-  auto take = [](int fd) {
-    int64_t v = -1;
-    return read(fd, &v, sizeof v) == sizeof v ? v : -1;
-  };
   // A: of another user (its links carry euid 65534; the file-system user stays root to reach
   // RT), reserves a descriptor, reports its table's size and leaves its links to H.
   pid_t a = fork();
@@ -144,19 +131,19 @@ void PidNamespaceTest::reusedPid() {
     if (!ps.roundTrip(PX_CMD_GET_PARENT_ID, 1, {}, &r)) _exit(3);
     RawLink fds(path("chn/posix.fd.service"));
     if (!fds.roundTrip(PX_FD_CMD_RESERVE, 2, {}, &r) || !fds.roundTrip(PX_FD_CMD_GET_TABLE, 3, {}, &r)) _exit(4);
-    send(report[1], r.code);
+    sendNumber(report[1], r.code);
     if (fork() == 0) {  // H: acts with A's links once A has gone
-      take(go[0]);
+      takeNumber(go[0]);
       ps.roundTrip(PX_CMD_KILL, 4, signalRequest(self, PX_SIGKILL), &r);
-      send(report[1], r.code);
+      sendNumber(report[1], r.code);
       ps.roundTrip(PX_CMD_KILL_GROUP, 5, signalRequest(self, PX_SIGKILL), &r);
-      send(report[1], r.code);
-      take(go[0]);
+      sendNumber(report[1], r.code);
+      takeNumber(go[0]);
       _exit(0);
     }
     _exit(0);
   }
-  int64_t tableOfA = take(report[0]);
+  int64_t tableOfA = takeNumber(report[0]);
   ASSERT_GT(tableOfA, 0);
   ASSERT_EQ(waitExit(a, 5000), 0);
 
@@ -168,20 +155,20 @@ void PidNamespaceTest::reusedPid() {
     bool asked = getpid() == a && ps.roundTrip(PX_CMD_GET_PARENT_ID, 1, {}, &r);
     RawLink fds(path("chn/posix.fd.service"));
     asked = asked && fds.roundTrip(PX_FD_CMD_GET_TABLE, 2, {}, &r);
-    send(report[1], asked ? r.code : -1);
+    sendNumber(report[1], asked ? r.code : -1);
     pause();
     _exit(0);
   }
   ASSERT_EQ(b, a) << "pid " << a << " stayed taken by " << holderOf(a);
-  EXPECT_EQ(take(report[0]), tableOfA - 1) << "B was handed A's record and table";
+  EXPECT_EQ(takeNumber(report[0]), tableOfA - 1) << "B was handed A's record and table";
 
-  send(go[1], 1);
-  EXPECT_NE(take(report[0]), PX_RESULT_DONE) << "A's links killed B";
-  take(report[0]);
+  sendNumber(go[1], 1);
+  EXPECT_NE(takeNumber(report[0]), PX_RESULT_DONE) << "A's links killed B";
+  takeNumber(report[0]);
   sleepMs(100);
   EXPECT_EQ(waitpid(b, nullptr, WNOHANG), 0) << "B was killed through A's links";
   kill(b, SIGKILL);
-  send(go[1], 1);
+  sendNumber(go[1], 1);
   waitExit(b, 5000);
 }
 

@@ -12,6 +12,7 @@
 #include <cinttypes>
 #include <cstring>
 #include <cstdio>
+#include <filesystem>
 
 #include "posix/nodes.h"
 #include "server_fixture.h"
@@ -28,12 +29,6 @@ std::string pidLine(const std::string& path) {
   px_close(fd);
   size_t at = text.find("\nPid:\t");
   return at == std::string::npos ? "" : text.substr(at + 1, text.find('\n', at + 1) - at - 1);
-}
-
-std::string linkOf(const std::string& path) {
-  char target[PATH_MAX];
-  ssize_t n = readlink(path.c_str(), target, sizeof target);
-  return n > 0 ? std::string(target, static_cast<size_t>(n)) : "";
 }
 
 static char g_marker[16] = "untouched";
@@ -70,31 +65,22 @@ TEST_F(IsolationTest, ProcPathsNameTheClientAndNeverTheServer) {
   ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
   ASSERT_EQ(chdir(rt_.c_str()), 0);
   OutputPipe out;
-  std::string probe = helper("px_probe");
-  std::vector<std::string> env{"POSIX_CWD=/proc/self/cwd", "POSIX_STDOUT=" + out.writePath(),
-                               "POSIX_STDERR=/proc/self/mem"};
-  std::vector<char*> envp{env[0].data(), env[1].data(), env[2].data(), nullptr};
-  std::vector<std::string> args{probe, "find", "/proc/self/status", "Pid:", "sleep", "3000"};
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  int64_t child = px_spawn(probe.c_str(), argv.data(), envp.data(), 0);
+  int64_t child = spawnRaw({helper("px_probe"), "find", "/proc/self/status", "Pid:", "sleep", "3000"},
+                           {"POSIX_CWD=/proc/self/cwd", "POSIX_STDOUT=" + out.writePath(),
+                            "POSIX_STDERR=/proc/self/mem"});
   ASSERT_EQ(chdir(cwd), 0);
   ASSERT_GT(child, 0) << strerror(errno);
   EXPECT_EQ(out.expect("found"), "found Pid:\t" + std::to_string(child));
   const std::string childProc = "/proc/" + std::to_string(child);
-  char* real = realpath(rt_.c_str(), nullptr);
-  EXPECT_EQ(linkOf(childProc + "/cwd"), real);
-  free(real);
-  EXPECT_EQ(linkOf(childProc + "/fd/2"), "/proc/" + std::to_string(getpid()) + "/mem");
+  std::error_code ec;
+  EXPECT_EQ(std::filesystem::read_symlink(childProc + "/cwd", ec), std::filesystem::canonical(rt_));
+  EXPECT_EQ(std::filesystem::read_symlink(childProc + "/fd/2", ec),
+            "/proc/" + std::to_string(getpid()) + "/mem");
   px_kill(child, SIGKILL);
   collect(child);
   // A program named through the server's directory is refused too.
-  char* exe[] = {const_cast<char*>("exe"), nullptr};
-  EXPECT_ERRNO(px_spawn((server + "/exe").c_str(), exe, nullptr, 0), EACCES);
-  std::string devStdout = "POSIX_STDOUT=" + server + "/fd/1";
-  char* env2[] = {devStdout.data(), nullptr};
-  EXPECT_ERRNO(px_spawn("/bin/true", exe, env2, 0), EACCES);
+  EXPECT_ERRNO(spawnRaw({server + "/exe"}, {}), EACCES);
+  EXPECT_ERRNO(spawnRaw({"/bin/true"}, {"POSIX_STDOUT=" + server + "/fd/1"}), EACCES);
 
   // The server is unharmed and still answers.
   EXPECT_EQ(kill(server_, 0), 0);
@@ -112,15 +98,10 @@ TEST_F(IsolationTest, HostCallsForAClientAreBoundedByItsTimeOut) {
   ASSERT_EQ(px_write(fd, "x", 1), 1);
   std::unique_ptr<RawLink> stream = bindService(fd, PX_IFACE_STREAM);
   ASSERT_TRUE(stream);
-  auto writeRequest = [](uint32_t timeoutMs) {
-    std::vector<uint8_t> data;
-    putU32(data, timeoutMs);
-    data.resize(data.size() + 100000, 'y');
-    return data;
-  };
+  const std::string lots(100000, 'y');
   RawReply reply;
   int64_t start = monotonicMs();
-  ASSERT_TRUE(stream->roundTrip(PX_STREAM_WRITE, 1, writeRequest(300), &reply, 5000));
+  ASSERT_TRUE(stream->roundTrip(PX_STREAM_WRITE, 1, streamWrite(300, lots), &reply, 5000));
   int64_t took = monotonicMs() - start;
   ASSERT_EQ(reply.data.size(), 8u);
   uint64_t count = 0;
@@ -130,17 +111,14 @@ TEST_F(IsolationTest, HostCallsForAClientAreBoundedByItsTimeOut) {
   EXPECT_LT(took, 2000) << "a write of 300 ms";
   // A write that would wait for ever ends when its client goes, and the description is torn
   // down with every other one closed after it.
-  ASSERT_TRUE(stream->send(requestFrame(PX_STREAM_WRITE, 2, writeRequest(0xFFFFFFFFu))));
+  ASSERT_TRUE(stream->send(requestFrame(PX_STREAM_WRITE, 2, streamWrite(0xFFFFFFFFu, lots))));
   sleepMs(200);
   stream.reset();
   ASSERT_EQ(px_close(fd), 0);
   std::string other = hostFile("other", "o");
   ASSERT_EQ(px_close(px_open(other.c_str(), O_RDONLY, 0)), 0);
   EXPECT_TRUE(eventually([&] { return serverFds() <= fds; }, 10000)) << serverFds() << " > " << fds;
-  int p[2];
-  ASSERT_EQ(px_pipe(p), 0) << strerror(errno);
-  px_close(p[0]);
-  px_close(p[1]);
+  expectOthersServed();
 
   // A lease on a shared-memory object or a file holds up no open: it is refused at once.
   px_shm_id shm{};
@@ -150,10 +128,8 @@ TEST_F(IsolationTest, HostCallsForAClientAreBoundedByItsTimeOut) {
   int leased = open(path(name).c_str(), O_RDONLY | O_CLOEXEC);
   sighandler_t before = signal(SIGIO, SIG_IGN);  // the host's word that an open breaks the lease
   ASSERT_EQ(fcntl(leased, F_SETLEASE, F_RDLCK), 0) << strerror(errno);
-  std::string probe = helper("px_probe");
-  char* argv[] = {probe.data(), const_cast<char*>("exit"), const_cast<char*>("0"), nullptr};
   start = monotonicMs();
-  EXPECT_ERRNO(px_spawn_shared(probe.c_str(), argv, nullptr, 0, &shm), EWOULDBLOCK);
+  EXPECT_ERRNO(spawnRaw({helper("px_probe"), "exit", "0"}, {}, 0, &shm), EWOULDBLOCK);
   EXPECT_ERRNO(px_open(path(name).c_str(), O_RDWR, 0), EWOULDBLOCK);
   EXPECT_GE(px_getppid(), 0);
   EXPECT_LT(monotonicMs() - start, 2000);
@@ -162,7 +138,7 @@ TEST_F(IsolationTest, HostCallsForAClientAreBoundedByItsTimeOut) {
   // An object that is a link is not followed.
   ASSERT_EQ(unlink(path(name).c_str()), 0);
   ASSERT_EQ(symlink(("/proc/" + std::to_string(server_) + "/mem").c_str(), path(name).c_str()), 0);
-  EXPECT_ERRNO(px_spawn_shared(probe.c_str(), argv, nullptr, 0, &shm), ELOOP);
+  EXPECT_ERRNO(spawnRaw({helper("px_probe"), "exit", "0"}, {}, 0, &shm), ELOOP);
 }
 
 }  // namespace

@@ -27,17 +27,6 @@ constexpr int kSettleMs = 10000;
 
 class PipeLifetimeTest : public ServerFixture {
  protected:
-  // A fresh pipe works at once: bytes in, the same bytes out, within a second.
-  void expectWorkingPipe() {
-    int fds[2];
-    ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
-    int64_t start = monotonicMs();
-    EXPECT_EQ(px_write(fds[1], "ping", 4), 4);
-    char buf[8];
-    EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 4);
-    EXPECT_LT(monotonicMs() - start, 1000);
-  }
-
   // Starts the probe with `steps`, the last of which blocks, waits until it prints "blocking"
   // and a little more (its call now waits in the server), runs `meanwhile`, kills the probe,
   // and expects the server's threads back at `baseline`.
@@ -92,13 +81,8 @@ TEST_F(PipeLifetimeTest, ChannelPipeEndsCloseWithTheirConnectionsAndTheirProcess
 }
 
 TEST_F(PipeLifetimeTest, PipesNobodyConnectsToAreBoundedAndGoWithTheirMaker) {
-  auto channelFiles = [&] {
-    size_t n = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(path("chn"))) n += entry.exists();
-    return n;
-  };
   px_fini();  // the process's only links are the raw ones below
-  size_t before = channelFiles();
+  int64_t before = entriesIn(path("chn"));
   int made = 0;
   int64_t threads = -1, fds = -1;
   {
@@ -115,14 +99,14 @@ TEST_F(PipeLifetimeTest, PipesNobodyConnectsToAreBoundedAndGoWithTheirMaker) {
     }
     EXPECT_EQ(reply.code, PX_RESULT_LIMIT) << "a bound on pipes nobody connected to";
     EXPECT_EQ(made, 64);
-    EXPECT_EQ(channelFiles(), before + 2 * static_cast<size_t>(made));
+    EXPECT_EQ(entriesIn(path("chn")), before + 2 * made);
     EXPECT_LE(serverThreads(), threads) << "a pipe nobody connects to costs no thread";
   }
   // The link was the process's last: its record and the pipes it left waiting go, with every
   // descriptor the server had for them.
-  EXPECT_TRUE(eventually([&] { return channelFiles() == before; }, kSettleMs, 20));
+  EXPECT_TRUE(eventually([&] { return entriesIn(path("chn")) == before; }, kSettleMs, 20));
   EXPECT_TRUE(eventually([&] { return serverFds() <= fds; }, kSettleMs, 20)) << serverFds() << " > " << fds;
-  expectWorkingPipe();
+  expectOthersServed();
 }
 
 TEST_F(PipeLifetimeTest, AReaderOrWriterKilledWhileBlockedLeavesNothingBehind) {
@@ -163,7 +147,7 @@ TEST_F(PipeLifetimeTest, AReaderOrWriterKilledWhileBlockedLeavesNothingBehind) {
   ASSERT_EQ(px_set_nonblock(fds[1], 0), 0);
   EXPECT_EQ(px_write(fds[1], "more", 4), 4);
   EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 4);
-  expectWorkingPipe();
+  expectOthersServed();
   // A host FIFO is read in slices too: a reader killed while it waits leaves nothing behind.
   ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
   int fifo = px_open(path("fifo").c_str(), O_RDWR, 0);
@@ -223,17 +207,15 @@ TEST_F(PipeLifetimeTest, AHolderKilledInTheMiddleOfACopyWedgesNoOne) {
     free = 0;
     held = held && std::atomic_ref<uint32_t>(page->read_lock).compare_exchange_strong(free, PX_PIPE_MIN_TOKEN - 1);
     std::memset(reinterpret_cast<uint8_t*>(page) + PX_PIPE_RING_OFFSET, 'h', 100);  // never published
-    (void)!write(ready[1], held ? "y" : "n", 1);
+    sendNumber(ready[1], held);
     pause();
     _exit(0);
   }
   status.reset();  // the holder's copy keeps the link open
   munmap(page, 8192);
   close(ready[1]);
-  char held = 0;
-  ASSERT_EQ(read(ready[0], &held, 1), 1);
+  EXPECT_EQ(takeNumber(ready[0]), 1) << "the holder took the locks";
   close(ready[0]);
-  EXPECT_EQ(held, 'y');
   // A writer and a reader wait for the locks while the holder lives...
   ASSERT_EQ(px_set_nonblock(fds[1], 1), 0);
   EXPECT_ERRNO(px_write(fds[1], "x", 1), EAGAIN);

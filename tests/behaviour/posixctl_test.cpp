@@ -1,5 +1,5 @@
-// posixctl: start, status and stop of a background server, and run with its exit code and
-// standard files passed through.
+// posixctl: start, status and stop of a background server, run with its exit code and standard
+// files passed through (pipes, and regular files shared with the shell), and its usage errors.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <iterator>
 
 #include "command_runner.h"
 #include "server_fixture.h"
@@ -17,11 +16,6 @@ namespace {
 class PosixctlTest : public ServerFixture {
  protected:
   PosixctlTest() { startServerInSetUp_ = false; }
-
-  CommandResult ctl(std::vector<std::string> args, const std::string& input = "") {
-    args.insert(args.begin(), POSIXCTL_BINARY);
-    return runCommand(args, input);
-  }
 
   // posixctl finds the server through POSIX_SERVER_BIN.
   void SetUp() override {
@@ -42,10 +36,8 @@ TEST_F(PosixctlTest, StartStatusStop) {
   r = runCommand({"/bin/sh", "-c", "exec 7<\"$1\" && exec \"$0\" start", POSIXCTL_BINARY,
                   inherited});
   ASSERT_EQ(r.exitCode, 0) << r.err;
-  std::ifstream pidFile(path("server.pid"));
-  int pid = 0;
-  ASSERT_TRUE(pidFile >> pid);
-  EXPECT_GT(pid, 0);
+  int pid = std::atoi(hostRead(path("server.pid")).c_str());
+  ASSERT_GT(pid, 0);
   std::error_code ec;
   const std::string fds = "/proc/" + std::to_string(pid) + "/fd";
   for (const auto& fd : std::filesystem::directory_iterator(fds, ec))
@@ -95,23 +87,17 @@ TEST_F(PosixctlTest, RunPassesExitCodeAndStandardFiles) {
   EXPECT_EQ(r.out, "env PX_TEST_VALUE=a b\nfrom stdin\n");
   EXPECT_EQ(r.err, "");  // the server answers now: no note
 
-}
-
-// Standard files that cannot simply be opened again by path (regular files, whose offset the
-// shell shares with run; sockets) reach the program through run's relays: output lands in
-// order between the shell's own writes, standard error beside standard output keeps its order,
-// and input continues where the shell stopped reading.
-TEST_F(PosixctlTest, RunSharesRegularFilesWithItsShell) {
-  ASSERT_EQ(ctl({"start"}).exitCode, 0);
+  // Standard files that cannot simply be opened again by path (regular files, whose offset the
+  // shell shares with run; sockets) reach the program through run's relays: output lands in
+  // order between the shell's own writes, standard error beside standard output keeps its
+  // order, and input continues where the shell stopped reading.
   std::ofstream(path("in.txt")) << "first\nsecond\nthird\n";
   const std::string script = "{ echo one; read line; echo \"shell $line\"; \"$0\" run \"$1\" print two "
                              "eprint err cat; echo three; } < \"$2\" > \"$3\" 2>&1";
-  CommandResult r = runCommand({"/bin/sh", "-c", script, POSIXCTL_BINARY, helper("px_probe"),
-                                path("in.txt"), path("out.txt")});
+  r = runCommand({"/bin/sh", "-c", script, POSIXCTL_BINARY, helper("px_probe"), path("in.txt"),
+                  path("out.txt")});
   EXPECT_EQ(r.exitCode, 0) << r.err;
-  std::ifstream out(path("out.txt"));
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(out), {}),
-            "one\nshell first\ntwo\nerr\nsecond\nthird\nthree\n");
+  EXPECT_EQ(hostRead(path("out.txt")), "one\nshell first\ntwo\nerr\nsecond\nthird\nthree\n");
 }
 
 TEST_F(PosixctlTest, UsageErrorsAndFailures) {

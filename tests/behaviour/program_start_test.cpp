@@ -7,6 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <tuple>
+
 #include "command_runner.h"
 #include "server_fixture.h"
 
@@ -38,20 +41,14 @@ TEST_F(ProgramStartTest, StandardFilesThatWouldBlockHoldUpNoOne) {
   EXPECT_EQ(waitExit(probe, 10000), 0);
 
   // Output to a FIFO nobody reads: the start fails at once, and says why.
-  std::vector<std::string> env{"POSIX_STDOUT=" + fifo};
-  std::vector<char*> envp{env[0].data(), nullptr};
-  char* argv[] = {const_cast<char*>("/bin/true"), nullptr};
-  EXPECT_ERRNO(px_spawn("/bin/true", argv, envp.data(), 0), ENXIO);
+  EXPECT_ERRNO(spawnRaw({"/bin/true"}, {"POSIX_STDOUT=" + fifo}), ENXIO);
 }
 
 TEST_F(ProgramStartTest, ProgramsStartInTheStartersDirectory) {
   std::string dir = path("sub");
   ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
   hostFile("sub/rel.txt", "relative\n");
-  char* real = realpath(dir.c_str(), nullptr);
-  ASSERT_NE(real, nullptr);
-  std::string where = real;
-  free(real);
+  const std::string where = std::filesystem::canonical(dir);
 
   CommandResult r = shell("\"$0\" run pwd && \"$0\" run cat rel.txt", dir);
   EXPECT_EQ(r.exitCode, 0) << r.err;
@@ -59,10 +56,7 @@ TEST_F(ProgramStartTest, ProgramsStartInTheStartersDirectory) {
 
   // A working directory named to px_spawn; a relative standard file resolves there.
   hostFile("sub/out.txt", "");  // the server opens, never creates
-  std::vector<std::string> env{"POSIX_CWD=" + dir, "POSIX_STDOUT=out.txt"};
-  std::vector<char*> envp{env[0].data(), env[1].data(), nullptr};
-  char* argv[] = {const_cast<char*>("pwd"), nullptr};
-  int64_t child = px_spawn("/bin/pwd", argv, envp.data(), 0);
+  int64_t child = spawnRaw({"/bin/pwd"}, {"POSIX_CWD=" + dir, "POSIX_STDOUT=out.txt"});
   ASSERT_GT(child, 0) << strerror(errno);
   EXPECT_EQ(collect(child), 0);
   EXPECT_EQ(hostRead(dir + "/out.txt"), where + "\n");
@@ -88,29 +82,24 @@ TEST_F(ProgramStartTest, ClosedStandardDescriptorsStayClosed) {
 // program's trap runs, or the interrupt ends it (130). A program that ignores a terminate is
 // killed by the next signal.
 TEST_F(ProgramStartTest, SignalsToRunReachTheProgram) {
-  struct Case {
-    const char* script;
-    int firstSignal, secondSignal, exitCode;
-  };
-  const Case cases[] = {
-      {"trap 'echo trapped; exit 5' INT; echo ready; while :; do sleep 0.05; done", SIGINT, 0, 5},
-      {"echo ready; exec sleep 30", SIGINT, 0, 130},
-      {"trap '' TERM INT; echo ready; exec sleep 30", SIGTERM, SIGINT, 137},
-  };
-  for (const Case& c : cases) {
+  // A script, the signal sent to run, a second one (0: none) and the exit code run answers.
+  for (auto [script, first, second, code] : std::vector<std::tuple<std::string, int, int, int>>{
+           {"trap 'echo trapped; exit 5' INT; echo ready; while :; do sleep 0.05; done", SIGINT, 0, 5},
+           {"echo ready; exec sleep 30", SIGINT, 0, 130},
+           {"trap '' TERM INT; echo ready; exec sleep 30", SIGTERM, SIGINT, 137}}) {
     OutputPipe out;
-    pid_t run = startCommand({POSIXCTL_BINARY, "run", "/bin/sh", "-c", c.script}, out.writeFd());
-    ASSERT_EQ(out.expect("ready", 10000), "ready") << c.script;
-    kill(run, c.firstSignal);
-    if (c.secondSignal != 0) {
+    pid_t run = startCommand({POSIXCTL_BINARY, "run", "/bin/sh", "-c", script}, out.writeFd());
+    ASSERT_EQ(out.expect("ready", 10000), "ready") << script;
+    kill(run, first);
+    if (second != 0) {
       sleepMs(200);
-      kill(run, c.secondSignal);
+      kill(run, second);
     }
-    if (c.exitCode == 5) {
+    if (code == 5) {
       EXPECT_EQ(out.expect("trapped"), "trapped");
     }
     int status = waitExit(run, 15000);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == c.exitCode) << c.script << ": " << status;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == code) << script << ": " << status;
   }
 }
 

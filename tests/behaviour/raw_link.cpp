@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "posix/posix_service.h"
 #include "posix/wire.h"
 #include "server_fixture.h"
 
@@ -49,6 +50,28 @@ bool takeNode(const std::vector<uint8_t>& data, size_t* at, std::vector<px_node_
     out->push_back(e);
   }
   return true;
+}
+
+std::vector<uint8_t> signalRequest(uint64_t target, uint32_t signum) {
+  std::vector<uint8_t> data;
+  putU64(data, target);
+  putU32(data, signum);
+  data.resize(data.size() + PX_SIGNAL_INFO_SIZE);
+  return data;
+}
+
+std::vector<uint8_t> streamRead(uint64_t max, uint32_t timeoutMs) {
+  std::vector<uint8_t> data;
+  putU64(data, max);
+  putU32(data, timeoutMs);
+  return data;
+}
+
+std::vector<uint8_t> streamWrite(uint32_t timeoutMs, const std::string& bytes) {
+  std::vector<uint8_t> data;
+  putU32(data, timeoutMs);
+  data.insert(data.end(), bytes.begin(), bytes.end());
+  return data;
 }
 
 std::vector<uint8_t> requestFrame(uint32_t code, uint64_t id, const std::vector<uint8_t>& data) {
@@ -107,7 +130,6 @@ int RawLink::receive(RawReply* out, int timeoutMs) {
   out->code = static_cast<uint32_t>(le(&buf[4], 4));
   out->id = le(&buf[8], 8);
   uint32_t dataLen = static_cast<uint32_t>(le(&buf[16], 4));
-  out->blockCount = static_cast<uint32_t>(le(&buf[20], 4));
   size_t end = std::min<size_t>(PX_FRAME_HEADER_SIZE + dataLen, static_cast<size_t>(n));
   out->data.assign(buf.begin() + PX_FRAME_HEADER_SIZE, buf.begin() + static_cast<long>(end));
   return 1;

@@ -12,7 +12,6 @@ struct RawReply {
   uint32_t code = 0;
   uint64_t id = 0;
   std::vector<uint8_t> data;
-  uint32_t blockCount = 0;
 };
 
 void putU32(std::vector<uint8_t>& b, uint32_t v);
@@ -21,6 +20,13 @@ void putString(std::vector<uint8_t>& b, const std::string& s);
 // A frame header; `dataLen` and `blocks` as the header claims them, whatever follows.
 std::vector<uint8_t> frameHeader(uint32_t kind, uint32_t code, uint64_t id, uint32_t dataLen = 0,
                                  uint32_t blocks = 0);
+// The data of a kill or group kill: `target` (a pid, a group or a selector), `signum` and an
+// empty signal record.
+std::vector<uint8_t> signalRequest(uint64_t target, uint32_t signum);
+// The data of a stream read of at most `max` bytes, and of a stream write of `bytes`, each
+// waiting up to `timeoutMs` (all ones: for ever).
+std::vector<uint8_t> streamRead(uint64_t max, uint32_t timeoutMs);
+std::vector<uint8_t> streamWrite(uint32_t timeoutMs, const std::string& bytes);
 // A request frame: header, `data`, no blocks.
 std::vector<uint8_t> requestFrame(uint32_t code, uint64_t id,
                                   const std::vector<uint8_t>& data = {});

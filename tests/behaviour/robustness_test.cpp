@@ -75,29 +75,25 @@ TEST_F(RobustnessTest, MalformedAndOversizeFramesCloseOnlyTheirLink) {
 // Absurd counts in a spawn (arguments, environment entries, a path length) are refused
 // without trying to make room for them, and so are strings with a zero byte inside.
 TEST_F(RobustnessTest, WellFormedButWrongRequestsAreAnsweredQuicklyOnAnOpenLink) {
-  std::vector<uint8_t> halfPid, manyArgs, manyEnv, hugeString;
-  putU32(halfPid, 5);
-  for (auto* data : {&manyArgs, &manyEnv}) {
-    putString(*data, "/bin/true");
-    putU32(*data, 0);
-  }
-  putU64(manyArgs, uint64_t{1} << 40);
-  putU64(manyEnv, 0);
-  putU64(manyEnv, uint64_t{1} << 40);
-  putU32(hugeString, 0xFFFFFFF0u);  // far past the frame
-  // Strings with a zero byte inside are refused, not cut: neither "/bin/true" nor "exit 3" runs.
-  auto spawnOf = [](const std::string& path, const std::vector<std::string>& args) {
+  // A spawn of `path` with `args` that claims `argc` arguments and `envc` environment pairs.
+  auto spawnOf = [](const std::string& path, const std::vector<std::string>& args, uint64_t argc,
+                    uint64_t envc) {
     std::vector<uint8_t> data;
     putString(data, path);
     putU32(data, 0);
-    putU64(data, args.size());
+    putU64(data, argc);
     for (const std::string& a : args) putString(data, a);
-    data.resize(data.size() + 12);  // no environment, no options
+    putU64(data, envc);
+    putU32(data, 0);
     return data;
   };
+  std::vector<uint8_t> halfPid{5, 0, 0, 0}, hugeString{0xF0, 0xFF, 0xFF, 0xFF};  // past the frame
+  std::vector<uint8_t> manyArgs = spawnOf("/bin/true", {}, uint64_t{1} << 40, 0),
+                       manyEnv = spawnOf("/bin/true", {}, 0, uint64_t{1} << 40);
+  // Strings with a zero byte inside are refused, not cut: neither "/bin/true" nor "exit 3" runs.
   using namespace std::string_literals;
-  std::vector<uint8_t> zeroInPath = spawnOf("/bin/true\0junk"s, {"true"}),
-                       zeroInArgument = spawnOf("/bin/sh", {"sh", "-c", "exit 3\0 junk"s});
+  std::vector<uint8_t> zeroInPath = spawnOf("/bin/true\0junk"s, {"true"}, 1, 0),
+                       zeroInArgument = spawnOf("/bin/sh", {"sh", "-c", "exit 3\0 junk"s}, 3, 0);
   const struct {
     uint32_t command;
     std::vector<uint8_t> data;
@@ -109,11 +105,8 @@ TEST_F(RobustnessTest, WellFormedButWrongRequestsAreAnsweredQuicklyOnAnOpenLink)
       {PX_CMD_GET_GROUP_ID, {}, PX_RESULT_SHORT_REQUEST},
       {PX_CMD_WAIT, {}, PX_RESULT_SHORT_REQUEST},
       {PX_CMD_SPAWN, manyArgs, PX_RESULT_FAILED},
-      {PX_CMD_SPAWN_SHARED, manyArgs, PX_RESULT_FAILED},
       {PX_CMD_SPAWN, manyEnv, PX_RESULT_FAILED},
-      {PX_CMD_SPAWN_SHARED, manyEnv, PX_RESULT_FAILED},
       {PX_CMD_SPAWN, hugeString, PX_RESULT_FAILED},
-      {PX_CMD_SPAWN_SHARED, hugeString, PX_RESULT_FAILED},
       {PX_CMD_SPAWN, zeroInPath, PX_RESULT_FAILED},
       {PX_CMD_SPAWN, zeroInArgument, PX_RESULT_FAILED},
       {PX_CMD_GET_PARENT_ID, {}, PX_RESULT_DONE},  // the link stays open
@@ -169,9 +162,6 @@ TEST_F(RobustnessTest, ServicesOfDescriptionsRefuseBadFramesAndRequests) {
       {true, lying},
       {true, std::vector<uint8_t>(PX_WIRE_MAX_FRAME + 1, 0)},
   };
-  std::vector<uint8_t> readAll;
-  putU64(readAll, ~uint64_t{0});
-  putU32(readAll, 0);
   RawReply reply;
   uint64_t id = 1;
   for (const auto& [bindFirst, bytes] : frames) {
@@ -181,19 +171,17 @@ TEST_F(RobustnessTest, ServicesOfDescriptionsRefuseBadFramesAndRequests) {
     ASSERT_TRUE(link && link->send(bytes));
     EXPECT_TRUE(link->closedByServer(3000));
     // The healthy link goes on; a read never answers more than 64 KiB, whatever it asks for.
-    ASSERT_TRUE(stream->roundTrip(PX_STREAM_READ, id++, readAll, &reply));
+    ASSERT_TRUE(stream->roundTrip(PX_STREAM_READ, id++, streamRead(~uint64_t{0}, 0), &reply));
     EXPECT_EQ(reply.code, PX_RESULT_DONE);
     EXPECT_EQ(reply.data.size(), PX_STREAM_MAX_READ);
     ASSERT_EQ(px_lseek(fd, 0, SEEK_SET), 0);
   }
 
-  auto seek = bindService(fd, PX_IFACE_SEEKABLE), resize = bindService(fd, PX_IFACE_RESIZABLE);
+  auto seek = bindService(fd, PX_IFACE_SEEKABLE), resize = bindService(fd, PX_IFACE_RESIZABLE),
+       item = bindService(fd, PX_IFACE_FS_ITEM);
   auto pipeRead = bindService(fds[0], PX_IFACE_STREAM), status = bindService(fds[0], PX_IFACE_FIFO_STATUS);
   auto socket = bindService(px_socket(), PX_IFACE_SOCKET);
-  ASSERT_TRUE(seek && resize && pipeRead && status && socket);
-  std::vector<uint8_t> writeX;
-  putU32(writeX, 0);
-  writeX.push_back('x');
+  ASSERT_TRUE(seek && resize && item && pipeRead && status && socket);
   const struct {
     RawLink* link;
     uint32_t code;
@@ -208,12 +196,11 @@ TEST_F(RobustnessTest, ServicesOfDescriptionsRefuseBadFramesAndRequests) {
       {resize.get(), PX_RESIZE_CMD_RESIZE, std::vector<uint8_t>(3), PX_ITEM_RESULT_SHORT, 0},
       {seek.get(), PX_RESIZE_CMD_SIZE, {}, PX_RESULT_FAILED, 0},  // the other's numbering
       {resize.get(), PX_SEEK_CMD_POSITION, {}, PX_RESULT_FAILED, 0},
-      {pipeRead.get(), PX_STREAM_WRITE, writeX, PX_RESULT_DONE, 8},  // takes nothing...
+      {item.get(), 9, {}, PX_RESULT_FAILED, 0},
+      {pipeRead.get(), PX_STREAM_WRITE, streamWrite(0, "x"), PX_RESULT_DONE, 8},  // takes nothing...
       {status.get(), 1, {}, 4, 0},                                   // ...as a write on a read end
       {status.get(), 9, {}, 2, 0},
-      {socket.get(), 0, std::vector<uint8_t>(8), PX_RESULT_FAILED, 0},  // serves nothing at all
-      {socket.get(), 1, std::vector<uint8_t>(8), PX_RESULT_FAILED, 0},
-      {socket.get(), 4, {}, PX_RESULT_FAILED, 0},
+      {socket.get(), 1, std::vector<uint8_t>(12), PX_RESULT_FAILED, 0},  // serves nothing at all
       {socket.get(), ~0u, {}, PX_RESULT_FAILED, 0},
   };
   for (const auto& r : requests) {

@@ -3,12 +3,15 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <inttypes.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -87,6 +90,13 @@ void sleepMs(int ms) {
   struct timespec ts = {ms / 1000, (ms % 1000) * 1000000L};
   while (nanosleep(&ts, &ts) != 0) {
   }
+}
+
+bool sendNumber(int fd, int64_t value) { return write(fd, &value, sizeof value) == sizeof value; }
+
+int64_t takeNumber(int fd) {
+  int64_t value = -1;
+  return read(fd, &value, sizeof value) == sizeof value ? value : -1;
 }
 
 int waitExit(pid_t pid, int timeoutMs) {
@@ -183,16 +193,35 @@ int64_t ServerFixture::serverThreads() {
   return heapStats(&stats) ? static_cast<int64_t>(stats.threads) : -1;
 }
 
-int64_t ServerFixture::serverFds() const {
+int64_t entriesIn(const std::string& dir) {
   std::error_code ec;
-  auto fds = std::filesystem::directory_iterator("/proc/" + std::to_string(server_) + "/fd", ec);
-  return ec ? -1 : std::distance(begin(fds), end(fds));
+  auto all = std::filesystem::directory_iterator(dir, ec);
+  return ec ? -1 : std::distance(begin(all), end(all));
+}
+
+int64_t ServerFixture::serverFds() const { return entriesIn("/proc/" + std::to_string(server_) + "/fd"); }
+
+int ServerFixture::lowestFreeServerFd() const {
+  int fd = 0;
+  while (std::filesystem::exists("/proc/" + std::to_string(server_) + "/fd/" + std::to_string(fd))) ++fd;
+  return fd;
 }
 
 int64_t ServerFixture::awaitThreadsAtMost(int64_t count, int timeoutMs) {
   int64_t seen = -1;
   eventually([&] { return (seen = serverThreads()) <= count; }, timeoutMs, 50);
   return seen;
+}
+
+int64_t ServerFixture::spawnRaw(std::vector<std::string> argv, std::vector<std::string> env,
+                                int flags, px_shm_id* shm) {
+  std::vector<char*> argp, envp;
+  for (std::string& a : argv) argp.push_back(a.data());
+  for (std::string& e : env) envp.push_back(e.data());
+  argp.push_back(nullptr);
+  envp.push_back(nullptr);
+  return shm != nullptr ? px_spawn_shared(argp[0], argp.data(), envp.data(), flags, shm)
+                        : px_spawn(argp[0], argp.data(), envp.data(), flags);
 }
 
 int64_t ServerFixture::spawnProgram(const std::string& program,
@@ -205,12 +234,7 @@ int64_t ServerFixture::spawnProgram(const std::string& program,
   }
   std::vector<std::string> argv{program};
   argv.insert(argv.end(), args.begin(), args.end());
-  std::vector<char*> argp, envp;
-  for (std::string& a : argv) argp.push_back(a.data());
-  argp.push_back(nullptr);
-  for (std::string& e : env) envp.push_back(e.data());
-  envp.push_back(nullptr);
-  return px_spawn(argp[0], argp.data(), envp.data(), 0);
+  return spawnRaw(argv, env);
 }
 
 int64_t ServerFixture::spawnProbe(const std::vector<std::string>& args, OutputPipe* out) {
@@ -222,4 +246,60 @@ int ServerFixture::collect(int64_t child, int timeoutMs) {
   int64_t got = 0;
   eventually([&] { return (got = px_waitpid(child, &status, PX_WNOHANG)) != 0; }, timeoutMs);
   return got == child ? status : -1;
+}
+
+void ServerFixture::expectOthersServed() {
+  int fds[2];
+  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
+  int64_t start = monotonicMs();
+  char buf[4];
+  EXPECT_EQ(px_write(fds[1], "ok", 2), 2);
+  EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 2);
+  EXPECT_EQ(px_close(fds[0]) | px_close(fds[1]), 0);
+  EXPECT_GE(px_getppid(), 0);
+  EXPECT_LT(monotonicMs() - start, 1000) << "a pipe's bytes and a round trip";
+  int64_t child = spawnProgram("/bin/true", {});
+  ASSERT_GT(child, 0) << strerror(errno);
+  EXPECT_EQ(collect(child), 0);
+}
+
+pid_t ServerFixture::flood(const std::string& socket, int links, int inFlight,
+                           const std::vector<uint8_t>& frame) {
+  int ready[2];
+  if (pipe2(ready, O_CLOEXEC) != 0) return -1;
+  pid_t pid = inChild([&] {
+    Links held;
+    std::vector<pollfd> polls;
+    for (int i = 0; i < links; ++i) {
+      held.push_back(std::make_unique<RawLink>(socket));
+      polls.push_back({held.back()->fd(), POLLIN, 0});
+      for (int k = 0; k < inFlight; ++k) held.back()->send(frame);
+    }
+    sendNumber(ready[1], 1);
+    for (RawReply reply;;) {
+      if (poll(polls.data(), polls.size(), -1) < 0) continue;
+      for (size_t i = 0; i < held.size(); ++i) {
+        if ((polls[i].revents & POLLIN) && held[i]->receive(&reply, 0) == 1) held[i]->send(frame);
+      }
+    }
+  });
+  close(ready[1]);
+  bool started = takeNumber(ready[0]) == 1;
+  close(ready[0]);
+  sleepMs(300);
+  return started ? pid : -1;
+}
+
+std::vector<int64_t> ServerFixture::timeCalls(const char* what, int count, int pauseMs,
+                                              const std::function<bool()>& call) {
+  std::vector<int64_t> times;
+  for (bool ok = true; ok && static_cast<int>(times.size()) < count; sleepMs(pauseMs)) {
+    int64_t start = monotonicMs();
+    ok = call();
+    times.push_back(monotonicMs() - start);
+  }
+  std::sort(times.begin(), times.end());
+  std::printf("%s: median %" PRId64 " ms, slowest %" PRId64 " ms\n", what, times[times.size() / 2],
+              times.back());
+  return times;
 }

@@ -9,10 +9,12 @@
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -44,9 +46,28 @@ bool eventually(F&& done, int timeoutMs = 5000, int stepMs = 10) {
     EXPECT_EQ(errno_, err) << #call << ": " << strerror(errno_); \
   } while (0)
 
+using Links = std::vector<std::unique_ptr<RawLink>>;
+
+// Runs `body` in a forked child, which then ends with 0; the child's pid.
+template <class F>
+pid_t inChild(F&& body) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    body();
+    _exit(0);
+  }
+  return pid;
+}
+// A number passed through a host pipe between the test and its forked children; -1 when none
+// could be read.
+bool sendNumber(int fd, int64_t value);
+int64_t takeNumber(int fd);
+
 // The text of /proc/<pid>/stat, empty when the process has gone; and its state letter ('?').
 std::string procStat(pid_t pid);
 char hostState(pid_t pid);
+// The number of entries of a host directory, -1 when it cannot be read.
+int64_t entriesIn(const std::string& dir);
 // Waits for a host child of the test to end; its wait status, or -1 after `timeoutMs`.
 int waitExit(pid_t pid, int timeoutMs);
 // The whole content of a host file ("" when it cannot be read).
@@ -109,11 +130,15 @@ class ServerFixture : public ::testing::Test {
   bool heapStats(HeapStats* out, int timeoutMs = 5000);
   // The server's thread count, or -1 when it did not tell.
   int64_t serverThreads();
-  // The number of descriptors the server has open, or -1.
+  // The number of descriptors the server has open, or -1; the lowest number it has free.
   int64_t serverFds() const;
+  int lowestFreeServerFd() const;
   // Waits until the server's thread count is at most `count`; the last count seen.
   int64_t awaitThreadsAtMost(int64_t count, int timeoutMs = 10000);
 
+  // Spawns argv[0] with exactly the environment `env` (and `shm` as its shared memory).
+  static int64_t spawnRaw(std::vector<std::string> argv, std::vector<std::string> env,
+                          int flags = 0, px_shm_id* shm = nullptr);
   // Spawns `program` through the server with this process's environment, its output and
   // error going to `out` when given. The child inherits the caller's descriptors.
   int64_t spawnProgram(const std::string& program, const std::vector<std::string>& args,
@@ -122,6 +147,19 @@ class ServerFixture : public ::testing::Test {
   int64_t spawnProbe(const std::vector<std::string>& args, OutputPipe* out = nullptr);
   // Collects `child` with a bounded non-blocking wait; its exit code, or -1.
   static int collect(int64_t child, int timeoutMs = 10000);
+  // What a well-behaved client gets beside a greedy one: a new pipe that carries bytes and a
+  // round trip, within a second, and a program started and collected.
+  void expectOthersServed();
+
+  // A forked child that keeps `links` links to `socket` busy: each sends `frame` `inFlight`
+  // times, then once more for every reply. Answers its pid once the flood has run a moment (-1
+  // when it did not start); the caller kills it.
+  static pid_t flood(const std::string& socket, int links, int inFlight,
+                     const std::vector<uint8_t>& frame);
+  // Times `call` up to `count` times, `pauseMs` apart, until one fails; the times in ms,
+  // sorted, also printed (median and slowest) after `what`.
+  static std::vector<int64_t> timeCalls(const char* what, int count, int pauseMs,
+                                        const std::function<bool()>& call);
 
   // The serialised table's record of `fd`; false when the table has none.
   static bool tableRecord(int fd, px_fd_record* out);

@@ -1,5 +1,5 @@
 // The server's life on its runtime directory: one server per directory, its node, clean
-// shutdown, and a new server after one that was killed.
+// shutdown, and a new server after one that was killed (which the library then follows).
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -25,13 +25,8 @@ class ServerLifeTest : public ServerFixture {
   }
 };
 
-size_t entries(const std::string& dir) {
-  auto all = std::filesystem::directory_iterator(dir);
-  return static_cast<size_t>(std::distance(all, std::filesystem::directory_iterator()));
-}
-
 TEST_F(ServerLifeTest, SecondServerGivesUpAndSigtermRemovesTheFilesAndExitsZero) {
-  size_t channels = entries(path("chn"));
+  int64_t channels = entriesIn(path("chn"));
   pid_t second = launchServer(path("second.log"));
   ASSERT_GT(second, 0);
   int status = waitExit(second, 10000);
@@ -43,7 +38,7 @@ TEST_F(ServerLifeTest, SecondServerGivesUpAndSigtermRemovesTheFilesAndExitsZero)
                       std::to_string(server_)),
             std::string::npos) << text;
   // The first server keeps its channel and its files; the second left no socket behind.
-  EXPECT_EQ(entries(path("chn")), channels);
+  EXPECT_EQ(entriesIn(path("chn")), channels);
   px_fini();
   EXPECT_GE(px_getppid(), 0);
   EXPECT_EQ(px_server_pid(), server_);
@@ -91,19 +86,23 @@ TEST_F(ServerLifeTest, BlockingCallsEndWhenTheServerDiesAndTheNextServerCleansUp
   EXPECT_EQ(err, ECONNRESET);
 
   std::vector<std::string> left;
-  for (const auto& entry : std::filesystem::directory_iterator(path("chn"))) {
-    left.push_back(entry.path());
-  }
+  for (const auto& entry : std::filesystem::directory_iterator(path("chn"))) left.push_back(entry.path());
   EXPECT_GE(left.size(), 5u) << "the names, their sockets and the pipe's";
   sleepMs(1100);  // a socket younger than a second may be a starting server's
   server_ = launchServer(path("server.log"));
-  px_fini();
-  ASSERT_TRUE(eventually([] { return px_getppid() >= 0; }));
+  ASSERT_TRUE(eventually([] { return px_getppid() >= 0; }, 10000, 20));
   for (const std::string& file : left) {
     std::string name = file.substr(file.rfind('/') + 1);
     if (name.ends_with(".service")) continue;  // claimed again
     EXPECT_NE(access(file.c_str(), F_OK), 0) << file << " was left behind";
   }
+  // The library's view of the table follows the new server, which has only the placeholders.
+  px_fd_info list[4];
+  EXPECT_EQ(px_fd_list(list, 4), 0);
+  char buf[4];
+  EXPECT_ERRNO(px_read(fds[0], buf, sizeof buf), EBADF);
+  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
+  EXPECT_EQ(fds[0], 3);
 }
 
 }  // namespace

@@ -17,17 +17,6 @@ bool inHostState(pid_t pid, char state) {
   return eventually([&] { return hostState(pid) == state; });
 }
 
-TEST_F(SignalTest, BadNumbersOrTargetsAreRefused) {
-  EXPECT_ERRNO(px_kill(getpid(), 32), EINVAL);
-  EXPECT_ERRNO(px_killpg(0, 32), EINVAL);
-  // pid_max is at most 2^22: this pid cannot exist.
-  constexpr int64_t kNoSuchPid = 4194304 + 17;
-  EXPECT_ERRNO(px_kill(kNoSuchPid, 5), ESRCH);
-  EXPECT_ERRNO(px_killpg(kNoSuchPid, 5), ESRCH);
-  EXPECT_ERRNO(px_getpgid(kNoSuchPid), ESRCH);
-  EXPECT_EQ(px_kill(getpid(), 0), 0);  // a probe of oneself; the server still serves
-}
-
 TEST_F(SignalTest, ASignalCarriesTheSendersRecordAndTheChildSignalReportsTheEnd) {
   int sig = 0;
   // The time-out leaves the wait kept at the server: the next signal answers it directly (a
@@ -84,17 +73,20 @@ TEST_F(SignalTest, SignalsReachConnectedChildrenInOrderAlsoByGroupAndContinueIsD
   EXPECT_TRUE(inHostState(static_cast<pid_t>(b), 'T'));
   ASSERT_EQ(px_kill(b, PX_SIGCONT), 0);
   EXPECT_EQ(outB.expect("signal").substr(0, 10), "signal 17 ");
-  for (int64_t child : {a, b}) {
-    EXPECT_EQ(collect(child), 0);
-  }
+  for (int64_t child : {a, b}) EXPECT_EQ(collect(child), 0);
 }
 
-TEST_F(SignalTest, HostActionsOnAProcessThatNeverConnected) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    pause();
-    _exit(0);
-  }
+// Numbers that are no signal, or no process, are refused.
+TEST_F(SignalTest, BadNumbersAndTargetsAreRefusedAndAStrangerTakesOnlyTheHostActions) {
+  EXPECT_ERRNO(px_kill(getpid(), 32), EINVAL);
+  EXPECT_ERRNO(px_killpg(0, 32), EINVAL);
+  // pid_max is at most 2^22: this pid cannot exist.
+  constexpr int64_t kNoSuchPid = 4194304 + 17;
+  EXPECT_ERRNO(px_kill(kNoSuchPid, 5), ESRCH);
+  EXPECT_ERRNO(px_killpg(kNoSuchPid, 5), ESRCH);
+  EXPECT_ERRNO(px_getpgid(kNoSuchPid), ESRCH);
+  EXPECT_EQ(px_kill(getpid(), 0), 0);  // a probe of oneself; the server still serves
+  pid_t pid = inChild([] { pause(); });
   ASSERT_GT(pid, 0);
   // Only kill, stop and continue reach a process the server does not know.
   EXPECT_ERRNO(px_kill(pid, 5), ESRCH);

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <fstream>
 #include <thread>
+#include <tuple>
 
 #include "server_fixture.h"
 
@@ -34,29 +35,29 @@ class WaitTest : public ServerFixture {
 };
 
 TEST_F(WaitTest, ExitCodesArriveUnchangedAndSpawnFailuresGiveTheirReasons) {
-  char* argv[] = {const_cast<char*>("nothing"), nullptr};
-  EXPECT_ERRNO(px_spawn(path("no-such-dir/program").c_str(), argv, nullptr, 0), ENOENT);
-  EXPECT_ERRNO(px_spawn("no-such-program-anywhere", argv, nullptr, PX_SPAWN_SEARCH_PATH), ENOENT);
+  EXPECT_ERRNO(spawnRaw({path("no-such-dir/program")}, {}), ENOENT);
+  EXPECT_ERRNO(spawnRaw({"no-such-program-anywhere"}, {}, PX_SPAWN_SEARCH_PATH), ENOENT);
   std::string plain = hostFile("not-executable", "data\n");
   chmod(plain.c_str(), 0644);
-  EXPECT_ERRNO(px_spawn(plain.c_str(), argv, nullptr, 0), EACCES);
+  EXPECT_ERRNO(spawnRaw({plain}, {}), EACCES);
   // The server goes on serving, and every code reaches the parent as it was. The program starts
   // with default dispositions and nothing blocked, whatever the server ignores (13) or blocks (15).
-  struct Case {
-    std::string step, value;
-    int code;
-  } cases[] = {{"exit", "0", 0},   {"exit", "7", 7},         {"exit", "255", 255},
-               {"raise", "9", 128 + 9}, {"raise", "15", 128 + 15}, {"raise", "13", 128 + 13}};
-  for (const Case& c : cases) {
-    int64_t child = spawnProbe({c.step, c.value});
+  for (auto [step, value, code] : std::vector<std::tuple<std::string, std::string, int>>{
+           {"exit", "0", 0}, {"exit", "7", 7}, {"exit", "255", 255},
+           {"raise", "9", 128 + 9}, {"raise", "15", 128 + 15}, {"raise", "13", 128 + 13}}) {
+    int64_t child = spawnProbe({step, value});
     ASSERT_GT(child, 0) << strerror(errno);
     int status = -1;
     EXPECT_EQ(px_waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, c.code) << c.step << " " << c.value;
+    EXPECT_EQ(status, code) << step << " " << value;
   }
 }
 
 TEST_F(WaitTest, ZombiesStayUntilCollectedOldestFirstAndNoWaitLeavesThem) {
+  // Nothing to wait for: no child at all, or a process that exists but is not our child.
+  expectEchild(-1, PX_WNOHANG);
+  expectEchild(0, 0);
+  expectEchild(getppid(), 0);
   int64_t first = zombie("1");
   int64_t second = zombie("2");
   int status = -1;
@@ -73,25 +74,11 @@ TEST_F(WaitTest, ZombiesStayUntilCollectedOldestFirstAndNoWaitLeavesThem) {
   expectEchild(-1, 0);
 }
 
-TEST_F(WaitTest, NonBlockingWaitWhileChildRunsAndEchildWithNothingToWaitFor) {
-  expectEchild(-1, 0);
-  expectEchild(-1, PX_WNOHANG);
-  expectEchild(0, 0);
-  expectEchild(getppid(), 0);  // a process that exists but is not our child
-  int64_t child = spawnProbe({"sleep", "400", "exit", "4"});
+TEST_F(WaitTest, NoWaitWhileTheChildRunsAndASecondWaiterForItGetsEchild) {
+  int64_t child = spawnProbe({"sleep", "400", "exit", "8"});
   ASSERT_GT(child, 0);
-  int status = -1;
-  for (int64_t pid : {child, int64_t{-1}, int64_t{0}}) {
-    EXPECT_EQ(px_waitpid(pid, &status, PX_WNOHANG), 0) << pid;
-  }
-  EXPECT_EQ(px_waitpid(child, &status, 0), child);  // blocks until the end
-  EXPECT_EQ(status, 4);
-  expectEchild(child, PX_WNOHANG);
-}
-
-TEST_F(WaitTest, SecondWaiterForSameChildGetsEchild) {
-  int64_t child = spawnProbe({"sleep", "300", "exit", "8"});
-  ASSERT_GT(child, 0);
+  for (int64_t pid : {child, int64_t{-1}, int64_t{0}})
+    EXPECT_EQ(px_waitpid(pid, nullptr, PX_WNOHANG), 0) << pid;
   int64_t results[2] = {0, 0};
   int errs[2] = {0, 0}, statuses[2] = {-1, -1};
   std::thread waiters[2];

@@ -67,16 +67,10 @@ class EnvScope {
   bool had_ = false;
 };
 
-inline std::string makeTempDir() {
-  char pattern[] = "/tmp/ipc-test-XXXXXX";
-  const char* made = ::mkdtemp(pattern);
-  return made ? made : "";
-}
-
 // POSIX_RUNTIME_DIR points at a fresh directory under /tmp for the scope's life.
 class RuntimeDirScope {
  public:
-  RuntimeDirScope() : dir_(makeTempDir()), env_("POSIX_RUNTIME_DIR", dir_.c_str()) {}
+  RuntimeDirScope() : dir_(::mkdtemp(pattern_) ? pattern_ : ""), env_("POSIX_RUNTIME_DIR", dir_.c_str()) {}
   ~RuntimeDirScope() {
     std::error_code ignored;
     if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
@@ -84,6 +78,7 @@ class RuntimeDirScope {
   const std::string& dir() const { return dir_; }
 
  private:
+  char pattern_[21] = "/tmp/ipc-test-XXXXXX";  // before dir_, which is made from it
   std::string dir_;
   EnvScope env_;
 };
@@ -150,7 +145,6 @@ inline Frame request(uint32_t code, uint64_t id, Bytes data = {}) {
 class Client {
  public:
   explicit Client(const std::string& path) : fd_(chnConnect(path.c_str())) {}
-  explicit Client(int fd) : fd_(fd) {}  // takes a socket connected elsewhere
   ~Client() { if (fd_ >= 0) ::close(fd_); }
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;

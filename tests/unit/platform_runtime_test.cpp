@@ -16,11 +16,6 @@ using namespace chntest;
 
 namespace {
 
-bool exists(const std::string& path) {
-  struct stat st;
-  return ::lstat(path.c_str(), &st) == 0;
-}
-
 TEST(Runtime, DirectoryFollowsTheEnvironmentRule) {
   EnvScope own("POSIX_RUNTIME_DIR", "/somewhere/own");
   EnvScope xdg("XDG_RUNTIME_DIR", "/run/user/77");
@@ -96,8 +91,8 @@ TEST(Runtime, ShutDownRemovesOwnedFilesAndRefusesNewOnes) {
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  EXPECT_FALSE(exists(owned));
-  EXPECT_FALSE(exists(late));
+  EXPECT_FALSE(std::filesystem::exists(owned));
+  EXPECT_FALSE(std::filesystem::exists(late));
   std::error_code ignored;
   EXPECT_TRUE(std::filesystem::is_empty(rt.dir() + "/chn", ignored)) << "no socket was made";
 }

@@ -1,16 +1,7 @@
-// Process records, groups, signals and waiting at the level of the objects: weak listing,
-// pending signals and the one signal waiter, queued waits that are aborted, programs that end
-// before they are linked, and group signals that skip dead members. Replies are read back
-// from a client socket.
+// Process records and groups at the level of the objects: records found by identity and listed
+// weakly, and group signals that skip dead members.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstring>
-#include <thread>
-
-#include "channel_harness.h"
-#include "fd/fd_table.h"
 #include "process/posix_process.h"
 #include "process/process_group.h"
 #include "process/process_registry.h"
@@ -35,38 +26,6 @@ class ProcessTest : public ::testing::Test {
   Ref<PosixProcess> entry(uint64_t pid, uint32_t level = 0) {
     return PosixProcess::createEntry({pid, 1}, level);
   }
-
-  // Starts a program as `parent`'s child; its pid from the agent's answer, 0 when it failed.
-  uint64_t spawn(const Ref<PosixProcess>& parent, const char* path,
-                 std::vector<Ref<String>> arguments) {
-    ProgramStart start;
-    start.path = String::create(path);
-    start.arguments = std::move(arguments);
-    start.environment = Env::create();
-    if (PosixProcess::spawn(parent, std::move(start), channel.request(PX_CMD_SPAWN)) != PX_RESULT_DONE)
-      return 0;
-    ChannelHarness::Reply r;
-    uint64_t pid = 0;
-    if (!channel.reply(&r) || r.code != PX_RESULT_DONE || r.data.size() != sizeof pid) return 0;
-    std::memcpy(&pid, r.data.data(), sizeof pid);
-    return pid;
-  }
-
-  // Waits until `parent` has been told of `zombies` ended children (bounded).
-  static bool awaitEnd(const Ref<PosixProcess>& parent, uint64_t zombies) {
-    for (int i = 0; i < 1000; ++i) {
-      if (parent->zombieCount() >= zombies) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
-  }
-
-  uint32_t nextReplyCode() {
-    ChannelHarness::Reply r;
-    return channel.reply(&r) ? r.code : 0xDEAD;
-  }
-
-  ChannelHarness channel;
 };
 
 TEST_F(ProcessTest, RecordsAreFoundByIdentityListedWeaklyAndAKnownIdentityKeepsItsRecord) {
