@@ -1,8 +1,10 @@
-// Reading a path for a client. Most paths hold no symbolic link: one openat2 that refuses to
-// follow any opens them, and what it opens cannot be anywhere a link would have led. A path
-// that holds a link is walked name by name, as the host's own lookup would, with the names that
-// mean "the caller" read for the client and every step checked against the server's own
-// process directory.
+// Reading a path for a client. Most paths are opened by one openat2 that follows no link of a
+// process's /proc directory (and, under /proc, no link at all): what it opens outside procfs
+// means the same to the client, and a result inside procfs is checked. A client's own
+// descriptor named as /proc/<pid>/fd/<n> is opened as the host follows it. Any other path
+// that meets such a link, or lands in procfs, is walked name by name, as the host's own lookup
+// would, with the names that mean "the caller" read for the client and every step checked
+// against the server's own process directory.
 #include "platform/client_path.h"
 
 #include <fcntl.h>
@@ -16,6 +18,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 namespace {
@@ -46,12 +49,48 @@ bool numeric(const std::string& name, uint64_t* value) {
   return true;
 }
 
+uint64_t ourPid() {
+  static const uint64_t pid = static_cast<uint64_t>(::getpid());
+  return pid;
+}
+
 // Whether `id` is this process or one of its threads (each has a /proc/<tid> of its own).
 bool ourTask(uint64_t id) {
-  if (id == static_cast<uint64_t>(::getpid())) return true;
+  if (id == ourPid()) return true;
   char name[48];
   std::snprintf(name, sizeof name, "/proc/self/task/%llu", static_cast<unsigned long long>(id));
   return ::access(name, F_OK) == 0;
+}
+
+int openHow(int dir, const char* path, open_how& how) {
+  int fd;
+  do {
+    fd = static_cast<int>(::syscall(SYS_openat2, dir, path, &how, sizeof how));
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+// Whether the walk settles what openat2 answered: ELOOP, a link the lookup may not follow (or
+// too many); EINVAL, flag or mode bits that open(2) ignores and openat2 refuses; ENOSYS, a host
+// without openat2; E2BIG, one whose open_how is smaller.
+bool walkable(int error) {
+  return error == ELOOP || error == EINVAL || error == ENOSYS || error == E2BIG;
+}
+
+// Whether `path` is exactly "/proc/<n>/fd/<m>"; `*owner` is n.
+bool procDescriptor(const char* path, uint64_t* owner) {
+  const char* at = path;
+  auto number = [&at](uint64_t* value) {
+    const char* begin = at;
+    while (*at >= '0' && *at <= '9') ++at;
+    return at != begin && at - begin <= 19 && numeric(std::string(begin, at), value);
+  };
+  uint64_t fd = 0;
+  if (std::strncmp(at, "/proc/", 6) != 0) return false;
+  at += 6;
+  if (!number(owner) || std::strncmp(at, "/fd/", 4) != 0) return false;
+  at += 4;
+  return number(&fd) && *at == '\0';
 }
 
 // Refuses a descriptor in this process's /proc directory: closes it and answers EACCES.
@@ -254,20 +293,45 @@ namespace ClientPath {
 
 int open(int dir, const char* path, int flags, mode_t mode, uint64_t pid) {
   if (!path) return fail(EFAULT);
+  // "/proc/<n>/fd/<m>" and nothing more: a descriptor of process n, which the host follows as
+  // that process's own (how clients hand over their standard files). Only the server's own is
+  // refused; the file it leads to is checked like every result.
+  uint64_t owner = 0;
+  if (procDescriptor(path, &owner)) {
+    // The requester is another process than the server: its own descriptors are no look-up.
+    if ((owner != pid || owner == ourPid()) && ourTask(owner)) return fail(EACCES);
+    int fd;
+    do {
+      fd = ::openat(AT_FDCWD, path, flags | O_CLOEXEC, mode);
+    } while (fd < 0 && errno == EINTR);
+    return checked(fd);
+  }
   // Only O_CREAT and O_TMPFILE take a mode; openat2 refuses one otherwise.
   const bool takesMode = (flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE;
   open_how how{};
   how.flags = static_cast<uint64_t>(static_cast<unsigned>(flags | O_CLOEXEC));
   how.mode = takesMode ? (mode & 07777) : 0;
-  how.resolve = RESOLVE_NO_SYMLINKS;
-  int fd;
-  do {
-    fd = static_cast<int>(::syscall(SYS_openat2, dir, path, &how, sizeof how));
-  } while (fd < 0 && errno == EINTR);
-  if (fd >= 0) return checked(fd);
-  // ELOOP: a link on the way. EINVAL: flag or mode bits that open(2) ignores and openat2
-  // refuses. ENOSYS: a host without openat2. The walk settles each of them.
-  if (errno != ELOOP && errno != EINVAL && errno != ENOSYS && errno != E2BIG) return -1;
+  // A path under /proc follows no link at all. Any other may follow ordinary links, but no
+  // link of a process's /proc directory: then it ends outside procfs only where it means the
+  // same to the client (nothing but /proc/self and its kind mean the caller, and their links
+  // lead nowhere else), and a result on procfs is looked up again name by name.
+  const bool underProc = std::strncmp(path, "/proc/", 6) == 0;
+  how.resolve = underProc ? RESOLVE_NO_SYMLINKS : RESOLVE_NO_MAGICLINKS;
+  int fd = openHow(dir, path, how);
+  if (fd >= 0 && underProc) return checked(fd);
+  if (fd >= 0 && !onProc(fd)) return fd;
+  if (fd >= 0) {
+    ::close(fd);
+  } else if (!walkable(errno)) {
+    if (underProc) return -1;
+    // The failure may come from a link that led into this process's /proc directory, where a
+    // name the client has is missing. Without following any link, the same failure is the
+    // path's own.
+    how.resolve = RESOLVE_NO_SYMLINKS;
+    fd = openHow(dir, path, how);
+    if (fd >= 0) return checked(fd);
+    if (!walkable(errno)) return -1;
+  }
   Walk walk(flags, mode, pid);
   return walk.run(dir, path);
 }
