@@ -68,9 +68,9 @@ std::vector<uint8_t> streamRead(uint64_t max, uint32_t timeoutMs) {
 }
 
 std::vector<uint8_t> streamWrite(uint32_t timeoutMs, const std::string& bytes) {
-  std::vector<uint8_t> data;
-  putU32(data, timeoutMs);
-  data.insert(data.end(), bytes.begin(), bytes.end());
+  std::vector<uint8_t> data(sizeof timeoutMs + bytes.size());
+  std::memcpy(data.data(), &timeoutMs, sizeof timeoutMs);  // little-endian host
+  if (!bytes.empty()) std::memcpy(data.data() + sizeof timeoutMs, bytes.data(), bytes.size());
   return data;
 }
 

@@ -145,13 +145,14 @@ TEST_F(ProcTest, ProgramsAreFoundAlongTheirOwnPathAndFailuresCarryTheirErrno) {
 TEST(EnvTest, NamesKeepTheirFirstPlaceAndTheirLastValue) {
   Ref<Env> env = Env::create();
   env->reserve(3);
-  for (int i = 0; i < 5000; ++i) env->set(str("N" + std::to_string(i)), str(std::to_string(i)));
+  auto name = [](int i) { return std::string("N").append(std::to_string(i)); };
+  for (int i = 0; i < 5000; ++i) env->set(str(name(i)), str(std::to_string(i)));
   env->set(str("N1"), str("last"));
   env->set(str(""), nullptr);
   ASSERT_EQ(env->count(), 5001u);
   EXPECT_EQ(std::string(env->nameAt(1)->c_str()) + env->valueAt(1)->c_str(), "N1last");
   EXPECT_STREQ(env->nameAt(5000)->c_str(), "");
-  for (int i = 2; i < 5000; ++i) ASSERT_EQ(env->get(("N" + std::to_string(i)).c_str())->c_str(), std::to_string(i));
+  for (int i = 2; i < 5000; ++i) ASSERT_EQ(env->get(name(i).c_str())->c_str(), std::to_string(i));
   EXPECT_FALSE(env->get("N5000"));
 }
 
