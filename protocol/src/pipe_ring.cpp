@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "pipe_ring_internal.h"
+#include "pipe_ring_patience.h"
 #include "restartable_copy.h"
 
 namespace posix {
@@ -119,13 +120,15 @@ CopyPlan PipeRing::planAt(uint64_t pos, uint64_t n, uint8_t* user, bool writing,
 PipeRing::Result PipeRing::write(const void* bytes, uint64_t n, int timeoutMs) {
   const auto* from = static_cast<const uint8_t*>(bytes);
   const Deadline deadline(timeoutMs);
+  const Deadline lockDeadline = deadline.atLeast(kBusyLockMs);
   const bool whole = n <= ringSize_;
   const uint32_t held = heldValue();
+  Patience::present(&page_->writer_at);
   Result result;
   while (result.count < n) {
     // Room this write needs before it copies anything: all of it, or a byte of a large one.
     const uint64_t need = whole ? n : 1;
-    End locked = lock(&page_->write_lock, held, deadline);
+    End locked = lock(&page_->write_lock, held, lockDeadline);
     if (locked != End::kDone) {
       result.end = locked;
       break;
@@ -153,17 +156,17 @@ PipeRing::Result PipeRing::write(const void* bytes, uint64_t n, int timeoutMs) {
       continue;
     }
     unlock(&page_->write_lock, held);
-    // Wait for readers to make room, looking again a few times before sleeping.
+    // Wait for readers to make room.
     End waited = End::kDone;
-    for (int round = 0;; ++round) {
+    Patience patience(*this, &page_->writer_at, &page_->reader_at, timeoutMs != 0);
+    for (;;) {
       uint32_t seen = at(&page_->room_seq).load();
       uint64_t now = used();
       if (now > ringSize_ || ringSize_ - now >= need || (this->flags() & PX_PIPE_BROKEN) != 0) break;
-      if (round < kSpins && timeoutMs != 0) {
-        relax();
-        continue;
-      }
+      if (patience.again()) continue;
+      patience.sleeping();
       waited = waitOn(&page_->room_seq, seen, &page_->room_waiters, deadline, token_ * 2 + 1);
+      patience.awake();
       if (waited != End::kDone) break;
     }
     if (waited != End::kDone) {
@@ -215,8 +218,9 @@ PipeRing::Result PipeRing::readNow(void* bytes, uint64_t n, int lockTimeoutMs) {
 PipeRing::Result PipeRing::read(void* bytes, uint64_t n, int timeoutMs) {
   const Deadline deadline(timeoutMs);
   if (n == 0) return {};
+  Patience::present(&page_->reader_at);
   for (;;) {
-    Result result = take(bytes, n, deadline);
+    Result result = take(bytes, n, deadline.atLeast(kBusyLockMs));
     if (result.count > 0 || result.end != End::kDone) return result;
     result.end = awaitData(1, deadline, timeoutMs != 0);
     if (result.end != End::kDone) return result;
@@ -229,7 +233,8 @@ PipeRing::Result PipeRing::read(void* bytes, uint64_t n, int timeoutMs) {
 
 PipeRing::End PipeRing::awaitData(uint64_t count, const Deadline& deadline, bool spin) {
   const uint64_t target = std::max<uint64_t>(1, std::min<uint64_t>(count, ringSize_));
-  for (int round = 0;; ++round) {
+  Patience patience(*this, &page_->reader_at, &page_->writer_at, spin);
+  for (;;) {
     uint32_t seen = at(&page_->data_seq).load();
     uint32_t flags = this->flags();
     uint64_t now = used();
@@ -237,11 +242,10 @@ PipeRing::End PipeRing::awaitData(uint64_t count, const Deadline& deadline, bool
     if (now >= target || (flags & PX_PIPE_EOF) != 0) return End::kDone;
     // A reader waits only while it holds the read end open: broken now means a corrupt page.
     if ((flags & PX_PIPE_BROKEN) != 0) return End::kBroken;
-    if (spin && round < kSpins) {
-      relax();
-      continue;
-    }
+    if (patience.again()) continue;
+    patience.sleeping();
     End waited = waitOn(&page_->data_seq, seen, &page_->data_waiters, deadline, token_ * 2);
+    patience.awake();
     if (waited != End::kDone) return waited;
   }
 }

@@ -14,12 +14,16 @@ namespace posix {
 // Internal to the ring's two source files.
 namespace ring {
 
-// Rounds of looking again before a wait goes to sleep (about 20 us on the project's VM): the
-// other side usually answers within that on another core, and a sleep and wake-up cost more.
-// On a machine whose cores are all busy the spin still pays: a sleeping reader or writer waits
-// for the scheduler to pick it again, and a pipe then moves a ring at a time (measured: 0.5 of
-// a Linux pipe with a 8 us spin, 6.9 with this one).
+// Rounds of looking again before a wait sleeps (about 20 us) while the other side runs on
+// another processor (Patience says when looking again pays at all).
 inline constexpr int kSpins = 1000;
+// Rounds of looking again for a lock another holder has: it holds it for one copy (well under a
+// microsecond for a ring of 4096 bytes) unless it was preempted, and then a sleep is better.
+inline constexpr int kLockSpins = 100;
+// How long a call that may not wait for bytes or room still waits for the lock: another holder
+// holds it for a copy, or longer only when it is preempted, stopped or gone (then the lock is
+// recovered within PX_PIPE_STUCK_MS). EAGAIN means empty or full, never "another is inside".
+inline constexpr int kBusyLockMs = 100;
 
 template <class T>
 inline std::atomic_ref<T> at(T* field) {
@@ -49,6 +53,11 @@ struct PipeRing::Deadline {
     if (forever) return INT64_MAX;
     int64_t rest = at - ring::nowNs();
     return rest > 0 ? rest : 0;
+  }
+  // This deadline, or the moment `ms` from now when that comes later.
+  Deadline atLeast(int ms) const {
+    int64_t later = ring::nowNs() + int64_t{ms} * 1000000;
+    return forever || later <= at ? *this : Deadline(false, later);
   }
   // This deadline, or the moment `ns` from now when that comes first.
   Deadline within(int64_t ns) const {

@@ -35,7 +35,7 @@ PipeRing::End PipeRing::lock(uint32_t* word, uint32_t held, const Deadline& dead
   for (int round = 0;; ++round) {
     uint32_t expected = 0;
     if (at(word).compare_exchange_strong(expected, held)) return End::kDone;
-    if (round < kSpins) {
+    if (round < kLockSpins) {
       relax();
       continue;
     }

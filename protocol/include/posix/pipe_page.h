@@ -27,6 +27,11 @@
  *   sleepers            who sleeps on data_seq or room_seq now, for the server's diagnostics:
  *                       a sleeper puts token * 2 (+ 1 when it waits for room) into a free (0)
  *                       slot before it sleeps and clears it after; none free: it is not listed
+ *   writer_at,          where the last writer (reader) runs: its processor's number + 1 while
+ *   reader_at           it is in a call and awake, 0 while it sleeps in a wait. A hint only:
+ *                       a waiter looks again before it sleeps only while the other side runs
+ *                       on another processor (spinning beside a peer that cannot run on the
+ *                       same one only keeps it from running); no rule depends on it
  *
  * A writer holds write_lock while it copies its bytes behind tail and then publishes the new
  * tail with one store; a reader holds read_lock while it copies from head and then publishes the
@@ -73,7 +78,7 @@ extern "C" {
 
 #define PX_PIPE_PAGE_MAGIC 0x50495045u /* "EPIP" read as bytes */
 #define PX_PIPE_RING_OFFSET 128u
-#define PX_PIPE_SLEEPERS 16u
+#define PX_PIPE_SLEEPERS 14u
 #define PX_PIPE_EOF 1u
 #define PX_PIPE_BROKEN 2u
 /* Tokens lie between these two: a sleeper slot keeps twice a token in 32 bits, and 0 is a
@@ -106,6 +111,8 @@ typedef struct px_pipe_page {
   uint64_t head;
   uint64_t tail;
   uint32_t sleepers[PX_PIPE_SLEEPERS];
+  uint32_t writer_at;
+  uint32_t reader_at;
   /* ring_size bytes of ring follow at PX_PIPE_RING_OFFSET */
 } px_pipe_page;
 

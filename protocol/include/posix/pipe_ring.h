@@ -14,6 +14,7 @@
 // process's value knows whether the lock is its own.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -107,6 +108,7 @@ class PipeRing {
 
  private:
   struct Deadline;
+  class Patience;
   // The value this thread's lock words hold: the token, flagged when its copies are
   // restartable.
   uint32_t heldValue() const;
@@ -157,6 +159,11 @@ class PipeRing {
   // This process's turn at each lock (0 write, 1 read): held by the thread that takes the lock
   // word, from before it takes it until after it frees it.
   std::mutex turn_[2];
+  // Whether a waiter may hand its processor to the side it waits for (Patience): after a hand-
+  // over that gave the processor to somebody else for long, the next `yieldSkip_` waits do not,
+  // and `yieldBackoff_` doubles. Shared by the process's threads; hints, so relaxed.
+  std::atomic<int> yieldSkip_{0};
+  std::atomic<int> yieldBackoff_{0};
 };
 
 }  // namespace posix
