@@ -79,4 +79,33 @@ TEST_F(PipeRingTest, AStoppedRestartableHolderIsTakenOverOnlyWhileStillStopped) 
   EXPECT_EQ(client.write("z", 1, 1000).count, 1u) << "the lock is free for others";
 }
 
+// A call that may not wait still waits for a lock another holder has: its EAGAIN (kTimedOut
+// with nothing moved) means empty or full, never "another holder is inside a call".
+TEST_F(PipeRingTest, ACallThatMayNotWaitWaitsOutABusyLockButNotAnEmptyOrFullRing) {
+  for (bool writing : {true, false}) {
+    if (!writing) {
+      ASSERT_EQ(client.write("abc", 3, 0).count, 3u);
+    }
+    std::atomic_ref<uint32_t>(writing ? page->write_lock : page->read_lock).store(9);
+    char byte = 'b';
+    PipeRing::Result result;
+    std::thread call([&] { result = writing ? client.write(&byte, 1, 0) : client.read(&byte, 1, 0); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    server.release(9);  // the holder's copy ends
+    call.join();
+    EXPECT_EQ(result.count, 1u) << (writing ? "write" : "read");
+    EXPECT_EQ(result.end, PipeRing::End::kDone);
+  }
+  char rest[8];
+  EXPECT_EQ(client.read(rest, sizeof rest, 0).count, 3u);
+  PipeRing::Result empty = client.read(rest, 1, 0);
+  EXPECT_EQ(empty.count, 0u);
+  EXPECT_EQ(empty.end, PipeRing::End::kTimedOut);
+  std::vector<char> full(kRing, 'f');
+  ASSERT_EQ(client.write(full.data(), full.size(), 0).count, kRing);
+  PipeRing::Result noRoom = client.write("x", 1, 0);
+  EXPECT_EQ(noRoom.count, 0u);
+  EXPECT_EQ(noRoom.end, PipeRing::End::kTimedOut);
+}
+
 }  // namespace
