@@ -1,16 +1,19 @@
-// CPU-bound processes beside the benchmarks: the "busy machine" half of a run. One process per
-// core spins until stopped, so every hand-over between the client and the server competes for
-// a core as it would on a loaded host.
+// CPU-bound processes beside the benchmarks: the "busy machine" runs. Each spins until
+// stopped, so every hand-over between a client and the server competes for a core as it would
+// on a loaded host. Each starts a session of its own (setsid), as a program started from
+// another terminal or by another user does; the host's scheduler then shares a core between
+// sessions before it shares it between the processes of one.
 #pragma once
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <vector>
 
 class BusyLoad {
  public:
-  // Starts one spinning process per online core.
-  void start();
+  // Starts `count` spinning processes.
+  void start(size_t count);
   // Kills and collects them.
   void stop();
   ~BusyLoad() { stop(); }
@@ -19,3 +22,6 @@ class BusyLoad {
  private:
   std::vector<pid_t> spinners_;
 };
+
+// The host's load average over the last minute (-1 when unknown).
+double loadAverage();

@@ -45,6 +45,10 @@ class RatioReporter : public benchmark::ConsoleReporter {
     // With --benchmark_repetitions the median of the repetitions stands for the benchmark.
     for (const Run& run : runs) {
       const std::string& name = run.run_name.function_name;
+      if (run.run_type == Run::RT_Iteration && !run.counters.empty()) {
+        auto& kept = counters_[run.run_name.args.empty() ? name : name + "/" + run.run_name.args];
+        for (const auto& [key, counter] : run.counters) kept[key] = counter.value;
+      }
       if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
         times_[name] = run.GetAdjustedRealTime();
         medians_.insert(name);
@@ -54,9 +58,12 @@ class RatioReporter : public benchmark::ConsoleReporter {
     }
   }
   const std::map<std::string, double>& times() const { return times_; }
+  // The counters a benchmark reported, by name with its argument ("BM_PipeRounds/4096").
+  const std::map<std::string, std::map<std::string, double>>& counters() const { return counters_; }
 
  private:
   std::map<std::string, double> times_;
+  std::map<std::string, std::map<std::string, double>> counters_;
   std::set<std::string> medians_;
 };
 
@@ -73,20 +80,46 @@ double ratioOf(const BenchPair& pair, const std::map<std::string, double>& times
   return pair.higherIsBetter ? linux->second / server->second : server->second / linux->second;
 }
 
-// "1.07 met", "0.81 MISSED", "1.07" without a target, "-" when not measured.
-std::string verdict(const BenchPair& pair, double ratio, double target) {
+bool meets(const BenchPair& pair, double ratio, double target) {
+  return pair.higherIsBetter ? ratio >= target : ratio <= target;
+}
+
+// "1.07 met", "0.81 MISSED", "1.07" without a target, "-" when not measured; for a pair in
+// rounds "0.85 / 1.20 met" (worst / median), marked "noisy" when the Linux side's transfers
+// spread more than twofold.
+std::string verdict(const BenchPair& pair, const RatioReporter& run, double target) {
+  char text[64];
+  if (pair.rounds()) {
+    auto found = run.counters().find(pair.server);
+    if (found == run.counters().end() || !found->second.contains("median")) return "-";
+    const auto& c = found->second;
+    double worst = c.at("worst"), median = c.at("median");
+    bool met = meets(pair, median, target) && meets(pair, worst, pair.worstTarget);
+    std::snprintf(text, sizeof text, "%.2f / %.2f %s%s", worst, median, met ? "met" : "MISSED",
+                  c.at("linux_spread") > 2 ? " noisy" : "");
+    return text;
+  }
+  double ratio = ratioOf(pair, run.times());
   if (ratio < 0) return "-";
-  char text[32];
-  bool met = pair.higherIsBetter ? ratio >= target : ratio <= target;
-  std::snprintf(text, sizeof text, "%.2f%s", ratio, target <= 0 ? "" : met ? " met" : " MISSED");
+  std::snprintf(text, sizeof text, "%.2f%s", ratio,
+                target <= 0 ? "" : meets(pair, ratio, target) ? " met" : " MISSED");
   return text;
 }
 
+// A load the benchmarks run beside: how many CPU-bound processes, each in a session of its own.
+struct Condition {
+  const char* name;
+  size_t spinners;
+  RatioReporter report;
+  double load = -1;  // the host's one-minute load average when the condition ended
+};
+
 }  // namespace
 
-// Runs every benchmark on an idle machine, then again beside one CPU-bound process per core
-// (--idle-only skips that), and prints each pair's ratio in both. With
-// --benchmark_repetitions=N the ratios are of the medians.
+// Runs every benchmark on an idle machine, then beside one CPU-bound process, then beside one
+// per core (--idle-only skips those two), and prints each pair's ratio under each load. With
+// --benchmark_repetitions=N the ratios of time pairs are of the medians; pairs in rounds give
+// their worst and median round.
 int main(int argc, char** argv) {
   bool busyToo = true;
   int kept = 1;
@@ -99,29 +132,41 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   BenchInstance instance;
   if (!instance.start()) return 1;
-  RatioReporter idle, busy;
-  std::printf("Idle machine:\n");
-  benchmark::RunSpecifiedBenchmarks(&idle);
-  if (busyToo) {
+  long cores = sysconf(_SC_NPROCESSORS_ONLN);
+  Condition conditions[] = {{"idle", 0, {}},
+                            {"1 beside", 1, {}},
+                            {"1 per core", static_cast<size_t>(cores > 0 ? cores : 1), {}}};
+  const size_t count = busyToo ? 3 : 1;
+  for (size_t i = 0; i < count; ++i) {
+    Condition& c = conditions[i];
     BusyLoad load;
-    load.start();
-    std::printf("\nBusy machine (%zu CPU-bound processes beside the benchmark):\n", load.size());
-    benchmark::RunSpecifiedBenchmarks(&busy);
+    load.start(c.spinners);
+    std::printf("%s%s (%zu CPU-bound processes beside the benchmark, each in a session of its own; "
+                "load average %.2f):\n", i ? "\n" : "", c.name, load.size(), loadAverage());
+    benchmark::RunSpecifiedBenchmarks(&c.report);
+    c.load = loadAverage();
   }
   instance.stop();
 
-  std::printf("\nRatios (each column from its own run):\n  %-34s %-22s %-14s %-14s %s\n", "pair",
-              "measure", "idle", "busy", "target (idle / busy)");
+  std::printf("\nRatios (each column from its own run; pipes: worst / median of %s):\n  %-34s %-22s",
+              "interleaved rounds", "pair", "measure");
+  for (size_t i = 0; i < count; ++i) std::printf(" %-20s", conditions[i].name);
+  std::printf(" %s\n", "target (idle / busy)");
   for (const BenchPair& pair : benchPairs()) {
     std::string measure = std::string(pair.higherIsBetter ? "speed vs " : "time vs ") + pair.versus;
     double busyTarget = pair.busyTarget >= 0 ? pair.busyTarget : pair.target;
-    char target[48] = "none";
+    char target[64] = "none";
     const char* sense = pair.higherIsBetter ? ">=" : "<=";
-    if (pair.target > 0) std::snprintf(target, sizeof target, "%s %.2f / %.2f", sense, pair.target, busyTarget);
-    std::printf("  %-34s %-22s %-14s %-14s %s\n", pair.label, measure.c_str(),
-                verdict(pair, ratioOf(pair, idle.times()), pair.target).c_str(),
-                verdict(pair, ratioOf(pair, busy.times()), busyTarget).c_str(), target);
+    if (pair.rounds()) std::snprintf(target, sizeof target, "worst %s %.2f, median %s %.2f", sense, pair.worstTarget, sense, pair.target);
+    else if (pair.target > 0) std::snprintf(target, sizeof target, "%s %.2f / %.2f", sense, pair.target, busyTarget);
+    std::printf("  %-34s %-22s", pair.label, measure.c_str());
+    for (size_t i = 0; i < count; ++i)
+      std::printf(" %-20s", verdict(pair, conditions[i].report, i == 0 ? pair.target : busyTarget).c_str());
+    std::printf(" %s\n", target);
   }
+  std::printf("  load average at the end of each run:");
+  for (size_t i = 0; i < count; ++i) std::printf(" %s %.2f;", conditions[i].name, conditions[i].load);
+  std::printf("\n");
   benchmark::Shutdown();
   return 0;
 }
