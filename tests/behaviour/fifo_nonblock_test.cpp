@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <string_view>
 #include <string>
 #include <vector>
 
@@ -46,6 +47,12 @@ Calls kernelCalls(int pipeSize) {
           ::read, ::write, ::close, nonblock};
 }
 
+std::vector<char> patterned() {
+  std::vector<char> bytes(100000);
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7 + i / 251);
+  return bytes;
+}
+
 // Runs the calls through `log`, which notes each answer (or its errno).
 class Log {
  public:
@@ -54,7 +61,12 @@ class Log {
     lines.push_back(what + (r < 0 ? " errno " + std::to_string(errno) : " " + std::to_string(r)));
     return r;
   }
-  ssize_t read(int fd, size_t n) { return note("read " + std::to_string(n), c.read(fd, buf.data(), n)); }
+  // A read notes what it read too (a hash of the bytes).
+  ssize_t read(int fd, size_t n) {
+    std::vector<char> got(n);
+    ssize_t r = c.read(fd, got.data(), n);
+    return note("read " + std::to_string(std::hash<std::string_view>()({got.data(), r > 0 ? size_t(r) : 0})), r);
+  }
   ssize_t write(int fd, size_t n) { return note("write " + std::to_string(n), c.write(fd, buf.data(), n)); }
   int open(const std::string& p, int flags) {
     int fd = c.open(p.c_str(), flags);
@@ -67,6 +79,8 @@ class Log {
   void ends(const std::function<bool(int fds[2])>& make) {
     int fds[2];
     ASSERT_TRUE(make(fds));
+    read(fds[1], 1);  // the wrong ends
+    write(fds[0], 1);
     read(fds[0], 10);  // empty, with a writer: would block
     write(fds[1], 100000);  // what fits
     write(fds[1], 1);
@@ -86,8 +100,10 @@ class Log {
     c.close(fds[1]);
     c.nonblock(fds[0], false);
     read(fds[0], 10);
-    read(fds[0], 10);  // end of file
+    read(fds[0], 10);  // end of file, and it stays
+    read(fds[0], 10);
     c.close(fds[0]);
+    note("close again", c.close(fds[0]));
   }
 
   // FIFO opens: a writer needs a reader, at once after the only reader's close too.
@@ -101,7 +117,7 @@ class Log {
 
   Calls c;
   std::vector<std::string> lines;
-  std::vector<char> buf = std::vector<char>(100000, 'p');
+  std::vector<char> buf = patterned();
 };
 
 TEST_F(FifoNonblockTest, FifoAndPipeEndsAnswerWhatTheKernelAnswers) {
