@@ -36,15 +36,13 @@ Calls libraryCalls() {
           px_read, px_write, px_close, [](int fd, bool on) { px_set_nonblock(fd, on); }};
 }
 
-Calls kernelCalls(int pipeSize) {
-  auto nonblock = [](int fd, bool on) {
-    int flags = fcntl(fd, F_GETFL);
-    fcntl(fd, F_SETFL, on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK);
-  };
+// The kernel's pipes buffer as much as the server's (4096 bytes).
+Calls kernelCalls() {
   return {[](const char* p, int flags) { return ::open(p, flags | O_CLOEXEC); },
-          [=](int fds[2]) { return pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0 &&
-                                   fcntl(fds[0], F_SETPIPE_SZ, pipeSize) == pipeSize; },
-          ::read, ::write, ::close, nonblock};
+          [](int fds[2]) { return pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0 &&
+                                  fcntl(fds[0], F_SETPIPE_SZ, 4096) == 4096; },
+          ::read, ::write, ::close,
+          [](int fd, bool on) { fcntl(fd, F_SETFL, on ? O_NONBLOCK : 0); }};
 }
 
 std::vector<char> patterned() {
@@ -53,7 +51,7 @@ std::vector<char> patterned() {
   return bytes;
 }
 
-// Runs the calls through `log`, which notes each answer (or its errno).
+// Runs a sequence of calls and notes each answer (or its errno).
 class Log {
  public:
   explicit Log(Calls c) : c(std::move(c)) {}
@@ -127,7 +125,7 @@ TEST_F(FifoNonblockTest, FifoAndPipeEndsAnswerWhatTheKernelAnswers) {
   const std::string fifo = path("fifo");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   Log library(libraryCalls());
-  Log kernel(kernelCalls(4096));  // the server's pipes buffer 4096 bytes
+  Log kernel(kernelCalls());
   for (Log* log : {&library, &kernel}) {
     log->ends([&](int fds[2]) {
       fds[0] = log->open(fifo, O_RDONLY | O_NONBLOCK);
