@@ -279,9 +279,13 @@ const char* px_fd_kind_name(int kind);
  *                EMFILE when the server made no description or refused for a bound (as
  *                above; the item is then not opened, created or truncated); EFAULT
  *                for a NULL path, ENOENT for an empty one
- *   px_read      EBADF when the item was opened write-only, EISDIR for a directory
- *   px_write     EBADF when the item was opened read-only, EISDIR for a directory, EIO when
- *                the host took none of the bytes
+ *   px_read      EBADF when the item was opened write-only, EISDIR for a directory; on a
+ *                host FIFO opened O_NONBLOCK (px_open honours it), EAGAIN while it is empty
+ *                and a writer has it open
+ *   px_write     EBADF when the item was opened read-only, EISDIR for a directory; on a
+ *                host FIFO, EPIPE once no reader has it open (no host signal is raised) and,
+ *                opened O_NONBLOCK, the bytes that fit, then EAGAIN while it is full; EIO
+ *                when the host took none of the bytes for another reason
  *   px_lseek     ESPIPE when the description cannot seek (a pipe, a socket); EINVAL for an
  *                unknown origin, a resulting offset below 0, or a position the host refused;
  *                EOVERFLOW when the offset does not fit in 64 bits

@@ -129,6 +129,8 @@ class Description {
 
   // The description's type; PX_FD_KIND_OTHER when it is unknown and cannot be learned.
   int32_t type();
+  // The type as far as it is known without asking (kTypeUnknown).
+  int32_t knownType() const { return type_.load(std::memory_order_relaxed); }
   const NodeRecord& node() const { return node_; }
   bool offers(uint64_t iface) const { return node_.find(iface) != nullptr; }
   // True when `node` names the same stream service (the same description).
@@ -180,12 +182,11 @@ class Description {
            int* file = nullptr);
   // Asks the status service; answers the status, or -1 when there is none to ask.
   int64_t status(uint32_t command);
-  // Why a transfer of a file-system item moved nothing: the end of the file (0) for a read,
-  // EIO for a write; EBADF when the item was not opened for that direction, EISDIR for a
-  // directory; kTimedOut when the item is one that may wait and the request took its whole
-  // slice (`sliceUsed`).
+  // Why a transfer of a file-system item moved nothing, as the item service tells: the end of
+  // the file (0) for a read, EIO for a write; kTimedOut when nothing could move within the
+  // request's time-out; else the host's errno (EPIPE, EBADF, EISDIR...).
   static constexpr int kTimedOut = -1;
-  int itemEmpty(bool writing, bool sliceUsed);
+  int itemEmpty(bool writing);
   Slot* slotFor(uint64_t iface);
   // Reads and writes through the shared page, with the results of read() and write().
   int64_t pageRead(PipePage& page, void* buf, size_t n, bool nonblock);

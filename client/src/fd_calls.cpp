@@ -95,11 +95,17 @@ int px_close(int fd) {
   pxc::FrameWriter req(PX_FD_CMD_CLOSE);
   req.u32(static_cast<uint32_t>(fd));
   // The view knows the number, so the server's table holds it too and closes it without fail:
-  // the close goes out and its reply is taken later, before anything that could tell (a read
-  // of the pipe, a spawn) reaches the server.
+  // the close of a pipe end, a regular file or a socket goes out and its reply is taken later,
+  // before anything that could tell (a read of the pipe, a spawn) reaches the server. Any other
+  // item (a host FIFO, a device) waits for the reply: another process's open of a FIFO must
+  // find this reader or writer gone once px_close has returned.
   bool known = false;
-  session.get(fd, &known);
-  if (known && session.post(req)) {
+  std::shared_ptr<pxc::Description> d = session.get(fd, &known);
+  const int32_t type = d ? d->knownType() : PX_FD_KIND_RESERVED;
+  const bool unseen = type == PX_FD_KIND_FIFO || type == PX_FD_KIND_FILE ||
+                      type == PX_FD_KIND_SOCKET || type == PX_FD_KIND_RESERVED;
+  d.reset();
+  if (known && unseen && session.post(req)) {
     session.erase(fd);
     return 0;
   }

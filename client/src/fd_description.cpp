@@ -1,6 +1,6 @@
 // Reading and writing a description through its node: the stream service moves the bytes, and
-// after a transfer of 0 bytes the FIFO status service tells end-of-file, broken pipe and
-// time-out apart (a file-system item has none: there an empty read is the end of the file).
+// after a transfer of 0 bytes the FIFO status service (a pipe end) or the item service (an
+// opened item) tells end-of-file, broken pipe, time-out and the host's errors apart.
 // Requests wait at most one slice in the server, so a blocking call notices a server that
 // went away, and a host signal handler can end it between slices.
 #include <errno.h>
@@ -8,9 +8,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 
 #include "descriptors.h"
+#include "posix/fs_item.h"
 #include "posix_client.h"
 
 namespace pxc {
@@ -27,14 +27,6 @@ constexpr int64_t kEndOfFile = 1;
 constexpr int64_t kBrokenPipe = 2;
 constexpr int64_t kNotReadable = 3;  // also: the end has gone
 constexpr int64_t kNotWritable = 4;
-
-using Clock = std::chrono::steady_clock;
-
-// Whether a blocking request that moved nothing took (nearly) its whole slice in the server;
-// three quarters allow for clocks that wake a little early.
-bool sliceUsed(Clock::time_point started, bool nonblock) {
-  return !nonblock && Clock::now() - started >= std::chrono::milliseconds(kSliceMs * 3 / 4);
-}
 
 }  // namespace
 
@@ -108,17 +100,19 @@ int Description::ask(uint64_t iface, FrameWriter& req, Reply* out) {
   return call(*slot, iface, req, out, nullptr);
 }
 
-int Description::itemEmpty(bool writing, bool sliceUsed) {
-  const int otherwise = writing ? EIO : 0;
-  ItemInfo info;
-  if (describe(&info) != 0) return otherwise;
-  if (info.type == PX_FD_KIND_DIRECTORY) return EISDIR;
-  uint32_t mode = info.openFlags & O_ACCMODE;
-  if (mode == static_cast<uint32_t>(writing ? O_RDONLY : O_WRONLY)) return EBADF;
-  // Files, directories and block devices answer at once; anything else (a terminal, a host
-  // FIFO) waits in the server, and an answer that took the whole slice is its time-out.
-  bool mayWait = info.type != PX_FD_KIND_FILE && info.type != PX_FD_KIND_BLOCK_DEVICE;
-  return mayWait && sliceUsed ? kTimedOut : otherwise;
+int Description::itemEmpty(bool writing) {
+  // The item service tells why the host moved nothing: the end of the data, nothing within
+  // the time-out (EAGAIN), or the host's error (EPIPE, EBADF for the wrong direction, EISDIR).
+  FrameWriter req(PX_ITEM_CMD_LAST_EMPTY);
+  Reply reply;
+  size_t at = 0;
+  int32_t why = 0;
+  if (ask(PX_IFACE_FS_ITEM, req, &reply) != 0 || reply.code != PX_ITEM_RESULT_OK ||
+      !takeI32(reply.data, &at, &why) || why < 0) {
+    why = 0;
+  }
+  if (why == EAGAIN) return kTimedOut;
+  return why == 0 && writing ? EIO : why;
 }
 
 int64_t Description::status(uint32_t command) {
@@ -147,7 +141,6 @@ int64_t Description::read(void* buf, size_t n, bool nonblock) {
     uint32_t code = 0;
     size_t got = 0;
     bool interrupted = false;
-    const Clock::time_point started = Clock::now();
     // The bytes land in the caller's buffer straight from the socket: a file read moves up
     // to 64 KiB per request, and a copy more per request is a good part of its cost.
     err = stream_.link->callInto(req, buf, want, &code, &got, &interrupted);
@@ -163,7 +156,7 @@ int64_t Description::read(void* buf, size_t n, bool nonblock) {
     // file-system item's own description tells the rest.
     if (st < 0 && !offers(PX_IFACE_FS_ITEM)) return 0;
     if (st < 0) {
-      int why = itemEmpty(false, sliceUsed(started, nonblock));
+      int why = itemEmpty(false);
       if (why != kTimedOut) return -why;
     }
     if (st == kEndOfFile) return 0;
@@ -188,7 +181,6 @@ int64_t Description::write(const void* buf, size_t n, bool nonblock) {
     req.bytes(bytes + done, chunk);
     Reply reply;
     bool interrupted = false;
-    const Clock::time_point started = Clock::now();
     int err = call(stream_, PX_IFACE_STREAM, req, &reply, &interrupted);
     if (err != 0) return done > 0 ? static_cast<int64_t>(done) : -err;
     uint64_t count = 0;
@@ -201,7 +193,7 @@ int64_t Description::write(const void* buf, size_t n, bool nonblock) {
     int fault = 0;
     // Not a FIFO: an empty write has no reason to retry, unless an item ran out its slice.
     if (st < 0) {
-      fault = offers(PX_IFACE_FS_ITEM) ? itemEmpty(true, sliceUsed(started, nonblock)) : EIO;
+      fault = offers(PX_IFACE_FS_ITEM) ? itemEmpty(true) : EIO;
     }
     if (fault == kTimedOut) fault = 0;
     if (st == kBrokenPipe) fault = EPIPE;

@@ -1,6 +1,7 @@
 // New descriptions of files and sockets: the descriptor service makes the description, takes
 // the lowest free number for it and answers the number and the description's node.
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <unistd.h>
 
@@ -72,6 +73,9 @@ int open(const char* path, int flags, unsigned mode) {
   // service is asked when someone wants it.
   int fd = registerReply(session, reply, file >= 0 ? PX_FD_KIND_FILE : Description::kTypeUnknown, file);
   if (fd < 0 && file >= 0) close(file);
+  // O_NONBLOCK asked at the open makes the description's calls non-blocking, as px_set_nonblock.
+  bool known = false;
+  if (fd >= 0 && (flags & O_NONBLOCK) != 0) session.get(fd, &known)->nonblock.store(true);
   return fd;
 }
 

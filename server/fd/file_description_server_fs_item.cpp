@@ -30,7 +30,8 @@ void FileDescriptionServerFSItem::list(const Ref<S>& service, uint64_t interface
 }
 
 void FileDescriptionServerFSItem::publish() {
-  Ref<Interfaces::Stream> stream = item_->stream();
+  if (!stream_) return;
+  Ref<Interfaces::Stream> stream = stream_;
   list(Services::Nodes::Resolvers::Stream::create(stream, nullptr, kResolverValue), PX_IFACE_STREAM,
        PX_ACCESS_READ | PX_ACCESS_WRITE);
   list(CStreamService::create(stream), PX_IFACE_STREAM_ADAPTER, PX_ACCESS_SERVICE);
@@ -42,6 +43,8 @@ void FileDescriptionServerFSItem::publish() {
 }
 
 FileDescriptionServerFSItem::~FileDescriptionServerFSItem() {
-  // The item goes first; the base then queues the multiplex and lets go of the node.
+  // The item goes first (and with it the host file, but for a call still inside it); the base
+  // then queues the multiplex and lets go of the node.
+  if (stream_) stream_->release();
   item_.reset();
 }

@@ -34,6 +34,12 @@ bool PosixFSItemService::handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, ui
       *ret = PX_RESULT_DONE;
     return true;
   }
+  if (static_cast<int32_t>(in->code()) == kCommandLastEmpty) {
+    int32_t why = server->stream() ? server->stream()->lastEmpty() : 0;
+    if (out->write(Interfaces::MemDesc::direct(&why, sizeof why), sizeof why, kForever) == sizeof why)
+      *ret = PX_RESULT_DONE;
+    return true;
+  }
   if (static_cast<int32_t>(in->code()) != kCommandDescribe) return true;
 
   Ref<Interfaces::FileSystemObject> object = item->fileSystemObject();

@@ -1,8 +1,9 @@
 // The item service of an opened file-system item: command 4 describes the item (its path as a
 // platform string, its type code as i32, its open flags as u32); command 5 hands a regular
 // file's host open file to the client with the reply, so that it moves the bytes itself, when
-// the client's table still holds the description (else PX_RESULT_NOT_HOLDER). Any other
-// command answers 0.
+// the client's table still holds the description (else PX_RESULT_NOT_HOLDER); command 6
+// answers, as i32, why the last read or write of the item that moved nothing did so
+// (ItemStream::lastEmpty). Any other command answers 0.
 //
 // It holds its description only weakly, so it never keeps the description alive; once the last
 // descriptor has gone it answers 0 to everything, even on links that are still open.
@@ -20,6 +21,7 @@ class PosixFSItemService : public Object, public Interfaces::Service, public Con
   enum Command : int32_t {
     kCommandDescribe = PX_ITEM_CMD_DESCRIBE,
     kCommandHostFile = PX_ITEM_CMD_HOST_FILE,
+    kCommandLastEmpty = PX_ITEM_CMD_LAST_EMPTY,
   };
 
   // Null when `server` is null.

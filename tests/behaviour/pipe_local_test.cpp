@@ -1,5 +1,6 @@
-// Pipes and descriptors within one process: bytes and end-of-file, the wrong end, non-blocking
-// calls, blocked calls woken by the other end's close, and the numbering rules of dup.
+// Pipes and descriptors within one process: blocked calls woken by the other end's close, and
+// the numbering rules of dup (bytes, end-of-file, the wrong end and non-blocking calls are
+// compared with the kernel's in fifo_nonblock_test.cpp).
 #include <errno.h>
 
 #include <atomic>
@@ -12,27 +13,6 @@
 namespace {
 
 using PipeLocalTest = ServerFixture;
-
-TEST_F(PipeLocalTest, BytesFlowAndEndOfFileFollowsTheWritersClose) {
-  int fds[2] = {-1, -1};
-  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
-  // A fresh process holds 0, 1 and 2: the read end is inserted first.
-  EXPECT_EQ(fds[0], 3);
-  EXPECT_EQ(fds[1], 4);
-  // Bytes written before the close are read first, in order, then end-of-file, and it stays.
-  EXPECT_EQ(px_write(fds[1], "hello", 5), 5);
-  EXPECT_EQ(px_write(fds[1], " tail", 5), 5);
-  ASSERT_EQ(px_close(fds[1]), 0);
-  EXPECT_EQ(readUpTo(fds[0]), "hello tail");
-  char buf[8];
-  EXPECT_EQ(px_read(fds[0], buf, sizeof buf), 0);
-  // The wrong end, a closed number or a negative one.
-  EXPECT_ERRNO(px_write(fds[0], "x", 1), EBADF);
-  EXPECT_ERRNO(px_read(fds[1], buf, 1), EBADF);
-  EXPECT_ERRNO(px_close(fds[1]), EBADF);
-  EXPECT_ERRNO(px_close(-1), EBADF);
-  EXPECT_EQ(px_close(fds[0]), 0);
-}
 
 // Runs `call` on a thread, closes `fd` after `afterMs` while the call still waits, and answers
 // what the call answered (its errno in `err`); the call must end within 1.5 s of the close.

@@ -1,12 +1,16 @@
-// The pipe ring's locks: a wait for a lock ends when a signal handler runs, a lock word holding
-// a value nobody may hold is freed, and the server takes a lock over from a holder only while
-// that holder is still stopped after the word was marked.
+// The pipe ring on plain memory: bytes stay in order across the ring's end, impossible
+// counters copy nothing, calls end at their time-out, concurrent writers' records never
+// interleave; and its locks: a wait for a lock ends when a signal handler runs, a lock word
+// holding a value nobody may hold is freed, and the server takes a lock over from a holder
+// only while that holder is still stopped after the word was marked.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -16,6 +20,8 @@ namespace {
 
 using posix::PipeRing;
 using State = PipeRing::HolderState;
+using End = PipeRing::End;
+using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kRing = 4096;
 
@@ -27,6 +33,7 @@ class PipeRingTest : public ::testing::Test {
   PipeRing client{memory.data(), kRing, 5, PipeRing::Holder::kClient};
   void SetUp() override { server.format(); }
   uint32_t writeLock() { return std::atomic_ref<uint32_t>(page->write_lock).load(); }
+  const uint8_t* ring() const { return reinterpret_cast<const uint8_t*>(memory.data()) + PX_PIPE_RING_OFFSET; }
   void setWriteLock(uint32_t v) { std::atomic_ref<uint32_t>(page->write_lock).store(v); }
 };
 
@@ -106,6 +113,111 @@ TEST_F(PipeRingTest, ACallThatMayNotWaitWaitsOutABusyLockButNotAnEmptyOrFullRing
   PipeRing::Result noRoom = client.write("x", 1, 0);
   EXPECT_EQ(noRoom.count, 0u);
   EXPECT_EQ(noRoom.end, PipeRing::End::kTimedOut);
+}
+
+TEST_F(PipeRingTest, BytesCrossTheRingsEndInOrderAndImpossibleCountersCopyNothing) {
+  // Counters close to their own wrap, records and reads of sizes that never divide the ring.
+  page->head = page->tail = ~0ull - 5000;
+  std::string sent, got;
+  char chunk[1500];
+  for (int i = 0; sent.size() < 5 * kRing; ++i) {
+    std::string record(997 + i % 7, static_cast<char>('a' + i % 26));
+    record[0] = static_cast<char>(i);
+    ASSERT_EQ(client.write(record.data(), record.size(), 0).count, record.size());
+    sent += record;
+    PipeRing::Result r = server.read(chunk, 1000 + i % 11, 0);
+    ASSERT_EQ(r.end, End::kDone);
+    got.append(chunk, r.count);
+  }
+  for (PipeRing::Result r; (r = client.read(chunk, sizeof chunk, 0)).end == End::kDone;) got.append(chunk, r.count);
+  EXPECT_EQ(got, sent);
+
+  // More buffered than the ring holds, or a head past the tail: nothing moves either way.
+  const std::vector<uint8_t> before(ring(), ring() + kRing);
+  for (uint64_t tail : {page->head + kRing + 1, page->head - 1}) {
+    page->tail = tail;
+    EXPECT_TRUE(client.corrupt());
+    std::memset(chunk, 'u', sizeof chunk);
+    EXPECT_EQ(client.read(chunk, sizeof chunk, 0).end, End::kCorrupt);
+    EXPECT_EQ(client.write("w", 1, 0).end, End::kCorrupt);
+    EXPECT_EQ(std::string(chunk, 8), "uuuuuuuu");
+    EXPECT_EQ(std::vector<uint8_t>(ring(), ring() + kRing), before);
+  }
+}
+
+TEST_F(PipeRingTest, CallsEndAtTheirTimeOutAndAGoneTokensLocksAreReleased) {
+  char buf[8];
+  for (int ms : {0, 30}) {
+    const auto start = Clock::now();
+    PipeRing::Result r = client.read(buf, sizeof buf, ms);
+    const auto took = Clock::now() - start;
+    EXPECT_EQ(r.end, End::kTimedOut);
+    EXPECT_GE(took, std::chrono::milliseconds(ms));
+    EXPECT_LT(took, std::chrono::milliseconds(ms + 500));
+  }
+  // Up to the ring size goes in whole or not at all; more goes in as far as it fits.
+  const std::string big(kRing + 100, 'b');
+  EXPECT_EQ(client.write(big.data(), 100, 0).count, 100u);
+  PipeRing::Result r = client.write(big.data(), kRing, 0);
+  EXPECT_EQ(r.end, End::kTimedOut);
+  EXPECT_EQ(r.count, 0u);
+  EXPECT_EQ(server.read(buf, 8, 0).count, 8u);
+  EXPECT_EQ(client.write(big.data(), big.size(), 0).count, kRing - 92u);
+
+  // A gone holder's locks are freed, a living one's kept.
+  std::atomic_ref<uint32_t>(page->read_lock).store(9);
+  setWriteLock(7);
+  server.release(9);
+  EXPECT_EQ(writeLock(), 7u);
+  setWriteLock(9);
+  server.release(9);
+  EXPECT_EQ(writeLock(), 0u);
+  EXPECT_EQ(std::atomic_ref<uint32_t>(page->read_lock).load(), 0u);
+  EXPECT_EQ(client.read(buf, sizeof buf, 100).count, 8u);
+}
+
+// Writers of their own (as separate processes would be) send records of up to the ring's size:
+// each record arrives in one piece, and each writer's in order.
+TEST_F(PipeRingTest, ConcurrentWritersRecordsNeverInterleave) {
+  constexpr int kWriters = 4, kRecords = 200;
+  auto sizeOf = [](int w, int i) { return 12u + (i * 997u + w * 131u) % (kRing - 11); };
+  std::vector<std::thread> writers;
+  for (int w = 0; w < kWriters; ++w) {
+    writers.emplace_back([this, w, sizeOf] {
+      PipeRing mine(memory.data(), kRing, 10 + w, PipeRing::Holder::kClient);
+      for (int i = 0; i < kRecords; ++i) {
+        // A record: its size, its writer, its number, then the writer's letter to the end.
+        uint32_t size = sizeOf(w, i);
+        std::vector<uint8_t> record(size, static_cast<uint8_t>('A' + w));
+        uint32_t head[3] = {size, static_cast<uint32_t>(w), static_cast<uint32_t>(i)};
+        std::memcpy(record.data(), head, sizeof head);
+        ASSERT_EQ(mine.write(record.data(), size, 10000).count, size);
+      }
+    });
+  }
+  uint64_t total = 0;
+  for (int w = 0; w < kWriters; ++w)
+    for (int i = 0; i < kRecords; ++i) total += sizeOf(w, i);
+  std::vector<uint8_t> stream;
+  uint8_t chunk[3000];
+  while (stream.size() < total) {
+    PipeRing::Result r = server.read(chunk, sizeof chunk, 10000);
+    ASSERT_EQ(r.end, End::kDone);
+    stream.insert(stream.end(), chunk, chunk + r.count);
+  }
+  for (std::thread& t : writers) t.join();
+  int next[kWriters] = {};
+  for (size_t at = 0; at < stream.size();) {
+    uint32_t head[3];
+    std::memcpy(head, stream.data() + at, sizeof head);
+    ASSERT_LT(head[1], static_cast<uint32_t>(kWriters));
+    ASSERT_EQ(head[2], static_cast<uint32_t>(next[head[1]]++));
+    ASSERT_EQ(head[0], sizeOf(static_cast<int>(head[1]), static_cast<int>(head[2])));
+    ASSERT_LE(at + head[0], stream.size());
+    const std::vector<uint8_t> fill(head[0] - 12, static_cast<uint8_t>('A' + head[1]));
+    ASSERT_TRUE(std::equal(fill.begin(), fill.end(), stream.begin() + at + 12)) << "at " << at;
+    at += head[0];
+  }
 }
 
 }  // namespace

@@ -77,6 +77,12 @@ class Deadline {
 // The host call failed for a reason of its own (not "would block" or a signal).
 bool failed(ssize_t n) { return n < 0 && errno != EAGAIN && errno != EINTR; }
 
+// A call that moved nothing within its time-out.
+uint64_t timedOut() {
+  Error::set(EAGAIN);
+  return 0;
+}
+
 }  // namespace
 
 uint64_t LocalFileDescriptionFSItem::read(Interfaces::MemDesc buffer, uint64_t size,
@@ -85,14 +91,16 @@ uint64_t LocalFileDescriptionFSItem::read(Interfaces::MemDesc buffer, uint64_t s
   uint64_t n = clampSize(buffer, size);
   if (n == 0) return 0;
   // An item that may block has a non-blocking host descriptor: a read waits for data only
-  // within its time-out, never in the host call. Readiness is asked first, so a FIFO that no
-  // writer has opened yet is waited for rather than read as at its end.
+  // within its time-out, never in the host call. A read that may wait asks readiness first, so
+  // a FIFO that no writer has opened yet is waited for rather than read as at its end; one
+  // that may not wait reads at once, as the host's non-blocking read does. Nothing within the
+  // time-out sets Error to EAGAIN; the end of the data leaves Error alone.
   Deadline deadline(timeoutMs);
-  for (;;) {
-    if (!ready(POLLIN, deadline.left())) return 0;
+  for (bool first = true;; first = false) {
+    if ((timeoutMs != 0 || !first) && !ready(POLLIN, deadline.left())) return timedOut();
     ssize_t got = ::read(fd_, buffer.pointer(), n);
     if (got >= 0 || failed(got)) return moved(got);
-    if (deadline.passed()) return 0;
+    if (deadline.passed()) return timedOut();
   }
 }
 
@@ -109,23 +117,24 @@ uint64_t LocalFileDescriptionFSItem::write(Interfaces::MemDesc buffer, uint64_t 
     return moved(put);
   }
   // Whatever room the reader makes within the time-out is filled; what did not fit by then is
-  // left to the caller, with the count of what went.
+  // left to the caller, with the count of what went (none: Error is EAGAIN). The write is
+  // tried before readiness is asked: the host may take a few bytes where it reports no room
+  // (a FIFO that adds them to its last page).
   Deadline deadline(timeoutMs);
   const char* from = static_cast<const char*>(buffer.pointer());
   uint64_t done = 0;
   while (done < n) {
-    if (!ready(POLLOUT, deadline.left())) break;
     ssize_t put = ::write(fd_, from + done, n - done);
     if (put > 0) {
       done += static_cast<uint64_t>(put);
     } else if (failed(put)) {
       if (done == 0) return moved(put);
       break;
-    } else if (deadline.passed()) {
+    } else if (deadline.passed() || !ready(POLLOUT, deadline.left())) {
       break;
     }
   }
-  return done;
+  return done > 0 ? done : timedOut();
 }
 
 uint64_t LocalFileDescriptionFSItem::readable() {

@@ -35,6 +35,10 @@ extern "C" {
  * the offset every holder of the description shares. Result 0 for any other item. A reply
  * that could not carry the descriptor at once comes without it: use the services then. */
 #define PX_ITEM_CMD_HOST_FILE 5u
+/* - -> i32 why the description's last read or write that moved nothing did so: 0 the end of
+ * the data, EAGAIN (11) nothing could move within its time-out, else the host's errno (EPIPE
+ * (32): a FIFO without a reader). Every holder's calls count: ask right after the call. */
+#define PX_ITEM_CMD_LAST_EMPTY 6u
 
 #define PX_ITEM_RESULT_OK 1u
 #define PX_ITEM_RESULT_SHORT 9u
