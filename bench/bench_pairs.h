@@ -21,7 +21,6 @@ inline const std::vector<BenchPair>& benchPairs() {
        "unwatched"},
       {"round trip, monitor stopped", "BM_RoundTripMonitorStopped", "BM_RoundTripServer", 1.15,
        false, "unwatched"},
-      {"spawn + wait /bin/true", "BM_SpawnWaitServer", "BM_SpawnWaitLinux", 1.15, false},
       {"pipe 256 MiB vs 4 KiB pipe", "BM_PipeThroughputServer", "BM_PipeThroughputLinux4K", 1.0,
        true, "Linux", 0.6},
       {"pipe 256 MiB vs default pipe", "BM_PipeThroughputServer", "BM_PipeThroughputLinuxDefault",
