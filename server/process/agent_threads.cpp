@@ -2,17 +2,25 @@
 
 #include <algorithm>
 
+namespace {
+// Whether this thread's agent has called finishing(): the thread is counted in returning_.
+thread_local bool t_returning = false;
+}  // namespace
+
 class AgentThreads::Worker : public Object, public Exec {
  public:
   void run() override {
     AgentThreads& threads = instance();
+    bool woken = false;
     for (;;) {
       bool wait = false;
-      Ref<Exec> agent = threads.next(&wait);
+      Ref<Exec> agent = threads.next(woken, &wait);
+      woken = false;
       if (agent) {
         agent->run();
       } else if (wait) {
         threads.wake_->down();
+        woken = true;
       } else {
         return;
       }
@@ -36,9 +44,12 @@ bool AgentThreads::run(Ref<Exec> agent) {
     threads.queue_.push_back(std::move(agent));
     if (threads.waiting_ > 0) {
       --threads.waiting_;
+      ++threads.posted_;
       threads.wake_->up();
       return true;
     }
+    // A thread on its way back takes the agent from the queue.
+    if (threads.freeThreads() >= 0) return true;
   }
   if (threads.startThread()) return true;
   // No thread could be made: withdraw the agent unless a thread that came free took it.
@@ -54,9 +65,21 @@ void AgentThreads::keepSpare() {
   AgentThreads& threads = instance();
   {
     MonLock lock(threads.monitor_);
-    if (threads.waiting_ > 0) return;
+    if (threads.freeThreads() > 0) return;
   }
   threads.startThread();
+}
+
+void AgentThreads::finishing() {
+  AgentThreads& threads = instance();
+  MonLock lock(threads.monitor_);
+  if (t_returning) return;
+  t_returning = true;
+  ++threads.returning_;
+}
+
+int64_t AgentThreads::freeThreads() const {
+  return static_cast<int64_t>(waiting_) + posted_ + returning_ - static_cast<int64_t>(queue_.size());
 }
 
 void AgentThreads::prepare() {
@@ -77,8 +100,13 @@ bool AgentThreads::startThread() {
   return thread->start();
 }
 
-Ref<Exec> AgentThreads::next(bool* wait) {
+Ref<Exec> AgentThreads::next(bool woken, bool* wait) {
   MonLock lock(monitor_);
+  if (woken) --posted_;
+  if (t_returning) {
+    t_returning = false;
+    --returning_;
+  }
   if (!queue_.empty()) {
     Ref<Exec> agent = std::move(queue_.front());
     queue_.pop_front();
