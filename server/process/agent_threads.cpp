@@ -14,18 +14,19 @@ class AgentThreads::Worker : public Object, public Exec {
     bool woken = false;
     for (;;) {
       bool wait = false;
-      Ref<Exec> agent = threads.next(woken, &wait);
+      Ref<Exec> agent = threads.next(this, woken, &wait);
       woken = false;
       if (agent) {
         agent->run();
       } else if (wait) {
-        threads.wake_->down();
+        wake_->down();
         woken = true;
       } else {
         return;
       }
     }
   }
+  const Ref<Sem> wake_ = Sem::create(0);  // posted once per wake by AgentThreads::run
 };
 
 AgentThreads& AgentThreads::instance() {
@@ -34,7 +35,7 @@ AgentThreads& AgentThreads::instance() {
   return *threads;
 }
 
-AgentThreads::AgentThreads() : monitor_(Mon::create()), wake_(Sem::create(0)) {}
+AgentThreads::AgentThreads() : monitor_(Mon::create()) {}
 
 bool AgentThreads::run(Ref<Exec> agent) {
   AgentThreads& threads = instance();
@@ -42,13 +43,15 @@ bool AgentThreads::run(Ref<Exec> agent) {
   {
     MonLock lock(threads.monitor_);
     threads.queue_.push_back(std::move(agent));
-    if (threads.waiting_ > 0) {
-      --threads.waiting_;
+    // A thread on its way back takes the agent from the queue; else the one that waited last.
+    if (threads.returning_ >= threads.queue_.size()) return true;
+    if (!threads.idle_.empty()) {
+      Worker* worker = threads.idle_.back();
+      threads.idle_.pop_back();
       ++threads.posted_;
-      threads.wake_->up();
+      worker->wake_->up();
       return true;
     }
-    // A thread on its way back takes the agent from the queue.
     if (threads.freeThreads() >= 0) return true;
   }
   if (threads.startThread()) return true;
@@ -79,7 +82,7 @@ void AgentThreads::finishing() {
 }
 
 int64_t AgentThreads::freeThreads() const {
-  return static_cast<int64_t>(waiting_) + posted_ + returning_ - static_cast<int64_t>(queue_.size());
+  return static_cast<int64_t>(idle_.size()) + posted_ + returning_ - static_cast<int64_t>(queue_.size());
 }
 
 void AgentThreads::prepare() {
@@ -89,7 +92,7 @@ void AgentThreads::prepare() {
 uint32_t AgentThreads::waiting() {
   AgentThreads& threads = instance();
   MonLock lock(threads.monitor_);
-  return threads.waiting_;
+  return static_cast<uint32_t>(threads.idle_.size());
 }
 
 bool AgentThreads::startThread() {
@@ -100,7 +103,7 @@ bool AgentThreads::startThread() {
   return thread->start();
 }
 
-Ref<Exec> AgentThreads::next(bool woken, bool* wait) {
+Ref<Exec> AgentThreads::next(Worker* self, bool woken, bool* wait) {
   MonLock lock(monitor_);
   if (woken) --posted_;
   if (t_returning) {
@@ -112,7 +115,7 @@ Ref<Exec> AgentThreads::next(bool woken, bool* wait) {
     queue_.pop_front();
     return agent;
   }
-  *wait = waiting_ < kSpare;
-  if (*wait) ++waiting_;
+  *wait = idle_.size() < kSpare;
+  if (*wait) idle_.push_back(self);
   return nullptr;
 }

@@ -9,18 +9,23 @@
 //
 // A thread counts as free from the moment its agent's program has ended and been collected
 // (finishing), before it tells the parent: the parent's next spawn, which that news may set
-// off, then goes to that thread (it takes the agent from the queue once its own agent has
-// returned, a few microseconds later) instead of to a thread made for it, and the spare
-// check does not mistake the thread on its way back for a missing one.
+// off, goes to that thread (it takes the agent from the queue once its own agent has returned,
+// a few microseconds later), and the spare check does not mistake the thread on its way back
+// for a missing one. Otherwise the thread that waited last is woken: starts in turn then run on
+// one thread while the other sleeps. Starts spread over threads that take turns cost each
+// start more: posix_spawn unmaps the stack it made for the child, and every processor that ran
+// a thread of the server since must drop that mapping too (some 10 us more per start here).
 //
-// Locking: `monitor_` guards queue_, waiting_, posted_ and returning_. A thread counted in
-// waiting_ is asleep on `wake_` or about to be; run() moves one from waiting_ to posted_ and
-// posts once for it, and the thread leaves posted_ when it looks at the queue again. Until
-// then it counts as free: another thread may have taken the agent it was woken for.
+// Locking: `monitor_` guards queue_, idle_, posted_ and returning_. A thread in idle_ is
+// asleep on its own semaphore or about to be; run() takes the last one off, counts it in
+// posted_ and posts once for it, and the thread leaves posted_ when it looks at the queue
+// again. Until then it counts as free: another thread may have taken the agent it was woken
+// for.
 #pragma once
 
 #include <cstdint>
 #include <deque>
+#include <vector>
 
 #include "platform/sync.h"
 #include "platform/thread.h"
@@ -58,13 +63,13 @@ class AgentThreads {
   // monitor_.
   int64_t freeThreads() const;
   // The next agent to run, or null when the calling thread should stop (enough wait already)
-  // or wait (`*wait` true). `woken`: the thread comes from a post of run().
-  Ref<Exec> next(bool woken, bool* wait);
+  // or wait (`*wait` true; it is listed in idle_). `woken`: the thread comes from a post of
+  // run().
+  Ref<Exec> next(Worker* self, bool woken, bool* wait);
 
   Ref<Mon> monitor_;
-  Ref<Sem> wake_;
   std::deque<Ref<Exec>> queue_;  // agents handed over and not yet taken by a thread
-  uint32_t waiting_ = 0;         // threads that wait for an agent
+  std::vector<Worker*> idle_;    // threads that wait for an agent, the last to wait last
   uint32_t posted_ = 0;          // threads woken by run() that have not looked at the queue
   uint32_t returning_ = 0;       // threads whose agent is finishing (finishing() called)
 };
