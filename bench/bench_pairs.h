@@ -15,7 +15,10 @@ struct BenchPair {
   // A pair measured in interleaved rounds by one benchmark (`server` names it with its
   // argument, e.g. "BM_PipeRounds/4096"), which reports the worst and the median round's ratio
   // itself: `target` holds for the median and this for the worst round in every run.
+  // 0: no target for the worst round.
   double worstTarget = -1;
+  // The prefix of the counters it reports them under ("server_worst", "server_median").
+  const char* counterPrefix = "";
   bool rounds() const { return worstTarget >= 0; }
 };
 
@@ -26,7 +29,10 @@ inline const std::vector<BenchPair>& benchPairs() {
        "unwatched"},
       {"round trip, monitor stopped", "BM_RoundTripMonitorStopped", "BM_RoundTripServer", 1.15,
        false, "unwatched"},
-      {"spawn + wait /bin/true", "BM_SpawnWaitServer", "BM_SpawnWaitLinux", 1.15, false},
+      {"spawn + wait /bin/true", "BM_SpawnWaitInterleaved", "", 1.2, false, "posix_spawn", -1, 0,
+       "server_"},
+      {"spawn + wait, smallest server", "BM_SpawnWaitInterleaved", "", 0, false, "posix_spawn", -1, 0,
+       "floor_"},
       {"pipe 64 MiB, 512 B calls", "BM_PipeRounds/512", "", 1.0, true, "4 KiB pipe", -1, 0.8},
       {"pipe 64 MiB, 4 KiB calls", "BM_PipeRounds/4096", "", 1.0, true, "4 KiB pipe", -1, 0.8},
       {"pipe 64 MiB, 64 KiB calls", "BM_PipeRounds/65536", "", 1.0, true, "4 KiB pipe", -1, 0.8},

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "core/posix_service.h"
 #include "core/request_reader.h"
@@ -17,6 +18,18 @@
 namespace {
 
 bool whole(const Ref<String>& text) { return std::strlen(text->c_str()) == text->length(); }
+bool whole(const std::string& text) { return std::memchr(text.data(), 0, text.size()) == nullptr; }
+
+// Reads one wire string (u32 length, then the bytes) into `text`; a short stream yields an
+// empty one, as String::create reads it. The environment's pairs go straight into the Env's
+// buffer this way, without a String each.
+void readText(const Ref<InMsg>& request, std::string* text) {
+  uint32_t length = 0;
+  text->clear();
+  if (request->read(&length, sizeof length) != sizeof length || length > request->remaining()) return;
+  text->resize(length);
+  request->read(text->data(), length);
+}
 
 // 0 when the request decoded; EINVAL for a string with a zero byte inside; EPROTO for a count
 // the request cannot hold.
@@ -36,12 +49,14 @@ uint32_t decodeStart(const Ref<InMsg>& request, ProgramStart* start) {
   readValue(request, &envc);
   if (envc > request->remaining() / (2 * PX_WIRE_STRING_HEADER)) return EPROTO;
   start->environment = Env::create();
-  start->environment->reserve(envc);
+  start->environment->reserve(envc, request->remaining());
+  std::string name;
+  std::string value;
   for (uint64_t i = 0; i < envc; ++i) {
-    Ref<String> name = String::create(request);
-    Ref<String> value = String::create(request);
+    readText(request, &name);
+    readText(request, &value);
     if (!whole(name) || !whole(value)) return EINVAL;
-    start->environment->set(name, value);
+    start->environment->set(name.data(), name.size(), value.data(), value.size());
   }
   readValue(request, &start->startOptions);
   if (request->code() == PX_CMD_SPAWN_SHARED) {

@@ -2,22 +2,31 @@
 
 #include <algorithm>
 
+namespace {
+// Whether this thread's agent has called finishing(): the thread is counted in returning_.
+thread_local bool t_returning = false;
+}  // namespace
+
 class AgentThreads::Worker : public Object, public Exec {
  public:
   void run() override {
     AgentThreads& threads = instance();
+    bool woken = false;
     for (;;) {
       bool wait = false;
-      Ref<Exec> agent = threads.next(&wait);
+      Ref<Exec> agent = threads.next(this, woken, &wait);
+      woken = false;
       if (agent) {
         agent->run();
       } else if (wait) {
-        threads.wake_->down();
+        wake_->down();
+        woken = true;
       } else {
         return;
       }
     }
   }
+  const Ref<Sem> wake_ = Sem::create(0);  // posted once per wake by AgentThreads::run
 };
 
 AgentThreads& AgentThreads::instance() {
@@ -26,7 +35,7 @@ AgentThreads& AgentThreads::instance() {
   return *threads;
 }
 
-AgentThreads::AgentThreads() : monitor_(Mon::create()), wake_(Sem::create(0)) {}
+AgentThreads::AgentThreads() : monitor_(Mon::create()) {}
 
 bool AgentThreads::run(Ref<Exec> agent) {
   AgentThreads& threads = instance();
@@ -34,11 +43,16 @@ bool AgentThreads::run(Ref<Exec> agent) {
   {
     MonLock lock(threads.monitor_);
     threads.queue_.push_back(std::move(agent));
-    if (threads.waiting_ > 0) {
-      --threads.waiting_;
-      threads.wake_->up();
+    // A thread on its way back takes the agent from the queue; else the one that waited last.
+    if (threads.returning_ >= threads.queue_.size()) return true;
+    if (!threads.idle_.empty()) {
+      Worker* worker = threads.idle_.back();
+      threads.idle_.pop_back();
+      ++threads.posted_;
+      worker->wake_->up();
       return true;
     }
+    if (threads.freeThreads() >= 0) return true;
   }
   if (threads.startThread()) return true;
   // No thread could be made: withdraw the agent unless a thread that came free took it.
@@ -54,9 +68,21 @@ void AgentThreads::keepSpare() {
   AgentThreads& threads = instance();
   {
     MonLock lock(threads.monitor_);
-    if (threads.waiting_ > 0) return;
+    if (threads.freeThreads() > 0) return;
   }
   threads.startThread();
+}
+
+void AgentThreads::finishing() {
+  AgentThreads& threads = instance();
+  MonLock lock(threads.monitor_);
+  if (t_returning) return;
+  t_returning = true;
+  ++threads.returning_;
+}
+
+int64_t AgentThreads::freeThreads() const {
+  return static_cast<int64_t>(idle_.size()) + posted_ + returning_ - static_cast<int64_t>(queue_.size());
 }
 
 void AgentThreads::prepare() {
@@ -66,7 +92,7 @@ void AgentThreads::prepare() {
 uint32_t AgentThreads::waiting() {
   AgentThreads& threads = instance();
   MonLock lock(threads.monitor_);
-  return threads.waiting_;
+  return static_cast<uint32_t>(threads.idle_.size());
 }
 
 bool AgentThreads::startThread() {
@@ -77,14 +103,19 @@ bool AgentThreads::startThread() {
   return thread->start();
 }
 
-Ref<Exec> AgentThreads::next(bool* wait) {
+Ref<Exec> AgentThreads::next(Worker* self, bool woken, bool* wait) {
   MonLock lock(monitor_);
+  if (woken) --posted_;
+  if (t_returning) {
+    t_returning = false;
+    --returning_;
+  }
   if (!queue_.empty()) {
     Ref<Exec> agent = std::move(queue_.front());
     queue_.pop_front();
     return agent;
   }
-  *wait = waiting_ < kSpare;
-  if (*wait) ++waiting_;
+  *wait = idle_.size() < kSpare;
+  if (*wait) idle_.push_back(self);
   return nullptr;
 }

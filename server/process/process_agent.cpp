@@ -137,6 +137,8 @@ void ProcessAgent::run() {
   process_->markEnded(exitCode);
   Proc::wait();
   process_->unlinkEnded();
+  // Free for the next agent before the parent hears of the end (and perhaps starts another).
+  AgentThreads::finishing();
   if (Ref<PosixProcess> parent = process_->parent()) parent->childExited(process_);
   // Logged once the parent has been told: a waiting parent is not kept waiting for the log.
   POSIX_LOG(agentLog.handle, 1,

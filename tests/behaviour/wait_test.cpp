@@ -5,6 +5,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <set>
+#include <string>
 #include <fstream>
 #include <thread>
 #include <tuple>
@@ -33,6 +36,28 @@ class WaitTest : public ServerFixture {
     EXPECT_ERRNO(px_waitpid(pid, &status, options), ECHILD);
   }
 };
+
+// Programs started and collected one after another (a shell running commands) reuse the
+// agents' threads: making a thread per program would cost each start a few hundred
+// microseconds of the server's CPU.
+TEST_F(WaitTest, ProgramsStartedInTurnReuseTheAgentThreads) {
+  auto agentThreads = [this] {
+    std::set<std::string> tids;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(server_) + "/task")) {
+      if (hostRead(task.path().string() + "/comm") == "PosixChild\n") tids.insert(task.path().filename());
+    }
+    return tids;
+  };
+  auto startAndWait = [] {
+    int64_t child = spawnRaw({"/bin/true"}, {});
+    int status = -1;
+    return child > 0 && px_waitpid(child, &status, 0) == child && status == 0;
+  };
+  ASSERT_TRUE(startAndWait());
+  const std::set<std::string> before = agentThreads();
+  for (int i = 0; i < 300; ++i) ASSERT_TRUE(startAndWait()) << i;
+  EXPECT_EQ(agentThreads(), before);
+}
 
 TEST_F(WaitTest, ExitCodesArriveUnchangedAndSpawnFailuresGiveTheirReasons) {
   EXPECT_ERRNO(spawnRaw({path("no-such-dir/program")}, {}), ENOENT);

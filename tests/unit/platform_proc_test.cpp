@@ -151,6 +151,7 @@ TEST(EnvTest, NamesKeepTheirFirstPlaceAndTheirLastValue) {
   env->set(str(""), nullptr);
   ASSERT_EQ(env->count(), 5001u);
   EXPECT_EQ(std::string(env->nameAt(1)->c_str()) + env->valueAt(1)->c_str(), "N1last");
+  EXPECT_STREQ(env->text(1), "N1=last");  // what the program's environment holds
   EXPECT_STREQ(env->nameAt(5000)->c_str(), "");
   for (int i = 2; i < 5000; ++i) ASSERT_EQ(env->get(name(i).c_str())->c_str(), std::to_string(i));
   EXPECT_FALSE(env->get("N5000"));

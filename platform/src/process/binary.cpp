@@ -42,13 +42,13 @@ namespace {
 
 constexpr const char* kRuntimeDir = "POSIX_RUNTIME_DIR";
 
-bool named(const Ref<String>& name, const char* text) { return name && name->equals(text); }
-
-// A program file opened (O_PATH) as process `pid` names it, relative to `base`: the file
-// itself, when it is a regular file that may be executed; -1 with errno set otherwise.
-int openProgram(int base, const std::string& path, uint64_t pid) {
+// A program file opened (O_PATH) as process `pid` names it, relative to `base`. With `check`,
+// only a regular file that may be executed: -1 with EACCES for any other, so that a search
+// goes on to the next directory. Without, whatever the path names: the host's exec refuses
+// anything else with the same EACCES, and a start by path saves the two look-ups.
+int openProgram(int base, const std::string& path, uint64_t pid, bool check = true) {
   int fd = ClientPath::open(base, path.c_str(), O_PATH, 0, pid);
-  if (fd < 0) return -1;
+  if (fd < 0 || !check) return fd;
   struct stat st;
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) ||
       ::faccessat(fd, "", X_OK, AT_EMPTY_PATH) != 0) {
@@ -92,41 +92,36 @@ int programPath(int fd, std::string* path) {
   return 0;
 }
 
-// Owns the spawn attributes and file actions for one start.
-struct SpawnSetup {
-  posix_spawn_file_actions_t actions;
-  posix_spawnattr_t attr;
-  SpawnSetup() {
-    posix_spawn_file_actions_init(&actions);
-    posix_spawnattr_init(&attr);
-  }
-  ~SpawnSetup() {
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attr);
-  }
-  SpawnSetup(const SpawnSetup&) = delete;
-  SpawnSetup& operator=(const SpawnSetup&) = delete;
-};
-
 // The child must not inherit what the server blocks or ignores: an empty mask, and every
 // catchable signal back to its default action. It leads a host process group of its own, so
 // that a signal meant for the program and what it starts itself reaches no one else (and a
-// terminal's signals for the server's group do not reach it).
-int setAttributes(posix_spawnattr_t* attr) {
-  sigset_t none;
-  sigset_t all;
-  sigemptyset(&none);
-  sigfillset(&all);
-  sigdelset(&all, SIGKILL);
-  sigdelset(&all, SIGSTOP);
-  int rc = posix_spawnattr_setsigmask(attr, &none);
-  if (rc == 0) rc = posix_spawnattr_setsigdefault(attr, &all);
-  if (rc == 0) rc = posix_spawnattr_setpgroup(attr, 0);
-  if (rc == 0) {
-    rc = posix_spawnattr_setflags(attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
-                                            POSIX_SPAWN_SETPGROUP);
-  }
-  return rc;
+// terminal's signals for the server's group do not reach it). The same for every start: made
+// once per thread. Null with `*error` set when they cannot be made.
+const posix_spawnattr_t* attributes(int* error) {
+  struct Attributes {
+    posix_spawnattr_t attr;
+    int rc;
+    Attributes() {
+      sigset_t none;
+      sigset_t all;
+      sigemptyset(&none);
+      sigfillset(&all);
+      sigdelset(&all, SIGKILL);
+      sigdelset(&all, SIGSTOP);
+      rc = posix_spawnattr_init(&attr);
+      if (rc == 0) rc = posix_spawnattr_setsigmask(&attr, &none);
+      if (rc == 0) rc = posix_spawnattr_setsigdefault(&attr, &all);
+      if (rc == 0) rc = posix_spawnattr_setpgroup(&attr, 0);
+      if (rc == 0) {
+        rc = posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
+                                                 POSIX_SPAWN_SETPGROUP);
+      }
+    }
+    ~Attributes() { posix_spawnattr_destroy(&attr); }
+  };
+  thread_local Attributes made;
+  *error = made.rc;
+  return made.rc == 0 ? &made.attr : nullptr;
 }
 
 uint64_t fail(int error) {
@@ -144,32 +139,31 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
 
   // The environment: env's pairs without the working directory and standard-file entries,
   // which are consumed here, and with this instance's runtime directory so that the program
-  // finds its server.
-  std::vector<std::string> envText;
+  // finds its server. The pairs' texts are handed over as env keeps them.
   ProgramFiles files;
   Ref<String> pathList;
-  for (uint64_t i = 0; env && i < env->count(); ++i) {
-    Ref<String> name = env->nameAt(i);
-    Ref<String> value = env->valueAt(i);
-    if (files.take(name, value) || named(name, kRuntimeDir)) continue;
-    if (named(name, "PATH")) pathList = value;
-    envText.push_back(std::string(name->c_str()) + "=" + value->c_str());
-  }
-  envText.push_back(std::string(kRuntimeDir) + "=" + Runtime::dir());
-
+  const uint64_t pairs = env ? env->count() : 0;
   std::vector<char*> envp;
-  for (std::string& entry : envText) envp.push_back(entry.data());
+  envp.reserve(pairs + 2);
+  for (uint64_t i = 0; i < pairs; ++i) {
+    if (files.take(*env, i) || env->named(i, kRuntimeDir)) continue;
+    if (env->named(i, "PATH")) pathList = env->valueAt(i);
+    envp.push_back(const_cast<char*>(env->text(i)));
+  }
+  std::string runtimeDir = std::string(kRuntimeDir) + "=" + Runtime::dir();
+  envp.push_back(runtimeDir.data());
   envp.push_back(nullptr);
   std::vector<char*> argv;
+  argv.reserve(argc + 1);
   for (uint64_t i = 0; args && i < argc; ++i)
     argv.push_back(const_cast<char*>(args[i] ? args[i]->c_str() : ""));
   argv.push_back(nullptr);
 
-  SpawnSetup setup;
   int rc = files.open(forPid);
-  if (rc == 0) rc = files.addActions(&setup.actions);
-  if (rc == 0) rc = setAttributes(&setup.attr);
   if (rc != 0) return fail(rc);
+  const posix_spawn_file_actions_t* actions = files.actions(&rc);
+  const posix_spawnattr_t* attr = actions ? attributes(&rc) : nullptr;
+  if (!attr) return fail(rc);
 
   // The program's file is found as the starter names it, and exec'd by the path the host
   // gives that file.
@@ -180,7 +174,7 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
     std::string list = pathList ? pathList->c_str() : serverList ? serverList : "/bin:/usr/bin";
     programFd = searchPath(files.dirFd(), list, program, forPid);
   } else {
-    programFd = openProgram(files.dirFd(), program, forPid);
+    programFd = openProgram(files.dirFd(), program, forPid, false);
   }
   if (programFd < 0) return fail(errno);
   rc = programPath(programFd, &program);
@@ -189,7 +183,7 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
 
   pid_t pid = 0;
   const uint64_t before = bootTick();
-  rc = posix_spawn(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), envp.data());
+  rc = posix_spawn(&pid, program.c_str(), actions, attr, argv.data(), envp.data());
   const uint64_t after = bootTick();
   if (rc != 0) return fail(rc);
   t_lastStarted = pid;

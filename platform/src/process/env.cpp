@@ -70,8 +70,8 @@ size_t Env::slotOf(const char* name, uint64_t length) const {
   for (size_t slot = nameHash(name, length) & mask;; slot = (slot + 1) & mask) {
     uint32_t listed = index_[slot];
     if (listed == 0) return slot;
-    const Ref<String>& candidate = names_[listed - 1];
-    if (candidate->length() == length && std::memcmp(candidate->c_str(), name, length) == 0)
+    const Pair& candidate = pairs_[listed - 1];
+    if (candidate.nameLength == length && std::memcmp(buffer_.data() + candidate.at, name, length) == 0)
       return slot;
   }
 }
@@ -80,32 +80,50 @@ void Env::grow(size_t slots) {
   size_t size = 16;
   while (size < slots) size *= 2;
   index_.assign(size, 0);
-  for (size_t i = 0; i < names_.size(); ++i)
-    index_[slotOf(names_[i]->c_str(), names_[i]->length())] = static_cast<uint32_t>(i + 1);
+  for (size_t i = 0; i < pairs_.size(); ++i)
+    index_[slotOf(buffer_.data() + pairs_[i].at, pairs_[i].nameLength)] = static_cast<uint32_t>(i + 1);
 }
 
-void Env::reserve(uint64_t count) {
-  names_.reserve(count);
-  values_.reserve(count);
+void Env::reserve(uint64_t count, uint64_t bytes) {
+  pairs_.reserve(count);
+  buffer_.reserve(bytes + 2 * count);
   if (2 * count > index_.size()) grow(2 * count);
+}
+
+void Env::set(const char* name, uint64_t nameLength, const char* value, uint64_t valueLength) {
+  if (2 * (pairs_.size() + 1) > index_.size()) grow(2 * index_.size());
+  size_t slot = slotOf(name, nameLength);
+  Pair pair{buffer_.size(), nameLength, valueLength};
+  buffer_.append(name, nameLength).append(1, '=').append(value, valueLength).append(1, '\0');
+  if (index_[slot] != 0) {
+    pairs_[index_[slot] - 1] = pair;  // in place; the old text stays unused in the buffer
+    return;
+  }
+  pairs_.push_back(pair);
+  index_[slot] = static_cast<uint32_t>(pairs_.size());
 }
 
 void Env::set(const Ref<String>& name, const Ref<String>& value) {
   if (!name) return;
-  Ref<String> stored = value ? value : String::create("");
-  if (2 * (names_.size() + 1) > index_.size()) grow(2 * index_.size());
-  size_t slot = slotOf(name->c_str(), name->length());
-  if (index_[slot] != 0) {
-    values_[index_[slot] - 1] = stored;
-    return;
-  }
-  names_.push_back(name);
-  values_.push_back(stored);
-  index_[slot] = static_cast<uint32_t>(names_.size());
+  set(name->c_str(), name->length(), value ? value->c_str() : "", value ? value->length() : 0);
+}
+
+Ref<String> Env::nameAt(uint64_t i) const {
+  return i < pairs_.size() ? String::create(text(i), static_cast<int64_t>(pairs_[i].nameLength)) : nullptr;
+}
+
+Ref<String> Env::valueAt(uint64_t i) const {
+  if (i >= pairs_.size()) return nullptr;
+  return String::create(text(i) + pairs_[i].nameLength + 1, static_cast<int64_t>(pairs_[i].valueLength));
+}
+
+bool Env::named(uint64_t i, const char* name) const {
+  return i < pairs_.size() && std::strlen(name) == pairs_[i].nameLength &&
+         std::memcmp(text(i), name, pairs_[i].nameLength) == 0;
 }
 
 Ref<String> Env::get(const char* name) const {
   if (!name || index_.empty()) return nullptr;
   uint32_t listed = index_[slotOf(name, std::strlen(name))];
-  return listed != 0 ? values_[listed - 1] : nullptr;
+  return listed != 0 ? valueAt(listed - 1) : nullptr;
 }

@@ -28,8 +28,9 @@ int openNoWait(int dir, const Ref<String>& name, int access, uint64_t pid, int* 
     if (high < 0) return err;
     fd = high;
   }
-  int flags = ::fcntl(fd, F_GETFL);
-  if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+  // F_SETFL sets the status flags it knows as given: the ones this open asked for, less
+  // O_NONBLOCK (no F_GETFL needed to keep the others).
+  if (::fcntl(fd, F_SETFL, access & ~(O_ACCMODE | O_NONBLOCK)) != 0) {
     int err = errno;
     ::close(fd);
     return err;
@@ -47,15 +48,17 @@ ProgramFiles::~ProgramFiles() {
   }
 }
 
-bool ProgramFiles::take(const Ref<String>& name, const Ref<String>& value) {
-  if (!name) return false;
-  if (name->equals(kDirName)) {
+bool ProgramFiles::take(const Env& env, uint64_t i) {
+  // Every consumed name starts "POSIX_": most pairs are passed over on their first bytes.
+  if (env.nameLength(i) < 6 || std::memcmp(env.text(i), "POSIX_", 6) != 0) return false;
+  if (env.named(i, kDirName)) {
+    Ref<String> value = env.valueAt(i);
     dirName_ = value->length() > 0 ? value : nullptr;  // empty: the server's directory
     return true;
   }
-  for (int i = 0; i < 3; ++i) {
-    if (!name->equals(kNames[i])) continue;
-    names_[i] = value;
+  for (int k = 0; k < 3; ++k) {
+    if (!env.named(i, kNames[k])) continue;
+    names_[k] = env.valueAt(i);
     return true;
   }
   return false;
@@ -78,8 +81,43 @@ int ProgramFiles::open(uint64_t pid) {
   return 0;
 }
 
-int ProgramFiles::addActions(posix_spawn_file_actions_t* actions) const {
-  int rc = dir_ >= 0 ? posix_spawn_file_actions_addfchdir_np(actions, dir_) : 0;
+namespace {
+
+// The file actions last made on this thread and the descriptors they were made for. The
+// starts of one agent thread come one after another and open their files into the same
+// descriptor numbers, so the actions are made again only when the numbers differ: making them
+// costs the C library a look-up of the descriptor limit for each descriptor named.
+struct MadeActions {
+  bool made = false;
+  int layout[7] = {};
+  posix_spawn_file_actions_t actions;
+  MadeActions() = default;
+  MadeActions(const MadeActions&) = delete;
+  MadeActions& operator=(const MadeActions&) = delete;
+  ~MadeActions() { drop(); }
+  void drop() {
+    if (made) posix_spawn_file_actions_destroy(&actions);
+    made = false;
+  }
+};
+thread_local MadeActions t_made;
+
+}  // namespace
+
+const posix_spawn_file_actions_t* ProgramFiles::actions(int* error) const {
+  // The directory, each standard descriptor's source, and which start closed.
+  int layout[7] = {dir_, fds_[0], fds_[1], fds_[2], 0, 0, 0};
+  for (int i = 0; i < 3; ++i) layout[4 + i] = fds_[i] < 0 && names_[i] ? 1 : 0;
+  if (t_made.made && std::memcmp(layout, t_made.layout, sizeof layout) == 0) return &t_made.actions;
+  t_made.drop();
+  posix_spawn_file_actions_t* actions = &t_made.actions;
+  int rc = posix_spawn_file_actions_init(actions);
+  if (rc != 0) {
+    *error = rc;
+    return nullptr;
+  }
+  t_made.made = true;
+  rc = dir_ >= 0 ? posix_spawn_file_actions_addfchdir_np(actions, dir_) : 0;
   for (int i = 0; rc == 0 && i < 3; ++i) {
     if (fds_[i] >= 0) {
       rc = posix_spawn_file_actions_adddup2(actions, fds_[i], i);
@@ -91,7 +129,13 @@ int ProgramFiles::addActions(posix_spawn_file_actions_t* actions) const {
   // whatever the server holds without close-on-exec (what it inherited, or a descriptor that
   // a library opened without the flag).
   if (rc == 0) rc = posix_spawn_file_actions_addclosefrom_np(actions, STDERR_FILENO + 1);
-  return rc;
+  if (rc != 0) {
+    t_made.drop();
+    *error = rc;
+    return nullptr;
+  }
+  std::memcpy(t_made.layout, layout, sizeof layout);
+  return actions;
 }
 
 int ProgramFiles::dirFd() const { return dir_ >= 0 ? dir_ : AT_FDCWD; }

@@ -12,6 +12,7 @@
 
 #include <spawn.h>
 
+#include "platform/env.h"
 #include "platform/string.h"
 
 class ProgramFiles {
@@ -26,14 +27,16 @@ class ProgramFiles {
   ProgramFiles(const ProgramFiles&) = delete;
   ProgramFiles& operator=(const ProgramFiles&) = delete;
 
-  // Keeps `value` when `name` is one of the consumed names; false for any other name.
-  bool take(const Ref<String>& name, const Ref<String>& value);
+  // Keeps the value of `env`'s pair `i` when its name is one of the consumed names; false for
+  // any other name.
+  bool take(const Env& env, uint64_t i);
   // Opens the directory, then the standard files (a relative name resolves against the
   // directory), each read as process `pid` names it (ClientPath); 0 or an errno value.
   int open(uint64_t pid);
-  // Adds the directory change, the descriptor moves and the closing of every descriptor above
-  // the standard ones to `actions`; 0 or an errno value.
-  int addActions(posix_spawn_file_actions_t* actions) const;
+  // The file actions of this start: the directory change, the descriptor moves and the
+  // closing of every descriptor above the standard ones. Null with `*error` set when they
+  // cannot be made. They live on the calling thread until its next call.
+  const posix_spawn_file_actions_t* actions(int* error) const;
   // Where a relative path of this start resolves: the directory, or AT_FDCWD without one.
   int dirFd() const;
 
