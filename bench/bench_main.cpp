@@ -140,12 +140,15 @@ int main(int argc, char** argv) {
                             {"1 beside", 1, {}},
                             {"1 per core", static_cast<size_t>(cores > 0 ? cores : 1), {}}};
   const size_t count = busyToo ? 3 : 1;
+  double idleLoad = 0;
   for (size_t i = 0; i < count; ++i) {
     Condition& c = conditions[i];
     BusyLoad load;
     load.start(c.spinners);
+    const double before = loadAverage();
+    if (i == 0) idleLoad = before;
     std::printf("%s%s (%zu CPU-bound processes beside the benchmark, each in a session of its own; "
-                "load average %.2f):\n", i ? "\n" : "", c.name, load.size(), loadAverage());
+                "load average %.2f):\n", i ? "\n" : "", c.name, load.size(), before);
     benchmark::RunSpecifiedBenchmarks(&c.report);
     c.load = loadAverage();
   }
@@ -171,6 +174,10 @@ int main(int argc, char** argv) {
   std::printf("  load average at the end of each run:");
   for (size_t i = 0; i < count; ++i) std::printf(" %s %.2f;", conditions[i].name, conditions[i].load);
   std::printf("\n");
+  // The benchmark's own processes add about one to the load; much more means other work ran.
+  if (idleLoad > 1.0)
+    std::printf("  The idle run was not idle (load average %.2f at its start): its figures do not count.\n",
+                idleLoad);
   benchmark::Shutdown();
   return 0;
 }
