@@ -35,6 +35,8 @@ inline const std::vector<BenchPair>& benchPairs() {
        "floor_"},
       {"pipe 64 MiB, 512 B calls", "BM_PipeRounds/512", "", 1.0, true, "4 KiB pipe", -1, 0.8},
       {"pipe 64 MiB, 4 KiB calls", "BM_PipeRounds/4096", "", 1.0, true, "4 KiB pipe", -1, 0.8},
+      {"  the same, ring alone (floor)", "BM_PipeRounds/4096", "", 0, true, "4 KiB pipe", -1, 0,
+       "floor_"},
       {"pipe 64 MiB, 64 KiB calls", "BM_PipeRounds/65536", "", 1.0, true, "4 KiB pipe", -1, 0.8},
       {"pipe + 2 close", "BM_PipeCreateCloseServer", "BM_PipeCreateCloseLinux", 15.0, false},
       {"file read 64 MiB in 64 KiB reads", "BM_FileReadServer", "BM_FileReadLinux", 0.9, true},

@@ -3,17 +3,20 @@
 // writer and reader using calls of 512, 4096 or 65536 bytes; and px_pipe with two px_close
 // against pipe(2) with two close(2).
 //
-// A throughput pair is measured in rounds, each a Linux transfer and a server transfer back to
-// back (their order alternating), so that both sides of a round see the same machine; the
-// round's ratio is the server's speed as a share of Linux's. The benchmark reports the worst
-// and the median round, and how far the Linux transfers spread (a spread far above 1 says the
-// machine changed under the run).
+// A throughput pair is measured in rounds, each a Linux transfer, a server transfer and a
+// transfer through the smallest program that does the server pipe's job (two forked processes
+// and the same shared ring on an anonymous mapping, no server and no library: the floor) back
+// to back, their order turning, so that every side of a round sees the same machine; the
+// round's ratio is a speed as a share of Linux's. The benchmark reports the worst and the
+// median round, and how far the Linux transfers spread (a spread far above 1 says the machine
+// changed under the run).
 //
 // The server pipe's reader is this benchmark program itself, started through the server with
 // BENCH_PIPE_READER set: it then only drains the inherited descriptor and ends, before main.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -24,11 +27,17 @@
 #include <string>
 #include <vector>
 
+#include "posix/pipe_ring.h"
 #include "posix_client.h"
 
 namespace {
 
-constexpr size_t kTotal = 64u << 20;
+// Bytes per transfer: 64 MiB, or BENCH_PIPE_KIB kibibytes (a small figure shows what a
+// transfer costs besides its bytes: the reader's start, fetching the page).
+const size_t kTotal = [] {
+  const char* kib = getenv("BENCH_PIPE_KIB");
+  return kib != nullptr && atol(kib) > 0 ? static_cast<size_t>(atol(kib)) << 10 : size_t{64} << 20;
+}();
 constexpr int kRounds = 5;
 constexpr const char* kReaderVar = "BENCH_PIPE_READER";
 
@@ -84,7 +93,8 @@ double serverTransfer(size_t chunk) {
   std::string var = std::string(kReaderVar) + "=" + std::to_string(fds[0]) + "," +
                     std::to_string(fds[1]) + "," + std::to_string(chunk);
   char* argv[] = {const_cast<char*>(self.c_str()), nullptr};
-  char* envp[] = {var.data(), nullptr};  // the server adds POSIX_RUNTIME_DIR
+  std::string kib = "BENCH_PIPE_KIB=" + std::to_string(kTotal >> 10);
+  char* envp[] = {var.data(), kib.data(), nullptr};  // the server adds POSIX_RUNTIME_DIR
   double start = nowMs();
   int64_t reader = px_spawn(self.c_str(), argv, envp, 0);
   px_close(fds[0]);  // the reader holds the read end now
@@ -123,29 +133,62 @@ double linuxTransfer(size_t chunk) {
   return ok ? nowMs() - start : -1;
 }
 
+// The same transfer through the shared ring alone: a page on an anonymous shared mapping, this
+// process writing and a forked one reading, end-of-file set as the server would set it.
+double floorTransfer(size_t chunk) {
+  using posix::PipeRing;
+  constexpr uint32_t kRing = 4096;
+  const size_t size = PX_PIPE_RING_OFFSET + kRing;
+  void* page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (page == MAP_FAILED) return -1;
+  PipeRing owner(page, kRing, 3, PipeRing::Holder::kServer);
+  owner.format();
+  std::vector<char> data(chunk, 'p');
+  double start = nowMs();
+  pid_t reader = fork();
+  if (reader == 0) {
+    PipeRing ring(page, kRing, 7, PipeRing::Holder::kClient);
+    _exit(drain(chunk, [&ring](char* b, size_t n) {
+            PipeRing::Result r = ring.read(b, n, PipeRing::kForever);
+            return r.end == PipeRing::End::kDone ? static_cast<long>(r.count) : r.end == PipeRing::End::kEof ? 0L : -1L;
+          }) ? 0 : 1);
+  }
+  PipeRing ring(page, kRing, 5, PipeRing::Holder::kClient);
+  bool ok = reader > 0;
+  for (size_t done = 0; ok && done < kTotal; done += chunk)
+    ok = ring.write(data.data(), chunk, PipeRing::kForever).count == chunk;
+  owner.setFlags(PX_PIPE_EOF);
+  int status = -1;
+  if (reader > 0 && (waitpid(reader, &status, 0) != reader || status != 0)) ok = false;
+  double took = nowMs() - start;
+  munmap(page, size);
+  return ok ? took : -1;
+}
+
 void BM_PipeRounds(benchmark::State& state) {
   const auto chunk = static_cast<size_t>(state.range(0));
-  std::vector<double> ratios, linuxMs, serverMs;
+  std::vector<double> ratios, floorRatios, linuxMs, serverMs;
   for (auto _ : state) {
     for (int round = 0; round < kRounds; ++round) {
-      double server = -1, linux = -1;
-      if (round % 2 == 0) {
-        linux = linuxTransfer(chunk);
-        server = serverTransfer(chunk);
-      } else {
-        server = serverTransfer(chunk);
-        linux = linuxTransfer(chunk);
+      double ms[3] = {-1, -1, -1};  // Linux, server, floor
+      for (int k = 0; k < 3; ++k) {
+        const int which = (round + k) % 3;
+        ms[which] = which == 0 ? linuxTransfer(chunk) : which == 1 ? serverTransfer(chunk) : floorTransfer(chunk);
       }
-      if (server <= 0 || linux <= 0) {
-        state.SkipWithError(server <= 0 ? "the server pipe lost bytes" : "the Linux pipe failed");
+      if (ms[0] <= 0 || ms[1] <= 0 || ms[2] <= 0) {
+        state.SkipWithError(ms[1] <= 0 ? "the server pipe lost bytes" : "the Linux pipe or the ring alone failed");
         return;
       }
-      linuxMs.push_back(linux);
-      serverMs.push_back(server);
-      ratios.push_back(linux / server);
+      linuxMs.push_back(ms[0]);
+      serverMs.push_back(ms[1]);
+      ratios.push_back(ms[0] / ms[1]);
+      floorRatios.push_back(ms[0] / ms[2]);
     }
   }
   std::sort(ratios.begin(), ratios.end());
+  std::sort(floorRatios.begin(), floorRatios.end());
+  state.counters["floor_worst"] = floorRatios.front();
+  state.counters["floor_median"] = floorRatios[floorRatios.size() / 2];
   std::sort(linuxMs.begin(), linuxMs.end());
   std::sort(serverMs.begin(), serverMs.end());
   state.counters["worst"] = ratios.front();

@@ -12,10 +12,10 @@ namespace {
 
 // Where the other side stands is looked at every this many rounds (a load of a shared word).
 constexpr int kLookEvery = 16;
-// Hand-overs per wait before it sleeps.
-constexpr int kHandOvers = 4;
-// A hand-over that took longer than this let another program run a time slice: handing over is
-// then no quicker than sleeping, and the next 16, 32, ... up to kMaxSkip waits sleep instead.
+// A hand-over that took longer than this let another program run a time slice, and one after
+// which the wait still waits did not reach the other side (it runs in another scheduling group,
+// a session of its own, where a yield does not reach): handing over is then no quicker than
+// sleeping, and the next 16, 32, ... up to kMaxSkip waits sleep instead.
 constexpr int64_t kSlowHandOverNs = 50000;
 constexpr int kFirstSkip = 16;
 constexpr int kMaxSkip = 4096;
@@ -48,23 +48,27 @@ bool PipeRing::Patience::again() {
 }
 
 bool PipeRing::Patience::handOver() {
-  if (handOvers_ >= kHandOvers) return false;
   if (int skip = ring_.yieldSkip_.load(std::memory_order_relaxed); skip > 0) {
     ring_.yieldSkip_.store(skip - 1, std::memory_order_relaxed);
     return false;
   }
-  ++handOvers_;
+  if (handedOver_) {  // the last hand-over did not bring what this wait waits for
+    backOff();
+    return false;
+  }
+  handedOver_ = true;
   int64_t before = nowNs();
   sched_yield();
-  if (nowNs() - before > kSlowHandOverNs) {
-    int backoff = ring_.yieldBackoff_.load(std::memory_order_relaxed);
-    backoff = backoff == 0 ? kFirstSkip : std::min(backoff * 2, kMaxSkip);
-    ring_.yieldBackoff_.store(backoff, std::memory_order_relaxed);
-    ring_.yieldSkip_.store(backoff, std::memory_order_relaxed);
-  } else {
-    ring_.yieldBackoff_.store(0, std::memory_order_relaxed);
-  }
+  if (nowNs() - before > kSlowHandOverNs) backOff();
+  else ring_.yieldBackoff_.store(0, std::memory_order_relaxed);
   return true;
+}
+
+void PipeRing::Patience::backOff() {
+  int backoff = ring_.yieldBackoff_.load(std::memory_order_relaxed);
+  backoff = backoff == 0 ? kFirstSkip : std::min(backoff * 2, kMaxSkip);
+  ring_.yieldBackoff_.store(backoff, std::memory_order_relaxed);
+  ring_.yieldSkip_.store(backoff, std::memory_order_relaxed);
 }
 
 }  // namespace posix

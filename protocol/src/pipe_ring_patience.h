@@ -6,9 +6,10 @@
 // while the peer sleeps wastes the time it takes to wake it. So each side of the page says
 // where it runs (writer_at, reader_at: the processor + 1, or 0 while it sleeps), and a waiter
 //  - looks again, up to kSpins rounds, while the other side is awake on another processor;
-//  - hands its processor over (sched_yield) while the other side is awake on this one, so that
-//    the two take turns on one processor without a wake-up call each way; a hand-over that let
-//    somebody else run for long (another program's turn) makes the next ones wait for a while;
+//  - hands its processor over (sched_yield, once per wait) while the other side is awake on this
+//    one, so that the two take turns on one processor without a wake-up call each way; a
+//    hand-over that let somebody else run for long (another program's turn), or after which the
+//    wait still waits, makes the next ones sleep instead for a while;
 //  - sleeps at once while the other side sleeps.
 #pragma once
 
@@ -37,13 +38,15 @@ class PipeRing::Patience {
 
  private:
   bool handOver();
+  // Hand-overs did not pay: the next waits of this ring sleep instead, twice as many each time.
+  void backOff();
 
   PipeRing& ring_;
   uint32_t* const mine_;
   uint32_t* const peer_;
   const bool look_;
   int round_ = 0;
-  int handOvers_ = 0;
+  bool handedOver_ = false;
 };
 
 }  // namespace posix
