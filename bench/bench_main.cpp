@@ -45,6 +45,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
     // With --benchmark_repetitions the median of the repetitions stands for the benchmark.
     for (const Run& run : runs) {
       const std::string& name = run.run_name.function_name;
+      failed_ |= run.error_occurred;
       if (run.run_type == Run::RT_Iteration && !run.counters.empty()) {
         auto& kept = counters_[run.run_name.args.empty() ? name : name + "/" + run.run_name.args];
         for (const auto& [key, counter] : run.counters) kept[key] = counter.value;
@@ -60,10 +61,13 @@ class RatioReporter : public benchmark::ConsoleReporter {
   const std::map<std::string, double>& times() const { return times_; }
   // The counters a benchmark reported, by name with its argument ("BM_PipeRounds/4096").
   const std::map<std::string, std::map<std::string, double>>& counters() const { return counters_; }
+  // Whether a benchmark could not run to its end (it reported an error).
+  bool failed() const { return failed_; }
 
  private:
   std::map<std::string, double> times_;
   std::map<std::string, std::map<std::string, double>> counters_;
+  bool failed_ = false;
   std::set<std::string> medians_;
 };
 
@@ -179,5 +183,7 @@ int main(int argc, char** argv) {
     std::printf("  The idle run was not idle (load average %.2f at its start): its figures do not count.\n",
                 idleLoad);
   benchmark::Shutdown();
-  return 0;
+  bool failed = false;
+  for (size_t i = 0; i < count; ++i) failed |= conditions[i].report.failed();
+  return failed ? 1 : 0;
 }
