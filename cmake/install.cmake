@@ -28,7 +28,9 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/posix_clientConfig.cmake
 
 # The .pc file names its prefix relative to its own folder, so an install with
 # `cmake --install --prefix P` (or a copied tree) finds its headers and library wherever it
-# lands; the prefix given at configure time is used only for an absolute library folder.
+# lands; the prefix given at configure time is used only for an absolute library folder. Its
+# Libs carry an rpath to the library folder, so a program built by the one-line
+# `cc prog.c $(pkg-config --cflags --libs posix_client)` runs from any prefix.
 if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
   set(POSIX_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
 else()
