@@ -46,7 +46,7 @@ const char kHelp[] =
     "                          first 16 bytes of each request's data in hex\n"
     "  cat [--] PATH...        copy each file, read through the server, to standard output\n"
     "                          ('-': standard input)\n"
-    "  help, --help            this text; COMMAND --help: the lines of COMMAND\n"
+    "  help, --help            this text; COMMAND --help or help COMMAND: COMMAND's lines\n"
     "  --version               posixctl's version\n"
     "\n"
     "SIG is a number from 0 to 31 or a name: the system's own KILL (9), CHLD (16), CONT (17),\n"
@@ -67,7 +67,7 @@ int usage(const std::string& text, const char* see) {
 namespace {
 
 // Whether `args` of `cmd` ask for its help: "--help" or "-h" where an option may stand (for
-// run, before the program; for cat, before "--"; elsewhere anywhere before "--"). What
+// run, before the program; elsewhere anywhere before "--"). What
 // follows run's program or "--" belongs to the program or names a file.
 bool asksHelp(const std::string& cmd, const std::vector<std::string>& args) {
   for (size_t i = 0; i < args.size(); ++i) {
@@ -157,7 +157,11 @@ int main(int argc, char** argv) {
   }
   std::string cmd = argv[1];
   std::vector<std::string> args(argv + 2, argv + argc);
-  if (cmd == "help" || cmd == "--help" || cmd == "-h") {
+  // "help kill" is "kill --help"; "help --help" is help.
+  if (cmd == "help" && args.size() == 1 && args[0] != "help" && args[0].rfind('-', 0) != 0) {
+    cmd = args[0];
+    args = {"--help"};
+  } else if (cmd == "help" || cmd == "--help" || cmd == "-h") {
     fputs(kHelp, stdout);
     return kExitOk;
   }
@@ -165,7 +169,8 @@ int main(int argc, char** argv) {
     printf("posixctl %s\n", POSIX_VERSION);
     return kExitOk;
   }
-  if (cmd != "cat" && asksHelp(cmd, args)) {
+  if (cmd == "cat" && asksHelp(cmd, args)) return cmdCat({"--help"});
+  if (asksHelp(cmd, args)) {
     static const char* const kCommands[] = {"start", "stop", "status", "run", "kill", "killpg",
                                             "pgid", "ppid", "fds", "ps", "pipes", "top", "monitor"};
     for (const char* known : kCommands) {
