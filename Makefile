@@ -17,10 +17,10 @@ build:
 	@cmake --preset $(PRESET) >/dev/null
 	cmake --build --preset $(PRESET) -j $(JOBS)
 
-# Builds the server alone, then runs it.
+# Builds the server and posixctl (to talk to it from another terminal), then runs the server.
 run:
 	@cmake --preset $(PRESET) >/dev/null
-	cmake --build --preset $(PRESET) -j $(JOBS) --target posix-server
+	cmake --build --preset $(PRESET) -j $(JOBS) --target posix-server posixctl
 	$(BUILD)/server/posix-server
 
 test: build

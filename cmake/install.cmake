@@ -26,6 +26,18 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/posix_clientConfigV
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/posix_clientConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/posix_clientConfigVersion.cmake DESTINATION ${POSIX_CMAKE_DIR})
 
+# The .pc file names its prefix relative to its own folder, so an install with
+# `cmake --install --prefix P` (or a copied tree) finds its headers and library wherever it
+# lands; the prefix given at configure time is used only for an absolute library folder. Its
+# Libs carry an rpath to the library folder, so a program built by the one-line
+# `cc prog.c $(pkg-config --cflags --libs posix_client)` runs from any prefix.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(POSIX_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+else()
+  file(RELATIVE_PATH POSIX_PC_UP "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")
+  string(REGEX REPLACE "/$" "" POSIX_PC_UP "${POSIX_PC_UP}")
+  set(POSIX_PC_PREFIX "\${pcfiledir}/${POSIX_PC_UP}")
+endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/posix_client.pc.in
   ${CMAKE_CURRENT_BINARY_DIR}/posix_client.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/posix_client.pc

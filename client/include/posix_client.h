@@ -268,10 +268,13 @@ const char* px_fd_kind_name(int kind);
 /*
  * Files and sockets. An opened file-system item is a description of the server like a pipe
  * end: its descriptors inherit into spawned children under the same numbers, and every
- * descriptor of it, in every process, shares its offset, which only the server keeps (so
- * px_lseek always asks it). The item is opened by the server process on the host: paths are
- * host paths, and the open flags and mode are the host's O_* flags and mode bits, passed
- * through. Reading a file answers 0 at its end; reading an item that may wait (a terminal, a
+ * descriptor of it, in every process, shares its offset. For a regular file the server hands
+ * each process a descriptor of its own host open file (once per description), and reads,
+ * writes, seeks and resizes are then the host's calls on it: the host kernel keeps the one
+ * offset that every descriptor, child and the server's services see. Other items
+ * (directories, devices, host FIFOs) keep their offset in the server, and px_lseek asks it.
+ * The item is opened by the server process on the host: paths are host paths, and the open
+ * flags and mode are the host's O_* flags and mode bits, passed through. Reading a file answers 0 at its end; reading an item that may wait (a terminal, a
  * host FIFO) waits for data as a pipe end does.
  *
  * errno values, beyond those of the descriptor calls above:
@@ -303,10 +306,11 @@ const char* px_fd_kind_name(int kind);
 int px_open(const char* path, int flags, unsigned mode);
 
 /* Sets the offset of fd's description: whence is SEEK_SET, SEEK_CUR or SEEK_END. Answers the
- * new offset. px_lseek(fd, 0, SEEK_CUR) only asks for it. The offset is read and set in
- * separate requests, so a relative seek is not atomic against another process moving the
- * same offset. SEEK_END takes the size from the server when the item was opened for writing;
- * otherwise from the item at its path on the host. */
+ * new offset. On a regular file it is the host's lseek on the shared host open file (atomic,
+ * no request). On other items px_lseek(fd, 0, SEEK_CUR) only asks the server; the offset is
+ * read and set in separate requests there, so a relative seek is not atomic against another
+ * process moving the same offset, and SEEK_END takes the size from the server when the item
+ * was opened for writing, otherwise from the item at its path on the host. */
 int64_t px_lseek(int fd, int64_t offset, int whence);
 
 /* Cuts or extends the item to `length` bytes (the new bytes read as zeros). */

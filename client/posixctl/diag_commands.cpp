@@ -112,10 +112,7 @@ int cmdFdsOf(uint64_t pid, bool json) {
   if (int rc = linkOrFail(link, "fds")) return rc;
   int err = link.descriptors(pid, &fds);
   if (err == 0) err = link.pipes(&pipes);
-  if (err == ESRCH) {
-    fprintf(stderr, "posixctl: fds: the server keeps no process %" PRIu64 "\n", pid);
-    return kExitFailure;
-  }
+  if (err == ESRCH) return noProcess("fds", static_cast<int64_t>(pid));
   if (err != 0) return callFailure("fds", err);
   auto otherEnd = [&](const px_diag_descriptor& d) {
     for (const PipeView& p : pipes)

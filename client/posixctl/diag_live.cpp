@@ -184,6 +184,24 @@ int cmdTop(const std::vector<std::string>& given) {
   return kExitOk;
 }
 
+namespace {
+
+// Whether some service has a command shown as `name` (a number stands for a command without
+// a name): a monitor of a misspelt name would otherwise wait for ever for nothing.
+bool isCommandName(const std::string& name) {
+  if (!name.empty() && name.find_first_not_of("0123456789") == std::string::npos) return true;
+  const uint32_t services[] = {PX_DIAG_PROCESS_SERVICE, PX_DIAG_FD_SERVICE,
+                               PX_DIAG_STREAM_SERVICE,  PX_DIAG_SEEKABLE_SERVICE,
+                               PX_DIAG_RESIZABLE_SERVICE, PX_DIAG_ITEM_SERVICE,
+                               PX_DIAG_FIFO_STATUS_SERVICE};
+  for (uint32_t service : services)
+    for (uint32_t code = 0; code < 32; ++code)
+      if (commandName(service, code) == name) return true;
+  return false;
+}
+
+}  // namespace
+
 int cmdMonitor(const std::vector<std::string>& given) {
   std::vector<std::string> args = given;
   bool json = takeFlag(&args, "--json"), data = takeFlag(&args, "--data"), bad = false;
@@ -191,7 +209,9 @@ int cmdMonitor(const std::vector<std::string>& given) {
   int64_t pid = 0, count = -1;
   if (takeOption(&args, "--pid", &pidText, &bad) && (!parseInt(pidText.c_str(), &pid) || pid < 1))
     return usage("monitor --pid takes a PID");
-  takeOption(&args, "--command", &command, &bad);
+  if (takeOption(&args, "--command", &command, &bad) && !isCommandName(command))
+    return usage("monitor: no service has a command '" + command + "' (the names are those "
+                 "monitor prints: kill, spawn, openItem, read, seek...)");
   if (takeOption(&args, "--count", &countText, &bad) && (!parseInt(countText.c_str(), &count) || count < 1))
     return usage("monitor --count takes a count of at least 1");
   if (bad || !args.empty()) return usage("monitor takes --pid PID, --command NAME, --count N, --data and --json");

@@ -18,8 +18,7 @@ namespace posixctl {
 
 int cmdFds(const std::vector<std::string>& given) {
   std::vector<std::string> args = given;
-  bool json = !args.empty() && args[0] == "--json";
-  if (json) args.erase(args.begin());
+  bool json = takeFlag(&args, "--json");
   int64_t pid = 0;
   if (args.size() == 1 && parseInt(args[0].c_str(), &pid) && pid > 0)
     return cmdFdsOf(static_cast<uint64_t>(pid), json);

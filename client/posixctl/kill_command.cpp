@@ -1,10 +1,14 @@
 // posixctl kill and killpg, parsed like kill(1): "-s SIG", "-SIG", "-l [SIG]", "--". A SIG is
-// a number from 0 to 31 or the name of one of the system's signals (KILL, CHLD, CONT, STOP,
-// with or without "SIG", in any case).
+// a number from 0 to 31 or a name, with or without "SIG", in any case: the system's own
+// signals (KILL 9, CHLD 16, CONT 17, STOP 18) and the requests a shell user types (HUP, INT,
+// QUIT, USR1, USR2, ALRM, TERM), which carry the host's numbers because the system gives
+// those numbers no meaning of its own.
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
 #include <strings.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "posix_client.h"
 #include "posixctl.h"
@@ -13,28 +17,47 @@ namespace posixctl {
 
 namespace {
 
-// A request to end that a program using the library receives and may act on; it never ends a
-// program on its own (the system has no such signal, so nothing is killed without asking).
-constexpr int kDefaultSignal = 15;
+// TERM, a request to end: a program using the library receives it and may act on it; a
+// program the server started that does not use the library gets the host's SIGTERM.
+constexpr int kDefaultSignal = SIGTERM;
 
 struct SignalName {
   int number;
   const char* name;
   const char* effect;
+  int host;  // the host's signal of that name, given to a program the server started that
+             // does not use the library; 0 when the system's own signal reaches any program
 };
 
 const SignalName kSignals[] = {
-    {0, nullptr, "probe: checks that the process exists and may be signalled"},
-    {PX_SIGKILL, "KILL", "ends the program at once (any program)"},
-    {PX_SIGCHLD, "CHLD", "a child ended (the server sends it); only programs using the library"},
-    {PX_SIGCONT, "CONT", "resumes a stopped program (any program)"},
-    {PX_SIGSTOP, "STOP", "stops the program until CONT (any program)"},
+    {0, nullptr, "probe: exit 0 when the process exists, 1 when not; prints nothing", 0},
+    {SIGHUP, "HUP", "request: the terminal went away", SIGHUP},
+    {SIGINT, "INT", "request: interrupt (Ctrl-C)", SIGINT},
+    {SIGQUIT, "QUIT", "request: quit (Ctrl-\\)", SIGQUIT},
+    {PX_SIGKILL, "KILL", "ends the program at once (any program)", 0},
+    {SIGUSR1, "USR1", "request: the program's own meaning", SIGUSR1},
+    {SIGUSR2, "USR2", "request: the program's own meaning", SIGUSR2},
+    {SIGALRM, "ALRM", "request: a timer ran out", SIGALRM},
+    {SIGTERM, "TERM", "request: end (the default)", SIGTERM},
+    {PX_SIGCHLD, "CHLD", "a child ended (the server sends it); only programs using the library", 0},
+    {PX_SIGCONT, "CONT", "resumes a stopped program (any program)", 0},
+    {PX_SIGSTOP, "STOP", "stops the program until CONT (any program)", 0},
 };
 
 const char kOtherSignals[] =
-    "Every other number from 1 to 31 has no name and no action of its own: a program that uses\n"
-    "the library receives it (px_sigwait); a program that does not is not signalled (\"does not\n"
-    "use the library\"). The default signal, 15, is such a request to end.\n";
+    "A request reaches a program that uses the library as that signal (px_sigwait); a program\n"
+    "the server started that does not use it gets the host's signal of the same name, so\n"
+    "'kill PID' ends it as a shell's kill would. Any other program gets only KILL, CONT and\n"
+    "STOP. Every other number from 1 to 31 has no name: only programs that use the library\n"
+    "receive it.\n";
+
+// The host's signal given for `sig` to a started program that does not use the library; 0
+// when there is none.
+int hostSignalFor(int sig) {
+  for (const SignalName& s : kSignals)
+    if (s.number == sig) return s.host;
+  return 0;
+}
 
 // SIG as a number or a name; -1 when it is neither.
 int parseSignal(const std::string& text) {
@@ -71,7 +94,7 @@ int listSignals(const std::vector<std::string>& args, size_t from) {
   if (from + 1 < args.size()) return usage("kill -l takes at most one SIG");
   if (from < args.size()) {  // one SIG: the name of a number, the number of a name
     int sig = parseSignal(args[from]);
-    if (sig < 0) return usage("kill: unknown signal '" + args[from] + "'");
+    if (sig < 0) return usage("kill: unknown signal '" + args[from] + "'", "posixctl kill -l");
     int64_t given = 0;
     const char* name = nullptr;
     for (const SignalName& s : kSignals) {
@@ -113,7 +136,7 @@ long parseOptions(const std::vector<std::string>& args, int* sig, bool* list, st
   if (!name.empty() || i > 0) {
     *sig = parseSignal(name);
     if (*sig < 0) {
-      *error = "unknown signal '" + name + "' (see 'posixctl kill -l')";
+      *error = "unknown signal '" + name + "'";
       return -1;
     }
   }
@@ -127,20 +150,47 @@ bool parseId(const std::string& text, int64_t* out) {
   return parseInt(text.c_str(), out);
 }
 
+// Whether a host process has `pid` (one we may not signal exists too).
+bool hostHas(int64_t pid) {
+  return kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+}
+
+// Gives the host signal `host` to the process that has `pid` while the server knows it: the
+// pidfd is taken before the server is asked, so a pid that ended and was reused in between
+// is not signalled in its place (the pidfd's process is gone, and the send fails).
+bool sendHostSignal(int64_t pid, int host) {
+  int pidfd = static_cast<int>(syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0));
+  if (pidfd < 0) return false;
+  bool sent = px_getpgid(pid) >= 0 && syscall(SYS_pidfd_send_signal, pidfd, host, nullptr, 0) == 0;
+  close(pidfd);
+  return sent;
+}
+
+// Signal 0: whether the process exists, as an exit code, printing nothing (but why the server
+// could not be asked).
+int probe(int64_t pid) {
+  if (px_kill(pid, 0) == 0) return kExitOk;
+  int err = errno;
+  if (err != ESRCH) return callFailure("kill -0 " + std::to_string(pid), err);
+  return px_getpgid(pid) >= 0 || hostHas(pid) ? kExitOk : kExitFailure;
+}
+
 // Signals one process: an exit code. The server answers "no such process" for a process that
 // is not connected to it (a program that does not use the library) unless the signal acts on
-// the host process (9, 17, 18); its group tells whether it is a process the server knows.
+// the host process (9, 17, 18). A program the server started (it knows its group) then gets
+// the host's signal of the same name; any other is left alone.
 int killOne(int64_t pid, int sig) {
+  if (sig == 0) return probe(pid);
   std::string what = "kill " + std::to_string(pid);
   if (px_kill(pid, sig) == 0) return kExitOk;
   int err = errno;
   if (err != ESRCH) return callFailure(what, err);
-  bool known = px_getpgid(pid) >= 0;
-  if (known && sig == 0) return kExitOk;  // a program the server started: it exists
-  if (!known && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) return failure(what, ESRCH);
+  int host = hostSignalFor(sig);
+  if (host != 0 && sendHostSignal(pid, host)) return kExitOk;
+  if (px_getpgid(pid) < 0 && !hostHas(pid)) return noProcess("kill", pid);
   fprintf(stderr,
-          "posixctl: %s: the process does not use the library, so signal %d cannot reach it "
-          "(KILL, CONT and STOP can)\n",
+          "posixctl: %s: the server did not start it and it does not use the library, so signal "
+          "%d cannot reach it (KILL, CONT and STOP can)\n",
           what.c_str(), sig);
   return kExitFailure;
 }
@@ -152,7 +202,7 @@ int cmdKill(const std::vector<std::string>& args) {
   bool list = false;
   std::string error;
   long first = parseOptions(args, &sig, &list, &error);
-  if (first < 0) return usage("kill: " + error);
+  if (first < 0) return usage("kill: " + error, "posixctl kill -l");
   if (list) return listSignals(args, static_cast<size_t>(first));
   if (static_cast<size_t>(first) >= args.size()) return usage("kill: no PID given");
   std::vector<int64_t> pids;
@@ -175,7 +225,7 @@ int cmdKillpg(const std::vector<std::string>& args) {
   bool list = false;
   std::string error;
   long first = parseOptions(args, &sig, &list, &error);
-  if (first < 0) return usage("killpg: " + error);
+  if (first < 0) return usage("killpg: " + error, "posixctl kill -l");
   if (list) return listSignals(args, static_cast<size_t>(first));
   if (static_cast<size_t>(first) + 1 != args.size()) return usage("killpg: give one PGID");
   const std::string& text = args[static_cast<size_t>(first)];

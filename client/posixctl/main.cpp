@@ -28,14 +28,14 @@ const char kHelp[] =
     "                          group, a second one kills it; exit with its exit code\n"
     "                          (127: not found, 126: could not be executed)\n"
     "  kill [-s SIG | -SIG] PID...\n"
-    "                          send SIG (default 15, a request to end) to each PID\n"
-    "  kill -l [SIG]           list the system's signals and what each does\n"
+    "                          send SIG (default TERM, a request to end) to each PID\n"
+    "  kill -l [SIG]           list the signals and what each does\n"
     "  killpg [-s SIG | -SIG] PGID\n"
     "                          send SIG (default 15) to group PGID (0: posixctl's own)\n"
     "  pgid PID                print the group of PID (0: posixctl itself)\n"
     "  ppid                    print posixctl's parent as the server knows it (0: none)\n"
     "  fds                     list posixctl's descriptor table as the server serialises it\n"
-    "  fds [--json] PID        any process's descriptors: kind, offset and path, which pipe\n"
+    "  fds PID [--json]        any process's descriptors: kind, offset and path, which pipe\n"
     "  ps [--json]             every process the server keeps, as a tree\n"
     "  pipes [--json]          every pipe: bytes buffered, who holds each end, who waits now\n"
     "  top [-n COUNT] [--json] requests per second and reply times per command, processes,\n"
@@ -46,21 +46,61 @@ const char kHelp[] =
     "                          first 16 bytes of each request's data in hex\n"
     "  cat [--] PATH...        copy each file, read through the server, to standard output\n"
     "                          ('-': standard input)\n"
-    "  help, --help            this text\n"
+    "  help, --help            this text; COMMAND --help or help COMMAND: COMMAND's lines\n"
     "  --version               posixctl's version\n"
     "\n"
-    "SIG is a number from 0 to 31 or a name: KILL (9), CHLD (16), CONT (17), STOP (18). The\n"
-    "numbers are the system's own, not the host's. KILL, CONT and STOP act on any program; every\n"
-    "other signal reaches only programs that use the library.\n"
+    "SIG is a number from 0 to 31 or a name: the system's own KILL (9), CHLD (16), CONT (17),\n"
+    "STOP (18), and the requests HUP (1), INT (2), QUIT (3), USR1 (10), USR2 (12), ALRM (14),\n"
+    "TERM (15). KILL, CONT and STOP act on any program. A program that uses the library\n"
+    "receives every other signal; one the server started that does not use it gets the host's\n"
+    "signal of a request's name instead. 0 only checks that PID exists (exit 0 or 1, silently).\n"
     "The server binary for start: --server PATH, $POSIX_SERVER_BIN, posix-server next to\n"
     "posixctl or in ../server relative to it, else PATH.\n";
 
 }  // namespace
 
-int usage(const std::string& text) {
-  fprintf(stderr, "posixctl: %s (see 'posixctl help')\n", text.c_str());
+int usage(const std::string& text, const char* see) {
+  fprintf(stderr, "posixctl: %s (see '%s')\n", text.c_str(), see);
   return kExitUsage;
 }
+
+namespace {
+
+// Whether `args` of `cmd` ask for its help: "--help" or "-h" where an option may stand (for
+// run, before the program; elsewhere anywhere before "--"). What
+// follows run's program or "--" belongs to the program or names a file.
+bool asksHelp(const std::string& cmd, const std::vector<std::string>& args) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    if (a == "--help" || a == "-h") return true;
+    if (a == "--") return false;
+    if (cmd == "run") {
+      if (a == "--env") ++i;
+      else if (a.rfind("--env=", 0) != 0) return false;  // the program: the rest is its own
+    }
+  }
+  return false;
+}
+
+// The lines of the overview that describe `cmd` (and, for the signal commands, what SIG is).
+void printCommandHelp(const std::string& cmd) {
+  printf("usage: posixctl %s ...\n\n", cmd.c_str());
+  std::string text = kHelp;
+  bool inside = false;
+  for (size_t at = 0; at < text.size();) {
+    size_t end = text.find('\n', at);
+    std::string line = text.substr(at, end - at);
+    at = end + 1;
+    bool continuation = line.rfind("                          ", 0) == 0;
+    if (!continuation) inside = line.rfind("  " + cmd + " ", 0) == 0 || line == "  " + cmd;
+    if (inside) printf("%s\n", line.c_str());
+  }
+  size_t sig = text.find("SIG is"), server = text.find("The server binary");
+  if (cmd == "kill" || cmd == "killpg") printf("\n%s", text.substr(sig, server - sig).c_str());
+  if (cmd == "start") printf("\n%s", text.substr(server).c_str());
+}
+
+}  // namespace
 
 int failure(const std::string& what, int err) {
   fprintf(stderr, "posixctl: %s: %s\n", what.c_str(), strerror(err));
@@ -68,6 +108,11 @@ int failure(const std::string& what, int err) {
 }
 
 // "--name VALUE" taken out of `args` into *value; false when absent. *bad when VALUE is missing.
+int noProcess(const char* command, int64_t pid) {
+  fprintf(stderr, "posixctl: %s: no process %lld\n", command, static_cast<long long>(pid));
+  return kExitFailure;
+}
+
 bool takeOption(std::vector<std::string>* args, const char* name, std::string* value, bool* bad) {
   for (size_t i = 0; i < args->size(); ++i) {
     if ((*args)[i] != name) continue;
@@ -112,13 +157,28 @@ int main(int argc, char** argv) {
   }
   std::string cmd = argv[1];
   std::vector<std::string> args(argv + 2, argv + argc);
-  if (cmd == "help" || cmd == "--help" || cmd == "-h") {
+  // "help kill" is "kill --help"; "help --help" is help.
+  if (cmd == "help" && args.size() == 1 && args[0] != "help" && args[0].rfind('-', 0) != 0) {
+    cmd = args[0];
+    args = {"--help"};
+  } else if (cmd == "help" || cmd == "--help" || cmd == "-h") {
     fputs(kHelp, stdout);
     return kExitOk;
   }
   if (cmd == "--version" || cmd == "version") {
     printf("posixctl %s\n", POSIX_VERSION);
     return kExitOk;
+  }
+  if (cmd == "cat" && asksHelp(cmd, args)) return cmdCat({"--help"});
+  if (asksHelp(cmd, args)) {
+    static const char* const kCommands[] = {"start", "stop", "status", "run", "kill", "killpg",
+                                            "pgid", "ppid", "fds", "ps", "pipes", "top", "monitor"};
+    for (const char* known : kCommands) {
+      if (cmd == known) {
+        printCommandHelp(cmd);
+        return kExitOk;
+      }
+    }
   }
   if (cmd == "start") return cmdStart(args);
   if (cmd == "stop") return cmdStop(args);

@@ -14,10 +14,14 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
-// Prints "posixctl: <text>" on standard error; answers kExitUsage, for `return usage(...)`.
-int usage(const std::string& text);
+// Prints "posixctl: <text> (see '<see>')" on standard error; answers kExitUsage, for
+// `return usage(...)`.
+int usage(const std::string& text, const char* see = "posixctl help");
 // Prints "posixctl: <what>: <strerror(err)>" on standard error; answers kExitFailure.
 int failure(const std::string& what, int err);
+// Prints "posixctl: <command>: no process <pid>", the one wording of that fact for every
+// command; answers kExitFailure.
+int noProcess(const char* command, int64_t pid);
 
 // Replaces or adds the NAME=VALUE `entry` in `env`.
 void setEnvEntry(std::vector<std::string>& env, const std::string& entry);

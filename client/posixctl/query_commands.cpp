@@ -15,6 +15,7 @@ int cmdPgid(const std::vector<std::string>& args) {
     return usage("pgid: '" + text + "' is not a PID (a number; 0 is posixctl itself)");
   }
   int64_t group = px_getpgid(pid);
+  if (group < 0 && errno == ESRCH) return noProcess("pgid", pid);
   if (group < 0) return callFailure("pgid " + text, errno);
   printf("%lld\n", static_cast<long long>(group));
   return kExitOk;
