@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/wait.h>
@@ -22,6 +21,7 @@
 #include "platform/error.h"
 #include "platform/proc.h"
 #include "platform/runtime.h"
+#include "host_spawn.h"
 #include "program_files.h"
 #include "started.h"
 
@@ -30,6 +30,7 @@
 // nothing else to pair the two.
 thread_local pid_t t_lastStarted = 0;
 thread_local uint64_t t_lastStartTick = 0;
+thread_local int t_lastStartedPidfd = -1;
 
 uint64_t bootTick() {
   static const uint64_t nsPerTick = 1000000000ull / static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));
@@ -92,38 +93,6 @@ int programPath(int fd, std::string* path) {
   return 0;
 }
 
-// The child must not inherit what the server blocks or ignores: an empty mask, and every
-// catchable signal back to its default action. It leads a host process group of its own, so
-// that a signal meant for the program and what it starts itself reaches no one else (and a
-// terminal's signals for the server's group do not reach it). The same for every start: made
-// once per thread. Null with `*error` set when they cannot be made.
-const posix_spawnattr_t* attributes(int* error) {
-  struct Attributes {
-    posix_spawnattr_t attr;
-    int rc;
-    Attributes() {
-      sigset_t none;
-      sigset_t all;
-      sigemptyset(&none);
-      sigfillset(&all);
-      sigdelset(&all, SIGKILL);
-      sigdelset(&all, SIGSTOP);
-      rc = posix_spawnattr_init(&attr);
-      if (rc == 0) rc = posix_spawnattr_setsigmask(&attr, &none);
-      if (rc == 0) rc = posix_spawnattr_setsigdefault(&attr, &all);
-      if (rc == 0) rc = posix_spawnattr_setpgroup(&attr, 0);
-      if (rc == 0) {
-        rc = posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
-                                                 POSIX_SPAWN_SETPGROUP);
-      }
-    }
-    ~Attributes() { posix_spawnattr_destroy(&attr); }
-  };
-  thread_local Attributes made;
-  *error = made.rc;
-  return made.rc == 0 ? &made.attr : nullptr;
-}
-
 uint64_t fail(int error) {
   Error::set(static_cast<uint32_t>(error));
   return 0;
@@ -161,9 +130,6 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
 
   int rc = files.open(forPid);
   if (rc != 0) return fail(rc);
-  const posix_spawn_file_actions_t* actions = files.actions(&rc);
-  const posix_spawnattr_t* attr = actions ? attributes(&rc) : nullptr;
-  if (!attr) return fail(rc);
 
   // The program's file is found as the starter names it, and exec'd by the path the host
   // gives that file.
@@ -181,9 +147,20 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
   ::close(programFd);
   if (rc != 0) return fail(rc);
 
+  // The child leads a process group of its own, so that a signal meant for the program and
+  // what it starts itself reaches no one else (and a terminal's signals for the server's group
+  // do not reach it); it inherits nothing the server blocks or ignores.
+  SpawnPlan plan;
+  plan.path = program.c_str();
+  plan.argv = argv.data();
+  plan.envp = envp.data();
+  files.place(&plan);
+  if (t_lastStartedPidfd >= 0) ::close(t_lastStartedPidfd);
+  t_lastStartedPidfd = -1;
+  plan.pidfd = &t_lastStartedPidfd;
   pid_t pid = 0;
   const uint64_t before = bootTick();
-  rc = posix_spawn(&pid, program.c_str(), actions, attr, argv.data(), envp.data());
+  rc = hostSpawn(plan, &pid);
   const uint64_t after = bootTick();
   if (rc != 0) return fail(rc);
   t_lastStarted = pid;

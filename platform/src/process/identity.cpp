@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "platform/error.h"
 #include "platform/proc.h"
@@ -133,7 +134,12 @@ ProcIdentity Proc::identity(uint64_t pid) {
       return ProcIdentity{pid, start};
     }
   }
-  int pidfd = openPidfd(pid);
+  int pidfd = -1;
+  if (t_lastStartedPidfd >= 0 && pid == static_cast<uint64_t>(t_lastStarted)) {
+    pidfd = std::exchange(t_lastStartedPidfd, -1);  // the program's own, from its start
+  } else {
+    pidfd = openPidfd(pid);
+  }
   if (pidfd < 0) return {};
   uint64_t serial = 0;
   bool known = serialOf(pidfd, pid, &serial);
