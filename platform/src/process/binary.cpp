@@ -15,12 +15,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/client_path.h"
 #include "platform/error.h"
 #include "platform/proc.h"
 #include "platform/runtime.h"
+#include "file/host_fd.h"
 #include "host_spawn.h"
 #include "program_files.h"
 #include "started.h"
@@ -155,14 +157,14 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
   plan.argv = argv.data();
   plan.envp = envp.data();
   files.place(&plan);
-  if (t_lastStartedPidfd >= 0) ::close(t_lastStartedPidfd);
-  t_lastStartedPidfd = -1;
+  HostFd::close(std::exchange(t_lastStartedPidfd, -1));
   plan.pidfd = &t_lastStartedPidfd;
   pid_t pid = 0;
   const uint64_t before = bootTick();
   rc = hostSpawn(plan, &pid);
   const uint64_t after = bootTick();
   if (rc != 0) return fail(rc);
+  HostFd::opened(t_lastStartedPidfd);
   t_lastStarted = pid;
   t_lastStartTick = before == after ? before : 0;
   return static_cast<uint64_t>(pid);

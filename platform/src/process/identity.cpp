@@ -26,6 +26,7 @@
 
 #include "platform/error.h"
 #include "platform/proc.h"
+#include "file/host_fd.h"
 #include "started.h"
 
 namespace {
@@ -134,16 +135,17 @@ ProcIdentity Proc::identity(uint64_t pid) {
       return ProcIdentity{pid, start};
     }
   }
-  int pidfd = -1;
-  if (t_lastStartedPidfd >= 0 && pid == static_cast<uint64_t>(t_lastStarted)) {
-    pidfd = std::exchange(t_lastStartedPidfd, -1);  // the program's own, from its start
-  } else {
-    pidfd = openPidfd(pid);
-  }
+  const bool own = t_lastStartedPidfd >= 0 && pid == static_cast<uint64_t>(t_lastStarted);
+  // The program's own pidfd, from its start, is counted until it is closed here.
+  int pidfd = own ? std::exchange(t_lastStartedPidfd, -1) : openPidfd(pid);
   if (pidfd < 0) return {};
   uint64_t serial = 0;
   bool known = serialOf(pidfd, pid, &serial);
-  ::close(pidfd);
+  if (own) {
+    HostFd::close(pidfd);
+  } else {
+    ::close(pidfd);
+  }
   return known ? ProcIdentity{pid, serial} : ProcIdentity{};
 }
 

@@ -2,13 +2,13 @@
 // leaves it uncollected (its pid and its process group stay its own), or for its end and its
 // collection.
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
 
 #include "platform/error.h"
 #include "platform/proc.h"
+#include "file/host_fd.h"
 #include "started.h"
 
 namespace {
@@ -50,6 +50,6 @@ uint32_t Proc::wait() {
   siginfo_t info{};
   if (!waitLast(0, &info)) return kNoStatus;
   t_lastStarted = 0;  // collected: a second wait has nothing to wait for
-  if (t_lastStartedPidfd >= 0) ::close(std::exchange(t_lastStartedPidfd, -1));
+  HostFd::close(std::exchange(t_lastStartedPidfd, -1));
   return exitStatus(info);
 }
