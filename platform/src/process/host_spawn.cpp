@@ -17,6 +17,10 @@
 #define CLONE_PIDFD 0x00001000
 #endif
 
+// The C library's clone under its own name: sanitizers replace clone() with a version that
+// treats the child as a forked process with memory of its own, which this child has not.
+extern "C" int __clone(int (*fn)(void*), void* stack, int flags, void* arg, ...);
+
 namespace {
 
 // The child's stack: it holds one frame and the host calls' own; a start's arguments and
@@ -111,8 +115,8 @@ int hostSpawn(const SpawnPlan& plan, pid_t* pid) {
   ::syscall(SYS_rt_sigprocmask, SIG_BLOCK, &all, &before, sizeof all);
   int pidfd = -1;
   int flags = CLONE_VM | CLONE_VFORK | SIGCHLD;
-  int rc = ::clone(childMain, stack, flags | (plan.pidfd ? CLONE_PIDFD : 0), &child, &pidfd);
-  if (rc < 0 && errno == EINVAL && plan.pidfd) rc = ::clone(childMain, stack, flags, &child);
+  int rc = __clone(childMain, stack, flags | (plan.pidfd ? CLONE_PIDFD : 0), &child, &pidfd);
+  if (rc < 0 && errno == EINVAL && plan.pidfd) rc = __clone(childMain, stack, flags, &child);
   const int error = errno;
   ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &before, nullptr, sizeof before);
   if (plan.pidfd) *plan.pidfd = rc > 0 ? pidfd : -1;
