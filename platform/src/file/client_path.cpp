@@ -21,7 +21,7 @@
 #include <cstring>
 #include <string>
 
-#include "file/host_fd.h"
+#include "file/client_path_fd.h"
 
 namespace {
 
@@ -93,47 +93,6 @@ bool procDescriptor(const char* path, uint64_t* owner) {
   if (!number(owner) || std::strncmp(at, "/fd/", 4) != 0) return false;
   at += 4;
   return number(&fd) && *at == '\0';
-}
-
-// The /proc/<n>/fd directory of the process whose descriptor this thread opened last: a start
-// names three of its starter's, and the next start on the same thread is most often the same
-// starter's. While process n lives, nobody else has its pid and the directory is its own;
-// once it has ended, a look-up in the directory finds nothing and the path is walked again.
-struct DescriptorDir {
-  uint64_t owner = 0;
-  int fd = -1;
-  ~DescriptorDir() { HostFd::close(fd); }
-  bool open(uint64_t pid) {
-    HostFd::close(fd);
-    char name[48];
-    std::snprintf(name, sizeof name, "/proc/%llu/fd", static_cast<unsigned long long>(pid));
-    do {
-      fd = HostFd::opened(::open(name, O_PATH | O_DIRECTORY | O_CLOEXEC));
-    } while (fd < 0 && errno == EINTR);
-    owner = fd >= 0 ? pid : 0;
-    return fd >= 0;
-  }
-};
-thread_local DescriptorDir t_descriptorDir;
-
-// Opens descriptor `name` of process `owner` as the host follows /proc/<owner>/fd/<name>.
-int openDescriptor(uint64_t owner, const char* name, int flags, mode_t mode) {
-  DescriptorDir& dir = t_descriptorDir;
-  bool fresh = false;
-  if (dir.owner != owner || dir.fd < 0) {
-    if (!dir.open(owner)) return -1;
-    fresh = true;
-  }
-  for (;;) {
-    int fd;
-    do {
-      fd = ::openat(dir.fd, name, flags | O_CLOEXEC, mode);
-    } while (fd < 0 && errno == EINTR);
-    // A directory kept from before may be that of an ended process whose pid is now another's.
-    if (fd >= 0 || fresh || errno != ENOENT) return fd;
-    if (!dir.open(owner)) return -1;
-    fresh = true;
-  }
 }
 
 // Refuses a descriptor in this process's /proc directory: closes it and answers EACCES.
@@ -344,7 +303,9 @@ int open(int dir, const char* path, int flags, mode_t mode, uint64_t pid) {
     // The requester is another process than the server: its own descriptors are no look-up.
     if ((owner != pid || owner == ourPid()) && ourTask(owner)) return fail(EACCES);
     // A number the host does not write (a leading zero) names no process: looked up as given.
-    if (path[6] != '0') return checked(openDescriptor(owner, std::strrchr(path, '/') + 1, flags, mode));
+    if (path[6] != '0') {
+      return checked(ClientPath::openDescriptor(owner, std::strrchr(path, '/') + 1, flags, mode));
+    }
     int fd;
     do {
       fd = ::openat(AT_FDCWD, path, flags | O_CLOEXEC, mode);

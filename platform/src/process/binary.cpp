@@ -1,5 +1,5 @@
-// Starting programs: the environment handed to a program and posix_spawn. Waiting for the
-// program that the calling thread started last is in proc_wait.cpp.
+// Starting programs: the environment handed to a program and its start (host_spawn.cpp).
+// Waiting for the program that the calling thread started last is in proc_wait.cpp.
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <signal.h>
@@ -79,7 +79,7 @@ int searchPath(int base, const std::string& list, const std::string& file, uint6
   return -1;
 }
 
-// The host path of an opened program: posix_spawn takes a path, not a descriptor. A program
+// The host path of an opened program: the start execs a path, not a descriptor. A program
 // is never a /proc file (what the host follows from /proc/<pid>/exe or fd/N is the file
 // itself), so a path that is not an absolute one outside /proc is refused.
 int programPath(int fd, std::string* path) {

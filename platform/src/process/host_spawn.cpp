@@ -62,12 +62,15 @@ struct ChildStack {
 };
 thread_local ChildStack t_stack;
 
-__attribute__((no_sanitize("address", "thread", "undefined"))) long host(long number, long a = 0, long b = 0, long c = 0, long d = 0) {
+#define POSIX_UNWATCHED __attribute__((no_sanitize("address", "thread", "undefined")))
+
+// A host call, as the child makes it: the negated errno value on failure.
+POSIX_UNWATCHED long host(long number, long a = 0, long b = 0, long c = 0, long d = 0) {
   long rc = ::syscall(number, a, b, c, d);
   return rc < 0 ? -errno : rc;
 }
 
-__attribute__((no_sanitize("address", "thread", "undefined"))) int childMain(void* arg) {
+POSIX_UNWATCHED int childMain(void* arg) {
   Child* child = static_cast<Child*>(arg);
   const SpawnPlan& plan = *child->plan;
   const HostAction byDefault{};  // SIG_DFL

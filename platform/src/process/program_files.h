@@ -2,7 +2,7 @@
 // before the program exists.
 //
 // A start must never wait on what its starter named: the start waits for the child until it
-// has set up its files and exec'd, the agent thread waits for posix_spawn, and the service
+// has set up its files and exec'd, the agent thread waits for the start, and the service
 // thread waits for the agent. An open() in the child's file actions of a FIFO with no writer
 // would block that whole chain. So the directory is opened as a path only (O_PATH, which never
 // blocks) and each standard file without blocking (O_NONBLOCK: a FIFO with no writer opens at
