@@ -91,7 +91,7 @@ class Binary {
   // Start-flag bits.
   static constexpr uint32_t kSearchPath = 1;
 
-  // Starts a program with posix_spawn and answers its pid, or 0 with Error set. argv is
+  // Starts a program (as posix_spawn would) and answers its pid, or 0 with Error set. argv is
   // args[0..argc) as given; the environment is env's pairs plus POSIX_RUNTIME_DIR. These
   // names in env are consumed, not passed on: POSIX_CWD, the program's working directory
   // (else the server's); POSIX_STDIN, POSIX_STDOUT, POSIX_STDERR, the host files that become

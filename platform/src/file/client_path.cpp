@@ -21,6 +21,8 @@
 #include <cstring>
 #include <string>
 
+#include "file/client_path_fd.h"
+
 namespace {
 
 // The host's budget of symbolic links one lookup may follow.
@@ -300,6 +302,10 @@ int open(int dir, const char* path, int flags, mode_t mode, uint64_t pid) {
   if (procDescriptor(path, &owner)) {
     // The requester is another process than the server: its own descriptors are no look-up.
     if ((owner != pid || owner == ourPid()) && ourTask(owner)) return fail(EACCES);
+    // A number the host does not write (a leading zero) names no process: looked up as given.
+    if (path[6] != '0') {
+      return checked(ClientPath::openDescriptor(owner, std::strrchr(path, '/') + 1, flags, mode));
+    }
     int fd;
     do {
       fd = ::openat(AT_FDCWD, path, flags | O_CLOEXEC, mode);

@@ -1,9 +1,8 @@
-// Starting programs: the environment handed to a program and posix_spawn. Waiting for the
-// program that the calling thread started last is in proc_wait.cpp.
+// Starting programs: the environment handed to a program and its start (host_spawn.cpp).
+// Waiting for the program that the calling thread started last is in proc_wait.cpp.
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/wait.h>
@@ -16,12 +15,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/client_path.h"
 #include "platform/error.h"
 #include "platform/proc.h"
 #include "platform/runtime.h"
+#include "file/host_fd.h"
+#include "host_spawn.h"
 #include "program_files.h"
 #include "started.h"
 
@@ -30,6 +32,7 @@
 // nothing else to pair the two.
 thread_local pid_t t_lastStarted = 0;
 thread_local uint64_t t_lastStartTick = 0;
+thread_local int t_lastStartedPidfd = -1;
 
 uint64_t bootTick() {
   static const uint64_t nsPerTick = 1000000000ull / static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));
@@ -76,7 +79,7 @@ int searchPath(int base, const std::string& list, const std::string& file, uint6
   return -1;
 }
 
-// The host path of an opened program: posix_spawn takes a path, not a descriptor. A program
+// The host path of an opened program: the start execs a path, not a descriptor. A program
 // is never a /proc file (what the host follows from /proc/<pid>/exe or fd/N is the file
 // itself), so a path that is not an absolute one outside /proc is refused.
 int programPath(int fd, std::string* path) {
@@ -90,38 +93,6 @@ int programPath(int fd, std::string* path) {
   struct statfs fs;
   if ((*path)[0] != '/' || ::fstatfs(fd, &fs) != 0 || fs.f_type == PROC_SUPER_MAGIC) return EACCES;
   return 0;
-}
-
-// The child must not inherit what the server blocks or ignores: an empty mask, and every
-// catchable signal back to its default action. It leads a host process group of its own, so
-// that a signal meant for the program and what it starts itself reaches no one else (and a
-// terminal's signals for the server's group do not reach it). The same for every start: made
-// once per thread. Null with `*error` set when they cannot be made.
-const posix_spawnattr_t* attributes(int* error) {
-  struct Attributes {
-    posix_spawnattr_t attr;
-    int rc;
-    Attributes() {
-      sigset_t none;
-      sigset_t all;
-      sigemptyset(&none);
-      sigfillset(&all);
-      sigdelset(&all, SIGKILL);
-      sigdelset(&all, SIGSTOP);
-      rc = posix_spawnattr_init(&attr);
-      if (rc == 0) rc = posix_spawnattr_setsigmask(&attr, &none);
-      if (rc == 0) rc = posix_spawnattr_setsigdefault(&attr, &all);
-      if (rc == 0) rc = posix_spawnattr_setpgroup(&attr, 0);
-      if (rc == 0) {
-        rc = posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
-                                                 POSIX_SPAWN_SETPGROUP);
-      }
-    }
-    ~Attributes() { posix_spawnattr_destroy(&attr); }
-  };
-  thread_local Attributes made;
-  *error = made.rc;
-  return made.rc == 0 ? &made.attr : nullptr;
 }
 
 uint64_t fail(int error) {
@@ -161,9 +132,6 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
 
   int rc = files.open(forPid);
   if (rc != 0) return fail(rc);
-  const posix_spawn_file_actions_t* actions = files.actions(&rc);
-  const posix_spawnattr_t* attr = actions ? attributes(&rc) : nullptr;
-  if (!attr) return fail(rc);
 
   // The program's file is found as the starter names it, and exec'd by the path the host
   // gives that file.
@@ -181,11 +149,22 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
   ::close(programFd);
   if (rc != 0) return fail(rc);
 
+  // The child leads a process group of its own, so that a signal meant for the program and
+  // what it starts itself reaches no one else (and a terminal's signals for the server's group
+  // do not reach it); it inherits nothing the server blocks or ignores.
+  SpawnPlan plan;
+  plan.path = program.c_str();
+  plan.argv = argv.data();
+  plan.envp = envp.data();
+  files.place(&plan);
+  HostFd::close(std::exchange(t_lastStartedPidfd, -1));
+  plan.pidfd = &t_lastStartedPidfd;
   pid_t pid = 0;
   const uint64_t before = bootTick();
-  rc = posix_spawn(&pid, program.c_str(), actions, attr, argv.data(), envp.data());
+  rc = hostSpawn(plan, &pid);
   const uint64_t after = bootTick();
   if (rc != 0) return fail(rc);
+  HostFd::opened(t_lastStartedPidfd);
   t_lastStarted = pid;
   t_lastStartTick = before == after ? before : 0;
   return static_cast<uint64_t>(pid);

@@ -22,9 +22,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "platform/error.h"
 #include "platform/proc.h"
+#include "file/host_fd.h"
 #include "started.h"
 
 namespace {
@@ -133,11 +135,17 @@ ProcIdentity Proc::identity(uint64_t pid) {
       return ProcIdentity{pid, start};
     }
   }
-  int pidfd = openPidfd(pid);
+  const bool own = t_lastStartedPidfd >= 0 && pid == static_cast<uint64_t>(t_lastStarted);
+  // The program's own pidfd, from its start, is counted until it is closed here.
+  int pidfd = own ? std::exchange(t_lastStartedPidfd, -1) : openPidfd(pid);
   if (pidfd < 0) return {};
   uint64_t serial = 0;
   bool known = serialOf(pidfd, pid, &serial);
-  ::close(pidfd);
+  if (own) {
+    HostFd::close(pidfd);
+  } else {
+    ::close(pidfd);
+  }
   return known ? ProcIdentity{pid, serial} : ProcIdentity{};
 }
 

@@ -4,9 +4,11 @@
 #include <sys/wait.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "platform/error.h"
 #include "platform/proc.h"
+#include "file/host_fd.h"
 #include "started.h"
 
 namespace {
@@ -48,5 +50,6 @@ uint32_t Proc::wait() {
   siginfo_t info{};
   if (!waitLast(0, &info)) return kNoStatus;
   t_lastStarted = 0;  // collected: a second wait has nothing to wait for
+  HostFd::close(std::exchange(t_lastStartedPidfd, -1));
   return exitStatus(info);
 }

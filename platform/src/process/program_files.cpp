@@ -81,61 +81,12 @@ int ProgramFiles::open(uint64_t pid) {
   return 0;
 }
 
-namespace {
-
-// The file actions last made on this thread and the descriptors they were made for. The
-// starts of one agent thread come one after another and open their files into the same
-// descriptor numbers, so the actions are made again only when the numbers differ: making them
-// costs the C library a look-up of the descriptor limit for each descriptor named.
-struct MadeActions {
-  bool made = false;
-  int layout[7] = {};
-  posix_spawn_file_actions_t actions;
-  MadeActions() = default;
-  MadeActions(const MadeActions&) = delete;
-  MadeActions& operator=(const MadeActions&) = delete;
-  ~MadeActions() { drop(); }
-  void drop() {
-    if (made) posix_spawn_file_actions_destroy(&actions);
-    made = false;
+void ProgramFiles::place(SpawnPlan* plan) const {
+  plan->dir = dir_;
+  for (int i = 0; i < 3; ++i) {
+    plan->from[i] = fds_[i];
+    plan->closed[i] = fds_[i] < 0 && names_[i];  // named empty: the program starts without it
   }
-};
-thread_local MadeActions t_made;
-
-}  // namespace
-
-const posix_spawn_file_actions_t* ProgramFiles::actions(int* error) const {
-  // The directory, each standard descriptor's source, and which start closed.
-  int layout[7] = {dir_, fds_[0], fds_[1], fds_[2], 0, 0, 0};
-  for (int i = 0; i < 3; ++i) layout[4 + i] = fds_[i] < 0 && names_[i] ? 1 : 0;
-  if (t_made.made && std::memcmp(layout, t_made.layout, sizeof layout) == 0) return &t_made.actions;
-  t_made.drop();
-  posix_spawn_file_actions_t* actions = &t_made.actions;
-  int rc = posix_spawn_file_actions_init(actions);
-  if (rc != 0) {
-    *error = rc;
-    return nullptr;
-  }
-  t_made.made = true;
-  rc = dir_ >= 0 ? posix_spawn_file_actions_addfchdir_np(actions, dir_) : 0;
-  for (int i = 0; rc == 0 && i < 3; ++i) {
-    if (fds_[i] >= 0) {
-      rc = posix_spawn_file_actions_adddup2(actions, fds_[i], i);
-    } else if (names_[i]) {  // named empty: the program starts with it closed
-      rc = posix_spawn_file_actions_addclose(actions, i);
-    }
-  }
-  // Nothing of the server's reaches the program: it starts with its standard files only,
-  // whatever the server holds without close-on-exec (what it inherited, or a descriptor that
-  // a library opened without the flag).
-  if (rc == 0) rc = posix_spawn_file_actions_addclosefrom_np(actions, STDERR_FILENO + 1);
-  if (rc != 0) {
-    t_made.drop();
-    *error = rc;
-    return nullptr;
-  }
-  std::memcpy(t_made.layout, layout, sizeof layout);
-  return actions;
 }
 
 int ProgramFiles::dirFd() const { return dir_ >= 0 ? dir_ : AT_FDCWD; }

@@ -1,19 +1,18 @@
 // The working directory and standard files of a program about to start, opened by the server
 // before the program exists.
 //
-// A start must never wait on what its starter named: posix_spawn waits for the child until it
-// has run its file actions and exec'd, the agent thread waits for posix_spawn, and the service
+// A start must never wait on what its starter named: the start waits for the child until it
+// has set up its files and exec'd, the agent thread waits for the start, and the service
 // thread waits for the agent. An open() in the child's file actions of a FIFO with no writer
 // would block that whole chain. So the directory is opened as a path only (O_PATH, which never
 // blocks) and each standard file without blocking (O_NONBLOCK: a FIFO with no writer opens at
 // once, one with no reader fails with ENXIO), then made blocking again for the program. The
-// file actions then only change directory through a descriptor and duplicate descriptors.
+// child then only changes directory through a descriptor and duplicates descriptors.
 #pragma once
-
-#include <spawn.h>
 
 #include "platform/env.h"
 #include "platform/string.h"
+#include "host_spawn.h"
 
 class ProgramFiles {
  public:
@@ -33,10 +32,8 @@ class ProgramFiles {
   // Opens the directory, then the standard files (a relative name resolves against the
   // directory), each read as process `pid` names it (ClientPath); 0 or an errno value.
   int open(uint64_t pid);
-  // The file actions of this start: the directory change, the descriptor moves and the
-  // closing of every descriptor above the standard ones. Null with `*error` set when they
-  // cannot be made. They live on the calling thread until its next call.
-  const posix_spawn_file_actions_t* actions(int* error) const;
+  // Fills in `plan`'s directory and standard descriptors for this start.
+  void place(SpawnPlan* plan) const;
   // Where a relative path of this start resolves: the directory, or AT_FDCWD without one.
   int dirFd() const;
 

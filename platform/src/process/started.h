@@ -12,5 +12,9 @@ extern thread_local pid_t t_lastStarted;
 // program's start did too. 0 when they fell in different ticks.
 extern thread_local uint64_t t_lastStartTick;
 
+// A pidfd of that program, taken from its start where the host gives one, or -1: Proc::identity
+// reads it (and closes it) instead of opening one.
+extern thread_local int t_lastStartedPidfd;
+
 // The boot-time clock in /proc's start-time ticks.
 uint64_t bootTick();

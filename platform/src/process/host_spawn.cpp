@@ -1,0 +1,138 @@
+// The child of a start runs in the server's memory until its exec: it calls nothing but the
+// host (no allocation, no lock, nothing a sanitizer watches), and every signal stays blocked
+// until all handlers are back at their defaults, so that no handler of the server runs in it.
+#include "host_spawn.h"
+
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+
+#ifndef CLONE_PIDFD
+#define CLONE_PIDFD 0x00001000
+#endif
+
+// The C library's clone under its own name: sanitizers replace clone() with a version that
+// treats the child as a forked process with memory of its own, which this child has not.
+extern "C" int __clone(int (*fn)(void*), void* stack, int flags, void* arg, ...);
+
+namespace {
+
+// The child's stack: it holds one frame and the host calls' own; a start's arguments and
+// environment stay where the parent keeps them.
+constexpr size_t kStackSize = 64 * 1024;
+// The host's numbers of signals run from 1 below this.
+constexpr int kSignals = 65;
+
+// The host's form of a signal action (rt_sigaction takes this, not the C library's).
+struct HostAction {
+  void* handler;
+  unsigned long flags;
+  void* restorer;
+  uint64_t mask;
+};
+
+struct Child {
+  const SpawnPlan* plan;
+  long openMax;  // where the host cannot close a range: every number below this is closed
+  volatile int error;  // set by the child when a step or the exec failed
+};
+
+// The stack this thread's children run on: mapped at its first start, unmapped when the
+// thread ends.
+struct ChildStack {
+  void* base = nullptr;
+  ~ChildStack() {
+    if (base) ::munmap(base, kStackSize);
+  }
+  char* top() {
+    if (!base) {
+      void* map = ::mmap(nullptr, kStackSize, PROT_READ | PROT_WRITE,
+                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+      if (map == MAP_FAILED) return nullptr;
+      base = map;
+    }
+    return static_cast<char*>(base) + kStackSize;
+  }
+};
+thread_local ChildStack t_stack;
+
+#define POSIX_UNWATCHED __attribute__((no_sanitize("address", "thread", "undefined")))
+
+// A host call, as the child makes it: the negated errno value on failure.
+POSIX_UNWATCHED long host(long number, long a = 0, long b = 0, long c = 0, long d = 0) {
+  long rc = ::syscall(number, a, b, c, d);
+  return rc < 0 ? -errno : rc;
+}
+
+POSIX_UNWATCHED int childMain(void* arg) {
+  Child* child = static_cast<Child*>(arg);
+  const SpawnPlan& plan = *child->plan;
+  const HostAction byDefault{};  // SIG_DFL
+  for (int sig = 1; sig < kSignals; ++sig) {
+    if (sig != SIGKILL && sig != SIGSTOP)
+      host(SYS_rt_sigaction, sig, reinterpret_cast<long>(&byDefault), 0, sizeof(uint64_t));
+  }
+  long rc = host(SYS_setpgid, 0, 0);
+  if (rc == 0 && plan.dir >= 0) rc = host(SYS_fchdir, plan.dir);
+  for (int i = 0; rc >= 0 && i < 3; ++i) {
+    if (plan.from[i] >= 0) {
+      rc = host(SYS_dup3, plan.from[i], i, 0);
+    } else if (plan.closed[i]) {
+      host(SYS_close, i);
+    }
+  }
+  // Nothing of the server's reaches the program, whatever it holds without close-on-exec.
+  if (rc >= 0) rc = host(SYS_close_range, 3, ~0u, 0);
+  if (rc == -ENOSYS) {
+    for (long fd = 3; fd < child->openMax; ++fd) host(SYS_close, fd);
+    rc = 0;
+  }
+  const uint64_t none = 0;
+  if (rc >= 0) host(SYS_rt_sigprocmask, SIG_SETMASK, reinterpret_cast<long>(&none), 0, sizeof none);
+  if (rc >= 0) {
+    rc = host(SYS_execve, reinterpret_cast<long>(plan.path), reinterpret_cast<long>(plan.argv),
+              reinterpret_cast<long>(plan.envp));
+  }
+  child->error = static_cast<int>(-rc);
+  ::syscall(SYS_exit_group, 127);
+  return 127;
+}
+
+}  // namespace
+
+int hostSpawn(const SpawnPlan& plan, pid_t* pid) {
+  char* stack = t_stack.top();
+  if (!stack) return EAGAIN;
+  static const long openMax = ::sysconf(_SC_OPEN_MAX);
+  Child child{&plan, openMax, 0};
+  // Every signal blocked, the C library's own too: the child must not run a handler of the
+  // server before it has set them all to default.
+  const uint64_t all = ~uint64_t{0};
+  uint64_t before = 0;
+  ::syscall(SYS_rt_sigprocmask, SIG_BLOCK, &all, &before, sizeof all);
+  int pidfd = -1;
+  int flags = CLONE_VM | CLONE_VFORK | SIGCHLD;
+  int rc = __clone(childMain, stack, flags | (plan.pidfd ? CLONE_PIDFD : 0), &child, &pidfd);
+  if (rc < 0 && errno == EINVAL && plan.pidfd) rc = __clone(childMain, stack, flags, &child);
+  const int error = errno;
+  ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &before, nullptr, sizeof before);
+  if (plan.pidfd) *plan.pidfd = rc > 0 ? pidfd : -1;
+  if (rc < 0) return error;
+  // The parent resumes once the child has exec'd or ended: its error is final here.
+  if (child.error != 0) {
+    if (pidfd >= 0) ::close(pidfd);
+    if (plan.pidfd) *plan.pidfd = -1;
+    int status = 0;
+    while (::waitpid(rc, &status, 0) < 0 && errno == EINTR) {
+    }
+    return child.error;
+  }
+  *pid = rc;
+  return 0;
+}
