@@ -22,6 +22,17 @@ class PosixctlTest : public ServerFixture {
     ServerFixture::SetUp();
     setenv("POSIX_SERVER_BIN", POSIX_SERVER_BINARY, 1);
   }
+  // posixctl run of a shell that prints its pid, then sleeps: posixctl's pid and the program's.
+  std::pair<pid_t, std::string> runSleeper() {
+    int out[2];
+    EXPECT_EQ(pipe(out), 0);
+    pid_t run = startCommand({POSIXCTL_BINARY, "run", "/bin/sh", "-c", "echo $$; exec sleep 30"}, out[1]);
+    close(out[1]);
+    char text[32] = {};
+    EXPECT_GT(read(out[0], text, sizeof text - 1), 0);
+    close(out[0]);
+    return {run, std::to_string(std::atol(text))};
+  }
 };
 
 TEST_F(PosixctlTest, StartStatusStop) {
@@ -86,6 +97,14 @@ TEST_F(PosixctlTest, RunPassesExitCodeAndStandardFiles) {
   EXPECT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(r.out, "env PX_TEST_VALUE=a b\nfrom stdin\n");
   EXPECT_EQ(r.err, "");  // the server answers now: no note
+
+  // A signal to the program's group reaches the program, not posixctl, which says what ended it.
+  auto [run, program] = runSleeper();
+  std::string group = ctl({"pgid", program}).out;
+  EXPECT_NE(std::atoi(group.c_str()), run);
+  EXPECT_EQ(ctl({"killpg", "-s", "KILL", group.substr(0, group.size() - 1)}).exitCode, 0);
+  int status = waitExit(run, 5000);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 128 + SIGKILL) << status;
 
   // Standard files that cannot simply be opened again by path (regular files, whose offset the
   // shell shares with run; sockets) reach the program through run's relays: output lands in
