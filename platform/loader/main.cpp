@@ -1,5 +1,6 @@
 // posix-server's main: prepares the instance, sets up signal handling and runs the linked
-// image. SIGTERM and SIGINT shut the instance down cleanly (its sockets and node files go);
+// image. SIGTERM and SIGINT shut the instance down cleanly (the programs it started end, its
+// sockets and node files go);
 // SIGUSR1 writes one line of heap, thread and host descriptor counts so that tests can watch
 // for leaks. The log says when the server serves and when it stopped, and which server holds RT
 // when another one already runs there.
@@ -22,8 +23,12 @@
 #include "platform/runtime.h"
 #include "platform/string.h"
 #include "posix/posix_service.h"
+#include "started_programs.h"
 
 namespace {
+
+// How long the programs a stopping server started have to end after SIGTERM.
+constexpr int kStopGraceMs = 3000;
 
 const char kHelp[] =
     "usage: posix-server [--help | --version]\n"
@@ -32,7 +37,8 @@ const char kHelp[] =
     "($POSIX_RUNTIME_DIR, else $XDG_RUNTIME_DIR/posix, else /tmp/posix-<uid>), which it creates\n"
     "with mode 0700 and refuses when another user owns it or group or others may use it.\n"
     "Clients connect to RT/chn/posix.service. One server runs per RT. SIGTERM or SIGINT stops\n"
-    "it cleanly; SIGUSR1 writes a line of heap, thread and descriptor counts to the log.\n"
+    "it cleanly, ending the programs it started (SIGTERM, SIGKILL 3 s later); SIGUSR1\n"
+    "writes a line of heap, thread and descriptor counts to the log.\n"
     "\n"
     "The log goes to standard error. POSIX_LOG_LEVEL (default 1) hides lines below a level;\n"
     "POSIX_LOG_OFF names filters to switch off (e.g. \"POSIX SERVER\").\n"
@@ -94,6 +100,25 @@ sigset_t handledSignals() {
   return set;
 }
 
+std::string pidList(const std::vector<pid_t>& pids) {
+  std::string text;
+  for (pid_t pid : pids) text += (text.empty() ? "" : " ") + std::to_string(pid);
+  return text;
+}
+
+// A stopping server ends what it started: TERM to each program's group, KILL after a grace
+// period. It still serves meanwhile, so a starter waiting for its program learns how it ended.
+void endStartedPrograms() {
+  std::vector<pid_t> programs = StartedPrograms::children();
+  if (programs.empty()) return;
+  logLine(1, "stopping: ending the programs it started (pids " + pidList(programs) + ")");
+  std::vector<pid_t> killed = StartedPrograms::end(programs, kStopGraceMs);
+  if (!killed.empty()) {
+    logLine(3, "killed the programs still running " + std::to_string(kStopGraceMs / 1000) +
+                   " s after SIGTERM (pids " + pidList(killed) + ")");
+  }
+}
+
 // Every thread blocks the handled signals, so they all arrive here.
 void* signalThread(void*) {
   sigset_t set = handledSignals();
@@ -101,6 +126,7 @@ void* signalThread(void*) {
     siginfo_t info;
     int received = sigwaitinfo(&set, &info);
     if (received == SIGTERM || received == SIGINT) {
+      endStartedPrograms();
       Runtime::shutDown();
       logLine(1, "stopped");
       _exit(0);

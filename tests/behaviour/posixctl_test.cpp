@@ -68,8 +68,13 @@ TEST_F(PosixctlTest, StartStatusStop) {
                              std::to_string(pid)),
             std::string::npos);
 
+  // Stopping the server ends what it started: run learns how its program ended.
+  auto [run, program] = runSleeper();
   r = ctl({"stop"});
   EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(hostState(std::stoi(program)), '?');
+  int status = waitExit(run, 5000);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 128 + SIGTERM) << status;
   // Gone, or a zombie nobody reaps (it was started detached, so it is not ours).
   char state = hostState(pid);
   EXPECT_TRUE(state == '?' || state == 'Z') << state;
