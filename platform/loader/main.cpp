@@ -9,6 +9,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -54,6 +55,13 @@ void logLine(uint32_t level, const std::string& text) {
   printer->endLine();
 }
 
+void* sweepLater(void*) {
+  struct timespec wait = {1, 100 * 1000 * 1000};
+  nanosleep(&wait, nullptr);
+  Runtime::removeStaleChannels();
+  return nullptr;
+}
+
 void serving(const std::string& namePath) {
   std::string suffix = std::string("/") + PX_SERVICE_NAME;
   if (namePath.size() < suffix.size() ||
@@ -61,6 +69,11 @@ void serving(const std::string& namePath) {
     return;
   }
   logLine(1, "serving on " + namePath + ", pid " + std::to_string(::getpid()));
+  // The sweep at start leaves sockets younger than a second (a server might be starting): a
+  // predecessor killed just before this start leaves such sockets. Now that this server owns
+  // RT, they go once they are old enough to be told from a starting server's.
+  pthread_t sweeper;
+  if (pthread_create(&sweeper, nullptr, sweepLater, nullptr) == 0) pthread_detach(sweeper);
 }
 
 // /proc/self/status, opened at start and kept: the stats are asked for most when something
