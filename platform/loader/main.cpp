@@ -41,7 +41,8 @@ const char kHelp[] =
     "it cleanly, ending the programs it started (SIGTERM, SIGKILL 3 s later); SIGUSR1\n"
     "writes a line of heap, thread and descriptor counts to the log.\n"
     "\n"
-    "The log goes to standard error. POSIX_LOG_LEVEL (default 1) hides lines below a level;\n"
+    "The log goes to standard error. POSIX_LOG_LEVEL (default 2) hides lines below a level:\n"
+    "1 adds a line for every process the server meets, starts and sees end.\n"
     "POSIX_LOG_OFF names filters to switch off (e.g. \"POSIX SERVER\").\n"
     "'posixctl start' runs a server in the background instead.\n";
 
@@ -68,7 +69,7 @@ void serving(const std::string& namePath) {
       namePath.compare(namePath.size() - suffix.size(), suffix.size(), suffix) != 0) {
     return;
   }
-  logLine(1, "serving on " + namePath + ", pid " + std::to_string(::getpid()));
+  logLine(2, "serving on " + namePath + ", pid " + std::to_string(::getpid()));
   // The sweep at start leaves sockets younger than a second (a server might be starting): a
   // predecessor killed just before this start leaves such sockets. Now that this server owns
   // RT, they go once they are old enough to be told from a starting server's.
@@ -124,7 +125,7 @@ std::string pidList(const std::vector<pid_t>& pids) {
 void endStartedPrograms() {
   std::vector<pid_t> programs = StartedPrograms::children();
   if (programs.empty()) return;
-  logLine(1, "stopping: ending the programs it started (pids " + pidList(programs) + ")");
+  logLine(2, "stopping: ending the programs it started (pids " + pidList(programs) + ")");
   std::vector<pid_t> killed = StartedPrograms::end(programs, kStopGraceMs);
   if (!killed.empty()) {
     logLine(3, "killed the programs still running " + std::to_string(kStopGraceMs / 1000) +
@@ -141,7 +142,7 @@ void* signalThread(void*) {
     if (received == SIGTERM || received == SIGINT) {
       endStartedPrograms();
       Runtime::shutDown();
-      logLine(1, "stopped");
+      logLine(2, "stopped");
       _exit(0);
     }
     if (received == SIGUSR1) writeStats();
