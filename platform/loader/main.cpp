@@ -4,14 +4,17 @@
 // SIGUSR1 writes one line of heap, thread and host descriptor counts so that tests can watch
 // for leaks. The log says when the server serves and when it stopped, and which server holds RT
 // when another one already runs there.
+#include <dirent.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -56,11 +59,29 @@ void logLine(uint32_t level, const std::string& text) {
   printer->endLine();
 }
 
-void* sweepLater(void*) {
-  struct timespec wait = {1, 100 * 1000 * 1000};
-  nanosleep(&wait, nullptr);
-  Runtime::removeStaleChannels();
-  return nullptr;
+// The sweep of RT/chn leaves a socket younger than this, which may be a starting server's.
+constexpr int64_t kFreshMs = 1000;
+
+// A server killed just before this start left sockets too young for the sweep. No server
+// answers on RT, so one nobody listens on is stale once it is old enough to tell from a
+// starting server's: waits until the youngest such socket is (at most kFreshMs).
+void waitForYoungSockets() {
+  std::string chn = Runtime::path("chn");
+  DIR* dir = ::opendir(chn.c_str());
+  if (dir == nullptr) return;
+  int64_t waitMs = 0;
+  struct timespec now;
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  while (dirent* entry = ::readdir(dir)) {
+    std::string file = chn + "/" + entry->d_name;
+    struct stat st;
+    if (::lstat(file.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) continue;
+    int64_t age = (now.tv_sec - st.st_ctim.tv_sec) * 1000 + (now.tv_nsec - st.st_ctim.tv_nsec) / 1000000;
+    if (age < kFreshMs && Runtime::listener(file) == 0) waitMs = std::max(waitMs, kFreshMs - age + 50);
+  }
+  ::closedir(dir);
+  struct timespec pause = {static_cast<time_t>(waitMs / 1000), static_cast<long>(waitMs % 1000) * 1000000L};
+  if (waitMs > 0) ::nanosleep(&pause, nullptr);
 }
 
 void serving(const std::string& namePath) {
@@ -70,11 +91,6 @@ void serving(const std::string& namePath) {
     return;
   }
   logLine(2, "serving on " + namePath + ", pid " + std::to_string(::getpid()));
-  // The sweep at start leaves sockets younger than a second (a server might be starting): a
-  // predecessor killed just before this start leaves such sockets. Now that this server owns
-  // RT, they go once they are old enough to be told from a starting server's.
-  pthread_t sweeper;
-  if (pthread_create(&sweeper, nullptr, sweepLater, nullptr) == 0) pthread_detach(sweeper);
 }
 
 // /proc/self/status, opened at start and kept: the stats are asked for most when something
@@ -185,6 +201,7 @@ int main(int argc, char** argv) {
   } else if (holder < 0) {
     logLine(4, "a server already runs on " + service);
   } else {
+    waitForYoungSockets();
     Runtime::removeStaleChannels();
   }
   Runtime::onNameClaimed(serving);
