@@ -207,12 +207,10 @@ int cmdRun(const std::vector<std::string>& args) {
   fflush(nullptr);
   pid_t leader = fork();
   if (leader < 0) return failure("run", errno);
-  if (leader == 0) {
+  if (leader == 0) {  // ends as posixctl would: the relays' records go with stdFiles
     close(report[0]);
     std::vector<std::string> program(args.begin() + static_cast<long>(i), args.end());
-    int code = runJob(stdFiles, extra, program, report[1]);
-    fflush(nullptr);
-    _exit(code);
+    return runJob(stdFiles, extra, program, report[1]);
   }
   close(report[1]);
   static Program program;  // read by the forwarding thread until posixctl ends
