@@ -50,8 +50,11 @@ std::string arguments(const px_diag_event& e) {
   std::memcpy(i32, e.head, sizeof i32);
   std::memcpy(&sig, e.head + 8, sizeof sig);
   std::memcpy(&value, e.head + 4, sizeof value);
-  // A path's first bytes: a string is a u32 length and the bytes, of which 12 fit the head.
+  // A path's first bytes: a string is a u32 length and the bytes, of which 12 fit the head; a
+  // longer one is marked cut, with its whole length.
   int pathShown = static_cast<int>(std::min<uint32_t>(u32, sizeof e.head - 4));
+  char cut[32] = "";
+  if (u32 > sizeof e.head - 4) snprintf(cut, sizeof cut, "... (%u bytes)", u32);
   char text[96] = "";
   if (e.service == PX_DIAG_PROCESS_SERVICE) {
     switch (e.code) {
@@ -61,7 +64,7 @@ std::string arguments(const px_diag_event& e) {
         break;
       case PX_CMD_GET_GROUP_ID: snprintf(text, sizeof text, "pid %" PRIu64, u64); break;
       case PX_CMD_SPAWN:
-      case PX_CMD_SPAWN_SHARED: snprintf(text, sizeof text, "path %.*s", pathShown, e.head + 4); break;
+      case PX_CMD_SPAWN_SHARED: snprintf(text, sizeof text, "path %.*s%s", pathShown, e.head + 4, cut); break;
       case PX_CMD_WAIT: snprintf(text, sizeof text, "kind %u value %" PRId64, u32, static_cast<int64_t>(value)); break;
       default: break;
     }
@@ -72,7 +75,7 @@ std::string arguments(const px_diag_event& e) {
     switch (e.code) {
       case PX_FD_CMD_CLOSE: snprintf(text, sizeof text, "fd %d", i32[0]); break;
       case PX_FD_CMD_DUP: snprintf(text, sizeof text, "fd %d onto %d", i32[0], i32[1]); break;
-      case PX_FD_CMD_OPEN: snprintf(text, sizeof text, "path %.*s", pathShown, e.head + 4); break;
+      case PX_FD_CMD_OPEN: snprintf(text, sizeof text, "path %.*s%s", pathShown, e.head + 4, cut); break;
       default: break;
     }
   }
@@ -85,6 +88,10 @@ std::string resultName(const px_diag_event& e) {
   bool counted = e.service == PX_DIAG_FD_SERVICE && e.code == PX_FD_CMD_GET_TABLE;
   if ((counted || e.service == PX_DIAG_FIFO_STATUS_SERVICE) && e.result != PX_DIAG_KEPT)
     return std::to_string(e.result);  // a count, or a status of the end
+  // A close finds nothing when the descriptor is not open, or when it comes after its process
+  // ended (the library posts closes without waiting): the table went with the process.
+  if (e.service == PX_DIAG_FD_SERVICE && e.code == PX_FD_CMD_CLOSE && e.result == PX_RESULT_FAILED)
+    return "not-open";
   switch (e.result) {
     case PX_DIAG_KEPT: return "kept";
     case PX_RESULT_FAILED: return "failed";
@@ -111,6 +118,25 @@ std::string resultName(const px_diag_event& e) {
     }
   }
   return std::to_string(e.result);
+}
+
+// `text` as the inside of a JSON string: a path's bytes may hold quotes, backslashes or
+// control characters.
+std::string jsonText(const std::string& text) {
+  std::string out;
+  for (unsigned char c : text) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c < 0x20 || c == 0x7f) {
+      char escaped[8];
+      snprintf(escaped, sizeof escaped, "\\u%04x", c);
+      out += escaped;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
 }
 
 // The first bytes of the request's data in hex (as many as the event holds).
@@ -236,7 +262,7 @@ int cmdMonitor(const std::vector<std::string>& given) {
       if (json) {
         printf("{\"time_us\":%" PRIu64 ",\"pid\":%" PRIu64 ",\"service\":\"%s\",\"command\":\"%s\","
                "\"arguments\":\"%s\",\"size\":%u,%s%s%s\"result\":\"%s\",\"took_us\":%" PRIu64 "}\n",
-               e.time_us, e.pid, serviceName(e.service), name.c_str(), arguments(e).c_str(), e.size,
+               e.time_us, e.pid, serviceName(e.service), name.c_str(), jsonText(arguments(e)).c_str(), e.size,
                data ? "\"data\":\"" : "", hex.c_str(), data ? "\"," : "", result.c_str(), e.took_us);
       } else {
         time_t seconds = static_cast<time_t>(e.time_us / 1000000);

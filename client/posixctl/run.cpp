@@ -2,7 +2,8 @@
 // working directory, waits for it and exits with its exit code. The host signals that would
 // end a program run directly from a shell (interrupt, quit, terminate, hang-up) are passed on
 // to the program's host process group; a second one, or a program that has not ended five
-// seconds after a terminate or hang-up, is killed through the server.
+// seconds after a terminate or hang-up, is killed through the server. The program is started
+// by a forked leader, so that the group the server gives it is not posixctl's own.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -10,6 +11,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -43,6 +45,7 @@ sigset_t forwardedSignals() {
 struct Program {
   int64_t pid = 0;
   int pidfd = -1;
+  pid_t leader = -1;  // the host process that started it (below)
 };
 
 bool ended(const Program& p) {
@@ -54,6 +57,7 @@ void killThroughServer(const Program& p) {
   if (px_kill(p.pid, PX_SIGKILL) != 0 && errno != ESRCH) {
     fprintf(stderr, "posixctl: kill %lld: %s\n", static_cast<long long>(p.pid), strerror(errno));
   }
+  if (p.leader > 0) kill(p.leader, SIGCONT);  // a leader stopped with its group collects it
 }
 
 // Sends `sig` to the program's process group while its leader lives; a group whose leader has
@@ -101,6 +105,41 @@ int startFailure(const std::string& program, int err) {
   if (err == ENOENT) return 127;
   if (err == ECONNREFUSED || err == ECONNRESET || err == EPROTO) return kExitFailure;
   return 126;
+}
+
+// The leader's part: starts the program, reports its pid through `report` and waits for it;
+// answers the exit code run gives.
+int runJob(StdFiles& stdFiles, const std::vector<std::string>& extra,
+           std::vector<std::string>& argvStore, int report) {
+  std::vector<std::string> env;
+  for (char** e = environ; *e != nullptr; ++e) env.push_back(*e);
+  for (const std::string& p : extra) setEnvEntry(env, p);
+  stdFiles.prepare(env);
+  std::vector<char*> envp;
+  for (std::string& e : env) envp.push_back(e.data());
+  envp.push_back(nullptr);
+  std::vector<char*> argv;
+  for (std::string& a : argvStore) argv.push_back(a.data());
+  argv.push_back(nullptr);
+
+  int64_t child = px_spawn(argv[0], argv.data(), envp.data(), PX_SPAWN_SEARCH_PATH);
+  int spawnError = errno;
+  stdFiles.started();
+  if (child < 0) return startFailure(argvStore[0], spawnError);
+  if (write(report, &child, sizeof child) != sizeof child) {
+    // posixctl has gone: the program runs on as the leader's child.
+  }
+  close(report);
+  for (;;) {
+    int status = 0;
+    int64_t got = px_waitpid(child, &status, 0);
+    if (got == child) {
+      stdFiles.finish();
+      return status & 0xFF;
+    }
+    if (got < 0 && errno == EINTR) continue;  // waits aborted: wait again
+    return failure("wait", got < 0 ? errno : EPROTO);
+  }
 }
 
 }  // namespace
@@ -159,38 +198,38 @@ int cmdRun(const std::vector<std::string>& args) {
   sigset_t set = forwardedSignals();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 
-  std::vector<std::string> env;
-  for (char** e = environ; *e != nullptr; ++e) env.push_back(*e);
-  for (const std::string& p : extra) setEnvEntry(env, p);
-  stdFiles.prepare(env);
-  std::vector<char*> envp;
-  for (std::string& e : env) envp.push_back(e.data());
-  envp.push_back(nullptr);
-  std::vector<std::string> argvStore(args.begin() + static_cast<long>(i), args.end());
-  std::vector<char*> argv;
-  for (std::string& a : argvStore) argv.push_back(a.data());
-  argv.push_back(nullptr);
-
-  static Program program;  // read by the forwarding thread until the process ends
-  program.pid = px_spawn(argv[0], argv.data(), envp.data(), PX_SPAWN_SEARCH_PATH);
-  int spawnError = errno;
-  stdFiles.started();
-  if (program.pid < 0) return startFailure(argvStore[0], spawnError);
-  program.pidfd = static_cast<int>(syscall(SYS_pidfd_open, static_cast<pid_t>(program.pid), 0));
-  int64_t child = program.pid;
-  pthread_t forwarder;
-  if (pthread_create(&forwarder, nullptr, forwardSignals, &program) == 0) pthread_detach(forwarder);
-
-  for (;;) {
-    int status = 0;
-    int64_t got = px_waitpid(child, &status, 0);
-    if (got == child) {
-      stdFiles.finish();
-      return status & 0xFF;
-    }
-    if (got < 0 && errno == EINTR) continue;  // waits aborted: wait again
-    return failure("wait", got < 0 ? errno : EPROTO);
+  // The server puts a started program into its starter's group. Started by posixctl itself, a
+  // KILL or STOP to that group (posixctl killpg) would end or stop posixctl with it: the program
+  // is started by a forked leader instead, which the server gives a group of its own, and
+  // posixctl stays out of that group and keeps forwarding what it is sent.
+  int report[2];
+  if (pipe2(report, O_CLOEXEC) != 0) return failure("run", errno);
+  fflush(nullptr);
+  pid_t leader = fork();
+  if (leader < 0) return failure("run", errno);
+  if (leader == 0) {  // ends as posixctl would: the relays' records go with stdFiles
+    close(report[0]);
+    std::vector<std::string> program(args.begin() + static_cast<long>(i), args.end());
+    return runJob(stdFiles, extra, program, report[1]);
   }
+  close(report[1]);
+  static Program program;  // read by the forwarding thread until posixctl ends
+  program.leader = leader;
+  if (read(report[0], &program.pid, sizeof program.pid) == sizeof program.pid) {
+    program.pidfd = static_cast<int>(syscall(SYS_pidfd_open, static_cast<pid_t>(program.pid), 0));
+    pthread_t forwarder;
+    if (pthread_create(&forwarder, nullptr, forwardSignals, &program) == 0) pthread_detach(forwarder);
+  }
+  close(report[0]);
+  int status = 0;
+  while (waitpid(leader, &status, 0) < 0) {
+    if (errno != EINTR) return failure("wait", errno);
+  }
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  fprintf(stderr, "posixctl: run: the program's group was sent %s (its leader %d ended)\n",
+          sigabbrev_np(WTERMSIG(status)) ? sigabbrev_np(WTERMSIG(status)) : "a signal",
+          static_cast<int>(leader));
+  return 128 + WTERMSIG(status);
 }
 
 }  // namespace posixctl

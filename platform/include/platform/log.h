@@ -2,7 +2,7 @@
 // at most the line's level and the filter is switched on. Lines go to standard error as
 // "<time> <level> <source>: <text>".
 //
-// POSIX_LOG_LEVEL sets the global threshold (default 1), POSIX_LOG_OFF names filters
+// POSIX_LOG_LEVEL sets the global threshold (default 2), POSIX_LOG_OFF names filters
 // (comma-separated) that are switched off.
 #pragma once
 

@@ -43,12 +43,16 @@ bool namedOff(const char* name) {
   return false;
 }
 
+// By default a line of every process the server meets (level 1) is hidden: a service's log
+// says when it starts and stops and what went wrong, and would otherwise grow with every client.
+constexpr uint32_t kDefaultLevel = 2;
+
 uint32_t readLevel() {
   const char* text = std::getenv("POSIX_LOG_LEVEL");
-  if (!text || !*text) return 1;
+  if (!text || !*text) return kDefaultLevel;
   char* end = nullptr;
   unsigned long value = std::strtoul(text, &end, 10);
-  return (end && *end == 0) ? static_cast<uint32_t>(value) : 1;
+  return (end && *end == 0) ? static_cast<uint32_t>(value) : kDefaultLevel;
 }
 
 }  // namespace
