@@ -66,10 +66,10 @@ bool drain(size_t chunk, Read read) {
 
 // Runs before main in the spawned reader.
 const bool readerChecked = [] {
-  const char* spec = getenv(kReaderVar);  // "<read end>,<write end>,<chunk>"
-  if (spec != nullptr) {
+  const char* ends = getenv(kReaderVar);  // "<read end>,<write end>,<chunk>"
+  if (ends != nullptr) {
     char* rest = nullptr;
-    int fd = static_cast<int>(strtol(spec, &rest, 10));
+    int fd = static_cast<int>(strtol(ends, &rest, 10));
     int writeFd = static_cast<int>(strtol(rest + 1, &rest, 10));
     serveAsReader(fd, writeFd, strtoul(rest + 1, nullptr, 10));
   }
