@@ -132,7 +132,10 @@ sigset_t handledSignals() {
 
 std::string pidList(const std::vector<pid_t>& pids) {
   std::string text;
-  for (pid_t pid : pids) text += (text.empty() ? "" : " ") + std::to_string(pid);
+  for (pid_t pid : pids) {
+    if (!text.empty()) text += ' ';
+    text += std::to_string(pid);
+  }
   return text;
 }
 

@@ -56,7 +56,11 @@ class Log {
  public:
   explicit Log(Calls c) : c(std::move(c)) {}
   ssize_t note(const std::string& what, ssize_t r) {
-    lines.push_back(what + (r < 0 ? " errno " + std::to_string(errno) : " " + std::to_string(r)));
+    const ssize_t shown = r < 0 ? errno : r;
+    std::string line = what;
+    line += r < 0 ? " errno " : " ";
+    line += std::to_string(shown);
+    lines.push_back(line);
     return r;
   }
   // A read notes what it read too (a hash of the bytes).
