@@ -57,6 +57,15 @@ bool drain(size_t chunk, Read read) {
   return n == 0 && total == kTotal;
 }
 
+// Writes kTotal bytes in `chunk`-byte calls; true when every call took its whole chunk.
+template <class Write>
+bool feed(size_t chunk, Write write) {
+  std::vector<char> data(chunk, 'p');
+  bool ok = true;
+  for (size_t done = 0; ok && done < kTotal; done += chunk) ok = write(data.data(), chunk) == static_cast<long>(chunk);
+  return ok;
+}
+
 // The reader's side: closes its copy of the write end (else end-of-file would never come),
 // drains the read end; the exit code tells whether the byte count was right.
 [[noreturn]] void serveAsReader(int fd, int writeFd, size_t chunk) {
@@ -87,7 +96,6 @@ std::string selfPath() {
 // One transfer through a server pipe: milliseconds, or a negative value when bytes were lost.
 double serverTransfer(size_t chunk) {
   static const std::string self = selfPath();
-  std::vector<char> data(chunk, 'p');
   int fds[2];
   if (px_pipe(fds) != 0) return -1;
   std::string var = std::string(kReaderVar) + "=" + std::to_string(fds[0]) + "," +
@@ -98,9 +106,7 @@ double serverTransfer(size_t chunk) {
   double start = nowMs();
   int64_t reader = px_spawn(self.c_str(), argv, envp, 0);
   px_close(fds[0]);  // the reader holds the read end now
-  bool ok = reader > 0;
-  for (size_t done = 0; ok && done < kTotal; done += chunk)
-    ok = px_write(fds[1], data.data(), chunk) == static_cast<ssize_t>(chunk);
+  bool ok = reader > 0 && feed(chunk, [&fds](const char* b, size_t n) { return static_cast<long>(px_write(fds[1], b, n)); });
   px_close(fds[1]);
   int status = -1;
   if (reader > 0 && (px_waitpid(reader, &status, 0) != reader || status != 0)) ok = false;
@@ -109,7 +115,6 @@ double serverTransfer(size_t chunk) {
 
 // The same transfer through a Linux pipe of 4096 bytes to a forked reader.
 double linuxTransfer(size_t chunk) {
-  std::vector<char> data(chunk, 'p');
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return -1;
   if (fcntl(fds[1], F_SETPIPE_SZ, 4096) < 0) {
@@ -124,9 +129,7 @@ double linuxTransfer(size_t chunk) {
     _exit(drain(chunk, [&fds](char* b, size_t n) { return static_cast<long>(read(fds[0], b, n)); }) ? 0 : 1);
   }
   close(fds[0]);
-  bool ok = reader > 0;
-  for (size_t done = 0; ok && done < kTotal; done += chunk)
-    ok = write(fds[1], data.data(), chunk) == static_cast<ssize_t>(chunk);
+  bool ok = reader > 0 && feed(chunk, [&fds](const char* b, size_t n) { return static_cast<long>(write(fds[1], b, n)); });
   close(fds[1]);
   int status = -1;
   if (reader > 0 && (waitpid(reader, &status, 0) != reader || status != 0)) ok = false;
@@ -143,7 +146,6 @@ double floorTransfer(size_t chunk) {
   if (page == MAP_FAILED) return -1;
   PipeRing owner(page, kRing, 3, PipeRing::Holder::kServer);
   owner.format();
-  std::vector<char> data(chunk, 'p');
   double start = nowMs();
   pid_t reader = fork();
   if (reader == 0) {
@@ -154,9 +156,9 @@ double floorTransfer(size_t chunk) {
           }) ? 0 : 1);
   }
   PipeRing ring(page, kRing, 5, PipeRing::Holder::kClient);
-  bool ok = reader > 0;
-  for (size_t done = 0; ok && done < kTotal; done += chunk)
-    ok = ring.write(data.data(), chunk, PipeRing::kForever).count == chunk;
+  bool ok = reader > 0 && feed(chunk, [&ring](const char* b, size_t n) {
+              return static_cast<long>(ring.write(b, n, PipeRing::kForever).count);
+            });
   owner.setFlags(PX_PIPE_EOF);
   int status = -1;
   if (reader > 0 && (waitpid(reader, &status, 0) != reader || status != 0)) ok = false;
