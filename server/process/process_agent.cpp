@@ -81,16 +81,16 @@ bool ProcessAgent::start() {
   const Clock::time_point began = Clock::now();
   uint64_t pid = Binary::create(start_.path, start_.startFlags, start_.arguments.data(),
                                 start_.arguments.size(), start_.environment, start_.startOptions,
-                                parent_->pid());
+                                parent_->pid(), &program_);
   if (pid == 0) {
     uint32_t error = Error::get();
     POSIX_LOG(agentLog.handle, 2, "Could not create new process for " << start_.path);
     answer(PX_RESULT_FAILED, error);
     return false;
   }
-  // The program is this thread's child and not collected: its pid cannot name another process
+  // The program is the server's child and not collected: its pid cannot name another process
   // yet, so the identity read now is its own. It runs as the server's user.
-  ProcIdentity identity = Proc::identity(pid);
+  ProcIdentity identity = Proc::identity(program_);
   if (!identity) {
     POSIX_LOG(agentLog.handle, 2, "Could not read the identity of process " << LogNum{pid});
     identity = ProcIdentity{pid, 0};  // host signals will find nobody of this identity
@@ -104,7 +104,7 @@ bool ProcessAgent::start() {
                                       << LogNum{static_cast<uint64_t>(kStartLimit.count())}
                                       << " ms: " << start_.path);
     Proc::send(identity, HostSignal::Kill, true);
-    Proc::wait();
+    Proc::wait(program_);
     answer(PX_RESULT_FAILED, uint32_t{ETIMEDOUT});
     return false;
   }
@@ -133,9 +133,9 @@ void ProcessAgent::run() {
   }
   // The end is noted before the program is collected: until markEnded() a signal sender may
   // still use the pid and the group id the program leads.
-  uint32_t exitCode = Proc::awaitEnd();
+  uint32_t exitCode = Proc::awaitEnd(program_);
   process_->markEnded(exitCode);
-  Proc::wait();
+  Proc::wait(program_);
   process_->unlinkEnded();
   // Free for the next agent before the parent hears of the end (and perhaps starts another).
   AgentThreads::finishing();

@@ -35,5 +35,6 @@ class ProcessAgent : public Object, public Exec {
   Ref<PosixProcess> parent_;   // until the child is linked
   Ref<PosixProcess> process_;  // held for the program's whole life
   ProgramStart start_;         // let go once the program has started
+  StartedProgram program_;     // the host program, waited for and collected by run()
   Ref<InMsg> request_;         // the spawn request, answered once
 };

@@ -42,15 +42,17 @@ class ProcTest : public ::testing::Test {
     for (const auto& [name, value] : vars) env->set(str(name), str(value));
     std::vector<Ref<String>> argv;
     for (const std::string& a : args) argv.push_back(str(a));
-    return Binary::create(argv[0], flags, argv.data(), argv.size(), env, 0, Proc::current());
+    return Binary::create(argv[0], flags, argv.data(), argv.size(), env, 0, Proc::current(),
+                          &started_);
   }
   // Starts `args` and answers how it ended, or ~0 when it did not start.
   uint32_t run(const std::vector<std::string>& args, const Vars& vars = {}, uint32_t flags = 0) {
-    return start(args, vars, flags) ? Proc::wait() : ~0u;
+    return start(args, vars, flags) ? Proc::wait(started_) : ~0u;
   }
 
   chntest::RuntimeDirScope scope;
   const std::string rt_ = scope.dir();
+  StartedProgram started_;  // the program start() started last
 };
 
 TEST_F(ProcTest, InfoOfSelfParsesNameAfterTheLastParenthesis) {
@@ -83,16 +85,16 @@ TEST_F(ProcTest, InfoIdentityAndSignalsOfAChild) {
   EXPECT_EQ(info->level(), Proc::levelOfUser(Proc::uid()));
   EXPECT_EQ(info->threadCount(), 1u);
 
-  ProcIdentity child = Proc::identity(pid);
+  // The identity of a started program comes from its start (the clock read around it, checked
+  // against /proc the first time, or its pidfd); it agrees with what /proc tells of the pid.
+  ProcIdentity child = Proc::identity(started_);
   ASSERT_TRUE(child);
-  // The start of a program this thread started is known from the clock read around it (the
-  // first look checks that against /proc); either way both looks agree with /proc.
   EXPECT_EQ(Proc::identity(pid), child);
   EXPECT_FALSE(Proc::send({pid, child.serial + 1}, HostSignal::Kill)) << "another process";
   EXPECT_TRUE(Proc::send(child, HostSignal::Kill));
-  EXPECT_EQ(Proc::awaitEnd(), 128u + SIGKILL);
+  EXPECT_EQ(Proc::awaitEnd(started_), 128u + SIGKILL);
   EXPECT_EQ(Proc::identity(pid), child) << "ended, not collected";
-  EXPECT_EQ(Proc::wait(), 128u + SIGKILL);
+  EXPECT_EQ(Proc::wait(started_), 128u + SIGKILL);
   EXPECT_FALSE(Proc::info(pid));
   EXPECT_FALSE(Proc::send(child, HostSignal::Kill));
   EXPECT_EQ(Error::get(), static_cast<uint32_t>(ESRCH));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "platform/env.h"
@@ -45,6 +46,32 @@ struct ProcIdentity {
 // The three signals that act on a host process; every other signal is the server's business.
 enum class HostSignal { Kill, Stop, Cont };
 
+// A program as the one who started it holds it (Binary::create fills it in): its pid, the
+// host's start time read around its start, and a pidfd from its start. Proc::identity,
+// Proc::awaitEnd and Proc::wait take it, so that whoever started a program, on whatever thread,
+// waits for that program and no other. Moves, does not copy; closes its pidfd when it goes.
+class StartedProgram {
+ public:
+  StartedProgram() = default;
+  StartedProgram(StartedProgram&& other) noexcept { *this = std::move(other); }
+  StartedProgram& operator=(StartedProgram&& other) noexcept;
+  StartedProgram(const StartedProgram&) = delete;
+  StartedProgram& operator=(const StartedProgram&) = delete;
+  ~StartedProgram() { dropPidfd(); }
+  // 0 once collected (or before a start).
+  uint64_t pid() const { return pid_; }
+
+ private:
+  friend class Binary;
+  friend class Proc;
+  void dropPidfd();
+  uint64_t pid_ = 0;
+  // The start time in /proc's clock ticks when the clock read before and after the start fell
+  // in one tick, else 0.
+  uint64_t startTick_ = 0;
+  int pidfd_ = -1;
+};
+
 class Proc {
  public:
   static uint64_t current();
@@ -54,6 +81,9 @@ class Proc {
   // The identity of process `pid` now; empty when there is none or `pid` is a thread that does
   // not lead its process.
   static ProcIdentity identity(uint64_t pid);
+  // The identity of a program the caller started and has not collected: nobody else can have
+  // its pid, so it is read from what its start left (the pidfd is used up and closed).
+  static ProcIdentity identity(StartedProgram& program);
   // Sends `what` to the process `who`, only while its pid still names that process (a pidfd is
   // opened and its serial checked first). With `withGroup` it also goes to the host process
   // group that `who` leads; the caller makes sure that `who` has not been collected yet, so that
@@ -64,13 +94,12 @@ class Proc {
   // real user, whose level every program it starts has.
   static uint32_t levelOfUser(uint64_t uid);
   static uint64_t uid();
-  // Waits until the program that Binary::create last started on the calling thread has ended,
-  // without collecting it: its pid, and the process group it leads, stay its own until wait().
-  // Answers what wait() will answer.
-  static uint32_t awaitEnd();
-  // Waits for the program that Binary::create last started on the calling thread, collects it
-  // and answers its exit status, or 128 + the signal number when a signal ended it.
-  static uint32_t wait();
+  // Waits until `program` has ended, without collecting it: its pid, and the process group it
+  // leads, stay its own until wait(). Answers what wait() will answer.
+  static uint32_t awaitEnd(const StartedProgram& program);
+  // Waits for `program`, collects it and answers its exit status, or 128 + the signal number
+  // when a signal ended it; 0xFFFFFFFF with Error ECHILD when it was collected already.
+  static uint32_t wait(StartedProgram& program);
   // The tasks (processes and threads) the host lets the calling process's user have at once:
   // the least of the kernel's pid_max and threads-max and the user's process limit
   // (RLIMIT_NPROC, read afresh on each call); UINT64_MAX when none is known.
@@ -102,10 +131,10 @@ class Binary {
   // has no descriptor but 0, 1 and 2. Bit kSearchPath looks a path without a slash up in env's
   // PATH (else the server's). The program, its directory and its files are named as process
   // `forPid` names them (ClientPath: /proc/self is that process's, the server's own /proc
-  // directory is refused with EACCES).
+  // directory is refused with EACCES). `started` receives the program for Proc::wait.
   static uint64_t create(const Ref<String>& path, uint32_t startFlags, const Ref<String>* args,
                          uint64_t argc, const Ref<Env>& env, uint32_t startOptions,
-                         uint64_t forPid);
+                         uint64_t forPid, StartedProgram* started);
 
   // The modules loaded in this process, the main program first (ModuleInfo stands in
   // platform/binary_services.h).

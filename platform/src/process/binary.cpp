@@ -1,5 +1,5 @@
 // Starting programs: the environment handed to a program and its start (host_spawn.cpp).
-// Waiting for the program that the calling thread started last is in proc_wait.cpp.
+// Waiting for a started program is in proc_wait.cpp.
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <signal.h>
@@ -27,12 +27,17 @@
 #include "program_files.h"
 #include "started.h"
 
-// The program that Binary::create last started on this thread; Proc::wait collects it. A
-// thread that starts a program and then waits for it (the server's agent threads) needs
-// nothing else to pair the two.
-thread_local pid_t t_lastStarted = 0;
-thread_local uint64_t t_lastStartTick = 0;
-thread_local int t_lastStartedPidfd = -1;
+StartedProgram& StartedProgram::operator=(StartedProgram&& other) noexcept {
+  if (this != &other) {
+    dropPidfd();
+    pid_ = std::exchange(other.pid_, 0);
+    startTick_ = std::exchange(other.startTick_, 0);
+    pidfd_ = std::exchange(other.pidfd_, -1);
+  }
+  return *this;
+}
+
+void StartedProgram::dropPidfd() { HostFd::close(std::exchange(pidfd_, -1)); }
 
 uint64_t bootTick() {
   static const uint64_t nsPerTick = 1000000000ull / static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));
@@ -104,7 +109,7 @@ uint64_t fail(int error) {
 
 uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<String>* args,
                         uint64_t argc, const Ref<Env>& env, uint32_t /*startOptions*/,
-                        uint64_t forPid) {
+                        uint64_t forPid, StartedProgram* started) {
   if (!path || path->length() == 0) return fail(ENOENT);
   if (std::strlen(path->c_str()) != path->length()) return fail(EINVAL);
 
@@ -157,15 +162,17 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
   plan.argv = argv.data();
   plan.envp = envp.data();
   files.place(&plan);
-  HostFd::close(std::exchange(t_lastStartedPidfd, -1));
-  plan.pidfd = &t_lastStartedPidfd;
+  int pidfd = -1;
+  plan.pidfd = &pidfd;
   pid_t pid = 0;
   const uint64_t before = bootTick();
   rc = hostSpawn(plan, &pid);
   const uint64_t after = bootTick();
   if (rc != 0) return fail(rc);
-  HostFd::opened(t_lastStartedPidfd);
-  t_lastStarted = pid;
-  t_lastStartTick = before == after ? before : 0;
+  StartedProgram child;
+  child.pid_ = static_cast<uint64_t>(pid);
+  child.startTick_ = before == after ? before : 0;
+  child.pidfd_ = HostFd::opened(pidfd);
+  *started = std::move(child);
   return static_cast<uint64_t>(pid);
 }

@@ -22,12 +22,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <utility>
 
 #include "platform/error.h"
 #include "platform/proc.h"
-#include "file/host_fd.h"
-#include "started.h"
 
 namespace {
 
@@ -120,32 +117,34 @@ std::atomic<Trust> g_clockStart{Trust::kUnknown};
 }  // namespace
 
 ProcIdentity Proc::identity(uint64_t pid) {
-  // A program this thread started and has not collected is still its child: nobody else can
-  // have its pid. Where the serial is a start time, its start tick is known from the clock,
-  // without waiting for /proc, which answers only once the program's exec has gone far enough
-  // (some 60 us).
-  if (!pidfdSerials() && t_lastStarted > 0 && pid == static_cast<uint64_t>(t_lastStarted) &&
-      t_lastStartTick != 0) {
+  int pidfd = openPidfd(pid);
+  if (pidfd < 0) return {};
+  uint64_t serial = 0;
+  bool known = serialOf(pidfd, pid, &serial);
+  ::close(pidfd);
+  return known ? ProcIdentity{pid, serial} : ProcIdentity{};
+}
+
+ProcIdentity Proc::identity(StartedProgram& program) {
+  const uint64_t pid = program.pid_;
+  if (pid == 0) return {};
+  // Where the serial is a start time, the start tick is known from the clock read around the
+  // start, without waiting for /proc, which answers only once the program's exec has gone far
+  // enough (some 60 us). The first such start is checked against /proc.
+  if (!pidfdSerials() && program.startTick_ != 0) {
     Trust trust = g_clockStart.load(std::memory_order_relaxed);
-    if (trust == Trust::kTrusted) return ProcIdentity{pid, t_lastStartTick};
+    if (trust == Trust::kTrusted) return ProcIdentity{pid, program.startTick_};
     uint64_t start = 0;
     if (trust == Trust::kUnknown && startTime(pid, &start)) {
-      g_clockStart.store(start == t_lastStartTick ? Trust::kTrusted : Trust::kDistrusted,
+      g_clockStart.store(start == program.startTick_ ? Trust::kTrusted : Trust::kDistrusted,
                          std::memory_order_relaxed);
       return ProcIdentity{pid, start};
     }
   }
-  const bool own = t_lastStartedPidfd >= 0 && pid == static_cast<uint64_t>(t_lastStarted);
-  // The program's own pidfd, from its start, is counted until it is closed here.
-  int pidfd = own ? std::exchange(t_lastStartedPidfd, -1) : openPidfd(pid);
-  if (pidfd < 0) return {};
+  if (program.pidfd_ < 0) return identity(pid);
   uint64_t serial = 0;
-  bool known = serialOf(pidfd, pid, &serial);
-  if (own) {
-    HostFd::close(pidfd);
-  } else {
-    ::close(pidfd);
-  }
+  bool known = serialOf(program.pidfd_, pid, &serial);
+  program.dropPidfd();  // counted until here; a running program holds no descriptor of ours
   return known ? ProcIdentity{pid, serial} : ProcIdentity{};
 }
 

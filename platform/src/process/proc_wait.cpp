@@ -1,30 +1,26 @@
-// Waiting for the program that the calling thread started last: for its end alone, which
-// leaves it uncollected (its pid and its process group stay its own), or for its end and its
-// collection.
+// Waiting for a started program: for its end alone, which leaves it uncollected (its pid and
+// its process group stay its own), or for its end and its collection.
 #include <sys/wait.h>
 
 #include <cerrno>
-#include <utility>
 
 #include "platform/error.h"
 #include "platform/proc.h"
-#include "file/host_fd.h"
-#include "started.h"
 
 namespace {
 
 constexpr uint32_t kNoStatus = 0xFFFFFFFFu;
 
-// waitid for the thread's last program with `options`; false with Error set.
-bool waitLast(int options, siginfo_t* info) {
-  if (t_lastStarted <= 0) {
+// waitid for `pid` with `options`; false with Error set.
+bool waitFor(uint64_t pid, int options, siginfo_t* info) {
+  if (pid == 0) {
     Error::set(ECHILD);
     return false;
   }
   int rc;
   do {
     info->si_pid = 0;
-    rc = ::waitid(P_PID, static_cast<id_t>(t_lastStarted), info, WEXITED | options);
+    rc = ::waitid(P_PID, static_cast<id_t>(pid), info, WEXITED | options);
   } while (rc < 0 && errno == EINTR);
   if (rc < 0) Error::set(static_cast<uint32_t>(errno));
   return rc == 0;
@@ -41,15 +37,15 @@ uint32_t exitStatus(const siginfo_t& info) {
 
 }  // namespace
 
-uint32_t Proc::awaitEnd() {
+uint32_t Proc::awaitEnd(const StartedProgram& program) {
   siginfo_t info{};
-  return waitLast(WNOWAIT, &info) ? exitStatus(info) : kNoStatus;
+  return waitFor(program.pid_, WNOWAIT, &info) ? exitStatus(info) : kNoStatus;
 }
 
-uint32_t Proc::wait() {
+uint32_t Proc::wait(StartedProgram& program) {
   siginfo_t info{};
-  if (!waitLast(0, &info)) return kNoStatus;
-  t_lastStarted = 0;  // collected: a second wait has nothing to wait for
-  HostFd::close(std::exchange(t_lastStartedPidfd, -1));
+  if (!waitFor(program.pid_, 0, &info)) return kNoStatus;
+  program.pid_ = 0;  // collected: a second wait has nothing to wait for
+  program.dropPidfd();
   return exitStatus(info);
 }
