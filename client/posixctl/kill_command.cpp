@@ -1,4 +1,5 @@
-// posixctl kill and killpg, parsed like kill(1): "-s SIG", "-SIG", "-l [SIG]", "--". A SIG is
+// posixctl kill and killpg, parsed like kill(1): "-s SIG", "-SIG", "-l [SIG]", "--", the options
+// also after the operands as every posixctl command takes them. A SIG is
 // a number from 0 to 31 or a name, with or without "SIG", in any case: the system's own
 // signals (KILL 9, CHLD 16, CONT 17, STOP 18) and the requests a shell user types (HUP, INT,
 // QUIT, USR1, USR2, ALRM, TERM), which carry the host's numbers because the system gives
@@ -10,6 +11,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "diag_client.h"
 #include "posix_client.h"
 #include "posixctl.h"
 
@@ -90,17 +92,17 @@ std::string signalList(uint32_t mask) {
 
 namespace {
 
-int listSignals(const std::vector<std::string>& args, size_t from) {
-  if (from + 1 < args.size()) return usage("kill -l takes at most one SIG");
-  if (from < args.size()) {  // one SIG: the name of a number, the number of a name
-    int sig = parseSignal(args[from]);
-    if (sig < 0) return usage("kill: unknown signal '" + args[from] + "'", "posixctl kill -l");
+int listSignals(const std::vector<std::string>& args) {
+  if (args.size() > 1) return usage("kill -l takes at most one SIG");
+  if (!args.empty()) {  // one SIG: the name of a number, the number of a name
+    int sig = parseSignal(args[0]);
+    if (sig < 0) return usage("kill: unknown signal '" + args[0] + "'", "posixctl kill -l");
     int64_t given = 0;
     const char* name = nullptr;
     for (const SignalName& s : kSignals) {
       if (s.number == sig) name = s.name;
     }
-    if (parseInt(args[from].c_str(), &given) && name != nullptr) {
+    if (parseInt(args[0].c_str(), &given) && name != nullptr) {
       printf("%s\n", name);
     } else {
       printf("%d\n", sig);
@@ -114,34 +116,55 @@ int listSignals(const std::vector<std::string>& args, size_t from) {
   return kExitOk;
 }
 
-// Reads the options in front of the operands into *sig (or *list for -l, whose operands
-// follow): the index of the first operand, or -1 with *error set.
-long parseOptions(const std::vector<std::string>& args, int* sig, bool* list, std::string* error) {
+// Takes the options out of `args` wherever they stand before "--", in front of the operands or
+// after them as every posixctl command takes them ("kill -9 PID" and "kill PID -9" alike):
+// *sig from "-s SIG", "-n SIG" or "-SIG", *list for "-l". The operands are left in
+// *operands; false with *error set for a bad, missing or second signal. A PID never starts
+// with '-', so nothing else before "--" can look like an option.
+bool parseOptions(const std::vector<std::string>& args, int* sig, bool* list,
+                  std::vector<std::string>* operands, std::string* error) {
   *sig = kDefaultSignal;
-  *list = args.size() > 0 && (args[0] == "-l" || args[0] == "-L");
-  if (*list) return 1;
-  size_t i = 0;
-  std::string name;
-  if (i < args.size() && (args[i] == "-s" || args[i] == "-n")) {
-    if (i + 1 >= args.size()) {
-      *error = "-s needs a signal";
-      return -1;
+  *list = false;
+  bool named = false;
+  bool options = true;  // until "--"
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    if (!options || a.size() < 2 || a[0] != '-') {
+      operands->push_back(a);
+      continue;
     }
-    name = args[i + 1];
-    i += 2;
-  } else if (i < args.size() && args[i].size() > 1 && args[i][0] == '-' && args[i] != "--") {
-    name = args[i].substr(1);
-    ++i;
-  }
-  if (!name.empty() || i > 0) {
+    if (a == "--") {
+      options = false;
+      continue;
+    }
+    if (a == "-l" || a == "-L") {
+      *list = true;
+      continue;
+    }
+    std::string name = a.substr(1);
+    if (a == "-s" || a == "-n") {
+      if (i + 1 >= args.size()) {
+        *error = "-s needs a signal";
+        return false;
+      }
+      name = args[++i];
+    }
+    if (named) {
+      *error = "give one signal";
+      return false;
+    }
+    named = true;
     *sig = parseSignal(name);
     if (*sig < 0) {
       *error = "unknown signal '" + name + "'";
-      return -1;
+      return false;
     }
   }
-  if (i < args.size() && args[i] == "--") ++i;
-  return static_cast<long>(i);
+  if (*list && named) {
+    *error = "-l takes a SIG as its operand, not as an option";
+    return false;
+  }
+  return true;
 }
 
 // A number of a process or group: decimal digits only, no sign.
@@ -155,13 +178,16 @@ bool hostHas(int64_t pid) {
   return kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
 }
 
-// Gives the host signal `host` to the process that has `pid` while the server knows it: the
-// pidfd is taken before the server is asked, so a pid that ended and was reused in between
-// is not signalled in its place (the pidfd's process is gone, and the send fails).
-bool sendHostSignal(int64_t pid, int host) {
+// Gives the host signal `host` to the process that has `pid` while the server knows it (in
+// `group`, unless that is -1): the pidfd is taken before the server is asked, so a pid that
+// ended and was reused in between is not signalled in its place (the pidfd's process is
+// gone, and the send fails).
+bool sendHostSignal(int64_t pid, int host, int64_t group = -1) {
   int pidfd = static_cast<int>(syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0));
   if (pidfd < 0) return false;
-  bool sent = px_getpgid(pid) >= 0 && syscall(SYS_pidfd_send_signal, pidfd, host, nullptr, 0) == 0;
+  int64_t known = px_getpgid(pid);
+  bool sent = known >= 0 && (group < 0 || known == group) &&
+              syscall(SYS_pidfd_send_signal, pidfd, host, nullptr, 0) == 0;
   close(pidfd);
   return sent;
 }
@@ -201,15 +227,15 @@ int cmdKill(const std::vector<std::string>& args) {
   int sig = 0;
   bool list = false;
   std::string error;
-  long first = parseOptions(args, &sig, &list, &error);
-  if (first < 0) return usage("kill: " + error, "posixctl kill -l");
-  if (list) return listSignals(args, static_cast<size_t>(first));
-  if (static_cast<size_t>(first) >= args.size()) return usage("kill: no PID given");
+  std::vector<std::string> operands;
+  if (!parseOptions(args, &sig, &list, &operands, &error)) return usage("kill: " + error, "posixctl kill -l");
+  if (list) return listSignals(operands);
+  if (operands.empty()) return usage("kill: no PID given");
   std::vector<int64_t> pids;
-  for (size_t i = static_cast<size_t>(first); i < args.size(); ++i) {
+  for (const std::string& operand : operands) {
     int64_t pid = 0;
-    if (!parseId(args[i], &pid) || pid == 0) {
-      return usage("kill: '" + args[i] + "' is not a PID (a positive number; killpg signals a group)");
+    if (!parseId(operand, &pid) || pid == 0) {
+      return usage("kill: '" + operand + "' is not a PID (a positive number; killpg signals a group)");
     }
     pids.push_back(pid);
   }
@@ -224,14 +250,30 @@ int cmdKillpg(const std::vector<std::string>& args) {
   int sig = 0;
   bool list = false;
   std::string error;
-  long first = parseOptions(args, &sig, &list, &error);
-  if (first < 0) return usage("killpg: " + error, "posixctl kill -l");
-  if (list) return listSignals(args, static_cast<size_t>(first));
-  if (static_cast<size_t>(first) + 1 != args.size()) return usage("killpg: give one PGID");
-  const std::string& text = args[static_cast<size_t>(first)];
+  std::vector<std::string> operands;
+  if (!parseOptions(args, &sig, &list, &operands, &error)) return usage("killpg: " + error, "posixctl kill -l");
+  if (list) return listSignals(operands);
+  if (operands.size() != 1) return usage("killpg: give one PGID");
+  const std::string& text = operands[0];
   int64_t pgid = 0;
   if (!parseId(text, &pgid)) return usage("killpg: '" + text + "' is not a PGID (a number)");
   if (px_killpg(pgid, sig) != 0) return callFailure("killpg " + text, errno);
+  int host = hostSignalFor(sig);
+  if (host == 0) return kExitOk;
+  // The server handed a request only to the members that use the library; the started
+  // programs among the others get the host's signal, as kill gives it to one of them.
+  int64_t group = pgid != 0 ? pgid : px_getpgid(0);
+  DiagLink link;
+  std::vector<ProcessView> all;
+  int err = link.open();
+  if (err == 0) err = link.processes(&all);
+  if (err != 0 || group < 0) return callFailure("killpg " + text, err != 0 ? err : errno);
+  for (const ProcessView& p : all) {
+    const px_diag_process& r = p.record;
+    if (r.state != PX_DIAG_RUNNING || static_cast<int64_t>(r.group) != group) continue;
+    int64_t pid = static_cast<int64_t>(r.pid);
+    if (px_kill(pid, 0) != 0 && errno == ESRCH) sendHostSignal(pid, host, group);
+  }
   return kExitOk;
 }
 

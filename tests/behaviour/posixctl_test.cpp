@@ -154,15 +154,20 @@ TEST_F(PosixctlTest, UsageErrorsAndFailures) {
   EXPECT_NE(ctl({"kill", "-l"}).out.find(" 9 KILL"), std::string::npos);
 
   // A started program that does not use the library exists for -s 0, and a request to end
-  // reaches it as the host's signal of that name.
+  // reaches it as the host's signal of that name, sent to it or to its group (options may
+  // follow the operands).
   int64_t sleeper = spawnProgram("/bin/sleep", {"30"});
+  int64_t grouped = spawnProgram("/bin/sleep", {"30"});
   ASSERT_GT(sleeper, 0);
+  ASSERT_GT(grouped, 0);
   std::string pid = std::to_string(sleeper);
   EXPECT_EQ(ctl({"kill", "-s", "0", pid}).exitCode, 0);
   EXPECT_TRUE(std::regex_search(serverLog(), std::regex(" 1 POSIX SERVER: Entry created for process [0-9a-f]+h \\([0-9]+\\)\n")))
       << "log goes to RT/server.log, numbers in hex then decimal";
-  EXPECT_EQ(ctl({"kill", "-s", "INT", pid}).exitCode, 0);
+  EXPECT_EQ(ctl({"kill", pid, "-INT"}).exitCode, 0);
   EXPECT_EQ(collect(sleeper), 128 + SIGINT);
+  EXPECT_EQ(ctl({"killpg", std::to_string(px_getpgid(grouped)), "-s", "HUP"}).exitCode, 0);
+  EXPECT_EQ(collect(grouped), 128 + SIGHUP);
 
   // cat: standard input, and a write error fails.
   EXPECT_EQ(ctl({"cat", "-"}, "from stdin").out, "from stdin");
