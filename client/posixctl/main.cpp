@@ -54,6 +54,7 @@ const char kHelp[] =
     "TERM (15). KILL, CONT and STOP act on any program. A program that uses the library\n"
     "receives every other signal; one the server started that does not use it gets the host's\n"
     "signal of a request's name instead. 0 only checks that PID exists (exit 0 or 1, silently).\n"
+    "Options may also follow the operands, as in 'kill PID -9' (up to a '--').\n"
     "The server binary for start: --server PATH, $POSIX_SERVER_BIN, posix-server next to\n"
     "posixctl or in ../server relative to it, else PATH.\n";
 

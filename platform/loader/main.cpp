@@ -45,7 +45,8 @@ const char kHelp[] =
     "writes a line of heap, thread and descriptor counts to the log.\n"
     "\n"
     "The log goes to standard error. POSIX_LOG_LEVEL (default 2) hides lines below a level:\n"
-    "1 adds a line for every process the server meets, starts and sees end.\n"
+    "1 adds a line for every process the server meets, starts and sees end, and for every\n"
+    "request an adapter refuses as an invalid command.\n"
     "POSIX_LOG_OFF names filters to switch off (e.g. \"POSIX SERVER\").\n"
     "'posixctl start' runs a server in the background instead.\n";
 
