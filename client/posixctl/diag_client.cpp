@@ -1,10 +1,6 @@
 #include "diag_client.h"
 
 #include <errno.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -63,8 +59,6 @@ void putU64(std::vector<uint8_t>& out, uint64_t v) {
   out.insert(out.end(), p, p + sizeof v);
 }
 
-constexpr int kReplyTimeoutMs = 20000;
-
 // What a list's call answers: its error, else its result as an errno value (11: EAGAIN, the
 // server takes no more requests of this process now).
 int listed(int err, uint32_t result) {
@@ -75,38 +69,21 @@ int listed(int err, uint32_t result) {
 }  // namespace
 
 int DiagLink::open() {
-  std::string refusal = runtimeRefusal();
-  if (!refusal.empty()) return EACCES;
-  std::string path = std::string(px_runtime_dir()) + "/chn/" + PX_DIAG_SERVICE_NAME;
-  struct sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  if (path.size() >= sizeof addr.sun_path) return ENAMETOOLONG;
-  std::memcpy(addr.sun_path, path.c_str(), path.size());
-  fd_ = aboveStandardFds(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  if (fd_ < 0) return errno;
-  if (connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return errno;
-  struct ucred cred = {};
-  socklen_t len = sizeof cred;
-  // Only a server of our own user is told anything or believed.
-  if (getsockopt(fd_, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.uid != geteuid()) return EACCES;
-  return 0;
-}
-
-DiagLink::~DiagLink() {
-  if (fd_ >= 0) close(fd_);
+  // Refused for the reasons runtimeRefusal() explains; the link itself checks them again.
+  if (!runtimeRefusal().empty()) return EACCES;
+  return socket_.open(px_runtime_dir(), PX_DIAG_SERVICE_NAME);
 }
 
 int DiagLink::receive(uint64_t id, uint32_t* result, std::vector<uint8_t>* reply, int timeoutMs) {
+  using posix::host::ServiceSocket;
   std::vector<uint8_t> frame(PX_WIRE_MAX_FRAME);
   for (;;) {
-    struct pollfd p = {fd_, POLLIN, 0};
-    int ready = poll(&p, 1, timeoutMs);
-    if (ready < 0 && errno == EINTR) return EINTR;
-    if (ready <= 0) return ready == 0 ? ETIMEDOUT : errno;
-    ssize_t n = recv(fd_, frame.data(), frame.size(), 0);
-    if (n <= 0) return n == 0 ? ECONNRESET : errno;
+    int64_t deadline = timeoutMs < 0 ? ServiceSocket::kLinkTimeout : posix::host::monotonicMs() + timeoutMs;
+    ssize_t n = socket_.receive(frame.data(), frame.size(), deadline);
+    if (n == -EAGAIN && timeoutMs < 0) continue;  // waits for ever: past the link's time-out
+    if (n < 0) return n == -EAGAIN ? ETIMEDOUT : static_cast<int>(-n);
     px_frame_header h;
-    if (static_cast<size_t>(n) < sizeof h) return EPROTO;
+    if (static_cast<size_t>(n) < sizeof h || static_cast<size_t>(n) > frame.size()) return EPROTO;
     std::memcpy(&h, frame.data(), sizeof h);
     if (h.kind != PX_FRAME_REPLY || h.data_len > static_cast<size_t>(n) - sizeof h) return EPROTO;
     if (h.id == 0 && h.code == PX_RESULT_LIMIT) return EAGAIN;
@@ -126,15 +103,14 @@ int DiagLink::send(uint32_t code, const std::vector<uint8_t>& data, uint64_t* id
   std::vector<uint8_t> frame(sizeof h);
   std::memcpy(frame.data(), &h, sizeof h);
   frame.insert(frame.end(), data.begin(), data.end());
-  bool sent = ::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(frame.size());
-  return sent ? 0 : ECONNRESET;
+  return socket_.send(frame.data(), frame.size()) == 0 ? 0 : ECONNRESET;
 }
 
 int DiagLink::call(uint32_t code, const std::vector<uint8_t>& data, uint32_t* result,
                    std::vector<uint8_t>* reply) {
   uint64_t id = 0;
   if (int err = send(code, data, &id)) return err;
-  return receive(id, result, reply, kReplyTimeoutMs);
+  return receive(id, result, reply, posix::host::kReplyTimeoutMs);
 }
 
 int DiagLink::pages(uint32_t code, const std::vector<uint8_t>& ask,

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "host/service_socket.h"
+
 namespace posixctl {
 
 class Reader;
@@ -44,7 +46,6 @@ class DiagLink {
   // Connects to the service of the instance's runtime directory, after the checks the library
   // makes (a directory of our own, a server of our own user). 0 or an errno value.
   int open();
-  ~DiagLink();
 
   // Each: 0, or an errno value (ESRCH for a pid the server does not know, EPROTO for an
   // answer that does not decode, ETIMEDOUT, ECONNRESET). A list comes whole: every page of it.
@@ -68,7 +69,7 @@ class DiagLink {
   int pages(uint32_t code, const std::vector<uint8_t>& ask,
             const std::function<void(Reader&, uint32_t)>& page, uint32_t* result);
 
-  int fd_ = -1;
+  posix::host::ServiceSocket socket_;
   uint64_t nextId_ = 1;
   uint64_t monitorId_ = 0;
 };

@@ -4,13 +4,13 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
 
+#include "host/runtime_rule.h"
+#include "host/service_socket.h"
 #include "posix_client.h"
 #include "posixctl.h"
 
@@ -20,38 +20,31 @@ namespace {
 
 // What is wrong with a directory of status `st` for the caller; "" when nothing.
 std::string directoryProblem(const struct stat& st) {
-  if (S_ISLNK(st.st_mode)) return "it is a symbolic link";
-  if (!S_ISDIR(st.st_mode)) return "it is not a directory";
-  if (st.st_uid != geteuid()) {
-    return "it belongs to uid " + std::to_string(st.st_uid) + ", not to you (uid " +
-           std::to_string(geteuid()) + ")";
+  using posix::host::DirFault;
+  switch (posix::host::runtimeDirFault(st)) {
+    case DirFault::kNone:
+      return "";
+    case DirFault::kSymlink:
+      return "it is a symbolic link";
+    case DirFault::kNotDirectory:
+      return "it is not a directory";
+    case DirFault::kForeignOwner:
+      return "it belongs to uid " + std::to_string(st.st_uid) + ", not to you (uid " +
+             std::to_string(geteuid()) + ")";
+    case DirFault::kOpenToOthers:
+      break;
   }
-  if ((st.st_mode & 077) != 0) {
-    char mode[8];
-    snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
-    return std::string("group or others may use it (mode ") + mode + ")";
-  }
-  return "";
+  char mode[8];
+  snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+  return std::string("group or others may use it (mode ") + mode + ")";
 }
 
 // The uid of whoever listens on RT/chn/posix.service, or -1. Nothing is sent.
 long listenerUid() {
+  posix::host::Listener who;
   std::string path = std::string(px_runtime_dir()) + "/chn/" + PX_SERVICE_NAME;
-  struct sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  if (path.size() >= sizeof addr.sun_path) return -1;
-  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-  int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  long uid = -1;
-  struct ucred cred;
-  socklen_t len = sizeof cred;
-  if (connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0 &&
-      getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) {
-    uid = static_cast<long>(cred.uid);
-  }
-  close(fd);
-  return uid;
+  if (posix::host::probeListener(path, &who) != 0 || who.pid == 0) return -1;
+  return static_cast<long>(who.uid);
 }
 
 std::string refusalText(const std::string& why) {
@@ -95,14 +88,7 @@ int openRuntimeDir(std::string* error) {
   return aboveStandardFds(fd);
 }
 
-int aboveStandardFds(int fd) {
-  if (fd < 0 || fd > STDERR_FILENO) return fd;
-  int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  int err = errno;
-  close(fd);
-  errno = err;
-  return moved;
-}
+int aboveStandardFds(int fd) { return posix::host::aboveStandardFds(fd); }
 
 int callFailure(const std::string& what, int err) {
   std::string text = strerror(err);

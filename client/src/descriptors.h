@@ -51,9 +51,10 @@ class ServiceLink {
   // one-second slice, so a reply that takes this long means the server hangs.
   static constexpr int kReplyTimeoutMs = pxc::kReplyTimeoutMs;
 
-  static ServiceLink* openNamed(const char* name, int* err);
+  // Opens and checks the link as every link of the library is (host/service_socket.h).
+  static ServiceLink* openNamed(const std::string& name, int* err);
   static ServiceLink* openService(uint64_t channel, uint64_t service, int* err);
-  ~ServiceLink();
+  ~ServiceLink() = default;
   ServiceLink(const ServiceLink&) = delete;
   ServiceLink& operator=(const ServiceLink&) = delete;
 
@@ -78,13 +79,12 @@ class ServiceLink {
   int settle(uint64_t id);
 
  private:
-  explicit ServiceLink(int fd);
-  static ServiceLink* openPath(const std::string& path, int* err);
+  ServiceLink();
   // Sends the request with a fresh id: 0 or an errno value.
   int sendRequest(FrameWriter& req, uint64_t* id);
   // Receives until the reply to `id`, skipping earlier ones; the rest as for call.
   int awaitReply(uint64_t id, Reply* out, bool* interrupted, int* file);
-  int fd_;
+  posix::host::ServiceSocket socket_;
   std::vector<uint8_t> buffer_;  // one datagram
 };
 

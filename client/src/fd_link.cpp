@@ -3,9 +3,7 @@
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <sys/uio.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cinttypes>
@@ -16,55 +14,42 @@
 
 namespace pxc {
 
-ServiceLink::ServiceLink(int fd) : fd_(fd), buffer_(PX_WIRE_MAX_FRAME) {}
+ServiceLink::ServiceLink() : buffer_(PX_WIRE_MAX_FRAME) {}
 
-ServiceLink::~ServiceLink() { close(fd_); }
-
-ServiceLink* ServiceLink::openPath(const std::string& path, int* err) {
-  int fd = connectSeqpacket(path, err);
-  if (fd < 0) return nullptr;
-  // A reply that never comes (a server that hangs) ends the wait instead of blocking for ever;
-  // a server that dies closes the link, which ends it at once.
-  struct timeval tv = {kReplyTimeoutMs / 1000, (kReplyTimeoutMs % 1000) * 1000};
-  if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0) {
-    *err = errno;
-    close(fd);
-    return nullptr;
-  }
-  return new ServiceLink(fd);
+ServiceLink* ServiceLink::openNamed(const std::string& name, int* err) {
+  // A reply that never comes (a server that hangs) ends the wait instead of blocking for ever
+  // (the link's receive time-out); a server that dies closes the link, which ends it at once.
+  ServiceLink* link = new ServiceLink;
+  *err = link->socket_.open(runtimeDir(), name);
+  if (*err == 0) return link;
+  delete link;
+  return nullptr;
 }
 
 bool ServiceLink::alive() const {
-  pollfd p = {fd_, POLLRDHUP, 0};
+  pollfd p = {socket_.fd(), POLLRDHUP, 0};
   while (::poll(&p, 1, 0) < 0) {
     if (errno != EINTR) return false;
   }
   return (p.revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)) == 0;
 }
 
-ServiceLink* ServiceLink::openNamed(const char* name, int* err) {
-  return openPath(runtimeDir() + "/chn/" + name, err);
-}
-
 ServiceLink* ServiceLink::openService(uint64_t channel, uint64_t service, int* err) {
   char name[17];
   std::snprintf(name, sizeof name, "%016" PRIx64, channel);
-  ServiceLink* link = openPath(runtimeDir() + "/chn/" + name, err);
+  ServiceLink* link = openNamed(name, err);
   if (link == nullptr) return nullptr;
   // The bind: kind 3, code 0, id = the service, no data. Its answer carries the service id.
   uint8_t bind[PX_FRAME_HEADER_SIZE] = {};
   bind[0] = PX_FRAME_BIND;
   for (int i = 0; i < 8; ++i) bind[8 + i] = static_cast<uint8_t>(service >> (8 * i));
   Reply reply;
-  int rc = 0;
-  if (::send(link->fd_, bind, sizeof bind, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof bind)) {
-    rc = ECONNRESET;
-  }
+  int rc = link->socket_.send(bind, sizeof bind) == 0 ? 0 : ECONNRESET;
   while (rc == 0) {
-    ssize_t n = recv(link->fd_, link->buffer_.data(), link->buffer_.size(), MSG_TRUNC);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) rc = errno == EAGAIN ? ETIMEDOUT : ECONNRESET;
-    else if (n == 0) rc = ECONNRESET;
+    ssize_t n = link->socket_.receive(link->buffer_.data(), link->buffer_.size(),
+                                      posix::host::ServiceSocket::kLinkTimeout);
+    if (n == -EINTR) continue;
+    if (n < 0) rc = n == -EAGAIN ? ETIMEDOUT : ECONNRESET;
     else if (static_cast<size_t>(n) > link->buffer_.size() ||
              !decodeReply(link->buffer_.data(), static_cast<size_t>(n), &reply))
       rc = EPROTO;
@@ -84,13 +69,7 @@ int ServiceLink::sendRequest(FrameWriter& req, uint64_t* id) {
   if (!req.ok()) return E2BIG;
   *id = nextRequestId();
   const std::vector<uint8_t>& frame = req.finish(*id);
-  for (;;) {
-    ssize_t n = ::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL);
-    if (n == static_cast<ssize_t>(frame.size())) return 0;
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && (errno == EPIPE || errno == ENOTCONN || errno == ECONNREFUSED)) return ECONNRESET;
-    return n < 0 ? errno : EPROTO;
-  }
+  return socket_.send(frame.data(), frame.size());
 }
 
 namespace {
@@ -135,7 +114,7 @@ int ServiceLink::awaitReply(uint64_t id, Reply* out, bool* interrupted, int* fil
     msg.msg_iovlen = 1;
     msg.msg_control = control;
     msg.msg_controllen = sizeof control;
-    ssize_t n = recvmsg(fd_, &msg, MSG_CMSG_CLOEXEC);
+    ssize_t n = recvmsg(socket_.fd(), &msg, MSG_CMSG_CLOEXEC);
     if (n < 0 && errno == EINTR) {
       // The request is out and will be answered; a caller that gives up now would lose what
       // the server read or wrote for it. So wait on, and only tell the caller.
@@ -173,7 +152,7 @@ int ServiceLink::callInto(FrameWriter& req, void* buf, size_t cap, uint32_t* sta
     struct msghdr msg = {};
     msg.msg_iov = iov;
     msg.msg_iovlen = 3;
-    ssize_t n = recvmsg(fd_, &msg, 0);
+    ssize_t n = recvmsg(socket_.fd(), &msg, 0);
     if (n < 0 && errno == EINTR) {
       if (interrupted != nullptr) *interrupted = true;  // as in call: the answer comes
       continue;

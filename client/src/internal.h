@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "host/runtime_rule.h"
+#include "host/service_socket.h"
 #include "posix/posix_service.h"
 #include "posix/wire.h"
 
@@ -52,29 +54,30 @@ bool decodeReply(const uint8_t* p, size_t n, Reply* out);
 // Decodes the 24-byte header at `p` (any kind).
 void decodeHeader(const uint8_t* p, px_frame_header* out);
 
-// The runtime directory, found on first use and kept until reset().
+// The runtime directory (host/runtime_rule.h), found on first use and kept until reset().
 const std::string& runtimeDir();
 void resetRuntimeDir();
 // Changes whenever resetRuntimeDir runs (px_fini); never 0.
 uint64_t runtimeGeneration();
 // Whether the runtime directory is the caller's own: a directory, not a symlink, owned by the
 // effective uid and closed to group and others (what the server itself demands). 0; ENOENT
-// when it does not exist; EACCES when it is someone else's or open to others.
+// when it does not exist; EACCES when it is someone else's or open to others. Every link
+// checks it again as it opens (ServiceSocket::open).
 int checkRuntimeDir();
 
 // Longest wait for the reply to a request that the server answers at once: a reply that
 // takes this long means the server hangs (ETIMEDOUT).
-constexpr int kReplyTimeoutMs = 20000;
+constexpr int kReplyTimeoutMs = posix::host::kReplyTimeoutMs;
 // Longest wait of one step of a blocking read or write (in the server, or on a pipe's shared
 // page): between steps a blocked call notices a server that went away.
 constexpr uint32_t kSliceMs = 1000;
 
-// Moves `fd` to a number above 2 (close-on-exec) when it took a standard descriptor that was
-// closed, so that no link of the library is ever a program's standard input or output.
-// Answers the descriptor, or -1 with errno set (`fd` is closed then).
-int aboveStandardFds(int fd);
+// Moves `fd` above the standard numbers, so that no link or file of the library is ever a
+// program's standard input or output.
+using posix::host::aboveStandardFds;
 
-// A link to "posix.service". Used by one thread at a time.
+// A link to "posix.service" (RT/chn/posix.service, opened and checked as every link of the
+// library is: host/service_socket.h). Used by one thread at a time.
 class Connection {
  public:
   // receive() time-outs besides a count of milliseconds.
@@ -83,7 +86,7 @@ class Connection {
 
   // Connects; null with *err set (ENOENT, ECONNREFUSED, EACCES...).
   static Connection* open(int* err);
-  ~Connection();
+  ~Connection() = default;
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
@@ -95,24 +98,16 @@ class Connection {
   // Waits for the reply with request id `id`, skipping stale replies to earlier requests;
   // `timeoutMs` as for receive.
   int await(uint64_t id, Reply* out, int timeoutMs);
-  // The server's pid (SO_PEERCRED of the listening socket), 0 if unknown.
-  int64_t peerPid() const;
-  int fd() const { return fd_; }
+  // The server's pid, 0 if unknown.
+  int64_t peerPid() const { return socket_.peerPid(); }
 
  private:
-  explicit Connection(int fd);
-  int fd_;
+  Connection();
+  posix::host::ServiceSocket socket_;
   std::vector<uint8_t> buffer_;  // one datagram
 };
 
 uint64_t nextRequestId();
-// A link to the channel socket `path` in the runtime directory, or -1 with *err set. The
-// directory is checked first (checkRuntimeDir), and the process that accepted the link must
-// run as the caller's effective uid (EACCES otherwise): that is checked before anything is
-// sent, so nothing reaches a server planted by another user. The descriptor is above 2, and
-// a reply that takes kReplyTimeoutMs ends a blocking receive (EAGAIN).
-int connectSeqpacket(const std::string& path, int* err);
-
 // The pool: a connection for one call. release(conn, reusable=false) closes it.
 Connection* acquire(int* err, bool* reused);
 void release(Connection* conn, bool reusable);

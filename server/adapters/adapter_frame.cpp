@@ -13,10 +13,10 @@ namespace posix {
 LogModule adapterLog;
 
 bool checkAdapterRequest(const Ref<InMsg>& in, const Ref<OutMsg>& out, const uint32_t* ret,
-                         const char* function) {
-  POSIX_ASSERT(in, "in != 0", 38, function);
-  POSIX_ASSERT(out, "out != 0", 39, function);
-  POSIX_ASSERT(ret, "ret != 0", 40, function);
+                         const char* function, const std::source_location& caller) {
+  POSIX_ASSERT_AT(in != 0, caller, function);
+  POSIX_ASSERT_AT(out != 0, caller, function);
+  POSIX_ASSERT_AT(ret != 0, caller, function);
   return in && out && ret;
 }
 

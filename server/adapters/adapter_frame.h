@@ -17,10 +17,11 @@
 
 namespace posix {
 
-// The log-only assertions of a request's three arguments, written for `function`. Answers
-// whether all three are there; a handler serves nothing without them.
+// The log-only assertions of a request's three arguments, written for `function` at the
+// caller's line. Answers whether all three are there; a handler serves nothing without them.
 bool checkAdapterRequest(const Ref<InMsg>& in, const Ref<OutMsg>& out, const uint32_t* ret,
-                         const char* function);
+                         const char* function,
+                         const std::source_location& caller = std::source_location::current());
 
 // Logs "<function> : Invalid command <code>" at level 1.
 void logInvalidCommand(const char* function, uint32_t code);
@@ -46,14 +47,11 @@ class AdapterServiceObj : public Object, public Interface {
 
 namespace posix {
 
-// The `create` of every adapter: a null object is a failed assertion (`condition` at line 23 of
-// `function`) and a null service; so is a failed allocation, logged as "Out of memory".
+// The `create` of every adapter, after the caller's assertion that the object is there: a null
+// object gives a null service; so does a failed allocation, logged as "Out of memory".
 template <class Obj, class Interface, class Wrapped>
-Ref<Interface> createAdapter(Ref<Wrapped> wrapped, const char* condition, const char* function) {
-  if (!wrapped) {
-    assertFailed(condition, 23, function);
-    return nullptr;
-  }
+Ref<Interface> createAdapter(Ref<Wrapped> wrapped) {
+  if (!wrapped) return nullptr;
   auto* service = new (std::nothrow) Obj(std::move(wrapped));
   if (!service) {
     POSIX_LOG(adapterLog.handle, 4, "Out of memory");

@@ -23,6 +23,6 @@ class CStreamServiceObj : public AdapterServiceObj<CStreamService> {
 }  // namespace
 
 Ref<CStreamService> CStreamService::create(Ref<Interfaces::Stream> strm) {
-  return posix::createAdapter<CStreamServiceObj, CStreamService>(
-      std::move(strm), "strm != 0", "CStreamService::create");
+  POSIX_ASSERT(strm != 0, "CStreamService::create");
+  return posix::createAdapter<CStreamServiceObj, CStreamService>(std::move(strm));
 }

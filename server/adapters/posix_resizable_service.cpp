@@ -43,6 +43,6 @@ class PosixResizableServiceObj : public AdapterServiceObj<PosixResizableService>
 }  // namespace
 
 Ref<PosixResizableService> PosixResizableService::create(Ref<Interfaces::Resizable> resize) {
-  return posix::createAdapter<PosixResizableServiceObj, PosixResizableService>(
-      std::move(resize), "resize != 0", "PosixResizableService::create");
+  POSIX_ASSERT(resize != 0, "PosixResizableService::create");
+  return posix::createAdapter<PosixResizableServiceObj, PosixResizableService>(std::move(resize));
 }

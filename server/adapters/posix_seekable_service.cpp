@@ -44,6 +44,6 @@ class PosixSeekableServiceObj : public AdapterServiceObj<PosixSeekableService> {
 }  // namespace
 
 Ref<PosixSeekableService> PosixSeekableService::create(Ref<Interfaces::Seekable> seek) {
-  return posix::createAdapter<PosixSeekableServiceObj, PosixSeekableService>(
-      std::move(seek), "seek != 0", "PosixSeekableService::create");
+  POSIX_ASSERT(seek != 0, "PosixSeekableService::create");
+  return posix::createAdapter<PosixSeekableServiceObj, PosixSeekableService>(std::move(seek));
 }

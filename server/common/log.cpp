@@ -19,12 +19,13 @@ Ref<LogPrinter> logLine(uint32_t level, uint64_t handle) {
   return printer;
 }
 
-void assertFailed(const char* conditionText, uint64_t lineNumber, const char* functionName) {
+void assertFailed(const char* conditionText, const std::source_location& where,
+                  const char* functionName) {
   constexpr uint32_t kLevel = 4;
   constexpr uint64_t kDefaultFilter = 0;
   if (!logEnabled(kLevel, kDefaultFilter)) return;
   Ref<LogPrinter> printer = logLine(kLevel, kDefaultFilter);
-  *printer << "ASSERT CONDITION " << conditionText << " FAILED IN LINE " << LogNum{lineNumber};
+  *printer << "ASSERT CONDITION " << conditionText << " FAILED IN LINE " << LogNum{where.line()};
   if (logEnabled(kLevel, kDefaultFilter)) *printer << ", FUNCTION " << functionName;
   printer->endLine();
 }

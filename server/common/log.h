@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <source_location>
 
 #include "platform/log.h"
 
@@ -41,15 +42,24 @@ Ref<LogPrinter> logLine(uint32_t level, uint64_t handle);
     }                                                             \
   } while (0)
 
-// A log-only assertion at level 4 through filter handle 0: the condition text and the line
-// number in one statement, the function name in a second, then the line ends. The server goes on.
-#define POSIX_ASSERT(condition, conditionText, lineNumber, functionName)                 \
-  do {                                                                                  \
-    if (!(condition)) ::posix::assertFailed(conditionText, (lineNumber), functionName); \
+// A log-only assertion at level 4 through filter handle 0: "ASSERT CONDITION <condition>
+// FAILED IN LINE <line>" in one statement, ", FUNCTION <functionName>" in a second, then the
+// line ends. The server goes on. The compiler supplies the condition's text, exactly as
+// written, and the line, so neither can drift from the source; the function's name is given
+// because the line shows it qualified (Class::member), which __func__ does not.
+#define POSIX_ASSERT(condition, functionName) \
+  POSIX_ASSERT_AT(condition, std::source_location::current(), functionName)
+
+// The same for a helper that checks an invariant on behalf of its caller: `where` is the
+// std::source_location the helper took as a defaulted argument, so the line is the caller's.
+#define POSIX_ASSERT_AT(condition, where, functionName)                               \
+  do {                                                                                \
+    if (!(condition)) ::posix::assertFailed(#condition, (where), functionName);       \
   } while (0)
 
 namespace posix {
-void assertFailed(const char* conditionText, uint64_t lineNumber, const char* functionName);
+void assertFailed(const char* conditionText, const std::source_location& where,
+                  const char* functionName);
 }  // namespace posix
 
 namespace posix {

@@ -31,7 +31,7 @@ class TQueue : public Object {
     MonLock lock(mon_);
     if (!last_) {
       // An empty queue: a set `first_` would be a broken chain; it is overwritten.
-      POSIX_ASSERT(first_ == nullptr, "first == 0", 42, TQueueNames<T>::enqueue);
+      POSIX_ASSERT(first_ == nullptr, TQueueNames<T>::enqueue);
       first_ = node;
     } else {
       last_->next = node;
@@ -47,7 +47,7 @@ class TQueue : public Object {
     T value = std::move(entry->value);
     first_ = entry->next;
     if (!first_) {
-      POSIX_ASSERT(last_ == entry, "last == entry", 64, TQueueNames<T>::dequeue);
+      POSIX_ASSERT(last_ == entry, TQueueNames<T>::dequeue);
       last_ = nullptr;
     }
     delete entry;

@@ -18,7 +18,7 @@ PosixService::PosixService() {
 }
 
 bool PosixService::connect(const Ref<ChnLink>& link) {
-  POSIX_ASSERT(link, "link != 0", 56, "PosixService::connect");
+  POSIX_ASSERT(link != 0, "PosixService::connect");
   if (!link) return false;  // the hosted channel never passes one; nothing to bind
   // The platform admits only links whose peer it could identify. A record of an earlier
   // process with the same pid is never handed over: the identity includes the serial.
@@ -32,7 +32,7 @@ bool PosixService::connect(const Ref<ChnLink>& link) {
 }
 
 void PosixService::disconnect(const Ref<ChnLink>& link) {
-  POSIX_ASSERT(link, "link != 0", 66, "PosixService::disconnect");
+  POSIX_ASSERT(link != 0, "PosixService::disconnect");
   if (link) processes_->remove(link->tag());
 }
 

@@ -18,16 +18,16 @@ FDTable::FDTable() : mon_(Mon::create()) {
 }
 
 FDTable::FDTable(const Ref<FDTable>& parent) : mon_(Mon::create()) {
-  checkMonitor(45, "FDTable::FDTable");
+  checkMonitor("FDTable::FDTable");
   if (!parent) return;
-  POSIX_ASSERT(parent->mon_, "ptr->_mon != 0", 49, "FDTable::FDTable");
+  POSIX_ASSERT(parent->mon_ != 0, "FDTable::FDTable");
   MonLock lock(parent->mon_);
   runs_ = parent->runs_;
   count_ = parent->count_;
 }
 
 FDTable::~FDTable() {
-  checkMonitor(83, "FDTable::~FDTable");
+  checkMonitor("FDTable::~FDTable");
   {
     MonLock lock(mon_);
     runs_.clear();
@@ -35,8 +35,8 @@ FDTable::~FDTable() {
   mon_.reset();
 }
 
-void FDTable::checkMonitor(uint64_t line, const char* function) const {
-  POSIX_ASSERT(mon_, "_mon != 0", line, function);
+void FDTable::checkMonitor(const char* function, const std::source_location& caller) const {
+  POSIX_ASSERT_AT(mon_ != 0, caller, function);
 }
 
 FDTable::Place FDTable::lowerBound(int64_t fd) const {
@@ -134,7 +134,7 @@ bool FDTable::remove(int32_t fd) {
 }
 
 int32_t FDTable::dup(int32_t oldFd, int32_t newFd, bool replace) {
-  checkMonitor(174, "FDTable::dup");
+  checkMonitor("FDTable::dup");
   MonLock lock(mon_);
   const FileDescriptor* old = entry(oldFd);
   if (!old) return kBadNumber;
@@ -182,7 +182,7 @@ constexpr uint64_t kContinuationSize = 12;
 
 int32_t FDTable::serialize(const Ref<Interfaces::Stream>& out, uint64_t first,
                            uint64_t maxBytes) const {
-  checkMonitor(251, "FDTable::serialize");
+  checkMonitor("FDTable::serialize");
   if (!out) return 0;
   // Only the descriptor service's thread changes a table once it is built, and it is the one
   // that serialises; the monitor is taken all the same, so a table read from elsewhere (tests,

@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <source_location>
 #include <vector>
 
 #include "fd/file_description_server.h"
@@ -104,7 +105,9 @@ class FDTable : public Object {
     size_t at;
   };
 
-  void checkMonitor(uint64_t line, const char* function) const;
+  // The log-only assertion that the monitor is there, reported at the caller's line.
+  void checkMonitor(const char* function,
+                    const std::source_location& caller = std::source_location::current()) const;
   // The place of the first entry whose number is not below `fd`.
   Place lowerBound(int64_t fd) const;
   // The slot at `place`, null past the last entry; and the place after it.

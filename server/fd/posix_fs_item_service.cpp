@@ -16,9 +16,9 @@ Ref<PosixFSItemService> PosixFSItemService::create(FileDescriptionServerFSItem* 
 
 bool PosixFSItemService::handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t* ret,
                                 uint64_t /*value*/, Ref<Object>* /*extra*/) {
-  POSIX_ASSERT(in, "in != 0", __LINE__, "PosixFSItemService::handle");
-  POSIX_ASSERT(out, "out != 0", __LINE__, "PosixFSItemService::handle");
-  POSIX_ASSERT(ret, "ret != 0", __LINE__, "PosixFSItemService::handle");
+  POSIX_ASSERT(in != 0, "PosixFSItemService::handle");
+  POSIX_ASSERT(out != 0, "PosixFSItemService::handle");
+  POSIX_ASSERT(ret != 0, "PosixFSItemService::handle");
   if (!in || !out || !ret) return true;
   *ret = PX_RESULT_FAILED;
   Ref<FileDescriptionServerFSItem> server = GcProxy::lockWeakRef(server_);

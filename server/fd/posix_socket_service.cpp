@@ -14,9 +14,9 @@ Ref<PosixSocketService> PosixSocketService::create(FileDescriptionServerSocket* 
 
 bool PosixSocketService::handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t* ret,
                                 uint64_t /*value*/, Ref<Object>* /*extra*/) {
-  POSIX_ASSERT(in, "in != 0", __LINE__, "PosixSocketService::handle");
-  POSIX_ASSERT(out, "out != 0", __LINE__, "PosixSocketService::handle");
-  POSIX_ASSERT(ret, "ret != 0", __LINE__, "PosixSocketService::handle");
+  POSIX_ASSERT(in != 0, "PosixSocketService::handle");
+  POSIX_ASSERT(out != 0, "PosixSocketService::handle");
+  POSIX_ASSERT(ret != 0, "PosixSocketService::handle");
   // No socket operation is served here, whether or not the description still lives.
   if (ret) *ret = PX_RESULT_FAILED;
   return true;

@@ -34,8 +34,8 @@ PosixFifoBase::CallerScope::~CallerScope() {
 }
 
 uint64_t PosixFifoRead::read(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) {
-  POSIX_ASSERT(mon_, "mon != 0", 176, "PosixFifoRead::read");
-  POSIX_ASSERT(fifo_, "_fifo != 0", 177, "PosixFifoRead::read");
+  POSIX_ASSERT(mon_ != 0, "PosixFifoRead::read");
+  POSIX_ASSERT(fifo_ != 0, "PosixFifoRead::read");
   setStatus(kStatusOk);
   if (closed_.load(std::memory_order_acquire)) {
     setStatus(kStatusNotReadable);
@@ -77,8 +77,8 @@ uint64_t PosixFifoWrite::read(Interfaces::MemDesc, uint64_t, uint32_t) {
 }
 
 uint64_t PosixFifoWrite::write(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) {
-  POSIX_ASSERT(mon_, "mon != 0", 101, "PosixFifoWrite::write");
-  POSIX_ASSERT(fifo_, "_fifo != 0", 102, "PosixFifoWrite::write");
+  POSIX_ASSERT(mon_ != 0, "PosixFifoWrite::write");
+  POSIX_ASSERT(fifo_ != 0, "PosixFifoWrite::write");
   setStatus(kStatusOk);
   if (closed_.load(std::memory_order_acquire)) {
     setStatus(kStatusNotWritable);

@@ -2,6 +2,7 @@
 // assertion lines, lines whose pieces are never built when suppressed).
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -27,16 +28,32 @@ TEST(ExitHandlers, RunInReverseOrderOfRegistrationAndOnlyOnce) {
   EXPECT_EQ(order().size(), 3u) << "handlers are unlinked as they run";
 }
 
-TEST(LogIdiom, AssertionLineNamesConditionLineAndFunction) {
+// A helper that checks for its caller, as FDTable::checkMonitor does.
+void checkFor(const int* table, const char* function,
+              const std::source_location& caller = std::source_location::current()) {
+  POSIX_ASSERT_AT(table != 0, caller, function);
+}
+
+// "2ch (44)": the line as every log line prints a number.
+std::string logged(unsigned line) {
+  return (std::ostringstream() << std::hex << line << "h (" << std::dec << line << ")").str();
+}
+
+TEST(LogIdiom, AssertionLineShowsTheConditionAsWrittenItsLineAndTheFunction) {
   testing::internal::CaptureStderr();
   int* table = nullptr;
-  POSIX_ASSERT(table, "table != 0", 44, "FDTable::FDTable");
-  POSIX_ASSERT(!table, "never shown", 1, "nobody");
+  POSIX_ASSERT(table != 0, "FDTable::FDTable"); const unsigned line = __LINE__;
+  POSIX_ASSERT(!table, "nobody");
+  checkFor(table, "FDTable::dup"); const unsigned callerLine = __LINE__;
   std::string text = testing::internal::GetCapturedStderr();
-  EXPECT_NE(text.find(" 4 DEFAULT: ASSERT CONDITION table != 0 FAILED IN LINE 2ch (44), FUNCTION FDTable::FDTable\n"),
+  EXPECT_NE(text.find(" 4 DEFAULT: ASSERT CONDITION table != 0 FAILED IN LINE " + logged(line) +
+                      ", FUNCTION FDTable::FDTable\n"),
             std::string::npos)
       << text;
-  EXPECT_EQ(text.find("never shown"), std::string::npos);
+  EXPECT_NE(text.find("FAILED IN LINE " + logged(callerLine) + ", FUNCTION FDTable::dup\n"),
+            std::string::npos)
+      << "a helper reports its caller's line: " << text;
+  EXPECT_EQ(text.find("nobody"), std::string::npos);
 }
 
 }  // namespace

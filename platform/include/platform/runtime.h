@@ -1,6 +1,7 @@
 // The instance's runtime directory RT: $POSIX_RUNTIME_DIR, else $XDG_RUNTIME_DIR/posix, else
-// /tmp/posix-<uid>. It is created with mode 0700 and refused when it is not a directory owned
-// by the current user or is open to group or others.
+// /tmp/posix-<effective uid>, without trailing slashes (the rule the client library follows
+// too). It is created with mode 0700 and refused when it is not a directory owned by the
+// current user or is open to group or others.
 #pragma once
 
 #include <string>

@@ -2,9 +2,7 @@
 #include "platform/runtime.h"
 
 #include <dirent.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -12,10 +10,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <vector>
+
+#include "host/runtime_rule.h"
+#include "host/service_socket.h"
 
 namespace {
 
@@ -36,11 +36,6 @@ void listLocked(const std::string& file) {
     return;
   }
   if (std::find(g_owned.begin(), g_owned.end(), file) == g_owned.end()) g_owned.push_back(file);
-}
-
-const char* envValue(const char* name) {
-  const char* value = std::getenv(name);
-  return value && *value ? value : nullptr;
 }
 
 // Makes every missing parent of `path` (not `path` itself) with mode 0700.
@@ -74,17 +69,12 @@ bool fail(std::string* why, const std::string& text) {
 
 namespace Runtime {
 
-std::string dir() {
-  if (const char* own = envValue("POSIX_RUNTIME_DIR")) return own;
-  if (const char* xdg = envValue("XDG_RUNTIME_DIR")) return std::string(xdg) + "/posix";
-  return "/tmp/posix-" + std::to_string(::getuid());
-}
+std::string dir() { return posix::host::runtimeDirectory(); }
 
 std::string path(const std::string& relative) { return dir() + "/" + relative; }
 
 bool prepare(std::string* why) {
   std::string rt = dir();
-  while (rt.size() > 1 && rt.back() == '/') rt.pop_back();
   // Every channel and multiplex checks the tree when it is made: an existing tree costs one
   // lstat per directory, and only what is missing is made. lstat, not stat: a symlink planted
   // at RT by someone else must not redirect the instance.
@@ -99,11 +89,17 @@ bool prepare(std::string* why) {
     if (::lstat(rt.c_str(), &st) != 0)
       return fail(why, "cannot inspect runtime directory " + rt + ": " + std::strerror(errno));
   }
-  if (!S_ISDIR(st.st_mode)) return fail(why, "runtime directory " + rt + " is not a directory");
-  if (st.st_uid != ::geteuid())
-    return fail(why, "runtime directory " + rt + " is not owned by the current user");
-  if (st.st_mode & 077)
-    return fail(why, "runtime directory " + rt + " is accessible by group or others");
+  switch (posix::host::runtimeDirFault(st)) {
+    case posix::host::DirFault::kNone:
+      break;
+    case posix::host::DirFault::kSymlink:
+    case posix::host::DirFault::kNotDirectory:
+      return fail(why, "runtime directory " + rt + " is not a directory");
+    case posix::host::DirFault::kForeignOwner:
+      return fail(why, "runtime directory " + rt + " is not owned by the current user");
+    case posix::host::DirFault::kOpenToOthers:
+      return fail(why, "runtime directory " + rt + " is accessible by group or others");
+  }
   for (const char* sub : {"chn", "dev", "root", "shm"}) {
     std::string p = rt + "/" + sub;
     if (::lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) continue;
@@ -116,22 +112,11 @@ bool prepare(std::string* why) {
 }
 
 long listener(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) return 0;
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (fd < 0) return 0;
-  long pid = 0;
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-    ucred cred{};
-    socklen_t length = sizeof cred;
-    pid = ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &length) == 0 ? cred.pid : -1;
-  } else if (errno == EAGAIN || errno == EINPROGRESS) {
-    pid = -1;  // a full backlog: someone listens
-  }
-  ::close(fd);
-  return pid;
+  posix::host::Listener who;
+  int err = posix::host::probeListener(path, &who);
+  if (err == EAGAIN) return -1;  // a full backlog: someone listens
+  if (err != 0) return 0;
+  return who.pid != 0 ? who.pid : -1;
 }
 
 void removeStaleChannels() {

@@ -1,0 +1,139 @@
+#include "host/service_socket.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "host/runtime_rule.h"
+
+namespace posix::host {
+
+namespace {
+
+// The address of `path`; false when it does not fit.
+bool addressOf(const std::string& path, struct sockaddr_un* addr) {
+  std::memset(addr, 0, sizeof *addr);
+  addr->sun_family = AF_UNIX;
+  if (path.size() >= sizeof addr->sun_path) return false;
+  std::memcpy(addr->sun_path, path.c_str(), path.size() + 1);
+  return true;
+}
+
+int connectTo(int fd, const struct sockaddr_un& addr) {
+  int rc;
+  do {
+    rc = ::connect(fd, reinterpret_cast<const struct sockaddr*>(&addr), sizeof addr);
+  } while (rc != 0 && errno == EINTR);
+  return rc == 0 ? 0 : errno;
+}
+
+bool peerOf(int fd, struct ucred* cred) {
+  socklen_t len = sizeof *cred;
+  return ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, cred, &len) == 0;
+}
+
+}  // namespace
+
+int64_t monotonicMs() {
+  struct timespec ts;
+  ::clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+int aboveStandardFds(int fd) {
+  if (fd < 0 || fd > STDERR_FILENO) return fd;
+  int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  int err = errno;
+  ::close(fd);
+  errno = err;
+  return moved;
+}
+
+int probeListener(const std::string& path, Listener* out) {
+  struct sockaddr_un addr;
+  if (!addressOf(path, &addr)) return ENAMETOOLONG;
+  int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) return errno;
+  int err = connectTo(fd, addr);
+  if (err == EINPROGRESS) err = EAGAIN;  // a full backlog: someone listens
+  struct ucred cred;
+  if (err == 0) *out = peerOf(fd, &cred) ? Listener{cred.pid, cred.uid} : Listener{};
+  ::close(fd);
+  return err;
+}
+
+ServiceSocket::~ServiceSocket() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+int ServiceSocket::open(const std::string& rt, const std::string& name) {
+  // Checked on every open, not once: a directory that did not exist at one call may have been
+  // made by someone else before the next.
+  struct stat st;
+  if (::lstat(rt.c_str(), &st) != 0) return errno == ENOENT ? ENOENT : EACCES;
+  if (runtimeDirFault(st) != DirFault::kNone) return EACCES;
+  struct sockaddr_un addr;
+  if (!addressOf(rt + "/chn/" + name, &addr)) return ENAMETOOLONG;
+  int fd = aboveStandardFds(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  if (fd < 0) return errno;
+  struct ucred cred;
+  struct timeval tv = {kReplyTimeoutMs / 1000, (kReplyTimeoutMs % 1000) * 1000};
+  int err = connectTo(fd, addr);
+  if (err == 0 && !peerOf(fd, &cred)) err = errno;
+  if (err == 0 && cred.uid != ::geteuid()) err = EACCES;
+  if (err == 0 && ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0) err = errno;
+  if (err != 0) {
+    ::close(fd);
+    return err;
+  }
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = fd;
+  return 0;
+}
+
+int ServiceSocket::send(const void* frame, size_t size) const {
+  for (;;) {
+    ssize_t n = ::send(fd_, frame, size, MSG_NOSIGNAL);
+    if (n == static_cast<ssize_t>(size)) return 0;
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EPIPE || errno == ENOTCONN || errno == ECONNREFUSED)) return ECONNRESET;
+    return n < 0 ? errno : EPROTO;
+  }
+}
+
+ssize_t ServiceSocket::receive(void* buffer, size_t capacity, int64_t deadlineMs) {
+  for (;;) {
+    // With a deadline, poll first so that both the deadline and a server that hung up end the
+    // wait. Otherwise a blocking recv is enough (a hang-up ends it with 0 bytes, the link's
+    // receive time-out a wedged server) and saves a system call on every round trip.
+    int flags = MSG_TRUNC;
+    if (deadlineMs != kLinkTimeout) {
+      int64_t left = deadlineMs - monotonicMs();
+      struct pollfd pfd = {fd_, POLLIN, 0};
+      int rc = ::poll(&pfd, 1, left < 0 ? 0 : static_cast<int>(left));
+      if (rc < 0) return -errno;
+      if (rc == 0) return -EAGAIN;
+      flags |= MSG_DONTWAIT;
+    }
+    ssize_t n = ::recv(fd_, buffer, capacity, flags);
+    if (n > 0) return n;
+    if (n == 0) return -ECONNRESET;  // end of stream: the other end closed the link
+    if (errno == EAGAIN && deadlineMs != kLinkTimeout) continue;  // woken for nothing
+    return errno == ECONNREFUSED ? -ECONNRESET : -errno;
+  }
+}
+
+int64_t ServiceSocket::peerPid() const {
+  struct ucred cred;
+  return peerOf(fd_, &cred) ? cred.pid : 0;
+}
+
+}  // namespace posix::host
