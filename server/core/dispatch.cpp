@@ -4,7 +4,7 @@
 
 #include "core/posix_service.h"
 #include "core/request_reader.h"
-#include "core/service_log.h"
+#include "common/service_log.h"
 #include "fd/description_budget.h"
 #include "fifo/fifo_pairs.h"
 #include "fifo/unclaimed_pipe_ends.h"

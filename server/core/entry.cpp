@@ -5,9 +5,9 @@
 
 #include "adapters/adapter_log.h"
 #include "common/exit_handlers.h"
-#include "core/close_queue.h"
+#include "common/close_queue.h"
 #include "core/server_main.h"
-#include "core/service_log.h"
+#include "common/service_log.h"
 #include "diag/crash_handler.h"
 #include "fd/fd_log.h"
 #include "fifo/fifo_log.h"

@@ -2,8 +2,8 @@
 
 #include <posix/posix_service.h>
 
-#include "core/service_log.h"
-#include "diag/request_log.h"
+#include "common/service_log.h"
+#include "common/request_log.h"
 #include "process/process_agent.h"
 
 namespace posix {

@@ -4,8 +4,8 @@
 #include <posix/posix_service.h>
 
 #include "core/posix_service.h"
-#include "core/service_log.h"
-#include "fd/posix_fd_service.h"
+#include "common/service_log.h"
+#include "core/posix_fd_service.h"
 #include "diag/description_watch.h"
 #include "diag/diag_service.h"
 #include "platform/chario.h"

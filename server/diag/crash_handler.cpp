@@ -1,6 +1,6 @@
 #include "diag/crash_handler.h"
 
-#include "core/service_log.h"
+#include "common/service_log.h"
 #include "diag/crash_dump.h"
 #include "platform/heap.h"
 #include "platform/proc.h"

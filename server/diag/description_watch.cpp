@@ -4,7 +4,7 @@
 
 #include "adapters/posix_resizable_service.h"
 #include "adapters/posix_seekable_service.h"
-#include "diag/request_log.h"
+#include "common/request_log.h"
 #include "fd/posix_fs_item_service.h"
 #include "fd/posix_socket_service.h"
 #include "fifo/posix_fifo_svc.h"

@@ -4,7 +4,7 @@
 #include <posix/wire.h>
 
 #include "diag/diag_views.h"
-#include "diag/request_log.h"
+#include "common/request_log.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "diag/diag_reply.h"
 #include "diag/diag_sources.h"
-#include "diag/request_log.h"
+#include "common/request_log.h"
 #include "platform/heap.h"
 #include "platform/host_files.h"
 #include "platform/proc.h"

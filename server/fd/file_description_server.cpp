@@ -1,6 +1,6 @@
 #include "fd/file_description_server.h"
 
-#include "core/close_queue.h"
+#include "common/close_queue.h"
 #include "fd/description_holders.h"
 
 FileDescriptionServer::~FileDescriptionServer() {

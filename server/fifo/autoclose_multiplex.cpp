@@ -1,6 +1,6 @@
 #include "fifo/autoclose_multiplex.h"
 
-#include "core/close_queue.h"
+#include "common/close_queue.h"
 
 void AutocloseSvcMultiplex::setMultiplex(Ref<Libraries::Service::Multiplex> multiplex) {
   MonLock lock(monitor_);

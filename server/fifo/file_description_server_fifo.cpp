@@ -1,6 +1,6 @@
 #include "fifo/file_description_server_fifo.h"
 
-#include "core/close_queue.h"
+#include "common/close_queue.h"
 #include "fifo/fifo_end_node.h"
 #include "fifo/fifo_log.h"
 

@@ -13,7 +13,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/service_log.h"
+#include "common/service_log.h"
 #include "diag/crash_dump.h"
 #include "diag/crash_handler.h"
 #include "fd/fd_log.h"

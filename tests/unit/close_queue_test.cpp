@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <thread>
 
-#include "core/close_queue.h"
+#include "common/close_queue.h"
 #include "platform_chn_support.h"
 #include "platform_multiplex_support.h"
 #include "posix/wire.h"

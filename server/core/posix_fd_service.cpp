@@ -1,4 +1,4 @@
-#include "fd/posix_fd_service.h"
+#include "core/posix_fd_service.h"
 
 #include <posix/fd_service.h>
 #include <posix/posix_service.h>
@@ -11,7 +11,7 @@
 #include "fd/file_description_server_fs_item.h"
 #include "fd/file_description_server_socket.h"
 #include "fifo/fifo_pairs.h"
-#include "diag/request_log.h"
+#include "common/request_log.h"
 #include "platform/error.h"
 #include "platform/local_file.h"
 

@@ -1,4 +1,4 @@
-#include "diag/request_log.h"
+#include "common/request_log.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,4 +1,4 @@
-#include "core/close_queue.h"
+#include "common/close_queue.h"
 
 #include <atomic>
 
