@@ -2,6 +2,8 @@
 #include <errno.h>
 #include <unistd.h>
 
+#include <posix/wire_tables.h>
+
 #include "internal.h"
 #include "posix_client.h"
 
@@ -9,22 +11,15 @@ namespace pxc {
 
 namespace {
 
-// The record a signal waiter receives with a signal sent by this process.
-void putSenderRecord(FrameWriter& req, uint32_t sig) {
-  req.u32(sig);
-  req.u32(0xFFFFFFFFu);  // sent by a process, not by the system
-  req.u32(0);
-  req.u32(0);
-  req.u64(static_cast<uint64_t>(getpid()));
-  req.u64(0);
-}
-
-// A kill or group kill: the target, the signal and the sender's record.
-int sendSignal(uint32_t command, uint64_t target, int sig) {
+// A kill or group kill: the target, the signal and the record a signal waiter receives with
+// it, marked as sent by this process.
+int sendSignal(px_process_command command, uint64_t target, int sig) {
+  const uint32_t signal = static_cast<uint32_t>(sig);
+  px_status_record sender = {signal, 0xFFFFFFFFu, 0, 0, static_cast<uint64_t>(getpid()), 0};
   FrameWriter req(command);
-  req.u64(target);
-  req.u32(static_cast<uint32_t>(sig));
-  putSenderRecord(req, static_cast<uint32_t>(sig));
+  // Both commands' values are laid out alike.
+  static_assert(px::layoutIs<uint64_t, uint32_t, px_status_record>(px::command(PX_CMD_KILL_GROUP).request));
+  px::putValues(req, px::command(PX_CMD_KILL).request, target, signal, sender);
   Reply reply;
   int err = transact(req, &reply);
   if (err != 0) return fail(err);
@@ -77,7 +72,8 @@ int px_kill_all(int sig) { return px_kill(-1, sig); }
 int64_t px_getpgid(int64_t pid) {
   if (pid < 0) return pxc::fail(ESRCH);
   pxc::FrameWriter req(PX_CMD_GET_GROUP_ID);
-  req.u64(pid == 0 ? static_cast<uint64_t>(getpid()) : static_cast<uint64_t>(pid));
+  uint64_t target = pid == 0 ? static_cast<uint64_t>(getpid()) : static_cast<uint64_t>(pid);
+  px::putValues(req, px::command(PX_CMD_GET_GROUP_ID).request, target);
   return pxc::askU64(req);
 }
 
