@@ -112,6 +112,25 @@ constexpr bool layoutIs(std::string_view layout) {
   return same && !walk.next(&type, &name, &optional);
 }
 
+// The checker itself: a wrong type, a missing value or one too many is a mismatch.
+static_assert(layoutIs<uint64_t, uint32_t>("u64 pid, u32 signal") && layoutIs<>(""));
+static_assert(!layoutIs<uint32_t>("u64 pid") && !layoutIs<uint64_t>("u64 pid, u32 signal") &&
+              !layoutIs<uint64_t, uint32_t>("u64 pid"));
+
+// Whether no two lines of a table share a code.
+template <class Entry>
+constexpr bool codesUnique(std::span<const Entry> table) {
+  for (size_t i = 0; i < table.size(); ++i)
+    for (size_t j = i + 1; j < table.size(); ++j)
+      if (table[i].code == table[j].code) return false;
+  return true;
+}
+static_assert(codesUnique<Command>(kProcessCommands) && codesUnique<Command>(kFdCommands) &&
+              codesUnique<Command>(kStreamCommands) && codesUnique<Command>(kItemCommands) &&
+              codesUnique<Command>(kFifoCommands) && codesUnique<Command>(kDiagCommands));
+static_assert(codesUnique<Result>(kSharedResults) && codesUnique<Result>(kProcessResults) &&
+              codesUnique<Result>(kFifoStatuses));
+
 // A layout that names values of the types T. It converts from a table's text only when the
 // text lists exactly those types; otherwise the conversion is not a constant and the code that
 // asked for it does not compile.
