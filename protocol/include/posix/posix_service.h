@@ -49,6 +49,14 @@ enum px_process_command {
 #undef PX_COMMAND_CODE
 };
 
+/* The names of a spawn request's environment pairs that the server takes and does not pass on:
+ * the child's working directory, and the host paths of its standard input, output and error
+ * (empty: the child starts with that descriptor closed). */
+#define PX_ENV_CWD "POSIX_CWD"
+#define PX_ENV_STDIN "POSIX_STDIN"
+#define PX_ENV_STDOUT "POSIX_STDOUT"
+#define PX_ENV_STDERR "POSIX_STDERR"
+
 #define PX_SPAWN_FLAG_SEARCH_PATH 1u /* look the path up in PATH when it has no slash */
 
 /* killGroup selectors: 0 the caller's own group, 1 every process, other: that group id. */
