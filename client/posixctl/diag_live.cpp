@@ -52,29 +52,22 @@ std::string streamArguments(const px_diag_event& e) {
 // marked cut, with its whole length). 0 when the head does not hold it whole (or it is a
 // record, which never fits), else the bytes it takes.
 size_t showValue(std::string_view type, const uint8_t* at, size_t held, std::string* text) {
-  char shown[64];
   if (type == "string") {
     uint32_t length = 0;
     if (held < sizeof length) return 0;
     std::memcpy(&length, at, sizeof length);
     size_t bytes = std::min<size_t>(length, held - sizeof length);
     text->append(reinterpret_cast<const char*>(at + sizeof length), bytes);
-    if (length > bytes) snprintf(shown, sizeof shown, "... (%u bytes)", length);
-    if (length > bytes) *text += shown;
+    if (length > bytes) *text += "... (" + std::to_string(length) + " bytes)";
     return sizeof length + bytes;
   }
-  uint64_t u64 = 0;
-  uint32_t u32 = 0;
-  int32_t i32 = 0;
   size_t size = type == "u8" ? 1 : type == "u32" || type == "i32" ? 4 : type == "u64" ? 8 : 0;
   if (size == 0 || held < size) return 0;
-  std::memcpy(&u64, at, size);
-  std::memcpy(&u32, at, std::min(size, sizeof u32));
-  std::memcpy(&i32, at, std::min(size, sizeof i32));
-  if (type == "u64") snprintf(shown, sizeof shown, "%" PRId64, static_cast<int64_t>(u64));
-  else if (type == "i32") snprintf(shown, sizeof shown, "%d", i32);
-  else snprintf(shown, sizeof shown, "%u", u32);
-  *text += shown;
+  uint64_t raw = 0;  // values are little-endian, as the host's
+  std::memcpy(&raw, at, size);
+  if (type == "u64") *text += std::to_string(static_cast<int64_t>(raw));
+  else if (type == "i32") *text += std::to_string(static_cast<int32_t>(static_cast<uint32_t>(raw)));
+  else *text += std::to_string(raw);
   return size;
 }
 
