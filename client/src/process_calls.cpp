@@ -13,13 +13,12 @@ namespace {
 
 // A kill or group kill: the target, the signal and the record a signal waiter receives with
 // it, marked as sent by this process.
-int sendSignal(px_process_command command, uint64_t target, int sig) {
+template <px_process_command Command>
+int sendSignal(uint64_t target, int sig) {
   const uint32_t signal = static_cast<uint32_t>(sig);
   px_status_record sender = {signal, 0xFFFFFFFFu, 0, 0, static_cast<uint64_t>(getpid()), 0};
-  FrameWriter req(command);
-  // Both commands' values are laid out alike.
-  static_assert(px::layoutIs<uint64_t, uint32_t, px_status_record>(px::command(PX_CMD_KILL_GROUP).request));
-  px::putValues(req, px::command(PX_CMD_KILL).request, target, signal, sender);
+  FrameWriter req(Command);
+  px::putRequest<Command>(req, target, signal, sender);
   Reply reply;
   int err = transact(req, &reply);
   if (err != 0) return fail(err);
@@ -28,12 +27,12 @@ int sendSignal(px_process_command command, uint64_t target, int sig) {
 }
 
 // The server checks the range of a signal to one process (result 2).
-int killOne(int64_t pid, int sig) { return sendSignal(PX_CMD_KILL, static_cast<uint64_t>(pid), sig); }
+int killOne(int64_t pid, int sig) { return sendSignal<PX_CMD_KILL>(static_cast<uint64_t>(pid), sig); }
 
 int killGroup(uint64_t selector, int sig) {
   // The server does not check the range of a group signal: members would be skipped silently.
   if (sig < 0 || sig >= PX_NSIG) return fail(EINVAL);
-  return sendSignal(PX_CMD_KILL_GROUP, selector, sig);
+  return sendSignal<PX_CMD_KILL_GROUP>(selector, sig);
 }
 
 // A request whose answer is one u64 value: the value, or -1 with errno set.
@@ -73,7 +72,7 @@ int64_t px_getpgid(int64_t pid) {
   if (pid < 0) return pxc::fail(ESRCH);
   pxc::FrameWriter req(PX_CMD_GET_GROUP_ID);
   uint64_t target = pid == 0 ? static_cast<uint64_t>(getpid()) : static_cast<uint64_t>(pid);
-  px::putValues(req, px::command(PX_CMD_GET_GROUP_ID).request, target);
+  px::putRequest<PX_CMD_GET_GROUP_ID>(req, target);
   return pxc::askU64(req);
 }
 

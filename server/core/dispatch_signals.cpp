@@ -54,8 +54,7 @@ uint32_t PosixService::kill(const Ref<PosixProcess>& caller, const Ref<InMsg>& r
   uint64_t pid = 0;
   uint32_t signum = 0;
   StatusRecord info{};
-  if (!readValues(request, px::command(PX_CMD_KILL).request, &pid, &signum, &info))
-    return PX_RESULT_SHORT_REQUEST;
+  if (!readRequest<PX_CMD_KILL>(request, &pid, &signum, &info)) return PX_RESULT_SHORT_REQUEST;
   if (signum >= PX_SIG_COUNT) return PX_RESULT_BAD_SIGNAL;
   // A thread id that does not lead its process, the server's threads among them, has none.
   ProcIdentity who = Proc::identity(pid);
@@ -70,7 +69,7 @@ bool PosixService::killGroup(const Ref<PosixProcess>& caller, const Ref<InMsg>& 
                              uint32_t* result) {
   uint64_t selector = 0;
   Broadcast b;
-  if (!readValues(request, px::command(PX_CMD_KILL_GROUP).request, &selector, &b.signum, &b.record)) {
+  if (!readRequest<PX_CMD_KILL_GROUP>(request, &selector, &b.signum, &b.record)) {
     *result = PX_RESULT_SHORT_REQUEST;
     return true;
   }

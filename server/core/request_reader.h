@@ -6,8 +6,6 @@
 
 #include <posix/wire_tables.h>
 
-#include <type_traits>
-
 #include "platform/message.h"
 
 template <class T>
@@ -20,13 +18,16 @@ bool writeValue(const Ref<OutMsg>& reply, const T& value) {
   return reply->write(&value, sizeof value, kForever) == sizeof value;
 }
 
-template <class... T>
-bool readValues(const Ref<InMsg>& request, px::Values<std::type_identity_t<T>...> /*layout*/, T*... values) {
+// Reads the values of command `Code`'s request line; false when the request is short.
+template <auto Code, class... T>
+bool readRequest(const Ref<InMsg>& request, T*... values) {
+  static_assert(px::layoutIs<T...>(px::command(Code).request), "the values do not follow the request line");
   return (readValue(request, values) && ...);
 }
 
-template <class... T>
-bool writeValues(const Ref<OutMsg>& reply, px::Values<std::type_identity_t<T>...> /*layout*/,
-                 const T&... values) {
+// Writes the values of command `Code`'s reply line; false when one could not be written.
+template <auto Code, class... T>
+bool writeReply(const Ref<OutMsg>& reply, const T&... values) {
+  static_assert(px::layoutIs<T...>(px::command(Code).reply), "the values do not follow the reply line");
   return (writeValue(reply, values) && ...);
 }

@@ -5,8 +5,8 @@
  * Each service's header holds its table as one X-macro list; the lists are the only place a
  * code, a name or a layout is written. A layout is the table's text, "type name" values
  * separated by ", ". A decoder or encoder names the command whose layout it follows, and the
- * types it reads or writes are checked against that text: code that reads a u32 where the
- * table says u64 does not compile.
+ * types it reads or writes are checked against that text when it compiles: code that reads a
+ * u32 where the table says u64 does not build.
  */
 #ifndef POSIX_WIRE_TABLES_H
 #define POSIX_WIRE_TABLES_H
@@ -18,7 +18,6 @@
 #include <cstdint>
 #include <span>
 #include <string_view>
-#include <type_traits>
 
 #include "diag_service.h"
 #include "fd_service.h"
@@ -131,19 +130,11 @@ static_assert(codesUnique<Command>(kProcessCommands) && codesUnique<Command>(kFd
 static_assert(codesUnique<Result>(kSharedResults) && codesUnique<Result>(kProcessResults) &&
               codesUnique<Result>(kFifoStatuses));
 
-// A layout that names values of the types T. It converts from a table's text only when the
-// text lists exactly those types; otherwise the conversion is not a constant and the code that
-// asked for it does not compile.
-template <class... T>
-struct Values {
-  consteval Values(const char* layout) {  // NOLINT: converts from a table's text on purpose
-    if (!layoutIs<T...>(layout)) throw "the values do not follow the command's table line";
-  }
-};
-
-// Puts `values` in the order and of the types `layout` lists into a writer that takes bytes.
-template <class Writer, class... T>
-void putValues(Writer& writer, Values<std::type_identity_t<T>...> /*layout*/, const T&... values) {
+// Puts `values` into a writer that takes bytes, checked to be of the types, and in the order,
+// of command `Code`'s request line.
+template <auto Code, class Writer, class... T>
+void putRequest(Writer& writer, const T&... values) {
+  static_assert(layoutIs<T...>(command(Code).request), "the values do not follow the request line");
   (writer.bytes(&values, sizeof values), ...);
 }
 
