@@ -15,6 +15,7 @@
 #error "wire_tables.h is C++; C code uses the X-macro lists of the service headers"
 #endif
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string_view>
@@ -128,6 +129,7 @@ static_assert(codesUnique<Command>(kProcessCommands) && codesUnique<Command>(kFd
               codesUnique<Command>(kStreamCommands) && codesUnique<Command>(kItemCommands) &&
               codesUnique<Command>(kFifoCommands) && codesUnique<Command>(kDiagCommands));
 static_assert(codesUnique<Result>(kSharedResults) && codesUnique<Result>(kProcessResults) &&
+              codesUnique<Result>(kFdResults) &&
               codesUnique<Result>(kFifoStatuses));
 
 // Puts `values` into a writer that takes bytes, checked to be of the types, and in the order,
