@@ -212,24 +212,23 @@ int DiagLink::next(EventBatch* out, int timeoutMs) {
   return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
 }
 
+const px::Command* commandEntry(uint32_t service, uint32_t code) {
+  switch (service) {
+    case PX_DIAG_PROCESS_SERVICE: return px::find<px::Command>(px::kProcessCommands, code);
+    case PX_DIAG_FD_SERVICE: return px::find<px::Command>(px::kFdCommands, code);
+    case PX_DIAG_STREAM_SERVICE: return px::find<px::Command>(px::kStreamCommands, code);
+    // The three services of an opened item share one numbering.
+    case PX_DIAG_SEEKABLE_SERVICE:
+    case PX_DIAG_RESIZABLE_SERVICE:
+    case PX_DIAG_ITEM_SERVICE: return px::find<px::Command>(px::kItemCommands, code);
+    case PX_DIAG_FIFO_STATUS_SERVICE: return px::find<px::Command>(px::kFifoCommands, code);
+    default: return nullptr;
+  }
+}
+
 std::string commandName(uint32_t service, uint32_t code) {
-  static const char* const kProcess[] = {"0",          "kill",  "killGroup",       "waitSignal",
-                                         "getGroupId", "getParentId", "spawn",     "spawnShared",
-                                         "getSharedMemory", "wait", "abortWaits", "createPipe"};
-  static const char* const kFd[] = {"close", "dup",     "getTable",     "reserve",     "openItem",
-                                    "reserve", "reserve", "createPipe", "createSocket"};
-  if (service == PX_DIAG_PROCESS_SERVICE && code < sizeof kProcess / sizeof *kProcess)
-    return kProcess[code];
-  if (service == PX_DIAG_FD_SERVICE && code < sizeof kFd / sizeof *kFd) return kFd[code];
-  static const char* const kStream[] = {"0", "read", "write"};
-  static const char* const kItem[] = {"position", "seek", "size", "resize", "describe", "hostFile"};
-  static const char* const kStatus[] = {"moreToCome", "lastStatus", "sharedPage"};
-  if (service == PX_DIAG_STREAM_SERVICE && code < 3) return kStream[code];
-  bool itemish = service == PX_DIAG_SEEKABLE_SERVICE || service == PX_DIAG_RESIZABLE_SERVICE ||
-                 service == PX_DIAG_ITEM_SERVICE;
-  if (itemish && code < sizeof kItem / sizeof *kItem) return kItem[code];
-  if (service == PX_DIAG_FIFO_STATUS_SERVICE && code < 3) return kStatus[code];
-  return std::to_string(code);
+  const px::Command* command = commandEntry(service, code);
+  return command != nullptr ? command->name : std::to_string(code);
 }
 
 }  // namespace posixctl

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <posix/diag_service.h>
+#include <posix/wire_tables.h>
 
 #include <cstdint>
 #include <functional>
@@ -74,8 +75,11 @@ class DiagLink {
   uint64_t monitorId_ = 0;
 };
 
-// The command names of the two services, for display ("spawn", "getTable"...); the number as
-// text for a code without a name.
+// A command's table line (posix/wire_tables.h) by the service and code an event or a figure
+// names; null for a code without one.
+const px::Command* commandEntry(uint32_t service, uint32_t code);
+// The command's name, for display ("spawn", "getTable"...); the number as text for a code
+// without a name.
 std::string commandName(uint32_t service, uint32_t code);
 
 }  // namespace posixctl

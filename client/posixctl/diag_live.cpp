@@ -8,13 +8,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 
-#include <posix/fd_service.h>
-#include <posix/nodes.h>
-#include <posix/posix_service.h>
-#include <posix/wire.h>
+#include <posix/wire_tables.h>
 
 #include "diag_client.h"
 #include "posixctl.h"
@@ -40,44 +39,56 @@ const char* serviceName(uint32_t service) {
   return service < PX_DIAG_SERVICES ? kNames[service] : "?";
 }
 
-// The request's first values as a person reads them, by command.
+// A stream request's values as a person reads them: what a read asks for, what a write carries.
+std::string streamArguments(const px_diag_event& e) {
+  uint64_t max = 0;
+  std::memcpy(&max, e.head, sizeof max);
+  if (e.code == PX_STREAM_READ) return "up to " + std::to_string(max) + " bytes";
+  if (e.code == PX_STREAM_WRITE) return std::to_string(e.size > 4 ? e.size - 4 : 0) + " bytes";
+  return "";
+}
+
+// One value of a request's head as text: a number, or a string's first bytes (a longer one
+// marked cut, with its whole length). 0 when the head does not hold it whole (or it is a
+// record, which never fits), else the bytes it takes.
+size_t showValue(std::string_view type, const uint8_t* at, size_t held, std::string* text) {
+  if (type == "string") {
+    uint32_t length = 0;
+    if (held < sizeof length) return 0;
+    std::memcpy(&length, at, sizeof length);
+    size_t bytes = std::min<size_t>(length, held - sizeof length);
+    text->append(reinterpret_cast<const char*>(at + sizeof length), bytes);
+    if (length > bytes) *text += "... (" + std::to_string(length) + " bytes)";
+    return sizeof length + bytes;
+  }
+  size_t size = type == "u8" ? 1 : type == "u32" || type == "i32" ? 4 : type == "u64" ? 8 : 0;
+  if (size == 0 || held < size) return 0;
+  uint64_t raw = 0;  // values are little-endian, as the host's
+  std::memcpy(&raw, at, size);
+  if (type == "u64") *text += std::to_string(static_cast<int64_t>(raw));
+  else if (type == "i32") *text += std::to_string(static_cast<int32_t>(static_cast<uint32_t>(raw)));
+  else *text += std::to_string(raw);
+  return size;
+}
+
+// The request's first values as a person reads them: "name value" for each value of the
+// command's table line that the event's head holds, up to the first string.
 std::string arguments(const px_diag_event& e) {
-  uint64_t u64 = 0, value = 0;
-  uint32_t u32 = 0, sig = 0;
-  int32_t i32[2] = {0, 0};
-  std::memcpy(&u64, e.head, sizeof u64);
-  std::memcpy(&u32, e.head, sizeof u32);
-  std::memcpy(i32, e.head, sizeof i32);
-  std::memcpy(&sig, e.head + 8, sizeof sig);
-  std::memcpy(&value, e.head + 4, sizeof value);
-  // A path's first bytes: a string is a u32 length and the bytes, of which 12 fit the head; a
-  // longer one is marked cut, with its whole length.
-  int pathShown = static_cast<int>(std::min<uint32_t>(u32, sizeof e.head - 4));
-  char cut[32] = "";
-  if (u32 > sizeof e.head - 4) snprintf(cut, sizeof cut, "... (%u bytes)", u32);
-  char text[96] = "";
-  if (e.service == PX_DIAG_PROCESS_SERVICE) {
-    switch (e.code) {
-      case PX_CMD_KILL:
-      case PX_CMD_KILL_GROUP:
-        snprintf(text, sizeof text, "target %" PRId64 " signal %u", static_cast<int64_t>(u64), sig);
-        break;
-      case PX_CMD_GET_GROUP_ID: snprintf(text, sizeof text, "pid %" PRIu64, u64); break;
-      case PX_CMD_SPAWN:
-      case PX_CMD_SPAWN_SHARED: snprintf(text, sizeof text, "path %.*s%s", pathShown, e.head + 4, cut); break;
-      case PX_CMD_WAIT: snprintf(text, sizeof text, "kind %u value %" PRId64, u32, static_cast<int64_t>(value)); break;
-      default: break;
-    }
-  } else if (e.service == PX_DIAG_STREAM_SERVICE) {
-    if (e.code == PX_STREAM_READ) snprintf(text, sizeof text, "up to %" PRIu64 " bytes", u64);
-    if (e.code == PX_STREAM_WRITE) snprintf(text, sizeof text, "%u bytes", e.size > 4 ? e.size - 4 : 0);
-  } else if (e.service == PX_DIAG_FD_SERVICE) {
-    switch (e.code) {
-      case PX_FD_CMD_CLOSE: snprintf(text, sizeof text, "fd %d", i32[0]); break;
-      case PX_FD_CMD_DUP: snprintf(text, sizeof text, "fd %d onto %d", i32[0], i32[1]); break;
-      case PX_FD_CMD_OPEN: snprintf(text, sizeof text, "path %.*s%s", pathShown, e.head + 4, cut); break;
-      default: break;
-    }
+  if (e.service == PX_DIAG_STREAM_SERVICE) return streamArguments(e);
+  const px::Command* command = commandEntry(e.service, e.code);
+  if (command == nullptr) return "";
+  const size_t held = std::min<size_t>(e.size, sizeof e.head);
+  std::string text;
+  std::string_view type, name;
+  bool optional = false;
+  px::LayoutWalk walk(command->request);
+  for (size_t at = 0; walk.next(&type, &name, &optional);) {
+    std::string value;
+    size_t used = showValue(type, e.head + at, held - at, &value);
+    if (used == 0) break;
+    text += (text.empty() ? "" : " ") + std::string(name) + " " + value;
+    if (type == "string") break;  // its length leaves what follows to chance
+    at += used;
   }
   return text;
 }
@@ -92,30 +103,12 @@ std::string resultName(const px_diag_event& e) {
   // ended (the library posts closes without waiting): the table went with the process.
   if (e.service == PX_DIAG_FD_SERVICE && e.code == PX_FD_CMD_CLOSE && e.result == PX_RESULT_FAILED)
     return "not-open";
-  switch (e.result) {
-    case PX_DIAG_KEPT: return "kept";
-    case PX_RESULT_FAILED: return "failed";
-    case PX_RESULT_DONE: return "done";
-    case PX_RESULT_SHORT_REQUEST: return "short";
-    case PX_RESULT_LIMIT: return "limit";
-    default: break;
-  }
-  if (e.service == PX_DIAG_PROCESS_SERVICE) {
-    switch (e.result) {
-      case PX_RESULT_BAD_SIGNAL: return "bad-signal";
-      case PX_RESULT_NO_PROCESS: return "no-process";
-      case PX_RESULT_NOT_PERMITTED: return "not-permitted";
-      case PX_RESULT_NO_CHILD: return "no-child";
-      case PX_RESULT_ABORTED: return "aborted";
-      default: break;
-    }
-  } else if (e.service == PX_DIAG_FD_SERVICE) {
-    switch (e.result) {
-      case PX_FD_RESULT_OPEN_FAILED: return "open-failed";
-      case PX_FD_RESULT_NO_NODE: return "no-node";
-      case PX_FD_RESULT_BAD_FD: return "bad-fd";
-      default: break;
-    }
+  if (e.result == PX_DIAG_KEPT) return "kept";
+  std::span<const px::Result> own;
+  if (e.service == PX_DIAG_PROCESS_SERVICE) own = px::kProcessResults;
+  if (e.service == PX_DIAG_FD_SERVICE) own = px::kFdResults;
+  for (std::span<const px::Result> table : {std::span<const px::Result>(px::kSharedResults), own}) {
+    if (const px::Result* result = px::find(table, e.result)) return result->name;
   }
   return std::to_string(e.result);
 }

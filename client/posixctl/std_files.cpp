@@ -7,13 +7,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <posix/posix_service.h>
+
 #include "posixctl.h"
 
 namespace posixctl {
 
 namespace {
 
-const char* const kNames[] = {"POSIX_STDIN", "POSIX_STDOUT", "POSIX_STDERR"};
+const char* const kNames[] = {PX_ENV_STDIN, PX_ENV_STDOUT, PX_ENV_STDERR};
 
 std::string procPath(int fd) { return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(fd); }
 

@@ -11,6 +11,7 @@
 
 #include "descriptors.h"
 #include "posix/fs_item.h"
+#include "posix/pipe_page.h"
 #include "posix_client.h"
 
 namespace pxc {
@@ -21,12 +22,6 @@ namespace {
 // takes whole, so that a write of up to 4096 bytes is one request and arrives unsplit.
 constexpr size_t kWriteChunk = 65536;
 
-// Command 1 of the FIFO status service (the status of the last call) and its answers.
-constexpr uint32_t kStatusLast = 1;
-constexpr int64_t kEndOfFile = 1;
-constexpr int64_t kBrokenPipe = 2;
-constexpr int64_t kNotReadable = 3;  // also: the end has gone
-constexpr int64_t kNotWritable = 4;
 
 }  // namespace
 
@@ -151,7 +146,7 @@ int64_t Description::read(void* buf, size_t n, bool nonblock) {
     }
     if (code != PX_RESULT_DONE) return -EPROTO;
     if (got > 0) return static_cast<int64_t>(got);
-    int64_t st = status(kStatusLast);
+    int64_t st = status(PX_FIFO_CMD_STATUS);
     // No status service: nothing tells more, an empty read is the end of the data; a
     // file-system item's own description tells the rest.
     if (st < 0 && !offers(PX_IFACE_FS_ITEM)) return 0;
@@ -159,8 +154,8 @@ int64_t Description::read(void* buf, size_t n, bool nonblock) {
       int why = itemEmpty(false);
       if (why != kTimedOut) return -why;
     }
-    if (st == kEndOfFile) return 0;
-    if (st == kNotReadable) return -EBADF;
+    if (st == PX_FIFO_STATUS_EOF) return 0;
+    if (st == PX_FIFO_STATUS_NOT_READABLE) return -EBADF;  // also once the end has gone
     // A time-out (5), or 0 when another reader's call overwrote the status: nothing yet.
     if (nonblock) return -EAGAIN;
     if (interrupted) return -EINTR;
@@ -189,15 +184,15 @@ int64_t Description::write(const void* buf, size_t n, bool nonblock) {
     }
     done += count;
     if (count > 0) continue;
-    int64_t st = status(kStatusLast);
+    int64_t st = status(PX_FIFO_CMD_STATUS);
     int fault = 0;
     // Not a FIFO: an empty write has no reason to retry, unless an item ran out its slice.
     if (st < 0) {
       fault = offers(PX_IFACE_FS_ITEM) ? itemEmpty(true) : EIO;
     }
     if (fault == kTimedOut) fault = 0;
-    if (st == kBrokenPipe) fault = EPIPE;
-    if (st == kNotWritable || st == kNotReadable) fault = EBADF;
+    if (st == PX_FIFO_STATUS_BROKEN) fault = EPIPE;
+    if (st == PX_FIFO_STATUS_NOT_WRITABLE || st == PX_FIFO_STATUS_NOT_READABLE) fault = EBADF;
     if (fault == 0 && nonblock) fault = EAGAIN;
     if (fault == 0 && interrupted) fault = EINTR;
     if (fault != 0) return done > 0 ? static_cast<int64_t>(done) : -fault;

@@ -2,6 +2,8 @@
 #include <errno.h>
 #include <unistd.h>
 
+#include <posix/wire_tables.h>
+
 #include "internal.h"
 #include "posix_client.h"
 
@@ -9,22 +11,14 @@ namespace pxc {
 
 namespace {
 
-// The record a signal waiter receives with a signal sent by this process.
-void putSenderRecord(FrameWriter& req, uint32_t sig) {
-  req.u32(sig);
-  req.u32(0xFFFFFFFFu);  // sent by a process, not by the system
-  req.u32(0);
-  req.u32(0);
-  req.u64(static_cast<uint64_t>(getpid()));
-  req.u64(0);
-}
-
-// A kill or group kill: the target, the signal and the sender's record.
-int sendSignal(uint32_t command, uint64_t target, int sig) {
-  FrameWriter req(command);
-  req.u64(target);
-  req.u32(static_cast<uint32_t>(sig));
-  putSenderRecord(req, static_cast<uint32_t>(sig));
+// A kill or group kill: the target, the signal and the record a signal waiter receives with
+// it, marked as sent by this process.
+template <px_process_command Command>
+int sendSignal(uint64_t target, int sig) {
+  const uint32_t signal = static_cast<uint32_t>(sig);
+  px_status_record sender = {signal, 0xFFFFFFFFu, 0, 0, static_cast<uint64_t>(getpid()), 0};
+  FrameWriter req(Command);
+  px::putRequest<Command>(req, target, signal, sender);
   Reply reply;
   int err = transact(req, &reply);
   if (err != 0) return fail(err);
@@ -33,12 +27,12 @@ int sendSignal(uint32_t command, uint64_t target, int sig) {
 }
 
 // The server checks the range of a signal to one process (result 2).
-int killOne(int64_t pid, int sig) { return sendSignal(PX_CMD_KILL, static_cast<uint64_t>(pid), sig); }
+int killOne(int64_t pid, int sig) { return sendSignal<PX_CMD_KILL>(static_cast<uint64_t>(pid), sig); }
 
 int killGroup(uint64_t selector, int sig) {
   // The server does not check the range of a group signal: members would be skipped silently.
   if (sig < 0 || sig >= PX_NSIG) return fail(EINVAL);
-  return sendSignal(PX_CMD_KILL_GROUP, selector, sig);
+  return sendSignal<PX_CMD_KILL_GROUP>(selector, sig);
 }
 
 // A request whose answer is one u64 value: the value, or -1 with errno set.
@@ -77,7 +71,8 @@ int px_kill_all(int sig) { return px_kill(-1, sig); }
 int64_t px_getpgid(int64_t pid) {
   if (pid < 0) return pxc::fail(ESRCH);
   pxc::FrameWriter req(PX_CMD_GET_GROUP_ID);
-  req.u64(pid == 0 ? static_cast<uint64_t>(getpid()) : static_cast<uint64_t>(pid));
+  uint64_t target = pid == 0 ? static_cast<uint64_t>(getpid()) : static_cast<uint64_t>(pid);
+  px::putRequest<PX_CMD_GET_GROUP_ID>(req, target);
   return pxc::askU64(req);
 }
 

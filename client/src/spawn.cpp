@@ -26,7 +26,7 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 // file. A closed descriptor is named empty (the child starts with it closed); a socket cannot
 // be opened by path and is left out (the server's default stands).
 Pairs callerDefaults(char* const envp[]) {
-  static const char* const kNames[] = {"POSIX_STDIN", "POSIX_STDOUT", "POSIX_STDERR", "POSIX_CWD"};
+  static const char* const kNames[] = {PX_ENV_STDIN, PX_ENV_STDOUT, PX_ENV_STDERR, PX_ENV_CWD};
   bool named[4] = {false, false, false, false};
   for (char* const* e = envp; *e != nullptr; ++e) {
     for (int k = 0; k < 4; ++k) {

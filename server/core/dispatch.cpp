@@ -63,7 +63,8 @@ bool PosixService::dispatch(Ref<InMsg> request, Ref<OutMsg> reply, uint32_t* res
     case PX_CMD_GET_PARENT_ID: {
       Ref<PosixProcess> parent = caller->parent();
       uint64_t parentPid = parent ? parent->pid() : 0;
-      *resultCode = writeValue(reply, parentPid) ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
+      bool written = writeReply<PX_CMD_GET_PARENT_ID>(reply, parentPid);
+      *resultCode = written ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
       break;
     }
     case PX_CMD_SPAWN:
@@ -74,7 +75,7 @@ bool PosixService::dispatch(Ref<InMsg> request, Ref<OutMsg> reply, uint32_t* res
     case PX_CMD_WAIT: {
       uint32_t kind = 0;
       uint64_t value = 0, options = 0;
-      if (!readValue(request, &kind) || !readValue(request, &value) || !readValue(request, &options)) {
+      if (!readRequest<PX_CMD_WAIT>(request, &kind, &value, &options)) {
         *resultCode = PX_RESULT_SHORT_REQUEST;
         break;
       }
@@ -95,7 +96,7 @@ bool PosixService::dispatch(Ref<InMsg> request, Ref<OutMsg> reply, uint32_t* res
 
 uint32_t PosixService::getGroupId(const Ref<InMsg>& request, const Ref<OutMsg>& reply) {
   uint64_t pid = 0;
-  if (!readValue(request, &pid)) return PX_RESULT_SHORT_REQUEST;
+  if (!readRequest<PX_CMD_GET_GROUP_ID>(request, &pid)) return PX_RESULT_SHORT_REQUEST;
   Ref<PosixProcess> process = PosixProcess::findByPid(pid);
   if (!process) return PX_RESULT_NO_PROCESS;
   uint64_t groupId = pid;
@@ -103,12 +104,12 @@ uint32_t PosixService::getGroupId(const Ref<InMsg>& request, const Ref<OutMsg>& 
     groupId = group->id();
   else
     POSIX_LOG(serviceLog.handle, 3, "No Group set for " << LogNum{pid});
-  return writeValue(reply, groupId) ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
+  return writeReply<PX_CMD_GET_GROUP_ID>(reply, groupId) ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
 }
 
 uint32_t PosixService::getSharedMemory(const Ref<PosixProcess>& caller, const Ref<OutMsg>& reply) {
   ShMemID id = caller->grantSharedMemory();
   if (id.id == 0) return PX_RESULT_FAILED;
-  if (!writeValue(reply, id.id) || !writeValue(reply, id.size)) return PX_RESULT_REPLY_UNWRITTEN;
+  if (!writeReply<PX_CMD_GET_SHARED_MEMORY>(reply, id.id, id.size)) return PX_RESULT_REPLY_UNWRITTEN;
   return PX_RESULT_DONE;
 }

@@ -16,9 +16,6 @@
 
 namespace {
 
-bool readSignalRequest(const Ref<InMsg>& request, uint64_t* target, uint32_t* signum, StatusRecord* info) {
-  return readValue(request, target) && readValue(request, signum) && readValue(request, info);
-}
 
 bool hostSignal(uint32_t signum, HostSignal* what) {
   switch (signum) {
@@ -57,7 +54,7 @@ uint32_t PosixService::kill(const Ref<PosixProcess>& caller, const Ref<InMsg>& r
   uint64_t pid = 0;
   uint32_t signum = 0;
   StatusRecord info{};
-  if (!readSignalRequest(request, &pid, &signum, &info)) return PX_RESULT_SHORT_REQUEST;
+  if (!readRequest<PX_CMD_KILL>(request, &pid, &signum, &info)) return PX_RESULT_SHORT_REQUEST;
   if (signum >= PX_SIG_COUNT) return PX_RESULT_BAD_SIGNAL;
   // A thread id that does not lead its process, the server's threads among them, has none.
   ProcIdentity who = Proc::identity(pid);
@@ -72,7 +69,7 @@ bool PosixService::killGroup(const Ref<PosixProcess>& caller, const Ref<InMsg>& 
                              uint32_t* result) {
   uint64_t selector = 0;
   Broadcast b;
-  if (!readSignalRequest(request, &selector, &b.signum, &b.record)) {
+  if (!readRequest<PX_CMD_KILL_GROUP>(request, &selector, &b.signum, &b.record)) {
     *result = PX_RESULT_SHORT_REQUEST;
     return true;
   }

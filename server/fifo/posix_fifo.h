@@ -19,20 +19,23 @@
 #include <mutex>
 #include <vector>
 
+#include <posix/pipe_page.h>
+
 #include "platform/fifo.h"
 #include "platform/stream.h"
 #include "platform/sync.h"
 
 class PosixFifoBase : public Object, public virtual Interfaces::Stream {
  public:
-  // Status of an end's last read or write.
+  // Status of an end's last read or write, as the status service answers it.
   enum Status : uint32_t {
-    kStatusOk = 0,
-    kStatusEof = 1,          // a read found nothing and the writers are gone
-    kStatusBroken = 2,       // a write found the readers gone
-    kStatusNotReadable = 3,  // read called on a write end
-    kStatusNotWritable = 4,  // write called on a read end
-    kStatusTimedOut = 5,     // the monitor or (read only) the first byte did not come in time
+    kStatusOk = PX_FIFO_STATUS_OK,
+    kStatusEof = PX_FIFO_STATUS_EOF,                  // a read found nothing, the writers gone
+    kStatusBroken = PX_FIFO_STATUS_BROKEN,            // a write found the readers gone
+    kStatusNotReadable = PX_FIFO_STATUS_NOT_READABLE, // read called on a write end
+    kStatusNotWritable = PX_FIFO_STATUS_NOT_WRITABLE, // write called on a read end
+    kStatusTimedOut = PX_FIFO_STATUS_TIMED_OUT,       // the monitor or (read only) the first
+                                                      // byte did not come in time
   };
 
   // Bytes every pipe and FIFO buffers.

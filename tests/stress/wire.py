@@ -14,6 +14,42 @@ FOREVER = 0xFFFFFFFF
 NO_PID = 4194304 + 17  # above the largest pid_max: a kill of it reaches no process
 
 
+# The commands the tools send, by service: name -> (code, request values), as the tables of
+# protocol/include/posix/*.h list them (tests/unit/wire_table_test.cpp checks each line).
+PROCESS = {
+    "kill": (1, "u64 target, u32 signal, record info"),
+    "killGroup": (2, "u64 selector, u32 signal, record info"),
+    "waitSignal": (3, ""),
+    "getGroupId": (4, "u64 pid"),
+    "getParentId": (5, ""),
+    "spawn": (6, "string path, u32 flags, u64 argc, argc x string, u64 envc, envc x string string, "
+              "u32 options"),
+    "wait": (9, "u32 kind, u64 value, u64 options"),
+    "abortWaits": (10, ""),
+    "createPipe": (11, ""),
+}
+FD = {
+    "openItem": (4, "string path, u32 flags, u32 mode, [u32 options]"),
+    "createPipe": (7, ""),
+}
+STREAM = {
+    "read": (1, "u64 max, u32 timeout"),
+    "write": (2, "u32 timeout, bytes data"),
+}
+FORMATS = {"u8": "B", "u32": "I", "i32": "i", "u64": "Q", "record": "32s"}
+
+
+# The code of a command of `service` (one of the tables above).
+def code(service, name):
+    return service[name][0]
+
+
+# A request of fixed-size values, packed as the command's line lists them.
+def pack(service, name, *values):
+    types = [item.split()[0] for item in service[name][1].split(", ") if item]
+    return struct.pack("<" + "".join(FORMATS[t] for t in types), *values)
+
+
 def frame(kind, code, ident, data=b""):
     return struct.pack("<IIQII", kind, code, ident, len(data), 0) + data
 
@@ -23,7 +59,7 @@ def string(text):
     return struct.pack("<I", len(raw)) + raw
 
 
-# A spawn request (command 6) and the offset where its path ends.
+# A spawn request (its line in PROCESS) and the offset where its path ends.
 def spawn(path, args, env=(), flags=0):
     head = string(path)
     body = struct.pack("<IQ", flags, len(args)) + b"".join(map(string, args))
@@ -32,11 +68,11 @@ def spawn(path, args, env=(), flags=0):
 
 
 def kill(pid, signal):
-    return struct.pack("<QI", pid, signal) + bytes(32)
+    return pack(PROCESS, "kill", pid, signal, bytes(32))
 
 
 def wait(kind, value, options=0):
-    return struct.pack("<IQQ", kind, value, options)
+    return pack(PROCESS, "wait", kind, value, options)
 
 
 # The entries (type, channel, service) of the node record at `at`, and the offset after it.
@@ -104,7 +140,7 @@ class Instance:
     # A link to posix.service after one round trip, which makes the process known.
     def posix(self, timeout=5.0):
         link = Link(self.channel("posix.service"), timeout)
-        link.call(5, timeout=timeout)
+        link.call(code(PROCESS, "getParentId"), timeout=timeout)
         return link
 
     # A link to the channel of a node entry, bound to its service.

@@ -10,6 +10,8 @@
 // child then only changes directory through a descriptor and duplicates descriptors.
 #pragma once
 
+#include <posix/posix_service.h>
+
 #include "platform/env.h"
 #include "platform/string.h"
 #include "host_spawn.h"
@@ -18,8 +20,8 @@ class ProgramFiles {
  public:
   // The names consumed from a program's environment; a standard file whose name is set to the
   // empty string starts closed.
-  static constexpr const char* kNames[3] = {"POSIX_STDIN", "POSIX_STDOUT", "POSIX_STDERR"};
-  static constexpr const char* kDirName = "POSIX_CWD";
+  static constexpr const char* kNames[3] = {PX_ENV_STDIN, PX_ENV_STDOUT, PX_ENV_STDERR};
+  static constexpr const char* kDirName = PX_ENV_CWD;
 
   ProgramFiles() = default;
   ~ProgramFiles();

@@ -23,26 +23,37 @@ extern "C" {
  * Texts (program, path) are cut to PX_DIAG_MAX_TEXT bytes, the last three then "...". */
 #define PX_DIAG_MAX_TEXT 1024u
 
-/* [u64 first] -> u32 count, then per process: px_diag_process, string program (path and
- * arguments of a program the server started; empty otherwise); u64 next. Living processes by
- * pid, then the zombies their parents keep by pid; at most 128 a page. */
-#define PX_DIAG_CMD_PROCESSES 1u
-/* u64 pid [u64 first] -> u32 count, then per descriptor: px_diag_descriptor, string path (an
- * opened item's; empty otherwise); u64 next. Result 3 (PX_RESULT_NO_PROCESS) when no living
- * process has the pid. */
-#define PX_DIAG_CMD_DESCRIPTORS 2u
-/* [u64 first] -> u32 count, then per pipe or FIFO: px_diag_pipe, and four pid lists (u32 n,
- * n x u64): the processes holding the read end, holding the write end, inside a read now,
- * inside a write now; u64 next. Pipes that no descriptor table holds are not listed. A page
- * walks part of the tables, so a pipe may come in several pages, each with the pids it found. */
-#define PX_DIAG_CMD_PIPES 3u
-/* - -> px_diag_figures, u32 count, then per command served so far: px_diag_command. */
-#define PX_DIAG_CMD_FIGURES 4u
-/* u64 pid (0: every process) -> answered again and again, for as long as the link stays: each
- * reply (result 1) holds u64 events lost since the last reply, u32 count, then count
- * px_diag_event. A monitor that does not read loses events, never slows the server. At most 8
- * monitors, 2 per process and 1 per link; one more is answered at once with result 11. */
-#define PX_DIAG_CMD_MONITOR 5u
+/* The commands, one a line: code, constant, the name tools show, the request's values
+ * in order, the reply's data (value types as in posix_service.h; process, descriptor, pipe,
+ * figures, command, event: the px_diag_* records below; pids: u32 n, then n x u64).
+ *
+ * processes: living processes by pid, then the zombies their parents keep by pid; at most 128
+ * a page. The program is the path and arguments of a program the server started, else empty.
+ * descriptors: result 3 (PX_RESULT_NO_PROCESS) when no living process has the pid; the path is
+ * an opened item's, else empty.
+ * pipes: per pipe or FIFO the processes holding the read end, holding the write end, inside a
+ * read now, inside a write now. Pipes that no descriptor table holds are not listed. A page
+ * walks part of the tables, so a pipe may come in several pages, each with the pids it found.
+ * figures: per command served so far, its figures.
+ * monitor: pid 0 is every process. Answered again and again, for as long as the link stays:
+ * each reply (result 1) holds the events lost since the last reply and the new events. A
+ * monitor that does not read loses events, never slows the server. At most 8 monitors, 2 per
+ * process and 1 per link; one more is answered at once with result 11. */
+#define PX_DIAG_COMMANDS(X)                                                                        \
+  X(1, PX_DIAG_CMD_PROCESSES, "processes", "[u64 first]",                                          \
+    "u32 count, count x process string, u64 next")                                                 \
+  X(2, PX_DIAG_CMD_DESCRIPTORS, "descriptors", "u64 pid, [u64 first]",                             \
+    "u32 count, count x descriptor string, u64 next")                                              \
+  X(3, PX_DIAG_CMD_PIPES, "pipes", "[u64 first]",                                                  \
+    "u32 count, count x pipe pids pids pids pids, u64 next")                                       \
+  X(4, PX_DIAG_CMD_FIGURES, "figures", "", "figures, u32 count, count x command")                  \
+  X(5, PX_DIAG_CMD_MONITOR, "monitor", "u64 pid", "u64 lost, u32 count, count x event")
+
+enum px_diag_command_code {
+#define PX_COMMAND_CODE(code, constant, name, request, reply) constant = code,
+  PX_DIAG_COMMANDS(PX_COMMAND_CODE)
+#undef PX_COMMAND_CODE
+};
 
 /* States of px_diag_process. */
 #define PX_DIAG_RUNNING 0u   /* a program the server started */

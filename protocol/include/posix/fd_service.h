@@ -8,21 +8,33 @@
 #ifndef POSIX_FD_SERVICE_PROTOCOL_H
 #define POSIX_FD_SERVICE_PROTOCOL_H
 
+#include "wire.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-#define PX_FD_CMD_CLOSE 0u         /* i32 fd */
-#define PX_FD_CMD_DUP 1u           /* i32 old fd, i32 new fd, u8 replace -> i32 fd */
-#define PX_FD_CMD_GET_TABLE 2u     /* [u64 first number] -> the serialised table from that number
-                                      on, as much as fits; result = entries present in all */
-#define PX_FD_CMD_RESERVE 3u       /* - -> i32 fd (result 8: no node behind it) */
-#define PX_FD_CMD_OPEN 4u          /* string path, u32 open flags, u32 mode [, u32 options]
-                                      -> i32 fd, node */
-#define PX_FD_CMD_RESERVE_ALT1 5u  /* as PX_FD_CMD_RESERVE */
-#define PX_FD_CMD_RESERVE_ALT2 6u  /* as PX_FD_CMD_RESERVE */
-#define PX_FD_CMD_CREATE_PIPE 7u   /* - -> i32 read fd, node, i32 write fd, node */
-#define PX_FD_CMD_CREATE_SOCKET 8u /* - -> i32 fd, node */
+/* The commands, one a line: code, constant, the name tools show, the request's values in
+ * order, the reply's data (value types as in posix_service.h; table: the serialised table from
+ * `first` on, as much as fits, with result = the entries present in all). The three reserve
+ * commands are one; RESERVE answers 8 when no node stands behind the number. */
+#define PX_FD_COMMANDS(X)                                                                          \
+  X(0, PX_FD_CMD_CLOSE, "close", "i32 fd", "")                                                     \
+  X(1, PX_FD_CMD_DUP, "dup", "i32 fd, i32 onto, u8 replace", "i32 fd")                             \
+  X(2, PX_FD_CMD_GET_TABLE, "getTable", "[u64 first]", "table")                                    \
+  X(3, PX_FD_CMD_RESERVE, "reserve", "", "i32 fd")                                                 \
+  X(4, PX_FD_CMD_OPEN, "openItem", "string path, u32 flags, u32 mode, [u32 options]",              \
+    "i32 fd, node item")                                                                           \
+  X(5, PX_FD_CMD_RESERVE_ALT1, "reserve", "", "i32 fd")                                            \
+  X(6, PX_FD_CMD_RESERVE_ALT2, "reserve", "", "i32 fd")                                            \
+  X(7, PX_FD_CMD_CREATE_PIPE, "createPipe", "", "i32 read, node read, i32 write, node write")      \
+  X(8, PX_FD_CMD_CREATE_SOCKET, "createSocket", "", "i32 fd, node socket")
+
+enum px_fd_command {
+#define PX_COMMAND_CODE(code, constant, name, request, reply) constant = code,
+  PX_FD_COMMANDS(PX_COMMAND_CODE)
+#undef PX_COMMAND_CODE
+};
 
 /* openItem options: attach the host open file of a regular file to the reply (SCM_RIGHTS), as
  * the item service's hostFile does, so that the opener needs no second request for it. */
@@ -33,9 +45,14 @@ extern "C" {
 #define PX_FD_TABLE_MORE 7
 #define PX_FD_TABLE_END 8
 
-#define PX_FD_RESULT_OPEN_FAILED 7u /* a u32 host error code follows */
-#define PX_FD_RESULT_NO_NODE 8u     /* a number was given but no node stands behind it */
-#define PX_FD_RESULT_BAD_FD 9u
+/* Result codes of the descriptor service besides the shared ones (wire.h). BAD_FD shares its
+ * code with PX_RESULT_SHORT_REQUEST: a reader tells them apart by the command. */
+#define PX_FD_RESULTS(X)                                                                           \
+  X(7, PX_FD_RESULT_OPEN_FAILED, "open-failed") /* a u32 host error code follows */                \
+  X(8, PX_FD_RESULT_NO_NODE, "no-node") /* a number was given but no node stands behind it */      \
+  X(9, PX_FD_RESULT_BAD_FD, "bad-fd")
+
+PX_RESULT_CONSTANTS(PX_FD_RESULTS)
 
 #ifdef __cplusplus
 }

@@ -20,25 +20,29 @@
 extern "C" {
 #endif
 
-/* Seekable service. */
-#define PX_SEEK_CMD_POSITION 0u /* - -> u64 current position */
-#define PX_SEEK_CMD_SEEK 1u     /* u64 absolute position -> u64 new position, all ones on failure */
-
-/* Resizable service. */
-#define PX_RESIZE_CMD_SIZE 2u   /* - -> u64 size */
-#define PX_RESIZE_CMD_RESIZE 3u /* u64 new size -> u64 new size, all ones on failure */
-
-/* File-system item service. */
-#define PX_ITEM_CMD_DESCRIBE 4u /* - -> string path, i32 type (PX_FD_KIND_*), u32 open flags */
-/* - -> result 1, no data, with a descriptor of the server's host open file attached to the
+/* The commands of the three services, one numbering, one a line: code, constant, the name tools
+ * show, the request's values, the reply's data (value types as in posix_service.h).
+ * hostFile: result 1, no data, with a descriptor of the server's host open file attached to the
  * reply (SCM_RIGHTS) for a regular file; the receiver reads, writes, seeks and resizes it at
  * the offset every holder of the description shares. Result 0 for any other item. A reply
- * that could not carry the descriptor at once comes without it: use the services then. */
-#define PX_ITEM_CMD_HOST_FILE 5u
-/* - -> i32 why the description's last read or write that moved nothing did so: 0 the end of
+ * that could not carry the descriptor at once comes without it: use the services then.
+ * lastEmpty: why the description's last read or write that moved nothing did so: 0 the end of
  * the data, EAGAIN (11) nothing could move within its time-out, else the host's errno (EPIPE
  * (32): a FIFO without a reader). Every holder's calls count: ask right after the call. */
-#define PX_ITEM_CMD_LAST_EMPTY 6u
+#define PX_ITEM_COMMANDS(X)                                                                        \
+  X(0, PX_SEEK_CMD_POSITION, "position", "", "u64 position")       /* seekable */                  \
+  X(1, PX_SEEK_CMD_SEEK, "seek", "u64 position", "u64 position")   /* all ones on failure */       \
+  X(2, PX_RESIZE_CMD_SIZE, "size", "", "u64 size")                 /* resizable */                 \
+  X(3, PX_RESIZE_CMD_RESIZE, "resize", "u64 size", "u64 size")     /* all ones on failure */       \
+  X(4, PX_ITEM_CMD_DESCRIBE, "describe", "", "string path, i32 type, u32 flags") /* item */        \
+  X(5, PX_ITEM_CMD_HOST_FILE, "hostFile", "", "")                                                  \
+  X(6, PX_ITEM_CMD_LAST_EMPTY, "lastEmpty", "", "i32 why")
+
+enum px_item_command {
+#define PX_COMMAND_CODE(code, constant, name, request, reply) constant = code,
+  PX_ITEM_COMMANDS(PX_COMMAND_CODE)
+#undef PX_COMMAND_CODE
+};
 
 #define PX_ITEM_RESULT_OK 1u
 #define PX_ITEM_RESULT_SHORT 9u

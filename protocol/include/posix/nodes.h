@@ -55,8 +55,16 @@ typedef struct px_node_entry {
  * A read or write of 0 bytes says nothing about why; the owner of the stream tells (for a
  * FIFO end, its status service).
  */
-#define PX_STREAM_READ 1u
-#define PX_STREAM_WRITE 2u
+#define PX_STREAM_COMMANDS(X)                                                                      \
+  X(1, PX_STREAM_READ, "read", "u64 max, u32 timeout", "bytes")                                    \
+  X(2, PX_STREAM_WRITE, "write", "u32 timeout, bytes data", "u64 written")
+
+enum px_stream_command {
+#define PX_COMMAND_CODE(code, constant, name, request, reply) constant = code,
+  PX_STREAM_COMMANDS(PX_COMMAND_CODE)
+#undef PX_COMMAND_CODE
+};
+
 #define PX_STREAM_MAX_READ 65536u
 
 #ifdef __cplusplus

@@ -65,14 +65,41 @@
 
 #include <stdint.h>
 
+#include "wire.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-#define PX_FIFO_CMD_MORE_DATA 0u   /* -> result 1 while more data may come, else 0 */
-#define PX_FIFO_CMD_STATUS 1u      /* -> result: the status of the end's last read or write */
-#define PX_FIFO_CMD_SHARED_PAGE 2u /* -> result 1, u32 token, u32 ring size, the page attached */
-#define PX_FIFO_CMD_RECOVER_LOCK 3u /* u32 which lock -> result 1 when the server freed it, else 0 */
+/* The FIFO status service's commands, one a line: code, constant, the name tools show, the
+ * request's values, the reply's data (value types as in posix_service.h). moreToCome answers
+ * result 1 while more data may come, else 0; lastStatus answers the status of the end's last
+ * read or write (PX_FIFO_STATUSES) as its result; sharedPage answers result 1 with the page
+ * attached; recoverLock names PX_FIFO_WRITE_LOCK or PX_FIFO_READ_LOCK and answers 1 when the
+ * server freed it, else 0. */
+#define PX_FIFO_COMMANDS(X)                                                                        \
+  X(0, PX_FIFO_CMD_MORE_DATA, "moreToCome", "", "")                                                \
+  X(1, PX_FIFO_CMD_STATUS, "lastStatus", "", "")                                                   \
+  X(2, PX_FIFO_CMD_SHARED_PAGE, "sharedPage", "", "u32 token, u32 size")                           \
+  X(3, PX_FIFO_CMD_RECOVER_LOCK, "recoverLock", "u32 which", "")
+
+enum px_fifo_command {
+#define PX_COMMAND_CODE(code, constant, name, request, reply) constant = code,
+  PX_FIFO_COMMANDS(PX_COMMAND_CODE)
+#undef PX_COMMAND_CODE
+};
+
+/* The status of an end's last read or write: code, constant, the name tools show. */
+#define PX_FIFO_STATUSES(X)                                                                        \
+  X(0, PX_FIFO_STATUS_OK, "ok")                                                                    \
+  X(1, PX_FIFO_STATUS_EOF, "eof")                 /* a read found nothing, the writers are gone */ \
+  X(2, PX_FIFO_STATUS_BROKEN, "broken")           /* a write found the readers gone */             \
+  X(3, PX_FIFO_STATUS_NOT_READABLE, "not-readable") /* a read of a write end or a closed end */    \
+  X(4, PX_FIFO_STATUS_NOT_WRITABLE, "not-writable") /* a write of a read end or a closed end */    \
+  X(5, PX_FIFO_STATUS_TIMED_OUT, "timed-out")     /* nothing moved within the time-out */
+
+PX_RESULT_CONSTANTS(PX_FIFO_STATUSES)
+
 #define PX_FIFO_WRITE_LOCK 0u
 #define PX_FIFO_READ_LOCK 1u
 

@@ -21,21 +21,42 @@ extern "C" {
 #define PX_SERVICE_NODE_PATH "/tmp/.PosixService"
 #define PX_SERVICE_NODE_TYPE 0x880007u
 
-/* Command codes. */
-#define PX_CMD_KILL 1u              /* u64 pid, u32 signal, 32-byte info */
-#define PX_CMD_KILL_GROUP 2u        /* u64 selector, u32 signal, 32-byte info */
-#define PX_CMD_WAIT_SIGNAL 3u       /* -; kept until a signal comes */
-#define PX_CMD_GET_GROUP_ID 4u      /* u64 pid -> u64 group id */
-#define PX_CMD_GET_PARENT_ID 5u     /* - -> u64 parent pid (0 when none) */
-#define PX_CMD_SPAWN 6u             /* see below -> u64 pid */
-#define PX_CMD_SPAWN_SHARED 7u      /* as SPAWN, then u64, u64 shared-memory id -> u64 pid */
-#define PX_CMD_GET_SHARED_MEMORY 8u /* - -> u64, u64 shared-memory id */
-#define PX_CMD_WAIT 9u              /* u32 kind, u64 value, u64 options; kept until answered */
-#define PX_CMD_ABORT_WAITS 10u      /* - ; queued waits answered with PX_RESULT_ABORTED */
-#define PX_CMD_CREATE_PIPE 11u      /* - -> read end's node record, write end's node record */
+/* The commands, one a line: code, constant, the name tools show, the request's values in
+ * order, the reply's data. Value types: u8, u32, i32, u64; record (32 bytes, px_status_record);
+ * string (a platform string); node (a node record, nodes.h). "[...]" is a value a request may
+ * leave out; "n x ..." repeats what follows n times, n being the value named just before. */
+#define PX_PROCESS_COMMANDS(X)                                                                     \
+  X(1, PX_CMD_KILL, "kill", "u64 target, u32 signal, record info", "")                             \
+  X(2, PX_CMD_KILL_GROUP, "killGroup", "u64 selector, u32 signal, record info", "")                \
+  X(3, PX_CMD_WAIT_SIGNAL, "waitSignal", "", "") /* kept until a signal comes */                   \
+  X(4, PX_CMD_GET_GROUP_ID, "getGroupId", "u64 pid", "u64 group")                                  \
+  X(5, PX_CMD_GET_PARENT_ID, "getParentId", "", "u64 parent") /* 0 when none */                    \
+  X(6, PX_CMD_SPAWN, "spawn", PX_SPAWN_REQUEST, "u64 pid")                                         \
+  X(7, PX_CMD_SPAWN_SHARED, "spawnShared", PX_SPAWN_REQUEST ", u64 shm, u64 size", "u64 pid")      \
+  X(8, PX_CMD_GET_SHARED_MEMORY, "getSharedMemory", "", "u64 shm, u64 size")                       \
+  X(9, PX_CMD_WAIT, "wait", "u32 kind, u64 value, u64 options", "") /* kept until answered */      \
+  X(10, PX_CMD_ABORT_WAITS, "abortWaits", "", "") /* queued waits answered PX_RESULT_ABORTED */    \
+  X(11, PX_CMD_CREATE_PIPE, "createPipe", "", "node read, node write")
 
-/* SPAWN request: string path, u32 start flags, u64 argc, argc strings,
- * u64 envc, envc (name, value) string pairs, u32 start options. */
+/* A spawn request: the program's path, its start flags, its arguments, its environment as
+ * (name, value) pairs, and start options (none defined: 0). */
+#define PX_SPAWN_REQUEST                                                                           \
+  "string path, u32 flags, u64 argc, argc x string, u64 envc, envc x string string, u32 options"
+
+enum px_process_command {
+#define PX_COMMAND_CODE(code, constant, name, request, reply) constant = code,
+  PX_PROCESS_COMMANDS(PX_COMMAND_CODE)
+#undef PX_COMMAND_CODE
+};
+
+/* The names of a spawn request's environment pairs that the server takes and does not pass on:
+ * the child's working directory, and the host paths of its standard input, output and error
+ * (empty: the child starts with that descriptor closed). */
+#define PX_ENV_CWD "POSIX_CWD"
+#define PX_ENV_STDIN "POSIX_STDIN"
+#define PX_ENV_STDOUT "POSIX_STDOUT"
+#define PX_ENV_STDERR "POSIX_STDERR"
+
 #define PX_SPAWN_FLAG_SEARCH_PATH 1u /* look the path up in PATH when it has no slash */
 
 /* killGroup selectors: 0 the caller's own group, 1 every process, other: that group id. */
@@ -55,12 +76,16 @@ extern "C" {
 /* Typed block kind that carries a child-status or signal record in a reply. */
 #define PX_BLOCK_RECORD 2u
 
-/* Result codes of the process service. */
-#define PX_RESULT_BAD_SIGNAL 2u      /* signal number 32 or more */
-#define PX_RESULT_NO_PROCESS 3u      /* no such process or group */
-#define PX_RESULT_NOT_PERMITTED 4u   /* may not signal the target; nobody signalled */
-#define PX_RESULT_NO_CHILD 5u        /* wait: nothing to collect now or later */
-#define PX_RESULT_ABORTED 6u         /* wait: aborted by ABORT_WAITS */
+/* Result codes of the process service besides the shared ones (wire.h): code, constant, the
+ * name tools show. */
+#define PX_PROCESS_RESULTS(X)                                                                      \
+  X(2, PX_RESULT_BAD_SIGNAL, "bad-signal")       /* signal number 32 or more */                    \
+  X(3, PX_RESULT_NO_PROCESS, "no-process")       /* no such process or group */                    \
+  X(4, PX_RESULT_NOT_PERMITTED, "not-permitted") /* may not signal the target; nobody signalled */ \
+  X(5, PX_RESULT_NO_CHILD, "no-child")           /* wait: nothing to collect now or later */       \
+  X(6, PX_RESULT_ABORTED, "aborted")             /* wait: aborted by ABORT_WAITS */
+
+PX_RESULT_CONSTANTS(PX_PROCESS_RESULTS)
 
 /* The system's own signal numbers (not the host's). Valid numbers are 0 to 31. */
 #define PX_SIG_PROBE 0u

@@ -26,17 +26,31 @@ extern "C" {
 /* A platform string in a data stream: u32 byte length, then the bytes, no terminator. */
 #define PX_WIRE_STRING_HEADER 4u
 
-/* Result codes every service shares. */
-#define PX_RESULT_FAILED 0u
-#define PX_RESULT_DONE 1u
+/* Result codes every service shares: code, constant, the name tools show. LIMIT: a
+ * bound of the caller, or the reserve the server keeps for others, was reached; nothing was
+ * done (docs/protocol.md lists the bounds). */
+#define PX_SHARED_RESULTS(X)                                                                       \
+  X(0, PX_RESULT_FAILED, "failed")                                                                 \
+  X(1, PX_RESULT_DONE, "done")                                                                     \
+  X(9, PX_RESULT_SHORT_REQUEST, "short")                                                           \
+  X(10, PX_RESULT_REPLY_UNWRITTEN, "reply-unwritten")                                              \
+  X(11, PX_RESULT_LIMIT, "limit")
+
+/* A table of result codes as constants: unsigned values in C++, where one expression may mix
+ * the shared codes with a service's own; an enum in C. */
+#ifdef __cplusplus
+#define PX_RESULT_CONSTANT(code, constant, name) static constexpr uint32_t constant = code;
+#define PX_RESULT_CONSTANTS(list) list(PX_RESULT_CONSTANT)
+#else
+#define PX_RESULT_CONSTANT(code, constant, name) constant = code,
+#define PX_RESULT_CONSTANTS(list) enum { list(PX_RESULT_CONSTANT) };
+#endif
+
+PX_RESULT_CONSTANTS(PX_SHARED_RESULTS)
+
 /* A description's service: the caller's table holds the description no longer, so the page
  * or host open file it asked for is not handed over. */
 #define PX_RESULT_NOT_HOLDER 4u
-#define PX_RESULT_SHORT_REQUEST 9u
-#define PX_RESULT_REPLY_UNWRITTEN 10u
-/* A bound of the caller, or the reserve the server keeps for others, was reached; nothing was
- * done. docs/protocol.md lists the bounds. */
-#define PX_RESULT_LIMIT 11u
 
 /* Wait for ever, where a time-out in milliseconds is asked for. */
 #define PX_WAIT_FOREVER 0xFFFFFFFFu
