@@ -36,7 +36,8 @@ extern char** environ;
 
 namespace {
 
-enum Op { kGetGroupId, kKillProbe, kGetParentId, kSpawnWait, kWaitOne, kDupClose, kOps, kEnd = 99 };
+enum Op { kGetGroupId, kKillProbe, kGetParentId, kSpawnWait, kWaitOne, kDupClose, kOps,
+          kGroupCont = 50, kSlowestTrip, kEnd = 99 };
 const char* const kOpNames[kOps] = {"getGroupId", "kill0", "getParentId", "spawnWait", "waitOne",
                                     "dupClose"};
 // Requests per caller and round: some tens of milliseconds each.
@@ -119,6 +120,12 @@ double measure(Op op, int count, int64_t newest, int fd) {
         ok = copy >= 0 && px_close(copy) == 0;
         break;
       }
+      case kGroupCont: ok = px_killpg(0, 17) == 0; break;  // continue: a host signal per member
+      case kSlowestTrip: {
+        ok = px_getppid() >= 0;
+        total = std::max(total, nowUs() - began);  // the slowest, not the sum
+        continue;
+      }
       default: return -1;
     }
     total += nowUs() - began;
@@ -192,12 +199,15 @@ struct Caller {
     std::fprintf(stderr, "scale: a caller could not start its kept programs\n");
     return false;
   }
-  double run(Op op, int count) {
+  bool send(Op op, int count) {
     int request[2] = {op, count};
-    double took = -1;
-    if (!writeAll(commands, request, sizeof request) || !readAll(answers, &took, sizeof took)) return -1;
-    return took;
+    return writeAll(commands, request, sizeof request);
   }
+  double receive() {
+    double took = -1;
+    return readAll(answers, &took, sizeof took) ? took : -1;
+  }
+  double run(Op op, int count) { return send(op, count) ? receive() : -1; }
   void end() {
     if (pid <= 0) return;
     int request[2] = {kEnd, 0};
@@ -294,6 +304,15 @@ void BM_ScaleRounds(benchmark::State& state) {
       std::printf("\n");
     }
   }
+  // A signal to the whole large group, again and again, while the small caller times its
+  // round trips: it is carried out a slice at a time between other requests.
+  double slowest = -1, groupUs = -1;
+  if (ok && large.send(kGroupCont, 20)) {
+    slowest = small.run(kSlowestTrip, 2000);
+    groupUs = large.receive();
+    std::printf("scale: 20 continue signals to a group of %.0f took %.0f ms; another caller's "
+                "slowest of 2000 round trips meanwhile: %.0f us\n", large.kept, groupUs / 1000, slowest);
+  }
   small.end();
   large.end();
   for (int waited = 0; keptLeft(marker) > 0 && waited < 1200; ++waited)
@@ -316,6 +335,7 @@ void BM_ScaleRounds(benchmark::State& state) {
     state.counters[std::string(kOpNames[op]) + "_median"] = median(ratios[op]);
   }
   state.counters["kept"] = large.kept;
+  state.counters["slowest_trip_us"] = slowest;
   std::fflush(stdout);
 }
 // One iteration holds every round.
