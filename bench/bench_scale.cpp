@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "bench_scale.h"
+#include "bench_measure.h"
 #include "posix_client.h"
 
 extern char** environ;
@@ -42,18 +43,6 @@ const char* const kOpNames[kOps] = {"getGroupId", "kill0", "getParentId", "spawn
                                     "dupClose"};
 // Requests per caller and round: some tens of milliseconds each.
 const int kOpCount[kOps] = {1000, 1000, 1000, 30, 30, 500};
-
-int envCount(const char* name, int fallback) {
-  const char* text = std::getenv(name);
-  int value = text != nullptr ? std::atoi(text) : 0;
-  return value > 0 ? value : fallback;
-}
-
-double nowUs() {
-  timespec t{};
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return static_cast<double>(t.tv_sec) * 1e6 + static_cast<double>(t.tv_nsec) / 1e3;
-}
 
 bool writeAll(int fd, const void* data, size_t size) {
   return write(fd, data, size) == static_cast<ssize_t>(size);
@@ -248,12 +237,6 @@ long hostTasksFree() {
   loadavg >> a >> b >> c >> tasks;
   running = std::atol(tasks.substr(tasks.find('/') + 1).c_str());
   return limit - running;
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  size_t n = values.size();
-  return n == 0 ? 0 : n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
 }
 
 void BM_ScaleRounds(benchmark::State& state) {
