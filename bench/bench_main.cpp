@@ -12,6 +12,7 @@
 #include "bench_instance.h"
 #include "bench_load.h"
 #include "bench_pairs.h"
+#include "bench_scale.h"
 
 namespace {
 
@@ -128,6 +129,7 @@ struct Condition {
 // --benchmark_repetitions=N the ratios of time pairs are of the medians; pairs in rounds give
 // their worst and median round.
 int main(int argc, char** argv) {
+  if (scaleKeeperMode(argc, argv)) return 0;
   bool busyToo = true;
   int kept = 1;
   for (int i = 1; i < argc; ++i) {

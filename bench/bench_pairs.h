@@ -40,6 +40,12 @@ inline const std::vector<BenchPair>& benchPairs() {
       {"pipe 64 MiB, 64 KiB calls", "BM_PipeRounds/65536", "", 1.0, true, "4 KiB pipe", -1, 0.8},
       {"pipe + 2 close", "BM_PipeCreateCloseServer", "BM_PipeCreateCloseLinux", 15.0, false},
       {"file read 64 MiB in 64 KiB reads", "BM_FileReadServer", "BM_FileReadLinux", 0.9, true},
+      {"12000 kept: getGroupId of newest", "BM_ScaleRounds", "", 1.5, false, "100 kept", -1, 0, "getGroupId_"},
+      {"12000 kept: kill 0 of the caller", "BM_ScaleRounds", "", 1.5, false, "100 kept", -1, 0, "kill0_"},
+      {"12000 kept: getParentId", "BM_ScaleRounds", "", 1.5, false, "100 kept", -1, 0, "getParentId_"},
+      {"12000 kept: spawn + wait /bin/true", "BM_ScaleRounds", "", 1.5, false, "100 kept", -1, 0, "spawnWait_"},
+      {"12000 kept: waitpid of one child", "BM_ScaleRounds", "", 1.5, false, "100 kept", -1, 0, "waitOne_"},
+      {"12000 kept: px_dup + px_close", "BM_ScaleRounds", "", 1.5, false, "100 kept", -1, 0, "dupClose_"},
   };
   return pairs;
 }

@@ -19,6 +19,7 @@
 #include <random>
 #include <vector>
 
+#include "bench_measure.h"
 #include "posix_client.h"
 #include "spawn_floor.h"
 
@@ -28,18 +29,6 @@ namespace {
 
 enum Case { kServer, kFloor, kLinux, kCases };
 const char* const kCaseNames[kCases] = {"server", "floor", "linux"};
-
-int envCount(const char* name, int fallback) {
-  const char* text = std::getenv(name);
-  int value = text != nullptr ? std::atoi(text) : 0;
-  return value > 0 ? value : fallback;
-}
-
-double nowUs() {
-  timespec t{};
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return static_cast<double>(t.tv_sec) * 1e6 + static_cast<double>(t.tv_nsec) / 1e3;
-}
 
 // One start and its collection; false when anything failed.
 bool startOnce(Case which, SpawnFloor& floor) {
@@ -60,12 +49,6 @@ bool startOnce(Case which, SpawnFloor& floor) {
              waitpid(pid, &status, 0) == pid && status == 0;
     }
   }
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  size_t n = values.size();
-  return n == 0 ? 0 : n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
 }
 
 void BM_SpawnWaitInterleaved(benchmark::State& state) {

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <inttypes.h>
 #include <stdio.h>
+#include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -143,6 +144,40 @@ std::string dataHex(const px_diag_event& e) {
   return out;
 }
 
+// The host's tasks (processes and threads) in use, and the most it lets this user run: the
+// lowest of pid_max, threads-max and the user's process limit. The server's programs and
+// threads draw on the same tasks as everything else on the host (0 for a figure not readable).
+struct HostTasks {
+  uint64_t used = 0, limit = 0;
+};
+
+uint64_t readNumber(const char* path) {
+  unsigned long long value = 0;
+  FILE* f = fopen(path, "re");
+  if (!f) return 0;
+  if (fscanf(f, "%llu", &value) != 1) value = 0;
+  fclose(f);
+  return value;
+}
+
+HostTasks hostTasks() {
+  HostTasks t;
+  t.limit = readNumber("/proc/sys/kernel/pid_max");
+  uint64_t threads = readNumber("/proc/sys/kernel/threads-max");
+  if (threads && (!t.limit || threads < t.limit)) t.limit = threads;
+  rlimit user{};
+  if (getrlimit(RLIMIT_NPROC, &user) == 0 && user.rlim_cur != RLIM_INFINITY && user.rlim_cur < t.limit)
+    t.limit = user.rlim_cur;
+  // The fourth field of /proc/loadavg is "running/total" tasks.
+  FILE* f = fopen("/proc/loadavg", "re");
+  unsigned long long running = 0, total = 0;
+  double ignored[3];
+  if (f && fscanf(f, "%lf %lf %lf %llu/%llu", &ignored[0], &ignored[1], &ignored[2], &running, &total) == 5)
+    t.used = total;
+  if (f) fclose(f);
+  return t;
+}
+
 }  // namespace
 
 int cmdTop(const std::vector<std::string>& given) {
@@ -162,16 +197,23 @@ int cmdTop(const std::vector<std::string>& given) {
     FiguresView now;
     if (int err = link.figures(&now)) return callFailure("top", err);
     const px_diag_figures& f = now.figures;
+    const HostTasks tasks = hostTasks();
+    // Each running program takes two host tasks: its own and its agent thread in the server.
+    const uint64_t room = tasks.limit > tasks.used ? (tasks.limit - tasks.used) / 2 : 0;
     if (json) {
       printf("{\"processes\":%" PRIu64 ",\"threads\":%" PRIu64 ",\"heap_bytes\":%" PRIu64
              ",\"descriptors\":%" PRIu64 ",\"descriptor_limit\":%" PRIu64 ",\"links\":%" PRIu64
-             ",\"commands\":[",
-             f.processes, f.threads, f.heap_bytes, f.descriptors, f.descriptor_limit, f.links);
+             ",\"host_tasks\":%" PRIu64 ",\"host_task_limit\":%" PRIu64 ",\"commands\":[",
+             f.processes, f.threads, f.heap_bytes, f.descriptors, f.descriptor_limit, f.links,
+             tasks.used, tasks.limit);
     } else {
       printf("\nprocesses %" PRIu64 "  links %" PRIu64 "  threads %" PRIu64 "  heap %" PRIu64
              " bytes in %" PRIu64 " blocks  descriptors %" PRIu64 " of %" PRIu64 " (%" PRIu64 " left)\n",
              f.processes, f.links, f.threads, f.heap_bytes, f.heap_blocks, f.descriptors,
              f.descriptor_limit, f.descriptor_limit > f.descriptors ? f.descriptor_limit - f.descriptors : 0);
+      printf("host tasks %" PRIu64 " of %" PRIu64 " in use (a running program takes 2: room for %" PRIu64
+             " more programs)\n",
+             tasks.used, tasks.limit, room);
       printf("%-18s %-16s %10s %10s %10s\n", "SERVICE", "COMMAND", "PER SEC", "P50 <US", "P99 <US");
     }
     bool first = true;

@@ -20,7 +20,8 @@ bool BroadcastQueue::submit(Broadcast broadcast, uint32_t* result) {
   Sender* sender = nullptr;
   for (Sender& s : senders_)
     if (s.process == broadcast.sender.get()) sender = &s;
-  if (!sender && broadcast.targets.size() <= kSlice) {
+  const uint64_t size = broadcast.group ? broadcast.group->livingMembers() : broadcast.targets.size();
+  if (!sender && size <= kSlice) {
     runSlice(broadcast);
     *result = BroadcastQueue::result(broadcast);
     return true;
@@ -49,18 +50,26 @@ void BroadcastQueue::runRound() {
   }
 }
 
+void BroadcastQueue::visit(Broadcast& b, const Ref<PosixProcess>& target) {
+  // Every process: the targets were chosen by level already. A group: members the sender may
+  // not control are skipped silently.
+  if (b.everyProcess) {
+    if (target->signal(b.sender, b.signum, &b.record, RecordPlacement::Data) == PX_RESULT_DONE)
+      b.counted = true;
+  } else if (target->mayControl(b.sender)) {
+    target->signal(b.sender, b.signum, &b.record);
+  }
+}
+
 bool BroadcastQueue::runSlice(Broadcast& b) {
+  if (b.group) {
+    for (const Ref<PosixProcess>& member : b.group->membersFrom(&b.from, b.before, kSlice))
+      visit(b, member);
+    return b.from >= b.before;
+  }
   size_t end = std::min(b.targets.size(), b.next + kSlice);
   for (; b.next < end; ++b.next) {
-    const Ref<PosixProcess>& target = b.targets[b.next];
-    // Every process: the targets were chosen by level already. A group: members the sender
-    // may not control are skipped silently.
-    if (b.everyProcess) {
-      if (target->signal(b.sender, b.signum, &b.record, RecordPlacement::Data) == PX_RESULT_DONE)
-        b.counted = true;
-    } else if (target->mayControl(b.sender)) {
-      target->signal(b.sender, b.signum, &b.record);
-    }
+    visit(b, b.targets[b.next]);
     b.targets[b.next].reset();  // visited: a record that has gone may go now
   }
   return b.next == b.targets.size();

@@ -15,6 +15,7 @@
 
 #include "platform/message.h"
 #include "process/posix_process.h"
+#include "process/process_group.h"
 
 struct Broadcast {
   Ref<InMsg> request;  // answered with the result once every target was visited
@@ -22,8 +23,13 @@ struct Broadcast {
   uint32_t signum = 0;
   StatusRecord record{};
   bool everyProcess = false;  // answers 4 when no target counted; a group answers 1
-  std::vector<Ref<PosixProcess>> targets;
+  std::vector<Ref<PosixProcess>> targets;  // every process: chosen when the request came
   size_t next = 0;       // the first target not visited yet
+  // A group: its members are walked in order of joining from `from` on, a slice at a time,
+  // leaving out those that joined after the request came (serial `before` on).
+  Ref<PosixProcessGroup> group;
+  uint64_t from = 0;
+  uint64_t before = 0;
   bool counted = false;  // a target was signalled
 };
 
@@ -50,6 +56,7 @@ class BroadcastQueue {
   const std::deque<Broadcast>* waitingOf(const PosixProcess* sender) const;
   // Visits the next slice; true when every target has been visited.
   static bool runSlice(Broadcast& broadcast);
+  static void visit(Broadcast& broadcast, const Ref<PosixProcess>& target);
   static uint32_t result(const Broadcast& broadcast);
 
   // The processes with broadcasts waiting, each with its own in order of arrival.

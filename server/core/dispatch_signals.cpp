@@ -101,7 +101,8 @@ bool PosixService::killGroup(const Ref<PosixProcess>& caller, const Ref<InMsg>& 
       *result = PX_RESULT_NO_PROCESS;
       return true;
     }
-    b.targets = group->members();
+    b.group = group;
+    b.before = group->nextSerial();
   }
   return broadcasts_.submit(std::move(b), result);
 }

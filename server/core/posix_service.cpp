@@ -27,17 +27,22 @@ bool PosixService::connect(const Ref<ChnLink>& link) {
   // A program this server has just started may connect before its agent has linked it.
   if (!process) process = ProcessAgent::awaitLinked(identity);
   if (!process) process = PosixProcess::createEntry(identity, Proc::levelOfUser(link->peerUid()));
-  link->setTag(processes_->add(process));
+  const uint64_t tag = processes_->add(process);
+  link->setTag(tag);
+  if (tag != 0) process->countServiceLink(true);
   return true;
 }
 
 void PosixService::disconnect(const Ref<ChnLink>& link) {
   POSIX_ASSERT(link != 0, "PosixService::disconnect");
-  if (link) processes_->remove(link->tag());
+  if (!link) return;
+  if (Ref<PosixProcess> process = processes_->get(link->tag())) process->countServiceLink(false);
+  processes_->remove(link->tag());
 }
 
 Ref<PosixProcess> PosixService::findConnected(const ProcIdentity& identity) const {
-  return processes_->find([&](const Ref<PosixProcess>& process) { return process->identity() == identity; });
+  Ref<PosixProcess> process = PosixProcess::find(identity);
+  return process && process->hasServiceLink() ? process : nullptr;
 }
 
 void PosixService::mainLoop() {

@@ -34,7 +34,7 @@ class PosixService : public Object, public ConMan {
 
   const Ref<Chn>& chn() const { return chn_; }
   const Ref<ProcessTable>& processes() const { return processes_; }
-  // The connected process of `identity`, or null.
+  // The connected process of `identity`, or null: a look-up in the registry's index.
   Ref<PosixProcess> findConnected(const ProcIdentity& identity) const;
 
  private:

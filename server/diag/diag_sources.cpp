@@ -9,15 +9,8 @@
 namespace DiagSources {
 
 std::vector<Ref<PosixProcess>> livingByPid() {
-  std::vector<Ref<PosixProcess>> out;
-  {
-    MonLock lock(ProcessRegistry::monitor());
-    TVector<WeakRef<PosixProcess>>* listing = ProcessRegistry::listing();
-    for (uint64_t i = 0; listing && i < listing->count(); ++i) {
-      Ref<PosixProcess> process = GcProxy::lockWeakRef(listing->get(i));
-      if (process && !process->terminated()) out.push_back(process);
-    }
-  }
+  std::vector<Ref<PosixProcess>> out = ProcessRegistry::living();
+  std::erase_if(out, [](const Ref<PosixProcess>& process) { return process->terminated(); });
   std::stable_sort(out.begin(), out.end(),
                    [](const Ref<PosixProcess>& a, const Ref<PosixProcess>& b) { return a->pid() < b->pid(); });
   return out;

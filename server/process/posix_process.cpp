@@ -18,8 +18,6 @@ using posix::processLog;
 
 PosixProcess::PosixProcess()
     : monitor_(Mon::create()),
-      children_(TVector<Ref<PosixProcess>>::create()),
-      zombies_(TVector<Ref<PosixProcess>>::create()),
       waitEntries_(TVector<WaitEntry*>::create()),
       unclaimedPipeEnds_(UnclaimedPipeEnds::create()),
       descriptions_(DescriptionBudget::create()) {}
@@ -32,6 +30,10 @@ PosixProcess::~PosixProcess() {
     POSIX_LOG(processLog.handle, started_ ? 1 : 0,
               "Entry for orphan process " << LogNum{identity_.pid} << " removed");
   }
+  // The registry's listings and the group's membership go with the record, so neither is
+  // ever swept for dead entries.
+  ProcessRegistry::forget(this);
+  if (group_) group_->removeMember(this);
   // Waits still queued belong to a client that will never be answered: free them.
   for (uint64_t i = 0; i < waitEntries_->count(); ++i) delete waitEntries_->get(i);
   unclaimedPipeEnds_->closeAll();
@@ -41,8 +43,8 @@ PosixProcess::~PosixProcess() {
   fdTable_.reset();
   sharedMemory_.reset();
   waitEntries_.reset();
-  zombies_.reset();
-  children_.reset();
+  zombies_.clear();
+  children_.clear();
   parent_ = nullptr;
   monitor_.reset();
 }
@@ -124,7 +126,7 @@ bool PosixProcess::hasSignalWaiter() const {
 std::vector<Ref<PosixProcess>> PosixProcess::zombies() const {
   MonLock lock(monitor_);
   std::vector<Ref<PosixProcess>> out;
-  for (uint64_t i = 0; i < zombies_->count(); ++i) out.push_back(zombies_->get(i));
+  zombies_.forEach([&](const Ref<PosixProcess>& zombie) { out.push_back(zombie); });
   return out;
 }
 
@@ -134,7 +136,7 @@ uint64_t PosixProcess::maxChildren() {
 
 bool PosixProcess::reserveStart() {
   MonLock lock(monitor_);
-  if (children_->count() + zombies_->count() + startsPending_ >= maxChildren()) return false;
+  if (children_.count() + zombies_.count() + startsPending_ >= maxChildren()) return false;
   ++startsPending_;
   return true;
 }
@@ -146,11 +148,11 @@ void PosixProcess::dropStart() {
 
 uint64_t PosixProcess::childCount() const {
   MonLock lock(monitor_);
-  return children_->count();
+  return children_.count();
 }
 uint64_t PosixProcess::zombieCount() const {
   MonLock lock(monitor_);
-  return zombies_->count();
+  return zombies_.count();
 }
 uint64_t PosixProcess::waitCount() const {
   MonLock lock(monitor_);

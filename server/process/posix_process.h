@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "common/tkeyed_list.h"
 #include "common/tvector.h"
 #include "platform/message.h"
 #include "platform/proc.h"
@@ -121,6 +122,11 @@ class PosixProcess : public Object {
   bool hasSignalWaiter() const;
   std::vector<Ref<PosixProcess>> zombies() const;
 
+  // Links on posix.service bound to this record, counted by the service as they connect and
+  // close (service thread only): kill finds a connected target through the registry's index.
+  void countServiceLink(bool added) { serviceLinks_ += added ? 1 : -1; }
+  bool hasServiceLink() const { return serviceLinks_ != 0; }
+
   // Counts for tests and diagnostics.
   uint64_t childCount() const;
   uint64_t zombieCount() const;
@@ -147,6 +153,9 @@ class PosixProcess : public Object {
   // Unlinks the record of an ended program: registry, descriptors, pipes, group (agent thread).
   void unlinkEnded();
   bool matches(uint32_t kind, uint64_t value) const;
+  // The oldest of `list` that a wait of `kind` for `value` collects, or null (under monitor_).
+  static Ref<PosixProcess> firstMatching(const TKeyedList<PosixProcess>& list, uint32_t kind,
+                                         uint64_t value);
   void sendSignalLocked(uint32_t signum, const StatusRecord& record, RecordPlacement placement);
 
   // Written once, before the record is listed: by connect, or by the agent that started it.
@@ -156,8 +165,8 @@ class PosixProcess : public Object {
   Ref<String> program_;   // its path and arguments, cut to their first 4096 bytes
   Ref<Mon> monitor_;
   WeakRef<PosixProcess> parent_;
-  Ref<TVector<Ref<PosixProcess>>> children_;  // living children, in order of creation
-  Ref<TVector<Ref<PosixProcess>>> zombies_;   // ended children not yet collected
+  TKeyedList<PosixProcess> children_;  // living children by pid, in order of creation
+  TKeyedList<PosixProcess> zombies_;   // ended children not yet collected, by pid
   Ref<TVector<WaitEntry*>> waitEntries_;      // queued blocking waits, owned here
   uint64_t startsPending_ = 0;                // starts handed to agents and not yet linked
   Ref<SharedMemory> sharedMemory_;
@@ -169,4 +178,5 @@ class PosixProcess : public Object {
   Ref<PosixProcessGroup> group_;  // set before the record is listed
   Ref<UnclaimedPipeEnds> unclaimedPipeEnds_;  // set in the constructor; locks itself
   Ref<DescriptionBudget> descriptions_;       // set in the constructor; atomic inside
+  uint32_t serviceLinks_ = 0;  // links on posix.service; touched by the service thread only
 };

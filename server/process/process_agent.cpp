@@ -167,7 +167,7 @@ void PosixProcess::linkTo(const Ref<PosixProcess>& parent) {
   setGroup(parent->group());
   MonLock parentLock(parent->monitor_);
   ProcessRegistry::add(this);
-  parent->children_->append(this);
+  parent->children_.append(pid(), this);
   --parent->startsPending_;  // counted as a child from here on
 }
 
@@ -180,22 +180,19 @@ void PosixProcess::markEnded(uint32_t exitCode) {
 void PosixProcess::unlinkEnded() {
   ProcessRegistry::remove(this);
   Ref<FDTable> table;
-  Ref<TVector<Ref<PosixProcess>>> ended;
+  TKeyedList<PosixProcess> ended;
   {
     MonLock lock(monitor_);
     table = std::move(fdTable_);
     // Nobody collects for an ended program: the record keeps neither its ended children nor
     // the memory handed to it (childExited keeps no more either).
-    if (zombies_->count() > 0) {
-      ended = std::move(zombies_);
-      zombies_ = TVector<Ref<PosixProcess>>::create();
-    }
+    ended.swap(zombies_);
     sharedMemory_.reset();
   }
   // The table (and with it the descriptors) and the ended children go outside the record's
   // monitor.
   table.reset();
-  ended.reset();
+  ended.clear();
   unclaimedPipeEnds_->closeAll();
   // A group signal must not reach the pid once it may belong to someone else.
   if (group_) group_->removeMember(this);

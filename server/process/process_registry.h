@@ -1,17 +1,15 @@
-// The process registry: a weak listing of every record the server knows, in order of
-// registration, an index of the same listings by pid, and the monitor that guards both. They
-// are process-wide objects built by the server's static initialisation and released by its
-// exit handlers.
+// The process registry: a weak listing of every record the server knows, indexed by pid, and
+// the monitor that guards it. They are process-wide objects built by the server's static
+// initialisation and released by its exit handlers.
 //
-// Finding a record by identity looks only at the listings of its pid, so it costs the same
-// however many processes the server knows. Listings of records that have died are dropped
-// where find passes them, and all at once whenever the listing has doubled since the last
-// such sweep (records of processes that connected by themselves are never removed otherwise).
+// Finding a record by identity looks only at the listings of its pid, and a record takes its
+// listings with it when it dies, so every call costs the same however many processes the
+// server knows.
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
-#include "common/tvector.h"
 #include "platform/proc.h"
 #include "platform/sync.h"
 
@@ -24,17 +22,19 @@ void release();
 void createMonitor();
 void releaseMonitor();
 
-// The listing and its monitor; enter the monitor around every use of the listing.
-TVector<WeakRef<PosixProcess>>* listing();
 Mon* monitor();
 
-// Appends `process` (under the monitor, which the caller may already hold).
+// Lists `process` (under the monitor, which the caller may already hold).
 void add(const Ref<PosixProcess>& process);
-// Removes the first listing of `process`.
+// Removes one listing of `process`.
 void remove(PosixProcess* process);
+// Removes every listing of `process` (its destructor).
+void forget(PosixProcess* process);
 // The first living record listed with `identity`, or null.
 Ref<PosixProcess> find(const ProcIdentity& identity);
-// Slots listed, living or not (tests and diagnostics).
+// Every living record, each once (diagnostics; costs what the listing holds).
+std::vector<Ref<PosixProcess>> living();
+// Listings held, living or not (tests and diagnostics).
 uint64_t size();
 
 }  // namespace ProcessRegistry

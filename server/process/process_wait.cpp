@@ -35,27 +35,32 @@ bool PosixProcess::matches(uint32_t kind, uint64_t value) const {
   return entryMatches(probe, *this);
 }
 
+Ref<PosixProcess> PosixProcess::firstMatching(const TKeyedList<PosixProcess>& list, uint32_t kind,
+                                              uint64_t value) {
+  switch (kind) {
+    case PX_WAIT_ANY_CHILD: return list.first();
+    case PX_WAIT_BY_PID: return list.firstWithKey(value);
+    default:
+      return list.firstMatching([&](const PosixProcess& child) { return child.matches(kind, value); });
+  }
+}
+
 bool PosixProcess::wait(const Ref<InMsg>& request, uint32_t kind, uint64_t value, uint64_t options) {
   MonLock lock(monitor_);
   if (kind == PX_WAIT_BY_GROUP && value == 0) value = groupId();
-  for (uint64_t i = 0; i < zombies_->count(); ++i) {
-    Ref<PosixProcess> zombie = zombies_->get(i);
-    if (!zombie->matches(kind, value)) continue;
-    if (!(options & PX_WAIT_OPT_NOWAIT)) zombies_->removeAt(i);
+  if (Ref<PosixProcess> zombie = firstMatching(zombies_, kind, value)) {
+    if (!(options & PX_WAIT_OPT_NOWAIT)) zombies_.remove(zombie->pid(), zombie.get());
     StatusRecord record = zombie->statusRecord();
     answer(request, PX_RESULT_DONE, &record);
     return true;
   }
-  if (!(options & PX_WAIT_OPT_NOHANG)) {
-    for (uint64_t i = 0; i < children_->count(); ++i) {
-      if (!children_->get(i)->matches(kind, value)) continue;
-      if (waitEntries_->count() >= kMaxQueuedWaits) {
-        answer(request, PX_RESULT_FAILED, nullptr);
-        return true;
-      }
-      waitEntries_->append(new WaitEntry{request, kind, 0, value, 0});
-      return true;  // answered by childExited() or failWaiters()
+  if (!(options & PX_WAIT_OPT_NOHANG) && firstMatching(children_, kind, value)) {
+    if (waitEntries_->count() >= kMaxQueuedWaits) {
+      answer(request, PX_RESULT_FAILED, nullptr);
+      return true;
     }
+    waitEntries_->append(new WaitEntry{request, kind, 0, value, 0});
+    return true;  // answered by childExited() or failWaiters()
   }
   answer(request, PX_RESULT_NO_CHILD, nullptr);
   return true;
@@ -75,7 +80,7 @@ void PosixProcess::childExited(const Ref<PosixProcess>& child) {
   StatusRecord record = child->statusRecord();
   {
     MonLock lock(monitor_);
-    children_->removeValue(child);
+    children_.remove(child->pid(), child.get());
     // Every child's end drops the memory handed over at this process's own creation.
     sharedMemory_.reset();
     // An ended program collects nothing: its child's end is not kept.
@@ -90,8 +95,8 @@ void PosixProcess::childExited(const Ref<PosixProcess>& child) {
       collected = true;
       break;
     }
-    if (!collected) zombies_->append(child);
-    if (children_->count() == 0 && zombies_->count() == 0) failWaiters(PX_RESULT_NO_CHILD);
+    if (!collected) zombies_.append(child->pid(), child);
+    if (children_.count() == 0 && zombies_.count() == 0) failWaiters(PX_RESULT_NO_CHILD);
   }
   signal(child, PX_SIG_CHILD, &record);
 }

@@ -104,8 +104,9 @@ TEST_F(FairnessTest, LinksAreBoundPerProcessAndAFewLinksStillGetInWhenDescriptor
   EXPECT_EQ(serverLog().find("Entry for orphan process"), std::string::npos);
 }
 
-// 300 processes connected, one flooding signal broadcasts to all of them over 16 links (each a
-// continue: a host signal per target); the round trips of another client stay short.
+// 300 processes connected, one flooding signal broadcasts to all of them over 16 links, and
+// another flooding them to a group of 300 started programs (each a continue: a host signal per
+// target); the round trips of another client stay short.
 TEST_F(FairnessTest, ABroadcastFloodLeavesOthersTheirRoundTrips) {
   constexpr int kCrowd = 300;
   constexpr int kFloodLinks = 16;
@@ -122,11 +123,24 @@ TEST_F(FairnessTest, ABroadcastFloodLeavesOthersTheirRoundTrips) {
       takeNumber(hold[0]);
     }));
   }
-  for (int i = 0; i < kCrowd; ++i) ASSERT_EQ(takeNumber(ready[0]), 1);
+  // A group of kCrowd programs that sleep, led by a process that kills it (and itself) at the end.
+  pid_t leader = inChild([&] {
+    close(hold[1]);
+    int started = 0;
+    while (started < kCrowd && spawnRaw({"/bin/sleep", "60"}, {"POSIX_STDIN=", "POSIX_STDOUT=", "POSIX_STDERR="}) > 0)
+      ++started;
+    sendNumber(ready[1], started == kCrowd);
+    takeNumber(hold[0]);
+    px_killpg(0, PX_SIGKILL);
+  });
+  for (int i = 0; i <= kCrowd; ++i) ASSERT_EQ(takeNumber(ready[0]), 1);
 
   auto everyone = requestFrame(PX_CMD_KILL_GROUP, 1, signalRequest(PX_KILL_SELECTOR_ALL, PX_SIGCONT));
+  auto group = requestFrame(PX_CMD_KILL_GROUP, 1, signalRequest(leader, PX_SIGCONT));
   pid_t flooder = flood(service(PX_SERVICE_NAME), kFloodLinks, 2, everyone);
+  pid_t groupFlooder = flood(service(PX_SERVICE_NAME), kFloodLinks, 2, group);
   ASSERT_GT(flooder, 0);
+  ASSERT_GT(groupFlooder, 0);
   RawLink link(service(PX_SERVICE_NAME));
   uint64_t id = 100;
   std::vector<int64_t> trips = timeCalls("round trips during the flood", 40, 10, [&] {
@@ -134,8 +148,11 @@ TEST_F(FairnessTest, ABroadcastFloodLeavesOthersTheirRoundTrips) {
     return link.roundTrip(PX_CMD_GET_PARENT_ID, ++id, {}, &reply, 10000);
   });
   kill(flooder, SIGKILL);
+  kill(groupFlooder, SIGKILL);
   close(hold[1]);
   waitExit(flooder, 5000);
+  waitExit(groupFlooder, 5000);
+  waitExit(leader, 10000);
   for (pid_t pid : crowd) waitExit(pid, 5000);
   EXPECT_EQ(trips.size(), 40u);
   EXPECT_LT(trips[trips.size() / 2], 50);
