@@ -95,8 +95,14 @@ std::string arguments(const px_diag_event& e) {
 }
 
 // The result code by name: the shared ones, then the service's own. getTable's result is a
-// count and a FIFO status answer a status: both shown as the number.
-std::string resultName(const px_diag_event& e) {
+// count and a FIFO status answer a status: both shown as the number. The late answer of a
+// kept request is "kept:" and its result (a signal wait's is the signal's number).
+std::string resultName(px_diag_event e) {
+  if (e.result != PX_DIAG_KEPT && (e.result & PX_DIAG_LATE) != 0) {
+    e.result &= ~PX_DIAG_LATE;
+    const bool signal = e.service == PX_DIAG_PROCESS_SERVICE && e.code == PX_CMD_WAIT_SIGNAL;
+    return "kept:" + (signal ? std::to_string(e.result) : resultName(e));
+  }
   bool counted = e.service == PX_DIAG_FD_SERVICE && e.code == PX_FD_CMD_GET_TABLE;
   if ((counted || e.service == PX_DIAG_FIFO_STATUS_SERVICE) && e.result != PX_DIAG_KEPT)
     return std::to_string(e.result);  // a count, or a status of the end

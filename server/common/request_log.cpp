@@ -30,12 +30,34 @@ uint32_t bucketOf(uint64_t micros) {
   return bucket;
 }
 
+// Hands the event of `request` to every monitor; the caller has seen that one is attached.
+void offer(uint32_t service, const Ref<InMsg>& request, uint32_t result, Clock::time_point began,
+           uint64_t took) {
+  px_diag_event event = {};
+  auto arrived = std::chrono::system_clock::now() - (Clock::now() - began);
+  event.time_us = static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::microseconds>(arrived.time_since_epoch()).count());
+  event.pid = request->link() ? request->link()->peerPid() : 0;
+  event.service = service;
+  event.code = request->code();
+  event.result = result;
+  event.size = static_cast<uint32_t>(request->dataSize());
+  event.took_us = took;
+  request->peek(event.head, sizeof event.head);
+  std::lock_guard lock(g_monitorsMutex);
+  for (const Ref<Monitor>& monitor : *g_monitors) monitor->offer(event);
+}
+
+uint64_t microsSince(Clock::time_point began) {
+  return static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began).count());
+}
+
 }  // namespace
 
 void note(uint32_t service, const Ref<InMsg>& request, uint32_t result, Clock::time_point began) {
   if (service >= kServices || !request) return;
-  uint64_t took = static_cast<uint64_t>(
-      std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began).count());
+  const uint64_t took = microsSince(began);
   uint32_t code = request->code();
   if (code < kCodes) {
     Counters& c = g_counters[service][code];
@@ -43,19 +65,13 @@ void note(uint32_t service, const Ref<InMsg>& request, uint32_t result, Clock::t
     c.buckets[bucketOf(took)].fetch_add(1, std::memory_order_relaxed);
   }
   if (g_monitorCount.load(std::memory_order_relaxed) == 0) return;
-  px_diag_event event = {};
-  auto arrived = std::chrono::system_clock::now() - (Clock::now() - began);
-  event.time_us = static_cast<uint64_t>(
-      std::chrono::duration_cast<std::chrono::microseconds>(arrived.time_since_epoch()).count());
-  event.pid = request->link() ? request->link()->peerPid() : 0;
-  event.service = service;
-  event.code = code;
-  event.result = result;
-  event.size = static_cast<uint32_t>(request->dataSize());
-  event.took_us = took;
-  request->peek(event.head, sizeof event.head);
-  std::lock_guard lock(g_monitorsMutex);
-  for (const Ref<Monitor>& monitor : *g_monitors) monitor->offer(event);
+  offer(service, request, result, began, took);
+}
+
+void noteLate(uint32_t service, const Ref<InMsg>& request, uint32_t result) {
+  if (service >= kServices || !request || g_monitorCount.load(std::memory_order_relaxed) == 0)
+    return;
+  offer(service, request, PX_DIAG_LATE | result, request->arrived(), microsSince(request->arrived()));
 }
 
 std::vector<px_diag_command> commands() {

@@ -25,6 +25,10 @@ using Clock = std::chrono::steady_clock;
 // `result`, or PX_DIAG_KEPT when it is kept to be answered later.
 void note(uint32_t service, const Ref<InMsg>& request, uint32_t result, Clock::time_point began);
 
+// Notes the late answer of a request that note() saw kept, for the monitors only (the request
+// was counted when it arrived): `result` is the answer's, the time runs from its arrival.
+void noteLate(uint32_t service, const Ref<InMsg>& request, uint32_t result);
+
 // Every command served so far, with its count and latency histogram.
 std::vector<px_diag_command> commands();
 

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "common/request_log.h"
+
 const std::deque<Broadcast>* BroadcastQueue::waitingOf(const PosixProcess* sender) const {
   for (const Sender& s : senders_)
     if (s.process == sender) return &s.waiting;
@@ -41,6 +43,7 @@ void BroadcastQueue::runRound() {
       Ref<OutMsg> answer = OutMsg::create();
       answer->setCode(result(waiting.front()));
       waiting.front().request->reply(answer);
+      RequestLog::noteLate(PX_DIAG_PROCESS_SERVICE, waiting.front().request, answer->code());
       waiting.pop_front();
     }
     if (waiting.empty())

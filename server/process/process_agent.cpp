@@ -7,6 +7,7 @@
 #include <chrono>
 #include <string>
 
+#include "common/request_log.h"
 #include "fd/fd_table.h"
 #include "fifo/unclaimed_pipe_ends.h"
 #include "platform/error.h"
@@ -74,6 +75,7 @@ void ProcessAgent::answer(uint32_t code, T value) {
   reply->setCode(code);
   reply->write(&value, sizeof value);
   request_->reply(reply);
+  RequestLog::noteLate(PX_DIAG_PROCESS_SERVICE, request_, code);
   request_.reset();
 }
 

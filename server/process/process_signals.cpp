@@ -9,6 +9,7 @@
 
 #include <cerrno>
 
+#include "common/request_log.h"
 #include "platform/chn.h"
 #include "platform/error.h"
 #include "process/posix_process.h"
@@ -73,6 +74,7 @@ void PosixProcess::sendSignalLocked(uint32_t signum, const StatusRecord& record,
     notification->addBlock(PX_BLOCK_RECORD, &record, sizeof record);
   Ref<InMsg> waiter = std::move(signalWaiter_);
   waiter->reply(notification);
+  RequestLog::noteLate(PX_DIAG_PROCESS_SERVICE, waiter, signum);
 }
 
 bool PosixProcess::waitSignal(const Ref<InMsg>& request) {

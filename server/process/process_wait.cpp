@@ -3,6 +3,7 @@
 // queued wait or leaves the child as a zombie.
 #include <posix/posix_service.h>
 
+#include "common/request_log.h"
 #include "process/posix_process.h"
 #include "process/wait_entry.h"
 
@@ -17,6 +18,12 @@ void answer(const Ref<InMsg>& request, uint32_t status, const StatusRecord* reco
   reply->setCode(status);
   if (record) reply->addBlock(PX_BLOCK_RECORD, record, sizeof *record);
   request->reply(reply);
+}
+
+// The answer of a wait that was kept: the monitors see how it ended.
+void answerKept(const Ref<InMsg>& request, uint32_t status, const StatusRecord* record) {
+  answer(request, status, record);
+  RequestLog::noteLate(PX_DIAG_PROCESS_SERVICE, request, status);
 }
 
 bool entryMatches(const WaitEntry& entry, const PosixProcess& child) {
@@ -71,7 +78,7 @@ void PosixProcess::failWaiters(uint32_t status) {
   while (waitEntries_->count() > 0) {
     WaitEntry* entry = waitEntries_->get(0);
     waitEntries_->removeAt(0);
-    answer(entry->request, status, nullptr);
+    answerKept(entry->request, status, nullptr);
     delete entry;
   }
 }
@@ -90,7 +97,7 @@ void PosixProcess::childExited(const Ref<PosixProcess>& child) {
       WaitEntry* entry = waitEntries_->get(i);
       if (!entryMatches(*entry, *child)) continue;
       waitEntries_->removeAt(i);
-      answer(entry->request, PX_RESULT_DONE, &record);
+      answerKept(entry->request, PX_RESULT_DONE, &record);
       delete entry;
       collected = true;
       break;

@@ -65,11 +65,11 @@ TEST_F(DiagTest, PsFdsPipesAndMonitorTellWhatTheServerKeeps) {
   EXPECT_NE(said({"fds", "999999999"}).find("no process 999999999"), std::string::npos);
 
   // The monitor shows this process's requests as they are served, a description's too.
-  auto monitorOne = [&](const char* command, const std::function<bool()>& act) {
+  auto monitorOne = [&](const char* command, const std::function<bool()>& act, const char* count = "1") {
     std::string out;
     std::atomic<bool> done{false};
     std::thread monitor([&] {
-      out = said({"monitor", "--json", "--pid", me, "--command", command, "--count", "1"});
+      out = said({"monitor", "--json", "--pid", me, "--command", command, "--count", count});
       done = true;
     });
     EXPECT_TRUE(eventually([&] { return act() && done; }, 10000));
@@ -80,6 +80,15 @@ TEST_F(DiagTest, PsFdsPipesAndMonitorTellWhatTheServerKeeps) {
   EXPECT_NE(monitored.find("\"pid\":" + me + ",\"service\":\"posix.service\",\"command\":\"getGroupId\","
                            "\"arguments\":\"pid " + me + "\",\"size\":8,\"result\":\"done\""),
             std::string::npos) << monitored;
+  // A spawn is kept until the program runs; its late answer shows how it ended.
+  monitored = monitorOne("spawn", [] {
+    char* argv[] = {const_cast<char*>("true"), nullptr};
+    int64_t pid = px_spawn("/bin/true", argv, nullptr, 0);
+    int status = -1;
+    return pid > 0 && px_waitpid(pid, &status, 0) == pid;
+  }, "2");
+  EXPECT_NE(monitored.find("\"result\":\"kept\""), std::string::npos) << monitored;
+  EXPECT_NE(monitored.find("\"result\":\"kept:done\""), std::string::npos) << monitored;
   // A pipe's bytes pass through its shared page; the first write of a new pipe asks for it.
   monitored = monitorOne("sharedPage", [] {
     int fresh[2];

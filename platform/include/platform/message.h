@@ -5,6 +5,7 @@
 // Interfaces::Stream is wanted (a table serialises itself straight into a reply).
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <vector>
 
@@ -25,6 +26,8 @@ class InMsg : public Object, public virtual Interfaces::Stream {
   uint32_t code() const { return code_; }
   uint64_t id() const { return id_; }
   const Ref<ChnLink>& link() const { return link_; }
+  // When the request was received: a request kept to be answered later is timed from here.
+  std::chrono::steady_clock::time_point arrived() const { return arrived_; }
 
   // Reads at most `size` bytes of the data stream into `buffer` and answers the count moved;
   // fewer than asked means the stream ended. The time-out is accepted for the stream shape:
@@ -64,6 +67,7 @@ class InMsg : public Object, public virtual Interfaces::Stream {
   uint32_t kind_ = 0;
   uint32_t code_ = 0;
   uint64_t id_ = 0;
+  std::chrono::steady_clock::time_point arrived_ = std::chrono::steady_clock::now();
   std::vector<uint8_t> data_;
   uint64_t cursor_ = 0;
   struct BlockSpan {

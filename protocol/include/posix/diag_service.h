@@ -134,6 +134,11 @@ typedef struct px_diag_event {
 #pragma pack(pop)
 
 #define PX_DIAG_KEPT 0xFFFFFFFFu
+/* In an event's result: the late answer of a request that an earlier event showed kept (a
+ * spawn answered once the program runs, a wait once a child ends, a signal wait once a signal
+ * comes). The low bits hold the answer's result; time_us is still the request's arrival and
+ * took_us runs until the answer. */
+#define PX_DIAG_LATE 0x80000000u
 
 #ifdef __cplusplus
 }
