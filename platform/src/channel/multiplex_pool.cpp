@@ -1,0 +1,324 @@
+// The threads that serve the links of every service multiplex in the process: one epoll set
+// that watches every link, and a small pool of threads that wait in it. A link costs no thread
+// of its own, so the server's threads do not grow with the links its clients hold.
+//
+// Each link is watched twice, one-shot: its socket (requests, hang-up, room for queued
+// replies) and its eventfd (a reply was queued, or the link was dropped). The thread that takes
+// an event holds the link's turn and serves one turn (multiplex_link.cpp); an event of the same
+// link that another thread takes meanwhile only tells the holder to look again. The holder arms
+// the watches that fired again before it gives the turn up, still holding it, so a link is
+// never served by two threads at once and never waits unwatched.
+//
+// The pool has kPoolTarget threads at most while none waits. A handler that waits (for bytes
+// of a FIFO, for room in it, for another multiplex's links) says so with Multiplex::Waiting:
+// when no other thread of the pool is free, a new one starts, so that a client whose requests
+// wait never holds up the others; a thread beyond the target ends once it has nothing to do.
+//
+// Threads start on demand and end after a second without an event, all but one while there
+// are links, every one when there are none; the epoll set and its state are made once and
+// never destroyed, since a thread may still be waiting while the
+// process exits. Every registration carries a key that is never reused, so an event that
+// arrives after its link ended finds nothing, even when the descriptor number was reused.
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+
+#include "file/host_fd.h"
+#include "multiplex_core.h"
+
+using Libraries::Service::Multiplex;
+
+namespace {
+
+thread_local uint64_t t_servedPeer = 0;
+thread_local ChnLink* t_servedLink = nullptr;  // held by the turn's MuxServed
+thread_local bool t_pooled = false;            // the calling thread is one of the pool's
+
+// Without a thread that waits in a handler, the pool has this many: two per core, within 4
+// and 16.
+const size_t kPoolTarget = [] {
+  size_t cores = std::thread::hardware_concurrency();
+  return std::clamp<size_t>(2 * cores, 4, 16);
+}();
+constexpr int kIdleEndMs = 1000;
+constexpr uint32_t kSocketBit = 1;  // the watch of the link's socket
+constexpr uint32_t kWakeBit = 2;    // the watch of its eventfd
+constexpr uint64_t kPoolWakeKey = 0;  // the pool's own eventfd; links' keys start at 1
+
+class Pool : public Object {
+ public:
+  static Pool& instance() {
+    static Pool* const pool = [] {
+      auto* made = new Pool();
+      made->addRef();  // held for the life of the process
+      return made;
+    }();
+    return *pool;
+  }
+
+  bool prepare() {
+    std::lock_guard lock(mutex_);
+    return makeEpollLocked();
+  }
+
+  bool serve(const Ref<Multiplex::Core>& core, const Ref<ChnLink>& link) {
+    Ref<MuxServed> s = new MuxServed(core, link);
+    s->wake = HostFd::opened(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (s->wake < 0) return false;
+    MuxLinkServe::setWake(*link, s->wake);
+    bool spawn = false;
+    {
+      std::lock_guard lock(mutex_);
+      if (!makeEpollLocked()) return fail(*s);
+      s->key = nextKey_++;
+      links_.emplace(s->key, s);
+      if (!watch(*s, EPOLL_CTL_ADD, kSocketBit | kWakeBit)) {
+        links_.erase(s->key);
+        return fail(*s);
+      }
+      spawn = idle_ == 0 && workers_ < kPoolTarget;
+      if (spawn) ++workers_;
+    }
+    if (spawn) startWorker();
+    return true;
+  }
+
+  // A pooled thread is about to wait (see Multiplex::Waiting).
+  void enterWait() {
+    bool spawn = false;
+    {
+      std::lock_guard lock(mutex_);
+      ++waiting_;
+      spawn = idle_ == 0 && workers_ - waiting_ < kPoolTarget && !links_.empty();
+      if (spawn) ++workers_;
+    }
+    if (spawn) startWorker();
+  }
+  void leaveWait() {
+    std::lock_guard lock(mutex_);
+    --waiting_;
+  }
+
+  void work() {
+    t_pooled = true;
+    epoll_event event;
+    for (;;) {
+      int timeout = -1;
+      {
+        std::lock_guard lock(mutex_);
+        if (workers_ - waiting_ > kPoolTarget) {  // one more than needed: this one goes
+          --workers_;
+          return;
+        }
+        // Only the last free thread waits for ever, and only while there are links.
+        if (links_.empty() || workers_ - waiting_ > 1) timeout = kIdleEndMs;
+        ++idle_;
+      }
+      // One event at a time: a thread that waits in a handler holds up no other link's event.
+      int n = ::epoll_wait(epollFd_, &event, 1, timeout);
+      bool spawn = false;
+      {
+        std::lock_guard lock(mutex_);
+        --idle_;
+        // A second without an event: this thread is not needed now.
+        if (n == 0 && (links_.empty() || workers_ - waiting_ > 1)) {
+          --workers_;
+          return;
+        }
+        // The last free thread took an event: start another, so that the next one does not
+        // wait behind this turn.
+        spawn = n > 0 && idle_ == 0 && workers_ < kPoolTarget;
+        if (spawn) ++workers_;
+      }
+      if (spawn) startWorker();
+      if (n <= 0) continue;
+      if (event.data.u64 != kPoolWakeKey) {
+        take(event.data.u64);
+      } else {
+        uint64_t one;
+        ssize_t got = ::read(wakeFd_, &one, sizeof one);
+        (void)got;  // each woken thread takes one count; it only says "look again"
+      }
+    }
+  }
+
+ private:
+  Pool() = default;
+
+  bool fail(MuxServed& s) {
+    MuxLinkServe::setWake(*s.link, -1);
+    HostFd::close(s.wake);
+    return false;
+  }
+
+  bool makeEpollLocked() {
+    return epollFd_ >= 0 || makeWatchedEpoll(&epollFd_, &wakeFd_, EFD_SEMAPHORE);
+  }
+
+  // Arms (`op` EPOLL_CTL_ADD or _MOD) the watches in `bits` one-shot.
+  bool watch(MuxServed& s, int op, uint32_t bits) {
+    bool ok = true;
+    if (bits & kSocketBit) {
+      epoll_event ev{};
+      ev.events = EPOLLIN | EPOLLONESHOT | (s.watchingOut ? uint32_t{EPOLLOUT} : 0u);
+      ev.data.u64 = s.key * 4 + kSocketBit;
+      ok = ::epoll_ctl(epollFd_, op, MuxLinkServe::socketOf(*s.link), &ev) == 0;
+    }
+    if (bits & kWakeBit) {
+      epoll_event ev{};
+      ev.events = EPOLLIN | EPOLLONESHOT;
+      ev.data.u64 = s.key * 4 + kWakeBit;
+      ok = ::epoll_ctl(epollFd_, op, s.wake, &ev) == 0 && ok;
+    }
+    return ok;
+  }
+
+  // Serves the link of an event, unless another thread holds its turn.
+  void take(uint64_t data) {
+    Ref<MuxServed> s;
+    {
+      std::lock_guard lock(mutex_);
+      auto it = links_.find(data / 4);
+      if (it == links_.end()) return;  // ended since the event was reported
+      s = it->second;
+    }
+    {
+      std::lock_guard lock(s->turnMutex);
+      if (s->ended) return;
+      s->disarmed |= static_cast<uint32_t>(data % 4);
+      if (s->busy) {
+        s->again = true;
+        return;
+      }
+      s->busy = true;
+    }
+    Multiplex::Core::current() = s->core.get();
+    t_servedPeer = s->link->peerPid();
+    t_servedLink = s->link.get();
+    for (;;) {
+      if (!MuxLinkServe::turn(*s)) {
+        end(s);
+        break;
+      }
+      std::lock_guard lock(s->turnMutex);
+      if (s->again) {
+        s->again = false;
+        continue;
+      }
+      watch(*s, EPOLL_CTL_MOD, s->disarmed);
+      s->disarmed = 0;
+      s->busy = false;
+      break;
+    }
+    t_servedLink = nullptr;
+    t_servedPeer = 0;
+    Multiplex::Core::current() = nullptr;
+  }
+
+  // Takes a link out of the pool, holding its turn, and ends it.
+  void end(const Ref<MuxServed>& s) {
+    {
+      std::lock_guard lock(mutex_);
+      links_.erase(s->key);
+      // The last link went: the threads that wait for ever look again, to count their idle
+      // time and end.
+      if (links_.empty() && idle_ > 0) {
+        uint64_t count = idle_;
+        ssize_t n = ::write(wakeFd_, &count, sizeof count);
+        (void)n;  // a full counter wakes them just as well
+      }
+    }
+    ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, MuxLinkServe::socketOf(*s->link), nullptr);
+    ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, s->wake, nullptr);
+    {
+      std::lock_guard lock(s->turnMutex);
+      s->ended = true;
+    }
+    MuxLinkServe::end(*s);
+    HostFd::close(s->wake);
+    s->core->forget(s->link);
+    s->core->linkEnded();
+  }
+
+  void startWorker();
+
+  std::mutex mutex_;
+  // Made under mutex_ before the first link is watched, never closed; read without the lock.
+  int epollFd_ = -1;
+  int wakeFd_ = -1;  // eventfd (a semaphore): poked once per idle thread when the last link goes
+  uint64_t nextKey_ = 1;                                      // guarded by mutex_
+  std::unordered_map<uint64_t, Ref<MuxServed>> links_;        // guarded by mutex_
+  size_t workers_ = 0;  // guarded by mutex_: threads of the pool, counted before they start
+  size_t idle_ = 0;     // guarded by mutex_: threads waiting in epoll for an event
+  size_t waiting_ = 0;  // guarded by mutex_: threads waiting inside a handler
+};
+
+class Worker : public Object, public Exec {
+ public:
+  void run() override { Pool::instance().work(); }
+};
+
+void Pool::startWorker() {
+  Ref<Thd> thread = Thd::create(new Worker());
+  if (thread) {
+    thread->setName("MuxServe");
+    if (thread->start()) return;
+  }
+  // The threads already there serve on; a later event or wait tries again.
+  std::lock_guard lock(mutex_);
+  --workers_;
+}
+
+}  // namespace
+
+bool makeWatchedEpoll(int* epoll, int* wake, int eventFlags) {
+  int event = HostFd::opened(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC | eventFlags));
+  if (event < 0) return false;
+  int set = HostFd::opened(::epoll_create1(EPOLL_CLOEXEC));
+  epoll_event ev{};
+  ev.events = EPOLLIN;
+  ev.data.u64 = 0;
+  if (set < 0 || ::epoll_ctl(set, EPOLL_CTL_ADD, event, &ev) != 0) {
+    int error = errno;
+    HostFd::close(set);
+    HostFd::close(event);
+    errno = error;
+    return false;
+  }
+  *wake = event;
+  *epoll = set;
+  return true;
+}
+
+uint64_t ChnLink::servedPeerPid() { return t_servedPeer; }
+ChnLink* ChnLink::served() { return t_servedLink; }
+
+bool MuxPool::prepare() { return Pool::instance().prepare(); }
+
+bool MuxPool::serve(const Ref<Multiplex::Core>& core, const Ref<ChnLink>& link) {
+  return Pool::instance().serve(core, link);
+}
+
+void Multiplex::Core::serve(const Ref<ChnLink>& link) {
+  if (MuxPool::serve(this, link)) return;
+  forget(link);
+  link->shutdown();
+  linkEnded();  // admit() counted the link
+}
+
+namespace Libraries::Service {
+
+Multiplex::Waiting::Waiting() : counted_(t_pooled) {
+  if (counted_) Pool::instance().enterWait();
+}
+
+Multiplex::Waiting::~Waiting() {
+  if (counted_) Pool::instance().leaveWait();
+}
+
+}  // namespace Libraries::Service
