@@ -110,9 +110,10 @@ struct MuxLinkServe {
   // wait or it was dropped (-1: none yet).
   static int socketOf(const ChnLink& link) { return link.fd_; }
   static void setWake(ChnLink& link, int wake);
-  // One turn: sends what waits, then reads and handles the requests that are there, a few at
-  // most. False when the link must end (it closed, was dropped, or broke the wire format).
-  static bool turn(MuxServed& served);
+  // One turn: sends what waits (`woken`: the link's eventfd fired), then reads and handles one
+  // request, if one is there. False when the link must end (it closed, was dropped, or broke
+  // the wire format).
+  static bool turn(MuxServed& served, bool woken);
   // Disconnects a bound link and closes its socket; the caller then closes the eventfd.
   static void end(MuxServed& served);
 

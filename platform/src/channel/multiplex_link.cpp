@@ -19,10 +19,6 @@ using Libraries::Service::Multiplex;
 
 namespace {
 
-// Requests one turn handles at most: the link's next ones wait for its next turn, behind the
-// turns of links that were ready meanwhile.
-constexpr int kRequestsPerTurn = 8;
-
 // Set once by Multiplex::observe() before any link is served; read by every pool thread.
 Multiplex::Observer g_observer{};
 
@@ -45,30 +41,28 @@ void MuxLinkServe::setWake(ChnLink& link, int wake) {
   link.wakeFd_ = wake;
 }
 
-bool MuxLinkServe::turn(MuxServed& s) {
+bool MuxLinkServe::turn(MuxServed& s, bool woken) {
   const Ref<ChnLink>& link = s.link;
-  uint64_t count;
-  if (::read(s.wake, &count, sizeof count) > 0 || s.watchingOut) {
+  if (woken || s.watchingOut) {
+    uint64_t count;
+    ssize_t got = woken ? ::read(s.wake, &count, sizeof count) : 0;
+    (void)got;  // the event only says "look"
     if (link->dropped()) return false;
     s.watchingOut = !link->flush();
   }
-  const int fd = socketOf(*link);
-  for (int i = 0; i < kRequestsPerTurn; ++i) {
-    // Requests still queued are read before a hang-up counts: recv answers 0 once all are gone.
-    ssize_t n = ::recv(fd, datagram(), PX_WIRE_MAX_FRAME, MSG_DONTWAIT | MSG_TRUNC);
-    if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
-    // MSG_TRUNC answers the real length of a datagram too long for any frame.
-    if (n == 0 || static_cast<uint64_t>(n) > PX_WIRE_MAX_FRAME) return false;
-    Ref<InMsg> msg = InMsg::decode(datagram(), static_cast<uint64_t>(n), link);
-    if (!msg) return false;
-    if (!s.serviceId) {
-      if (!bind(s, msg)) return false;
-      continue;
-    }
-    if (msg->kind() != PX_FRAME_REQUEST) return false;
-    dispatch(s, msg);
-  }
-  return !link->dropped();
+  // One request per turn: when more are queued, the link's socket is still readable when the
+  // turn ends, and the link takes its place behind the others that are ready.
+  ssize_t n = ::recv(socketOf(*link), datagram(), PX_WIRE_MAX_FRAME, MSG_DONTWAIT | MSG_TRUNC);
+  if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+  // Requests still queued are read before a hang-up counts: recv answers 0 once all are gone.
+  // MSG_TRUNC answers the real length of a datagram too long for any frame.
+  if (n == 0 || static_cast<uint64_t>(n) > PX_WIRE_MAX_FRAME) return false;
+  Ref<InMsg> msg = InMsg::decode(datagram(), static_cast<uint64_t>(n), link);
+  if (!msg) return false;
+  if (!s.serviceId) return bind(s, msg);
+  if (msg->kind() != PX_FRAME_REQUEST) return false;
+  dispatch(s, msg);
+  return true;
 }
 
 void MuxLinkServe::end(MuxServed& s) {

@@ -4,10 +4,11 @@
 //
 // Each link is watched twice, one-shot: its socket (requests, hang-up, room for queued
 // replies) and its eventfd (a reply was queued, or the link was dropped). The thread that takes
-// an event holds the link's turn and serves one turn (multiplex_link.cpp); an event of the same
-// link that another thread takes meanwhile only tells the holder to look again. The holder arms
-// the watches that fired again before it gives the turn up, still holding it, so a link is
-// never served by two threads at once and never waits unwatched.
+// an event holds the link's turn and serves one turn, one request at most (multiplex_link.cpp);
+// an event of the same link that another thread takes meanwhile only tells the holder to look
+// again. The holder arms the watches that fired again before it gives the turn up, still
+// holding it, so a link is never served by two threads at once and never waits unwatched; a
+// link with more requests queued is reported again at once, behind the links ready meanwhile.
 //
 // The pool has kPoolTarget threads at most while none waits. A handler that waits (for bytes
 // of a FIFO, for room in it, for another multiplex's links) says so with Multiplex::Waiting:
@@ -16,15 +17,18 @@
 //
 // Threads start on demand and end after a second without an event, all but one while there
 // are links, every one when there are none; the epoll set and its state are made once and
-// never destroyed, since a thread may still be waiting while the
-// process exits. Every registration carries a key that is never reused, so an event that
+// never destroyed, since a thread may still be waiting while the process exits. The pool's
+// counts are atomics, read without the lock as hints; a thread starts or ends only under the
+// lock, after looking again. Every registration carries a key that is never reused, so an event that
 // arrives after its link ended finds nothing, even when the descriptor number was reused.
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <mutex>
+#include <shared_mutex>
 #include <thread>
 #include <unordered_map>
 
@@ -71,7 +75,6 @@ class Pool : public Object {
     s->wake = HostFd::opened(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     if (s->wake < 0) return false;
     MuxLinkServe::setWake(*link, s->wake);
-    bool spawn = false;
     {
       std::lock_guard lock(mutex_);
       if (!makeEpollLocked()) return fail(*s);
@@ -81,62 +84,36 @@ class Pool : public Object {
         links_.erase(s->key);
         return fail(*s);
       }
-      spawn = idle_ == 0 && workers_ < kPoolTarget;
-      if (spawn) ++workers_;
+      linkCount_.store(links_.size());
     }
-    if (spawn) startWorker();
+    if (idle_.load() == 0) spawn();
     return true;
   }
 
   // A pooled thread is about to wait (see Multiplex::Waiting).
   void enterWait() {
-    bool spawn = false;
-    {
-      std::lock_guard lock(mutex_);
-      ++waiting_;
-      spawn = idle_ == 0 && workers_ - waiting_ < kPoolTarget && !links_.empty();
-      if (spawn) ++workers_;
-    }
-    if (spawn) startWorker();
+    waiting_.fetch_add(1);
+    if (idle_.load() == 0) spawn();
   }
-  void leaveWait() {
-    std::lock_guard lock(mutex_);
-    --waiting_;
-  }
+  void leaveWait() { waiting_.fetch_sub(1); }
 
   void work() {
     t_pooled = true;
     epoll_event event;
     for (;;) {
-      int timeout = -1;
-      {
-        std::lock_guard lock(mutex_);
-        if (workers_ - waiting_ > kPoolTarget) {  // one more than needed: this one goes
-          --workers_;
-          return;
-        }
-        // Only the last free thread waits for ever, and only while there are links.
-        if (links_.empty() || workers_ - waiting_ > 1) timeout = kIdleEndMs;
-        ++idle_;
-      }
+      if (free() > static_cast<int64_t>(kPoolTarget) && leave(kPoolTarget)) return;
+      // Only the last free thread waits for ever, and only while there are links; the others
+      // end after a second without an event.
+      const int timeout = linkCount_.load() == 0 || free() > 1 ? kIdleEndMs : -1;
+      idle_.fetch_add(1);
       // One event at a time: a thread that waits in a handler holds up no other link's event.
       int n = ::epoll_wait(epollFd_, &event, 1, timeout);
-      bool spawn = false;
-      {
-        std::lock_guard lock(mutex_);
-        --idle_;
-        // A second without an event: this thread is not needed now.
-        if (n == 0 && (links_.empty() || workers_ - waiting_ > 1)) {
-          --workers_;
-          return;
-        }
-        // The last free thread took an event: start another, so that the next one does not
-        // wait behind this turn.
-        spawn = n > 0 && idle_ == 0 && workers_ < kPoolTarget;
-        if (spawn) ++workers_;
-      }
-      if (spawn) startWorker();
+      const bool lastFree = idle_.fetch_sub(1) == 1;
+      if (n == 0 && leave(linkCount_.load() == 0 ? 0 : 1)) return;
       if (n <= 0) continue;
+      // The last free thread took an event: another starts, so that the next event does not
+      // wait behind this turn.
+      if (lastFree) spawn();
       if (event.data.u64 != kPoolWakeKey) {
         take(event.data.u64);
       } else {
@@ -149,6 +126,31 @@ class Pool : public Object {
 
  private:
   Pool() = default;
+
+  // Threads of the pool that are not waiting inside a handler (a hint: read without the lock).
+  int64_t free() const {
+    return static_cast<int64_t>(workers_.load()) - static_cast<int64_t>(waiting_.load());
+  }
+
+  // Ends the calling thread's part in the pool when more than `keep` threads are free; true
+  // when it is to end.
+  bool leave(size_t keep) {
+    std::lock_guard lock(mutex_);
+    if (free() <= static_cast<int64_t>(keep)) return false;
+    workers_.fetch_sub(1);
+    return true;
+  }
+
+  // Starts a thread when the pool has fewer free than its size.
+  void spawn() {
+    if (free() >= static_cast<int64_t>(kPoolTarget)) return;  // the common case, without the lock
+    {
+      std::lock_guard lock(mutex_);
+      if (free() >= static_cast<int64_t>(kPoolTarget) || linkCount_.load() == 0) return;
+      workers_.fetch_add(1);
+    }
+    startWorker();
+  }
 
   bool fail(MuxServed& s) {
     MuxLinkServe::setWake(*s.link, -1);
@@ -182,7 +184,7 @@ class Pool : public Object {
   void take(uint64_t data) {
     Ref<MuxServed> s;
     {
-      std::lock_guard lock(mutex_);
+      std::shared_lock lock(mutex_);  // every thread looks links up at once
       auto it = links_.find(data / 4);
       if (it == links_.end()) return;  // ended since the event was reported
       s = it->second;
@@ -200,14 +202,16 @@ class Pool : public Object {
     Multiplex::Core::current() = s->core.get();
     t_servedPeer = s->link->peerPid();
     t_servedLink = s->link.get();
+    bool woken = data % 4 == kWakeBit;
     for (;;) {
-      if (!MuxLinkServe::turn(*s)) {
+      if (!MuxLinkServe::turn(*s, woken)) {
         end(s);
         break;
       }
       std::lock_guard lock(s->turnMutex);
       if (s->again) {
         s->again = false;
+        woken = (s->disarmed & kWakeBit) != 0;
         continue;
       }
       watch(*s, EPOLL_CTL_MOD, s->disarmed);
@@ -225,10 +229,11 @@ class Pool : public Object {
     {
       std::lock_guard lock(mutex_);
       links_.erase(s->key);
+      linkCount_.store(links_.size());
       // The last link went: the threads that wait for ever look again, to count their idle
       // time and end.
-      if (links_.empty() && idle_ > 0) {
-        uint64_t count = idle_;
+      if (links_.empty() && idle_.load() > 0) {
+        uint64_t count = idle_.load();
         ssize_t n = ::write(wakeFd_, &count, sizeof count);
         (void)n;  // a full counter wakes them just as well
       }
@@ -247,15 +252,19 @@ class Pool : public Object {
 
   void startWorker();
 
-  std::mutex mutex_;
+  // Held shared to look a link up (every event), exclusively for everything else.
+  std::shared_mutex mutex_;
   // Made under mutex_ before the first link is watched, never closed; read without the lock.
   int epollFd_ = -1;
   int wakeFd_ = -1;  // eventfd (a semaphore): poked once per idle thread when the last link goes
   uint64_t nextKey_ = 1;                                      // guarded by mutex_
   std::unordered_map<uint64_t, Ref<MuxServed>> links_;        // guarded by mutex_
-  size_t workers_ = 0;  // guarded by mutex_: threads of the pool, counted before they start
-  size_t idle_ = 0;     // guarded by mutex_: threads waiting in epoll for an event
-  size_t waiting_ = 0;  // guarded by mutex_: threads waiting inside a handler
+  std::atomic<size_t> linkCount_{0};  // links_.size(), stored under mutex_
+  // Threads of the pool, counted before they start; changed under mutex_, so that two threads
+  // never both decide to start or to end one.
+  std::atomic<size_t> workers_{0};
+  std::atomic<size_t> idle_{0};     // threads waiting in epoll for an event
+  std::atomic<size_t> waiting_{0};  // threads waiting inside a handler
 };
 
 class Worker : public Object, public Exec {
@@ -271,7 +280,7 @@ void Pool::startWorker() {
   }
   // The threads already there serve on; a later event or wait tries again.
   std::lock_guard lock(mutex_);
-  --workers_;
+  workers_.fetch_sub(1);
 }
 
 }  // namespace
