@@ -91,7 +91,7 @@ class Multiplex : public Object {
   // Declares, for its life, that the calling thread waits inside a handler or notification of
   // a multiplex link: when no other thread of the pool is free meanwhile, another one starts,
   // so the process's other links are served while this one waits. Harmless on any other
-  // thread. Waits of more than a moment only: a declaration costs a lock.
+  // thread. A declaration costs two atomic counts, and a thread start when none is free.
   class Waiting {
    public:
     Waiting();

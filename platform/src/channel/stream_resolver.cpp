@@ -14,7 +14,6 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
-#include <optional>
 #include <vector>
 
 #include "platform/error.h"
@@ -157,8 +156,8 @@ uint32_t Stream::read(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
   const uint64_t size = maxBytes < PX_STREAM_MAX_READ ? maxBytes : PX_STREAM_MAX_READ;
   ReadReply reply(size);
   Slices slices(timeoutMs, in->link());
-  std::optional<Libraries::Service::Multiplex::Waiting> waiting;
-  if (timeoutMs != 0) waiting.emplace();
+  // Even a call that may not wait for bytes waits for a client's copy in the shared page.
+  Libraries::Service::Multiplex::Waiting waiting;
   uint64_t n = 0;
   do {
     uint32_t slice = slices.next();
@@ -184,8 +183,7 @@ uint32_t Stream::write(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
   if (!bytes.empty()) in->read(bytes.data(), bytes.size());
   const uint64_t size = bytes.size();
   Slices slices(timeoutMs, in->link());
-  std::optional<Libraries::Service::Multiplex::Waiting> waiting;
-  if (timeoutMs != 0) waiting.emplace();
+  Libraries::Service::Multiplex::Waiting waiting;
   uint64_t done = 0;
   do {
     // A write of nothing still reaches the stream once, so that its owner notes the outcome.
