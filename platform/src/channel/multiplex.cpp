@@ -1,6 +1,8 @@
 // The service multiplex's life: making its socket and handing it to the acceptor, adding
 // services, closing and waiting for its links to end, and the one-at-a-time turn of its
 // connection notifications.
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -81,6 +83,13 @@ Multiplex::Core*& Multiplex::Core::current() {
 Multiplex::Core::~Core() {
   HostFd::close(listenFd);
   removeFile();
+}
+
+void Multiplex::Core::serve(const Ref<ChnLink>& link) {
+  if (MuxPool::serve(this, link)) return;
+  forget(link);
+  link->shutdown();
+  linkEnded();  // admit() counted the link
 }
 
 void Multiplex::Core::linkEnded() {
@@ -197,3 +206,22 @@ bool Multiplex::Core::wait(uint32_t timeoutMs) {
 }
 
 }  // namespace Libraries::Service
+
+bool makeWatchedEpoll(int* epoll, int* wake, int eventFlags) {
+  int event = HostFd::opened(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC | eventFlags));
+  if (event < 0) return false;
+  int set = HostFd::opened(::epoll_create1(EPOLL_CLOEXEC));
+  epoll_event ev{};
+  ev.events = EPOLLIN;
+  ev.data.u64 = 0;
+  if (set < 0 || ::epoll_ctl(set, EPOLL_CTL_ADD, event, &ev) != 0) {
+    int error = errno;
+    HostFd::close(set);
+    HostFd::close(event);
+    errno = error;
+    return false;
+  }
+  *wake = event;
+  *epoll = set;
+  return true;
+}

@@ -11,16 +11,14 @@
 // link with more requests queued is reported again at once, behind the links ready meanwhile.
 //
 // The pool has kPoolTarget threads at most while none waits. A handler that waits (for bytes
-// of a FIFO, for room in it, for another multiplex's links) says so with Multiplex::Waiting:
-// when no other thread of the pool is free, a new one starts, so that a client whose requests
-// wait never holds up the others; a thread beyond the target ends once it has nothing to do.
-//
-// Threads start on demand and end after a second without an event, all but one while there
-// are links, every one when there are none; the epoll set and its state are made once and
-// never destroyed, since a thread may still be waiting while the process exits. The pool's
-// counts are atomics, read without the lock as hints; a thread starts or ends only under the
-// lock, after looking again. Every registration carries a key that is never reused, so an event that
-// arrives after its link ended finds nothing, even when the descriptor number was reused.
+// or room of a FIFO, for another multiplex's links) says so with Multiplex::Waiting: when no
+// other thread is free, a new one starts, so a client whose requests wait never holds up the
+// others. Threads start on demand and end after a second without an event (all but one while
+// there are links). The counts are atomics, read as hints; a thread starts or ends only under
+// the lock, after looking again. The epoll set is made once and never destroyed, since a thread
+// may still wait in it while the process exits. Every registration carries a key that is never
+// reused, so an event that arrives after its link ended finds nothing, even when the
+// descriptor number was reused.
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
@@ -43,8 +41,7 @@ thread_local uint64_t t_servedPeer = 0;
 thread_local ChnLink* t_servedLink = nullptr;  // held by the turn's MuxServed
 thread_local bool t_pooled = false;            // the calling thread is one of the pool's
 
-// Without a thread that waits in a handler, the pool has this many: two per core, within 4
-// and 16.
+// Threads of the pool while none waits in a handler: two per core, within 4 and 16.
 const size_t kPoolTarget = [] {
   size_t cores = std::thread::hardware_concurrency();
   return std::clamp<size_t>(2 * cores, 4, 16);
@@ -54,7 +51,8 @@ constexpr uint32_t kSocketBit = 1;  // the watch of the link's socket
 constexpr uint32_t kWakeBit = 2;    // the watch of its eventfd
 constexpr uint64_t kPoolWakeKey = 0;  // the pool's own eventfd; links' keys start at 1
 
-class Pool : public Object {
+// The pool's state, and the body of each of its threads (run()).
+class Pool : public Object, public Exec {
  public:
   static Pool& instance() {
     static Pool* const pool = [] {
@@ -97,7 +95,7 @@ class Pool : public Object {
   }
   void leaveWait() { waiting_.fetch_sub(1); }
 
-  void work() {
+  void run() override {
     t_pooled = true;
     epoll_event event;
     for (;;) {
@@ -267,13 +265,8 @@ class Pool : public Object {
   std::atomic<size_t> waiting_{0};  // threads waiting inside a handler
 };
 
-class Worker : public Object, public Exec {
- public:
-  void run() override { Pool::instance().work(); }
-};
-
 void Pool::startWorker() {
-  Ref<Thd> thread = Thd::create(new Worker());
+  Ref<Thd> thread = Thd::create(Ref<Exec>(this));
   if (thread) {
     thread->setName("MuxServe");
     if (thread->start()) return;
@@ -285,25 +278,6 @@ void Pool::startWorker() {
 
 }  // namespace
 
-bool makeWatchedEpoll(int* epoll, int* wake, int eventFlags) {
-  int event = HostFd::opened(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC | eventFlags));
-  if (event < 0) return false;
-  int set = HostFd::opened(::epoll_create1(EPOLL_CLOEXEC));
-  epoll_event ev{};
-  ev.events = EPOLLIN;
-  ev.data.u64 = 0;
-  if (set < 0 || ::epoll_ctl(set, EPOLL_CTL_ADD, event, &ev) != 0) {
-    int error = errno;
-    HostFd::close(set);
-    HostFd::close(event);
-    errno = error;
-    return false;
-  }
-  *wake = event;
-  *epoll = set;
-  return true;
-}
-
 uint64_t ChnLink::servedPeerPid() { return t_servedPeer; }
 ChnLink* ChnLink::served() { return t_servedLink; }
 
@@ -311,13 +285,6 @@ bool MuxPool::prepare() { return Pool::instance().prepare(); }
 
 bool MuxPool::serve(const Ref<Multiplex::Core>& core, const Ref<ChnLink>& link) {
   return Pool::instance().serve(core, link);
-}
-
-void Multiplex::Core::serve(const Ref<ChnLink>& link) {
-  if (MuxPool::serve(this, link)) return;
-  forget(link);
-  link->shutdown();
-  linkEnded();  // admit() counted the link
 }
 
 namespace Libraries::Service {
