@@ -1,10 +1,13 @@
 // What one client cannot take from the others: the descriptions a process may hold, and the
-// host descriptors the server keeps back for processes that hold little. (The size of a
-// descriptor table: request_bounds_test; the reserve for processes with few links: the fairness
-// tests.)
+// host descriptors the server keeps back for processes that hold little, and the threads that
+// serve many links. (The size of a descriptor table: request_bounds_test; the reserve for
+// processes with few links: the fairness tests.)
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
+#include "posix/pipe_page.h"
 #include "server_fixture.h"
 
 namespace {
@@ -90,6 +93,69 @@ TEST_F(BoundsTest, TheServerKeepsDescriptorsBackForThoseWhoHoldLittle) {
   limitServerFiles(static_cast<rlim_t>(lowestFreeServerFd()));
   ASSERT_TRUE(heapStats(&stats));
   EXPECT_GT(stats.threads, 2u);
+}
+
+// Links cost the server no thread each: several processes holding many links to their pipes'
+// ends are served by a few threads. Reads that wait for bytes, more of them than those
+// threads, hold up no other link, and each costs a thread only while it waits.
+TEST_F(BoundsTest, ManyLinksShareAFewThreadsAndWaitingReadsHoldUpNoOtherLink) {
+  constexpr int64_t kPool = 16 + 1;  // the pool's bound while nothing waits, and the acceptor
+  constexpr int kHolders = 4, kLinksEach = 60, kWaiting = 24;
+  int fds[2];
+  ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
+  const int64_t before = serverThreads();
+  ASSERT_GT(before, 0);
+  std::vector<pid_t> holders;
+  for (int h = 0; h < kHolders; ++h) {
+    int ready[2];
+    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+    holders.push_back(inChild([&] {
+      RawLink posix(path("chn/posix.service"));  // a pipe's ends serve only the process that made it
+      RawReply reply;
+      std::vector<px_node_entry> ends;
+      size_t at = 0;
+      if (!posix.roundTrip(PX_CMD_CREATE_PIPE, 1, {}, &reply) || !takeNode(reply.data, &at, &ends) ||
+          !takeNode(reply.data, &at, &ends))
+        _exit(1);
+      Links held;
+      for (int i = 0; i < kLinksEach; ++i) {
+        held.push_back(bindEntry(ends[static_cast<size_t>(i) % ends.size()]));
+        if (!held.back()) _exit(2);
+      }
+      sendNumber(ready[1], 1);
+      sleep(60);  // killed long before, unless the test failed on the way
+    }));
+    close(ready[1]);
+    EXPECT_EQ(takeNumber(ready[0]), 1) << h;
+    close(ready[0]);
+  }
+  EXPECT_LE(serverThreads(), before + kPool) << kHolders * kLinksEach << " links held";
+
+  Links readers;
+  for (uint64_t i = 0; i < kWaiting; ++i) {
+    readers.push_back(bindService(fds[0], PX_IFACE_STREAM));
+    ASSERT_TRUE(readers.back() && readers.back()->send(requestFrame(PX_STREAM_READ, i, streamRead(16, 0xFFFFFFFFu))));
+  }
+  sleepMs(300);  // the reads wait in the server now
+  std::unique_ptr<RawLink> status = bindService(fds[0], PX_IFACE_FIFO_STATUS);
+  ASSERT_TRUE(status);
+  RawReply reply;
+  std::vector<int64_t> times = timeCalls("a status round trip beside waiting reads", 20, 10, [&] {
+    return status->roundTrip(PX_FIFO_CMD_STATUS, 1, {}, &reply, 5000);
+  });
+  ASSERT_EQ(times.size(), 20u);
+  EXPECT_LT(times.back(), 500);
+  expectOthersServed();
+  EXPECT_LE(serverThreads(), before + kPool + kWaiting);
+
+  // End of file answers every waiting read, and the threads that waited go.
+  ASSERT_EQ(px_close(fds[1]), 0);
+  for (auto& reader : readers) EXPECT_EQ(reader->receive(&reply, 5000), 1);
+  for (pid_t holder : holders) {
+    kill(holder, SIGKILL);
+    EXPECT_EQ(waitExit(holder, 5000), SIGKILL);
+  }
+  EXPECT_LE(awaitThreadsAtMost(before + kPool), before + kPool);
 }
 
 }  // namespace

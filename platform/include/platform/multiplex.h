@@ -3,16 +3,21 @@
 // socket). A client connects, sends a bind frame naming a service, and from then on every
 // request of that link goes to that service.
 //
-// Threads: one thread per link. Connections are accepted by a single acceptor thread that the
-// process shares among all its multiplexes, so an idle multiplex costs no thread. A link's
-// thread reads the link's requests and calls its service's handle(); it also runs the
-// connection manager's connect and disconnect for that link. The notifications of one
-// multiplex are serialised: no two connect/disconnect calls of one multiplex run at the same
-// time, so a connection manager may count links in plain fields. A handler may block; a link
-// waits in poll() on its socket and a wake-up event, so close() and a client hang-up end it at
-// once. A handler that blocks for a long time waits in slices and asks ChnLink::peerGone()
-// between them (the stream resolver does so), so that it, too, ends shortly after the client
-// or the multiplex has gone.
+// Threads: links have no threads of their own. Connections are accepted by a single acceptor
+// thread that the process shares among all its multiplexes, and the links of every multiplex
+// are served by one small pool of threads that the process shares too (at most two per core,
+// within 4 and 16, while no handler waits), so an idle link or multiplex costs no thread. A
+// link's requests are handled in order, one at a time, on whichever pool thread takes its
+// turn; that thread also runs the connection manager's connect and disconnect for the link.
+// The notifications of one multiplex are serialised: no two connect/disconnect calls of one
+// multiplex run at the same time, so a connection manager may count links in plain fields.
+//
+// A handler that waits (for bytes or room of a stream, for another link) declares the wait
+// with a Waiting in scope: while it waits, the pool starts another thread when none is free,
+// so that one client's waiting requests never hold up the other clients' links. Such a handler
+// waits in slices and asks ChnLink::peerGone() between them (the stream resolver does so), so
+// that it ends shortly after the client or the multiplex has gone. close() and a client
+// hang-up end a link at its next turn.
 #pragma once
 
 #include <chrono>
@@ -31,8 +36,8 @@ class Multiplex : public Object {
  public:
   // Links served at once; further connections are accepted and closed at once.
   static constexpr size_t kMaxLinks = 256;
-  // Links one process may hold on all multiplexes of this process together (each is a thread
-  // here); a link beyond it is refused with one reply frame (id 0, result PX_RESULT_LIMIT).
+  // Links one process may hold on all multiplexes of this process together (each is a socket
+  // and an eventfd here); a link beyond it is refused with one reply frame (id 0, result PX_RESULT_LIMIT).
   static constexpr size_t kMaxLinksPerProcess = 512;
   // Listening sockets of closed multiplexes that the process keeps, bound, for the next ones
   // it makes (see close()); each holds a descriptor and a file in RT/chn.
@@ -50,8 +55,7 @@ class Multiplex : public Object {
   };
   static void observe(const Observer& observer);
 
-  // A new multiplex listening on a fresh channel socket; `name` names its threads in logs and
-  // thread lists. Null (and Error set) when the socket cannot be made or not be watched for
+  // A new multiplex listening on a fresh channel socket; `name` names it in logs. Null (and Error set) when the socket cannot be made or not be watched for
   // connections (the shared acceptor thread starts with the first multiplex).
   static Ref<Multiplex> create(Ref<String> name);
 
@@ -64,8 +68,8 @@ class Multiplex : public Object {
   const Ref<String>& name() const;
 
   // Stops accepting, removes the socket file and shuts every link down; once it has returned no
-  // further link is admitted. Any thread may call it, one of the multiplex's own link threads
-  // too (from a handler or a notification).
+  // further link is admitted. Any thread may call it, from a handler or a notification of the
+  // multiplex's own links too.
   //
   // Binding and removing a socket file costs more than the requests of a short-lived
   // multiplex, so up to kSpareSockets closed sockets stay bound as spares, and create() takes
@@ -74,14 +78,30 @@ class Multiplex : public Object {
   // multiplex never reaches another. Spares go when the process has no multiplex open for a
   // second, and at shut-down.
   void close();
-  // Waits until every link thread of the multiplex has ended, except the calling thread when it
-  // is one of them; false when the time-out ended first. Called from inside a notification, it
+  // Waits until every link of the multiplex has ended (been disconnected), except the one the
+  // calling thread serves when it is one of them; false when the time-out ended first. Called
+  // from inside a notification, it
   // lets the other links' notifications run meanwhile, so nothing deadlocks.
   bool wait(uint32_t timeoutMs);
 
   // Closes the multiplex and releases its services and connection managers. Links still
-  // ending keep their own service and manager until their threads end.
+  // ending keep their own service and manager until they have ended.
   ~Multiplex() override;
+
+  // Declares, for its life, that the calling thread waits inside a handler or notification of
+  // a multiplex link: when no other thread of the pool is free meanwhile, another one starts,
+  // so the process's other links are served while this one waits. Harmless on any other
+  // thread. A declaration costs two atomic counts, and a thread start when none is free.
+  class Waiting {
+   public:
+    Waiting();
+    ~Waiting();
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
+
+   private:
+    const bool counted_;
+  };
 
   struct Core;  // the state the threads share (multiplex_core.h)
 

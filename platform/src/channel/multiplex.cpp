@@ -1,6 +1,8 @@
 // The service multiplex's life: making its socket and handing it to the acceptor, adding
-// services, closing and waiting for its link threads, and the one-at-a-time turn of its
+// services, closing and waiting for its links to end, and the one-at-a-time turn of its
 // connection notifications.
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,6 +20,10 @@ Multiplex::Multiplex(Ref<String> name) : name_(std::move(name)) {}
 
 Ref<Multiplex> Multiplex::create(Ref<String> name) {
   if (!name) name = String::create("Multiplex");
+  if (!MuxPool::prepare()) {
+    Error::set(errno);
+    return nullptr;
+  }
   Ref<Core> core = new Core();
   core->name = name;
   if (!MuxAcceptor::reuse(core)) {
@@ -79,7 +85,14 @@ Multiplex::Core::~Core() {
   removeFile();
 }
 
-void Multiplex::Core::threadEnded() {
+void Multiplex::Core::serve(const Ref<ChnLink>& link) {
+  if (MuxPool::serve(this, link)) return;
+  forget(link);
+  link->shutdown();
+  linkEnded();  // admit() counted the link
+}
+
+void Multiplex::Core::linkEnded() {
   std::lock_guard lock(mutex);
   --running;
   changed.notify_all();
@@ -114,7 +127,11 @@ bool Multiplex::Core::lookup(uint64_t serviceId, Entry* entry) {
 void Multiplex::Core::beginNotify() {
   const uint64_t self = Thd::current();
   std::unique_lock lock(mutex);
-  changed.wait(lock, [&] { return notifier == 0 || notifier == self; });
+  auto free = [&] { return notifier == 0 || notifier == self; };
+  if (!free()) {
+    Waiting waiting;  // another link's notification runs: other links are served meanwhile
+    changed.wait(lock, free);
+  }
   notifier = self;
   ++notifyDepth;
 }
@@ -155,14 +172,15 @@ void Multiplex::Core::close() {
   } else {
     removeFile();
   }
-  // Each link's thread sees its socket shut down in its poll and ends the link; a handler
-  // that waits in slices sees ChnLink::peerGone().
+  // Each link's next turn finds its socket shut down and ends the link; a handler that waits
+  // in slices sees ChnLink::peerGone().
   for (const Ref<ChnLink>& link : open) link->shutdown();
 }
 
 bool Multiplex::Core::wait(uint32_t timeoutMs) {
   const uint64_t self = Thd::current();
-  const size_t own = current() == this ? 1 : 0;  // the caller's own thread is not waited for
+  const size_t own = current() == this ? 1 : 0;  // the link the caller serves is not waited for
+  Waiting waiting;  // the links that are ending need the pool's threads
   std::unique_lock lock(mutex);
   // Called inside a notification: give up the turn while waiting, so that the links that are
   // ending can deliver their disconnects; take it back afterwards.
@@ -188,3 +206,22 @@ bool Multiplex::Core::wait(uint32_t timeoutMs) {
 }
 
 }  // namespace Libraries::Service
+
+bool makeWatchedEpoll(int* epoll, int* wake, int eventFlags) {
+  int event = HostFd::opened(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC | eventFlags));
+  if (event < 0) return false;
+  int set = HostFd::opened(::epoll_create1(EPOLL_CLOEXEC));
+  epoll_event ev{};
+  ev.events = EPOLLIN;
+  ev.data.u64 = 0;
+  if (set < 0 || ::epoll_ctl(set, EPOLL_CTL_ADD, event, &ev) != 0) {
+    int error = errno;
+    HostFd::close(set);
+    HostFd::close(event);
+    errno = error;
+    return false;
+  }
+  *wake = event;
+  *epoll = set;
+  return true;
+}

@@ -1,6 +1,6 @@
 // The acceptor of every service multiplex in the process: one thread that waits with epoll on
-// all their listening sockets, accepts, admits each link to its multiplex and starts the link's
-// own thread. An idle multiplex therefore costs no thread.
+// all their listening sockets, accepts, admits each link to its multiplex and hands it to the
+// pool that serves links (multiplex_pool.cpp). An idle multiplex therefore costs no thread.
 //
 // Each watched socket is known by a key that is never reused, and the epoll registration
 // carries the key, not the socket: an event that arrives after its multiplex was unwatched
@@ -229,27 +229,12 @@ class Acceptor : public Object, public Exec {
   }
 
   bool makeEpollLocked() {
-    if (epollFd_ >= 0) return true;
-    int wake = HostFd::opened(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-    if (wake < 0) return false;
-    int epoll = HostFd::opened(::epoll_create1(EPOLL_CLOEXEC));
-    epoll_event ev{};
-    ev.events = EPOLLIN;
-    ev.data.u64 = kWakeKey;
-    if (epoll < 0 || ::epoll_ctl(epoll, EPOLL_CTL_ADD, wake, &ev) != 0) {
-      int error = errno;
-      HostFd::close(epoll);
-      HostFd::close(wake);
-      errno = error;
-      return false;
-    }
-    wakeFd_ = wake;
-    epollFd_ = epoll;
-    return true;
+    return epollFd_ >= 0 || makeWatchedEpoll(&epollFd_, &wakeFd_, 0);
   }
 
-  // Accepts a batch from one listener under the lock, then starts the link threads without
-  // it: starting a thread is slow, and other multiplexes' accepts and closes need the lock.
+  // Accepts a batch from one listener under the lock, then hands the links to the pool without
+  // it: that may start a thread, which is slow, and other multiplexes' accepts and closes need
+  // the lock.
   void acceptFrom(uint64_t key) {
     std::vector<Accepted> batch;
     {

@@ -1,7 +1,7 @@
-// The inside of a service multiplex, shared by its link threads, the process-wide acceptor and
-// the Multiplex object. Every link thread holds a reference to the core, and so does the
-// acceptor while the multiplex is open, so the core outlives the last of them even when the
-// Multiplex itself has gone.
+// The inside of a service multiplex, shared by the process-wide acceptor, the pool that serves
+// its links and the Multiplex object. Every served link holds a reference to the core, and so
+// does the acceptor while the multiplex is open, so the core outlives the last of them even
+// when the Multiplex itself has gone.
 #pragma once
 
 #include <condition_variable>
@@ -24,18 +24,18 @@ struct Multiplex::Core : public Object {
 
   ~Core() override;
 
-  // The core whose link thread is running, or null on any other thread.
+  // The core one of whose links the calling thread is serving now, or null.
   static Core*& current();
 
-  // Lists a freshly accepted link and counts its thread as running before the thread exists,
-  // so that wait() never misses a link the acceptor is still starting; false when the
-  // multiplex is closed or full. Every admitted link is then handed to serve().
+  // Lists a freshly accepted link and counts it as running before the pool knows it, so that
+  // wait() never misses a link the acceptor is still handing over; false when the multiplex
+  // is closed or full. Every admitted link is then handed to serve().
   bool admit(const Ref<ChnLink>& link);
-  // Starts the thread of an admitted link; when that fails the link is shut down and forgotten.
+  // Hands an admitted link to the pool; when that fails the link is shut down and forgotten.
   void serve(const Ref<ChnLink>& link);
   void forget(const Ref<ChnLink>& link);
-  // The last thing a link thread does.
-  void threadEnded();
+  // The last thing done for a link, after its disconnect.
+  void linkEnded();
   // The service with id `id` (serviceBase + 1 onwards); false when there is none.
   bool lookup(uint64_t id, Entry* entry);
 
@@ -63,20 +63,20 @@ struct Multiplex::Core : public Object {
   uint64_t acceptKey = 0;
 
   std::mutex mutex;
-  // Signalled when a thread ends and when the notification turn comes free.
+  // Signalled when a link ends and when the notification turn comes free.
   std::condition_variable changed;
   bool closed = false;              // guarded by mutex
   bool fileRemoved = false;         // guarded by mutex
   std::vector<Entry> services;      // guarded by mutex; service id = index + 1
   std::vector<Ref<ChnLink>> links;  // guarded by mutex: admitted links not yet ended
-  size_t running = 0;               // guarded by mutex: admitted links whose threads not ended
+  size_t running = 0;               // guarded by mutex: admitted links not yet disconnected
   uint64_t notifier = 0;            // guarded by mutex: thread inside a notification, 0 if none
   uint32_t notifyDepth = 0;         // guarded by mutex: how often `notifier` entered
 };
 
 // The one acceptor thread of the process (multiplex_accept.cpp). It waits on the listening
 // sockets of every open multiplex at once, accepts, admits each link to its multiplex and
-// starts the link's thread outside its own lock.
+// hands it to the pool that serves links outside its own lock.
 //
 // It also keeps a few spare sockets: the listening sockets of multiplexes that have closed,
 // still bound and watched. A link that reaches a spare is closed at once, as if the socket
@@ -101,16 +101,63 @@ bool unwatch(Multiplex::Core& core, uint64_t nextBase);
 }  // namespace Libraries::Service
 
 // The multiplex's hands on a ChnLink (whose insides it may touch as a friend): making one for an
-// accepted socket and serving it on the link's own thread (multiplex_link.cpp).
+// accepted socket, and serving it one turn at a time on whichever pool thread holds the link's
+// turn (multiplex_link.cpp; the pool: multiplex_pool.cpp).
+struct MuxServed;
 struct MuxLinkServe {
   static Ref<ChnLink> make(int fd, const ChnPeer& peer, Ref<Object> ticket);
-  // Serves the link until it closes; runs the bind, the requests and the disconnect.
-  static void run(Libraries::Service::Multiplex::Core& core, const Ref<ChnLink>& link);
+  // The link's socket (fixed until end() closes it) and the eventfd it pokes when replies
+  // wait or it was dropped (-1: none yet).
+  static int socketOf(const ChnLink& link) { return link.fd_; }
+  static void setWake(ChnLink& link, int wake);
+  // One turn: sends what waits (`woken`: the link's eventfd fired), then reads and handles one
+  // request, if one is there. False when the link must end (it closed, was dropped, or broke
+  // the wire format).
+  static bool turn(MuxServed& served, bool woken);
+  // Disconnects a bound link and closes its socket; the caller then closes the eventfd.
+  static void end(MuxServed& served);
 
  private:
-  struct State;
-  static bool readOne(State& st);
-  static bool bind(State& st, const Ref<InMsg>& msg);
-  static void dispatch(State& st, const Ref<InMsg>& msg);
-  static void answerBind(State& st, uint64_t serviceId, uint32_t status);
+  static bool bind(MuxServed& served, const Ref<InMsg>& msg);
+  static void dispatch(MuxServed& served, const Ref<InMsg>& msg);
+  static void answerBind(MuxServed& served, uint64_t serviceId, uint32_t status);
 };
+
+// One link in the pool's care. Only the thread that holds the link's turn serves it, so its
+// requests are handled in order and one at a time; another thread that sees an event of the
+// link meanwhile leaves a note (`again`) for the holder instead.
+struct MuxServed : public Object {
+  MuxServed(Ref<Libraries::Service::Multiplex::Core> c, Ref<ChnLink> l)
+      : core(std::move(c)), link(std::move(l)) {}
+
+  const Ref<Libraries::Service::Multiplex::Core> core;
+  const Ref<ChnLink> link;
+  int wake = -1;     // eventfd; fixed before the pool watches the link
+  uint64_t key = 0;  // the pool's key for the link; fixed before it is watched
+
+  // The turn's own: touched only by the thread holding the turn.
+  uint64_t serviceId = 0;                       // 0 until a bind was accepted
+  Libraries::Service::Multiplex::Core::Entry bound;  // the bound service, kept for the link's life
+  uint32_t kind = 0;                            // the observer's number for the bound service
+  bool watchingOut = false;                     // replies wait for room in the socket
+
+  std::mutex turnMutex;
+  bool busy = false;      // guarded by turnMutex: a thread holds the turn
+  bool again = false;     // guarded by turnMutex: an event came during the turn
+  uint32_t disarmed = 0;  // guarded by turnMutex: which of the link's two watches fired
+  bool ended = false;     // guarded by turnMutex: the link was taken out of the pool
+};
+
+// An epoll set with an eventfd of `eventFlags` (besides non-blocking and close-on-exec) in it,
+// reported with key 0: what the acceptor and the pool each wait in. False (errno set, nothing
+// left open) when either cannot be made.
+bool makeWatchedEpoll(int* epoll, int* wake, int eventFlags);
+
+// The threads that serve every multiplex link of the process (multiplex_pool.cpp).
+namespace MuxPool {
+// Makes the pool's epoll set, once per process, so that the first link needs nothing made;
+// false (errno set) when it cannot be made.
+bool prepare();
+// Starts watching an admitted link; false (errno set) when its eventfd or watch cannot be made.
+bool serve(const Ref<Libraries::Service::Multiplex::Core>& core, const Ref<ChnLink>& link);
+}  // namespace MuxPool

@@ -5,7 +5,8 @@
 // the resolver never hands the stream the client's whole time-out: it calls it in slices and,
 // between slices, asks whether the client is still there. A call that answers before its slice
 // is used up has its answer (data, end of file, broken pipe) and is not repeated; only a call
-// that ran out its slice counts as a time-out and is tried again while time is left.
+// that ran out its slice counts as a time-out and is tried again while time is left. A request
+// that may wait says so (Multiplex::Waiting), so that other links are served meanwhile.
 //
 // A read is answered with a reply frame that the resolver builds itself around the room for
 // the bytes, so that the stream reads straight into the frame that goes to the socket: a 64 KiB
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "platform/error.h"
+#include "platform/multiplex.h"
 #include "platform/nodes.h"
 #include "posix/nodes.h"
 #include "posix/wire.h"
@@ -154,6 +156,8 @@ uint32_t Stream::read(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
   const uint64_t size = maxBytes < PX_STREAM_MAX_READ ? maxBytes : PX_STREAM_MAX_READ;
   ReadReply reply(size);
   Slices slices(timeoutMs, in->link());
+  // Even a call that may not wait for bytes waits for a client's copy in the shared page.
+  Libraries::Service::Multiplex::Waiting waiting;
   uint64_t n = 0;
   do {
     uint32_t slice = slices.next();
@@ -179,6 +183,7 @@ uint32_t Stream::write(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
   if (!bytes.empty()) in->read(bytes.data(), bytes.size());
   const uint64_t size = bytes.size();
   Slices slices(timeoutMs, in->link());
+  Libraries::Service::Multiplex::Waiting waiting;
   uint64_t done = 0;
   do {
     // A write of nothing still reaches the stream once, so that its owner notes the outcome.
