@@ -26,8 +26,8 @@ class Chn;
 class ChnLink;
 
 // A channel's connection manager: asked on every new link, told of every closed one. Both are
-// called on the thread that runs the channel. (A service multiplex calls them on the link's own
-// thread instead, one call of the multiplex at a time.)
+// called on the thread that runs the channel. (A service multiplex calls them on the pool thread
+// that serves the link at that moment, one call of the multiplex at a time.)
 class ConMan : public virtual RefCount {
  public:
   virtual bool connect(const Ref<ChnLink>& link) = 0;
@@ -44,10 +44,11 @@ struct ChnPeer {
 class ChnLink : public Object {
  public:
   uint64_t peerPid() const { return peer_.identity.pid; }
-  // The pid of the peer whose multiplex link the calling thread serves (each such link has a
-  // thread of its own); 0 on any other thread. For diagnostics: who waits in a service.
+  // The pid of the peer whose multiplex link the calling thread is serving a request of (a
+  // pool thread serves one link's request at a time); 0 on any other thread. For diagnostics:
+  // who waits in a service.
   static uint64_t servedPeerPid();
-  // The multiplex link the calling thread serves; null on any other thread. A service keeps
+  // The multiplex link whose request the calling thread serves; null on any other thread. A service keeps
   // per-link state with it (e.g. what to undo when that link disconnects).
   static ChnLink* served();
   // Links of every channel and multiplex of this process that are open now (for diagnostics).
