@@ -54,8 +54,9 @@ int open(const char* path, int flags, unsigned mode) {
   if (session.error() != 0) return fail(session.error());
   FrameWriter req(PX_FD_CMD_OPEN);
   // With the host file, a regular file's bytes never pass through the server.
-  px::putRequest<PX_FD_CMD_OPEN>(req, px::Text{absolute.data(), absolute.size()}, static_cast<uint32_t>(flags),
-                                 uint32_t{mode}, uint32_t{PX_FD_OPEN_HOST_FILE});
+  const px::Text text{absolute.data(), absolute.size()};
+  px::putRequest<PX_FD_CMD_OPEN>(req, text, static_cast<uint32_t>(flags), uint32_t{mode},
+                                 uint32_t{PX_FD_OPEN_HOST_FILE});
   if (!req.ok()) return fail(ENAMETOOLONG);
   Reply reply;
   int file = -1;

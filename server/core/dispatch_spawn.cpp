@@ -24,11 +24,8 @@ bool whole(const std::string& text) { return std::memchr(text.data(), 0, text.si
 // empty one, as String::create reads it. The environment's pairs go straight into the Env's
 // buffer this way, without a String each.
 void readText(const Ref<InMsg>& request, std::string* text) {
-  uint32_t length = 0;
   text->clear();
-  if (request->read(&length, sizeof length) != sizeof length || length > request->remaining()) return;
-  text->resize(length);
-  request->read(text->data(), length);
+  readValue(request, text);
 }
 
 // 0 when the request decoded; EINVAL for a string with a zero byte inside; EPROTO for a count

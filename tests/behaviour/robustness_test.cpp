@@ -226,7 +226,11 @@ TEST_F(RobustnessTest, ShortRequestsTakeTheirDefaultsOrAreRefused) {
   ASSERT_EQ(px_pipe(fds), 0);
   const int taken = px_dup(fds[0]);  // the highest number in use: the dup below takes the next
   ASSERT_GE(taken, 0);
-  auto i32 = [](int32_t v) { return std::vector<uint8_t>{uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; };
+  auto i32 = [](int32_t v) {
+    std::vector<uint8_t> out;
+    putU32(out, static_cast<uint32_t>(v));
+    return out;
+  };
   std::vector<uint8_t> cutNewFd = i32(fds[0]), noReplace = i32(fds[0]), above = i32(taken);
   cutNewFd.insert(cutNewFd.end(), {9, 0});
   noReplace.insert(noReplace.end(), above.begin(), above.end());
