@@ -3,6 +3,8 @@
 // together. Reads and writes only look the description up and then talk to its services.
 #include <errno.h>
 
+#include <posix/wire_tables.h>
+
 #include "descriptors.h"
 #include "posix_client.h"
 
@@ -23,10 +25,7 @@ int dup(int fd, int target, bool replace) {
   FdSession session;
   if (session.error() != 0) return fail(session.error());
   FrameWriter req(PX_FD_CMD_DUP);
-  req.u32(static_cast<uint32_t>(fd));
-  req.u32(static_cast<uint32_t>(target));
-  uint8_t flag = replace ? 1 : 0;
-  req.bytes(&flag, 1);
+  px::putRequest<PX_FD_CMD_DUP>(req, int32_t{fd}, int32_t{target}, uint8_t{replace});
   Reply reply;
   int err = session.request(req, &reply);
   if (err != 0) return fail(err);
@@ -93,7 +92,7 @@ int px_close(int fd) {
   pxc::FdSession session;
   if (session.error() != 0) return pxc::fail(session.error());
   pxc::FrameWriter req(PX_FD_CMD_CLOSE);
-  req.u32(static_cast<uint32_t>(fd));
+  px::putRequest<PX_FD_CMD_CLOSE>(req, int32_t{fd});
   // The view knows the number, so the server's table holds it too and closes it without fail:
   // the close of a pipe end, a regular file or a socket goes out and its reply is taken later,
   // before anything that could tell (a read of the pipe, a spawn) reaches the server. Any other

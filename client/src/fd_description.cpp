@@ -9,9 +9,9 @@
 
 #include <algorithm>
 
+#include <posix/wire_tables.h>
+
 #include "descriptors.h"
-#include "posix/fs_item.h"
-#include "posix/pipe_page.h"
 #include "posix_client.h"
 
 namespace pxc {
@@ -131,8 +131,7 @@ int64_t Description::read(void* buf, size_t n, bool nonblock) {
     int err = ensure(stream_, PX_IFACE_STREAM);
     if (err != 0) return -err;
     FrameWriter req(PX_STREAM_READ);
-    req.u64(want);
-    req.u32(nonblock ? 0 : kSliceMs);
+    px::putRequest<PX_STREAM_READ>(req, want, uint32_t{nonblock ? 0 : kSliceMs});
     uint32_t code = 0;
     size_t got = 0;
     bool interrupted = false;
@@ -172,8 +171,7 @@ int64_t Description::write(const void* buf, size_t n, bool nonblock) {
   while (done < n) {
     size_t chunk = std::min(n - done, kWriteChunk);
     FrameWriter req(PX_STREAM_WRITE);
-    req.u32(nonblock ? 0 : kSliceMs);
-    req.bytes(bytes + done, chunk);
+    px::putRequest<PX_STREAM_WRITE>(req, uint32_t{nonblock ? 0 : kSliceMs}, px::Bytes{bytes + done, chunk});
     Reply reply;
     bool interrupted = false;
     int err = call(stream_, PX_IFACE_STREAM, req, &reply, &interrupted);

@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include <posix/wire_tables.h>
+
 #include "descriptors.h"
 #include "posix_client.h"
 
@@ -22,7 +24,7 @@ int registerReply(FdSession& session, const Reply& reply, int32_t type, int host
   NodeRecord node;
   if (reply.code == PX_FD_RESULT_NO_NODE && takeI32(reply.data, &at, &fd) && fd >= 0) {
     FrameWriter giveBack(PX_FD_CMD_CLOSE);
-    giveBack.u32(static_cast<uint32_t>(fd));
+    px::putRequest<PX_FD_CMD_CLOSE>(giveBack, fd);
     Reply ignored;
     session.request(giveBack, &ignored);
     return fail(EPROTO);
@@ -51,10 +53,10 @@ int open(const char* path, int flags, unsigned mode) {
   FdSession session;
   if (session.error() != 0) return fail(session.error());
   FrameWriter req(PX_FD_CMD_OPEN);
-  req.str(absolute.c_str(), absolute.size());
-  req.u32(static_cast<uint32_t>(flags));
-  req.u32(mode);
-  req.u32(PX_FD_OPEN_HOST_FILE);  // a regular file's bytes then never pass through the server
+  // With the host file, a regular file's bytes never pass through the server.
+  const px::Text text{absolute.data(), absolute.size()};
+  px::putRequest<PX_FD_CMD_OPEN>(req, text, static_cast<uint32_t>(flags), uint32_t{mode},
+                                 uint32_t{PX_FD_OPEN_HOST_FILE});
   if (!req.ok()) return fail(ENAMETOOLONG);
   Reply reply;
   int file = -1;

@@ -8,8 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <posix/wire_tables.h>
+
 #include "descriptors.h"
-#include "posix/pipe_page.h"
 #include "posix_client.h"
 
 namespace pxc {
@@ -75,7 +76,7 @@ PipePage* Description::pipePage() {
 
 void Description::askRecover(bool writeLock) {
   FrameWriter req(PX_FIFO_CMD_RECOVER_LOCK);
-  req.u32(writeLock ? PX_FIFO_WRITE_LOCK : PX_FIFO_READ_LOCK);
+  px::putRequest<PX_FIFO_CMD_RECOVER_LOCK>(req, uint32_t{writeLock ? PX_FIFO_WRITE_LOCK : PX_FIFO_READ_LOCK});
   Reply reply;
   std::lock_guard<std::mutex> lock(status_.mutex);
   call(status_, PX_IFACE_FIFO_STATUS, req, &reply, nullptr);

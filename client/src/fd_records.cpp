@@ -1,5 +1,7 @@
 // Decoding of node records and of the serialised descriptor table (little-endian throughout),
 // and fetching the table, which the server hands out in as many replies as it needs.
+#include <posix/wire_tables.h>
+
 #include "descriptors.h"
 
 namespace pxc {
@@ -80,7 +82,7 @@ int fetchTable(const std::function<int(FrameWriter&, Reply*)>& call, std::vector
   uint64_t first = 0;
   for (;;) {
     FrameWriter req(PX_FD_CMD_GET_TABLE);
-    req.u64(first);
+    px::putRequest<PX_FD_CMD_GET_TABLE>(req, first);
     Reply reply;
     int err = call(req, &reply);
     if (err != 0) return err;

@@ -7,8 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <posix/wire_tables.h>
+
 #include "descriptors.h"
-#include "posix/fs_item.h"
 #include "posix_client.h"
 
 namespace pxc {
@@ -59,7 +60,7 @@ int64_t lseek(int fd, int64_t offset, int whence) {
   }
   if (target < 0) return fail(EINVAL);
   FrameWriter req(PX_SEEK_CMD_SEEK);
-  req.u64(static_cast<uint64_t>(target));
+  px::putRequest<PX_SEEK_CMD_SEEK>(req, static_cast<uint64_t>(target));
   uint64_t now = 0;
   err = askValue(*d, PX_IFACE_SEEKABLE, req, &now);
   if (err != 0) return fail(err);
@@ -93,7 +94,7 @@ int px_ftruncate(int fd, int64_t length) {
   if (length < 0 || !d->offers(PX_IFACE_RESIZABLE)) return pxc::fail(EINVAL);
   if (int file = d->hostFile(); file >= 0) return ::ftruncate(file, length) == 0 ? 0 : pxc::fail(errno);
   pxc::FrameWriter req(PX_RESIZE_CMD_RESIZE);
-  req.u64(static_cast<uint64_t>(length));
+  px::putRequest<PX_RESIZE_CMD_RESIZE>(req, static_cast<uint64_t>(length));
   uint64_t size = 0;
   err = pxc::askValue(*d, PX_IFACE_RESIZABLE, req, &size);
   if (err != 0) return pxc::fail(err);

@@ -58,6 +58,8 @@ int64_t spawn(const char* path, char* const argv[], char* const envp[], int flag
   if (path == nullptr || path[0] == '\0') return fail(ENOENT);
   if (envp == nullptr) envp = environ;
   Pairs defaults = callerDefaults(envp);
+  // The values of PX_SPAWN_REQUEST (posix_service.h), put by hand: its counted lists of
+  // strings are more than putRequest's fixed values can say.
   FrameWriter req(shm != nullptr ? PX_CMD_SPAWN_SHARED : PX_CMD_SPAWN);
   req.str(path);
   req.u32((flags & PX_SPAWN_SEARCH_PATH) != 0 ? PX_SPAWN_FLAG_SEARCH_PATH : 0);

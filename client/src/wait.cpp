@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <unistd.h>
 
+#include <posix/wire_tables.h>
+
 #include "internal.h"
 #include "posix_client.h"
 
@@ -45,9 +47,7 @@ int64_t px_waitpid(int64_t pid, int* status, int options) {
   if ((options & PX_WNOWAIT) != 0) wireOptions |= PX_WAIT_OPT_NOWAIT;
 
   pxc::FrameWriter req(PX_CMD_WAIT);
-  req.u32(kind);
-  req.u64(value);
-  req.u64(wireOptions);
+  px::putRequest<PX_CMD_WAIT>(req, kind, value, wireOptions);
   pxc::Reply reply;
   int err = pxc::transact(req, &reply, (options & PX_WNOHANG) == 0);
   if (err != 0) return pxc::fail(err);

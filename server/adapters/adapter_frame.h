@@ -26,11 +26,6 @@ bool checkAdapterRequest(const Ref<InMsg>& in, const Ref<OutMsg>& out, const uin
 // Logs "<function> : Invalid command <code>" at level 1.
 void logInvalidCommand(const char* function, uint32_t code);
 
-// Reads one 64-bit value of exactly 8 bytes from the request; false when fewer arrived.
-bool readValue(const Ref<InMsg>& in, uint64_t* value);
-// Writes one 64-bit value of exactly 8 bytes to the reply; false when it did not fit whole.
-bool writeValue(const Ref<OutMsg>& out, uint64_t value);
-
 }  // namespace posix
 
 // The operations every adapter implementation answers alike. `Interface` is the adapter's

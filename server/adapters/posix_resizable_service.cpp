@@ -3,6 +3,7 @@
 #include <posix/wire.h>
 
 #include "adapters/adapter_frame.h"
+#include "common/request_reader.h"
 
 namespace {
 
@@ -23,12 +24,13 @@ class PosixResizableServiceObj : public AdapterServiceObj<PosixResizableService>
   uint32_t serve(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
     switch (in->code()) {
       case kCommandSize:
-        return posix::writeValue(out, resize_->size()) ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
+        return writeReply<PX_RESIZE_CMD_SIZE>(out, resize_->size()) ? PX_RESULT_DONE
+                                                                    : PX_RESULT_REPLY_UNWRITTEN;
       case kCommandResize: {
         uint64_t size = 0;
-        if (!posix::readValue(in, &size)) return PX_RESULT_SHORT_REQUEST;
+        if (!readRequest<PX_RESIZE_CMD_RESIZE>(in, &size)) return PX_RESULT_SHORT_REQUEST;
         // The resize has happened: a reply that does not fit changes nothing about that.
-        posix::writeValue(out, resize_->resize(size));
+        writeReply<PX_RESIZE_CMD_RESIZE>(out, resize_->resize(size));
         return PX_RESULT_DONE;
       }
       default:

@@ -4,6 +4,8 @@
 // seekable adapter and are unknown here.
 #pragma once
 
+#include <posix/fs_item.h>
+
 #include "platform/chn.h"
 #include "platform/local_file.h"
 #include "platform/service.h"
@@ -11,8 +13,8 @@
 class PosixResizableService : public virtual Interfaces::Service, public virtual ConMan {
  public:
   enum Command : uint32_t {
-    kCommandSize = 2,    // - -> u64 size
-    kCommandResize = 3,  // u64 size -> u64 what the resize answered
+    kCommandSize = PX_RESIZE_CMD_SIZE,      // - -> u64 size
+    kCommandResize = PX_RESIZE_CMD_RESIZE,  // u64 size -> u64 what the resize answered
   };
 
   // Null (and an assertion logged) when `resize` is null.

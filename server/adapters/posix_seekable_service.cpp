@@ -3,6 +3,7 @@
 #include <posix/wire.h>
 
 #include "adapters/adapter_frame.h"
+#include "common/request_reader.h"
 
 namespace {
 
@@ -23,13 +24,13 @@ class PosixSeekableServiceObj : public AdapterServiceObj<PosixSeekableService> {
   uint32_t serve(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
     switch (in->code()) {
       case kCommandPosition:
-        return posix::writeValue(out, seek_->position()) ? PX_RESULT_DONE
-                                                         : PX_RESULT_REPLY_UNWRITTEN;
+        return writeReply<PX_SEEK_CMD_POSITION>(out, seek_->position()) ? PX_RESULT_DONE
+                                                                        : PX_RESULT_REPLY_UNWRITTEN;
       case kCommandSeek: {
         uint64_t position = 0;
-        if (!posix::readValue(in, &position)) return PX_RESULT_SHORT_REQUEST;
+        if (!readRequest<PX_SEEK_CMD_SEEK>(in, &position)) return PX_RESULT_SHORT_REQUEST;
         // The seek has happened: a reply that does not fit changes nothing about that.
-        posix::writeValue(out, seek_->seek(position));
+        writeReply<PX_SEEK_CMD_SEEK>(out, seek_->seek(position));
         return PX_RESULT_DONE;
       }
       default:

@@ -4,6 +4,8 @@
 // 3 belong to the resizable adapter and are unknown here.
 #pragma once
 
+#include <posix/fs_item.h>
+
 #include "platform/chn.h"
 #include "platform/local_file.h"
 #include "platform/service.h"
@@ -11,8 +13,8 @@
 class PosixSeekableService : public virtual Interfaces::Service, public virtual ConMan {
  public:
   enum Command : uint32_t {
-    kCommandPosition = 0,  // - -> u64 position
-    kCommandSeek = 1,      // u64 position -> u64 what the seek answered
+    kCommandPosition = PX_SEEK_CMD_POSITION,  // - -> u64 position
+    kCommandSeek = PX_SEEK_CMD_SEEK,          // u64 position -> u64 what the seek answered
   };
 
   // Null (and an assertion logged) when `seek` is null.

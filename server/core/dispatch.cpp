@@ -3,7 +3,7 @@
 #include <posix/posix_service.h>
 
 #include "core/posix_service.h"
-#include "core/request_reader.h"
+#include "common/request_reader.h"
 #include "common/service_log.h"
 #include "fd/description_budget.h"
 #include "fifo/fifo_pairs.h"

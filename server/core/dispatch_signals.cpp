@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "core/posix_service.h"
-#include "core/request_reader.h"
+#include "common/request_reader.h"
 #include "platform/error.h"
 #include "process/process_group.h"
 

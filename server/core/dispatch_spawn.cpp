@@ -12,7 +12,7 @@
 #include <string>
 
 #include "core/posix_service.h"
-#include "core/request_reader.h"
+#include "common/request_reader.h"
 #include "platform/error.h"
 
 namespace {
@@ -24,15 +24,13 @@ bool whole(const std::string& text) { return std::memchr(text.data(), 0, text.si
 // empty one, as String::create reads it. The environment's pairs go straight into the Env's
 // buffer this way, without a String each.
 void readText(const Ref<InMsg>& request, std::string* text) {
-  uint32_t length = 0;
   text->clear();
-  if (request->read(&length, sizeof length) != sizeof length || length > request->remaining()) return;
-  text->resize(length);
-  request->read(text->data(), length);
+  readValue(request, text);
 }
 
 // 0 when the request decoded; EINVAL for a string with a zero byte inside; EPROTO for a count
-// the request cannot hold.
+// the request cannot hold. The values follow PX_SPAWN_REQUEST (posix_service.h) by hand: its
+// counted lists of strings are more than readRequest's fixed values can say.
 uint32_t decodeStart(const Ref<InMsg>& request, ProgramStart* start) {
   start->path = String::create(request);
   if (!whole(start->path)) return EINVAL;

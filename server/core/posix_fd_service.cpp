@@ -12,6 +12,7 @@
 #include "fd/file_description_server_socket.h"
 #include "fifo/fifo_pairs.h"
 #include "common/request_log.h"
+#include "common/request_reader.h"
 #include "platform/error.h"
 #include "platform/local_file.h"
 
@@ -55,16 +56,15 @@ uint32_t reserve(const Ref<OutMsg>& reply, FDTable& table) {
   return registerDescriptor(reply, table, new FileDescriptor{});
 }
 
-// Opens a host item: string path, u32 open flags, u32 mode, u32 options (0 when missing). When
-// the host refuses, result 7 and its error code; no number is taken then. With
-// PX_FD_OPEN_HOST_FILE a regular file's host open file travels with the reply.
+// Opens a host item. A short request is not refused: what it leaves out is empty or 0, and an
+// empty path is refused by the host (result 7, ENOENT). When the host refuses, result 7 and
+// its error code; no number is taken then. With PX_FD_OPEN_HOST_FILE a regular file's host
+// open file travels with the reply.
 uint32_t openItem(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& table,
                   DescriptionBudget& budget) {
-  Ref<String> path = String::create(request);
+  Ref<String> path = String::create("", 0);
   uint32_t flags = 0, mode = 0, options = 0;
-  request->read(&flags, sizeof flags);
-  request->read(&mode, sizeof mode);
-  request->read(&options, sizeof options);
+  readRequest<PX_FD_CMD_OPEN>(request, &path, &flags, &mode, &options);
   Ref<DescriptionCharge> charge = roomFor(table, 1) ? budget.charge(kItemFiles) : nullptr;
   if (!charge) return PX_RESULT_LIMIT;
   // The path is read as the requesting process reads it: /proc/self is its own.
@@ -93,27 +93,26 @@ uint32_t createSocket(const Ref<OutMsg>& reply, FDTable& table, DescriptionBudge
 
 uint32_t closeFd(const Ref<InMsg>& request, FDTable& table) {
   int32_t fd = -1;
-  if (request->read(&fd, sizeof fd) != sizeof fd || fd < 0) return PX_RESULT_FAILED;
+  if (!readRequest<PX_FD_CMD_CLOSE>(request, &fd) || fd < 0) return PX_RESULT_FAILED;
   return table.remove(fd) ? PX_RESULT_DONE : PX_RESULT_FAILED;
 }
 
+// A newFd or replace that is missing or cut short is -1 or 0: only a short oldFd is refused.
 uint32_t dupFd(const Ref<InMsg>& request, const Ref<OutMsg>& reply, FDTable& table) {
-  int32_t oldFd = -1;
-  if (request->read(&oldFd, sizeof oldFd) != sizeof oldFd || oldFd < 0) return PX_FD_RESULT_BAD_FD;
-  int32_t newFd = -1;
-  if (request->read(&newFd, sizeof newFd) != sizeof newFd) newFd = -1;
+  int32_t oldFd = -1, newFd = -1;
   uint8_t replace = 0;
-  if (request->read(&replace, sizeof replace) != sizeof replace) replace = 0;
+  readRequest<PX_FD_CMD_DUP>(request, &oldFd, &newFd, &replace);
+  if (oldFd < 0) return PX_FD_RESULT_BAD_FD;
   int32_t fd = table.dup(oldFd, newFd, replace != 0);
   if (fd < 0) return refusal(fd);
-  return reply->write(&fd, sizeof fd) == sizeof fd ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
+  return writeReply<PX_FD_CMD_DUP>(reply, fd) ? PX_RESULT_DONE : PX_RESULT_REPLY_UNWRITTEN;
 }
 
-// The table from the number the request names (u64, 0 when it names none) on, as much as fits
-// in one reply; the result is the number of entries in the whole table.
+// The table from the number the request names (0 when it names none or cuts it short) on, as
+// much as fits in one reply; the result is the number of entries in the whole table.
 uint32_t getTable(const Ref<InMsg>& request, const Ref<OutMsg>& reply, const FDTable& table) {
   uint64_t first = 0;
-  if (request->read(&first, sizeof first) != sizeof first) first = 0;
+  readRequest<PX_FD_CMD_GET_TABLE>(request, &first);
   return static_cast<uint32_t>(table.serialize(reply, first, PX_WIRE_MAX_FRAME - reply->frameSize()));
 }
 

@@ -5,20 +5,13 @@
 
 #include "diag/diag_views.h"
 #include "common/request_log.h"
+#include "common/request_reader.h"
 
 namespace {
 
 void answer(const Ref<InMsg>& request, uint32_t result, Ref<OutMsg> reply = OutMsg::create()) {
   reply->setCode(result);
   request->reply(reply);
-}
-
-// Reads the u64 that ends a request: where a page starts, or a pid. An absent page start is
-// 0 (the first page); a value cut short is a short request.
-bool readU64(const Ref<InMsg>& request, uint64_t* value, bool optional) {
-  *value = 0;
-  if (optional && request->remaining() == 0) return true;
-  return request->read(value, sizeof *value) == sizeof *value;
 }
 
 }  // namespace
@@ -51,7 +44,7 @@ void DiagService::admit(const Ref<InMsg>& request) {
     return;
   }
   uint64_t pid = 0;
-  if (!readU64(request, &pid, false))
+  if (!readRequest<PX_DIAG_CMD_MONITOR>(request, &pid))
     answer(request, PX_RESULT_SHORT_REQUEST);
   else if (!RequestLog::attach(new RequestLog::Monitor(request, pid)))
     answer(request, PX_RESULT_LIMIT);
@@ -65,14 +58,17 @@ void DiagService::serve(const Ref<InMsg>& request) {
 }
 
 uint32_t DiagService::handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply) {
+  // A page start the request leaves out is 0, the first page; one cut short is a short request.
   uint64_t pid = 0, first = 0;
   switch (request->code()) {
     case PX_DIAG_CMD_PROCESSES:
-      return readU64(request, &first, true) ? DiagViews::processes(first, reply) : PX_RESULT_SHORT_REQUEST;
+      return readRequest<PX_DIAG_CMD_PROCESSES>(request, &first) ? DiagViews::processes(first, reply)
+                                                                 : PX_RESULT_SHORT_REQUEST;
     case PX_DIAG_CMD_PIPES:
-      return readU64(request, &first, true) ? DiagViews::pipes(first, reply) : PX_RESULT_SHORT_REQUEST;
+      return readRequest<PX_DIAG_CMD_PIPES>(request, &first) ? DiagViews::pipes(first, reply)
+                                                             : PX_RESULT_SHORT_REQUEST;
     case PX_DIAG_CMD_DESCRIPTORS:
-      if (!readU64(request, &pid, false) || !readU64(request, &first, true)) return PX_RESULT_SHORT_REQUEST;
+      if (!readRequest<PX_DIAG_CMD_DESCRIPTORS>(request, &pid, &first)) return PX_RESULT_SHORT_REQUEST;
       return DiagViews::descriptors(pid, first, reply);
     case PX_DIAG_CMD_FIGURES: return DiagViews::figures(reply);
     default: return PX_RESULT_FAILED;

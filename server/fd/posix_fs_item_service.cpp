@@ -3,6 +3,7 @@
 #include <posix/wire.h>
 
 #include "common/log.h"
+#include "common/request_reader.h"
 #include "fd/description_holders.h"
 #include "fd/file_description_server_fs_item.h"
 #include "platform/sync.h"
@@ -36,8 +37,7 @@ bool PosixFSItemService::handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, ui
   }
   if (static_cast<int32_t>(in->code()) == kCommandLastEmpty) {
     int32_t why = server->stream() ? server->stream()->lastEmpty() : 0;
-    if (out->write(Interfaces::MemDesc::direct(&why, sizeof why), sizeof why, kForever) == sizeof why)
-      *ret = PX_RESULT_DONE;
+    if (writeReply<PX_ITEM_CMD_LAST_EMPTY>(out, why)) *ret = PX_RESULT_DONE;
     return true;
   }
   if (static_cast<int32_t>(in->code()) != kCommandDescribe) return true;
@@ -47,9 +47,7 @@ bool PosixFSItemService::handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, ui
   int32_t type = object->objectType();
   uint32_t flags = item->openFlags();
   // A path that came in one request always fits one reply with the two values after it.
-  path->write(out);
-  out->write(Interfaces::MemDesc::direct(&type, sizeof type), sizeof type, kForever);
-  out->write(Interfaces::MemDesc::direct(&flags, sizeof flags), sizeof flags, kForever);
+  writeReply<PX_ITEM_CMD_DESCRIBE>(out, path, type, flags);
   *ret = PX_RESULT_DONE;
   return true;
 }

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <thread>
 
+#include "posix/diag_service.h"
+#include "posix/fd_service.h"
 #include "posix/fs_item.h"
 #include "posix/nodes.h"
 #include "posix/wire.h"
@@ -213,6 +215,51 @@ TEST_F(RobustnessTest, ServicesOfDescriptionsRefuseBadFramesAndRequests) {
   ASSERT_EQ(px_describe(fd, &info), 0);
   EXPECT_EQ(info.size, 70000);
   EXPECT_EQ(px_lseek(fd, 0, SEEK_CUR), 0);
+}
+
+// Short requests to the descriptor and diag services. A descriptor request's value that is
+// left out or cut short takes its default (dup's newFd -1, out of range, and replace 0,
+// getTable's first 0, openItem's empty path); only a short oldFd is refused as such. A diag
+// page start cut short is a short request.
+TEST_F(RobustnessTest, ShortRequestsTakeTheirDefaultsOrAreRefused) {
+  int fds[2];
+  ASSERT_EQ(px_pipe(fds), 0);
+  const int taken = px_dup(fds[0]);  // the highest number in use: the dup below takes the next
+  ASSERT_GE(taken, 0);
+  auto i32 = [](int32_t v) {
+    std::vector<uint8_t> out;
+    putU32(out, static_cast<uint32_t>(v));
+    return out;
+  };
+  std::vector<uint8_t> cutNewFd = i32(fds[0]), noReplace = i32(fds[0]), above = i32(taken);
+  cutNewFd.insert(cutNewFd.end(), {9, 0});
+  noReplace.insert(noReplace.end(), above.begin(), above.end());
+  RawLink fdLink(path("chn/" PX_FD_SERVICE_NAME)), diagLink(path("chn/" PX_DIAG_SERVICE_NAME));
+  RawReply reply, table;
+  ASSERT_TRUE(fdLink.roundTrip(PX_FD_CMD_GET_TABLE, 1, {}, &table));
+  const struct {
+    RawLink* link;
+    uint32_t code;
+    std::vector<uint8_t> data;
+    uint32_t result;
+    std::vector<uint8_t> answer;
+  } cases[] = {
+      {&fdLink, PX_FD_CMD_GET_TABLE, {9, 0, 0}, table.code, table.data},
+      {&fdLink, PX_FD_CMD_CLOSE, {3, 0}, PX_RESULT_FAILED, {}},
+      {&fdLink, PX_FD_CMD_DUP, {3, 0}, PX_FD_RESULT_BAD_FD, {}},
+      {&fdLink, PX_FD_CMD_DUP, cutNewFd, PX_RESULT_FAILED, {}},
+      {&fdLink, PX_FD_CMD_DUP, noReplace, PX_RESULT_DONE, i32(taken + 1)},
+      {&fdLink, PX_FD_CMD_OPEN, {}, PX_FD_RESULT_OPEN_FAILED, i32(ENOENT)},
+      {&diagLink, PX_DIAG_CMD_PROCESSES, {1, 0, 0}, PX_RESULT_SHORT_REQUEST, {}},
+      {&diagLink, PX_DIAG_CMD_DESCRIPTORS, {}, PX_RESULT_SHORT_REQUEST, {}},
+  };
+  uint64_t id = 2;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(id);
+    ASSERT_TRUE(c.link->roundTrip(c.code, id++, c.data, &reply));
+    EXPECT_EQ(reply.code, c.result);
+    EXPECT_EQ(reply.data, c.answer);
+  }
 }
 
 // A client killed while it holds a kept signal wait and a blocking wait: its requests are

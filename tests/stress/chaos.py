@@ -17,45 +17,59 @@ import time
 import wire
 
 
+# The codes of commands by name, from the tables of wire.py.
+def PROCESS(name):
+    return wire.code(wire.PROCESS, name)
+
+
+def FD(name):
+    return wire.code(wire.FD, name)
+
+
+def STREAM(name):
+    return wire.code(wire.STREAM, name)
+
+
 def step(inst, rng, posix, fd, held):
     act = rng.randrange(7)
     if act == 0:  # a pipe with bytes in it and a read left waiting for ever
-        got, reply = fd.call(7)
+        got, reply = fd.call(FD("createPipe"))
         if got == 1:
             read, at = wire.nodes(reply, 4)
             write = wire.nodes(reply, at + 4)[0]
             held.append(inst.bound(write[0]))
-            held[-1].call(2, struct.pack("<I", 0) + bytes(rng.randrange(6000)))
+            held[-1].call(STREAM("write"), struct.pack("<I", 0) + bytes(rng.randrange(6000)))
             held.append(inst.bound(read[0]))
-            held[-1].send(wire.frame(wire.REQUEST, 1, 1, struct.pack("<QI", 70000, wire.FOREVER)))
+            read = wire.pack(wire.STREAM, "read", 70000, wire.FOREVER)
+            held[-1].send(wire.frame(wire.REQUEST, STREAM("read"), 1, read))
     elif act == 1:  # a file of the tools' directory, written and read back
         path = wire.string(inst.file("chaos%d" % rng.randrange(20)))
-        got, reply = fd.call(4, path + struct.pack("<II", os.O_RDWR | os.O_CREAT, 0o600))
+        got, reply = fd.call(FD("openItem"), path + struct.pack("<II", os.O_RDWR | os.O_CREAT, 0o600))
         if got == 1:
             held.append(inst.bound(wire.nodes(reply, 4)[0][0]))
-            held[-1].call(2, struct.pack("<I", 0) + rng.randbytes(rng.randrange(100000)))
-            held[-1].call(1, struct.pack("<QI", 65536, 0))
+            held[-1].call(STREAM("write"), struct.pack("<I", 0) + rng.randbytes(rng.randrange(100000)))
+            held[-1].call(STREAM("read"), wire.pack(wire.STREAM, "read", 65536, 0))
     elif act == 2:  # a signal wait and a wait for any child, kept on a link of their own
         held.append(inst.posix())
-        held[-1].send(wire.frame(wire.REQUEST, 3, 1))
-        held[-1].send(wire.frame(wire.REQUEST, 9, 2, wire.wait(2, 0)))
+        held[-1].send(wire.frame(wire.REQUEST, PROCESS("waitSignal"), 1))
+        held[-1].send(wire.frame(wire.REQUEST, PROCESS("wait"), 2, wire.wait(2, 0)))
     elif act == 3:  # a program killed at once or waited for on a kept wait
-        got, reply = posix.call(6, wire.spawn("/bin/sleep", ["sleep", "3"])[0])
+        got, reply = posix.call(PROCESS("spawn"), wire.spawn("/bin/sleep", ["sleep", "3"])[0])
         pid = struct.unpack("<Q", reply)[0] if got == 1 else 0
         if pid and rng.random() < 0.5:
-            posix.call(1, wire.kill(pid, 9))
+            posix.call(PROCESS("kill"), wire.kill(pid, 9))
         elif pid:
             held.append(inst.posix())
-            held[-1].send(wire.frame(wire.REQUEST, 9, 1, wire.wait(0, pid)))
+            held[-1].send(wire.frame(wire.REQUEST, PROCESS("wait"), 1, wire.wait(0, pid)))
     elif act == 4:  # a program that ends at once, collected
-        if posix.call(6, wire.spawn(inst.file("prog.sh"), ["prog", "7"])[0])[0] == 1:
-            posix.call(9, wire.wait(2, 0), timeout=10)
+        if posix.call(PROCESS("spawn"), wire.spawn(inst.file("prog.sh"), ["prog", "7"])[0])[0] == 1:
+            posix.call(PROCESS("wait"), wire.wait(2, 0), timeout=10)
     elif act == 5:  # pipes of the process service, some connected, some left waiting
-        got, reply = posix.call(11)
+        got, reply = posix.call(PROCESS("createPipe"))
         if got == 1 and rng.random() < 0.5:
             held.append(inst.bound(wire.nodes(reply, 0)[0][0]))
     elif held:  # abort the waits, let some links go
-        posix.call(10)
+        posix.call(PROCESS("abortWaits"))
         for link in held[:rng.randrange(len(held) + 1)]:
             link.close()
             held.remove(link)
@@ -88,7 +102,8 @@ def exhaust(rt, files, hold):
         links.append(fd)
         path = wire.string(inst.file("exhaust"))
         opening = path + struct.pack("<II", os.O_RDWR | os.O_CREAT, 0o600)
-        request = lambda: (7, b"") if made % 2 else (4, opening)  # pipes and files in turn
+        pipe, item = (FD("createPipe"), b""), (FD("openItem"), opening)
+        request = lambda: pipe if made % 2 else item  # pipes and files in turn
         while made < 5000 and fd.call(*request(), timeout=2.0)[0] == 1:
             made += 1
         while len(links) < hard - 100:

@@ -19,18 +19,21 @@ import wire
 OPEN_FLAGS = [os.O_RDONLY, os.O_WRONLY | os.O_CREAT, os.O_RDWR | os.O_CREAT | os.O_TRUNC,
               os.O_RDWR | os.O_APPEND | os.O_CREAT, os.O_RDONLY | os.O_DIRECTORY,
               os.O_WRONLY | os.O_CREAT | os.O_EXCL]
-CODES = [0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12] * 4 + [7]
+CODES = [0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 11, 12] * 4 + [7]  # every service's codes and one past
+KILLS = (wire.code(wire.PROCESS, "kill"), wire.code(wire.PROCESS, "killGroup"))
+SPAWN, SPAWN_SHARED = wire.code(wire.PROCESS, "spawn"), wire.code(wire.PROCESS, "spawnShared")
+OPEN, FD_PIPE = wire.code(wire.FD, "openItem"), wire.code(wire.FD, "createPipe")
 
 
 # Request data for `code` on `target`, and how many of its bytes must stay as built.
 def request(rng, inst, target, code):
-    if target == "posix" and code in (1, 2):
+    if target == "posix" and code in KILLS:
         return struct.pack("<QI", wire.NO_PID, rng.randrange(40)) + rng.randbytes(32), 8
-    if target == "posix" and code in (6, 7):
+    if target == "posix" and code in (SPAWN, SPAWN_SHARED):
         args = [rng.choice(["prog", "0", "3", "x"]) for _ in range(rng.randrange(4))]
         data, safe = wire.spawn(inst.file("prog.sh"), args, [("A", "1")] * rng.randrange(3))
-        return data + rng.randbytes(16 if code == 7 else 0), safe
-    if target == "fd" and code == 4:
+        return data + rng.randbytes(16 if code == SPAWN_SHARED else 0), safe
+    if target == "fd" and code == OPEN:
         head = wire.string(inst.file(rng.choice(["", "a", "b", "sub", "sub/c"])))
         return head + struct.pack("<II", rng.choice(OPEN_FLAGS), rng.randrange(0o1000)), len(head)
     return rng.randbytes(rng.choice([0, 4, 8, 12, 13, 20, 64])), 0
@@ -61,13 +64,14 @@ def mutate(rng, raw, safe):
 # Node entries of a pipe of each service, a socket and an opened file.
 def described(inst, rng, posix, fd):
     entries = []
-    for code, data in [(7, b""), (8, b""), (4, request(rng, inst, "fd", 4)[0])]:
+    socket = wire.code(wire.FD, "createSocket")
+    for code, data in [(FD_PIPE, b""), (socket, b""), (OPEN, request(rng, inst, "fd", OPEN)[0])]:
         got, reply = fd.call(code, data)
-        at, count = 0, 2 if code == 7 else 1
+        at, count = 0, 2 if code == FD_PIPE else 1
         while got == 1 and count:
             more, at = wire.nodes(reply, at + 4)
             entries, count = entries + more, count - 1
-    got, reply = posix.call(11)
+    got, reply = posix.call(wire.code(wire.PROCESS, "createPipe"))
     if got == 1:
         read, at = wire.nodes(reply, 0)
         entries += read + wire.nodes(reply, at)[0]

@@ -24,6 +24,8 @@ PROCESS = {
     "getParentId": (5, ""),
     "spawn": (6, "string path, u32 flags, u64 argc, argc x string, u64 envc, envc x string string, "
               "u32 options"),
+    "spawnShared": (7, "string path, u32 flags, u64 argc, argc x string, u64 envc, envc x string "
+                    "string, u32 options, u64 shm, u64 size"),
     "wait": (9, "u32 kind, u64 value, u64 options"),
     "abortWaits": (10, ""),
     "createPipe": (11, ""),
@@ -31,6 +33,7 @@ PROCESS = {
 FD = {
     "openItem": (4, "string path, u32 flags, u32 mode, [u32 options]"),
     "createPipe": (7, ""),
+    "createSocket": (8, ""),
 }
 STREAM = {
     "read": (1, "u64 max, u32 timeout"),

@@ -20,7 +20,7 @@ extern "C" {
  * commands are one; RESERVE answers 8 when no node stands behind the number. */
 #define PX_FD_COMMANDS(X)                                                                          \
   X(0, PX_FD_CMD_CLOSE, "close", "i32 fd", "")                                                     \
-  X(1, PX_FD_CMD_DUP, "dup", "i32 fd, i32 onto, u8 replace", "i32 fd")                             \
+  X(1, PX_FD_CMD_DUP, "dup", "i32 fd, [i32 onto], [u8 replace]", "i32 fd")                         \
   X(2, PX_FD_CMD_GET_TABLE, "getTable", "[u64 first]", "table")                                    \
   X(3, PX_FD_CMD_RESERVE, "reserve", "", "i32 fd")                                                 \
   X(4, PX_FD_CMD_OPEN, "openItem", "string path, u32 flags, u32 mode, [u32 options]",              \

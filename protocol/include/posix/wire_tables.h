@@ -117,6 +117,21 @@ static_assert(layoutIs<uint64_t, uint32_t>("u64 pid, u32 signal") && layoutIs<>(
 static_assert(!layoutIs<uint32_t>("u64 pid") && !layoutIs<uint64_t>("u64 pid, u32 signal") &&
               !layoutIs<uint64_t, uint32_t>("u64 pid"));
 
+// Whether value `index` of `layout` is one a request may leave out. Only the last values may
+// be: a layout with a required value after an optional one does not build.
+constexpr bool optionalAt(std::string_view layout, size_t index) {
+  LayoutWalk walk(layout);
+  std::string_view type, name;
+  bool optional = false, seen = false, answer = false;
+  for (size_t i = 0; walk.next(&type, &name, &optional); ++i) {
+    if (seen && !optional) throw "a required value follows an optional one";
+    seen = seen || optional;
+    if (i == index) answer = optional;
+  }
+  return answer;
+}
+static_assert(optionalAt("u64 pid, [u64 first]", 1) && !optionalAt("u64 pid, [u64 first]", 0));
+
 // Whether no two lines of a table share a code.
 template <class Entry>
 constexpr bool codesUnique(std::span<const Entry> table) {
@@ -132,12 +147,42 @@ static_assert(codesUnique<Result>(kSharedResults) && codesUnique<Result>(kProces
               codesUnique<Result>(kFdResults) &&
               codesUnique<Result>(kFifoStatuses));
 
+// A "string" value to put: u32 length, then the bytes.
+struct Text {
+  const char* data;
+  size_t size;
+};
+// A "bytes" value to put: the bytes alone, to the end of the request.
+struct Bytes {
+  const void* data;
+  size_t size;
+};
+template <> inline constexpr std::string_view kTypeWord<Text>{"string"};
+template <> inline constexpr std::string_view kTypeWord<Bytes>{"bytes"};
+
+template <class Writer, class T>
+void put(Writer& writer, const T& value) {
+  writer.bytes(&value, sizeof value);
+}
+// A text longer than a length can say does not fit any frame either: the writer refuses its
+// bytes whatever the length in front of them says.
+template <class Writer>
+void put(Writer& writer, const Text& text) {
+  const uint32_t length = static_cast<uint32_t>(text.size);
+  writer.bytes(&length, sizeof length);
+  writer.bytes(text.data, text.size);
+}
+template <class Writer>
+void put(Writer& writer, const Bytes& bytes) {
+  writer.bytes(bytes.data, bytes.size);
+}
+
 // Puts `values` into a writer that takes bytes, checked to be of the types, and in the order,
 // of command `Code`'s request line.
 template <auto Code, class Writer, class... T>
 void putRequest(Writer& writer, const T&... values) {
   static_assert(layoutIs<T...>(command(Code).request), "the values do not follow the request line");
-  (writer.bytes(&values, sizeof values), ...);
+  (put(writer, values), ...);
 }
 
 }  // namespace px
