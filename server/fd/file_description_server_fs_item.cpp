@@ -45,6 +45,6 @@ void FileDescriptionServerFSItem::publish() {
 FileDescriptionServerFSItem::~FileDescriptionServerFSItem() {
   // The item goes first (and with it the host file, but for a call still inside it); the base
   // then queues the multiplex and lets go of the node.
-  if (stream_) stream_->release();
+  if (stream_) stream_->dropItem();
   item_.reset();
 }

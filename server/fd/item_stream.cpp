@@ -9,7 +9,7 @@ Ref<ItemStream> ItemStream::create(Ref<LocalFileDescriptionFSItem> item) {
   return new ItemStream(std::move(item));
 }
 
-void ItemStream::release() {
+void ItemStream::dropItem() {
   Ref<LocalFileDescriptionFSItem> gone;
   {
     std::lock_guard lock(mutex_);

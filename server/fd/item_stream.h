@@ -3,10 +3,10 @@
 // only counts, and a client tells the end of the data, "nothing yet" and a host error (a FIFO
 // without a reader) apart by asking the item service afterwards.
 //
-// The description releases the item through release() when it dies, on the thread that closed
-// its last descriptor: the host file then closes at once, not when the close queue gets to the
-// description's multiplex, so that a FIFO whose only reader was closed is without a reader for
-// the very next open. A call already inside the item keeps it until that call ends.
+// The description lets go of the item through dropItem() when it dies, on the thread that
+// closed its last descriptor: the host file then closes at once, not when the close queue gets
+// to the description's multiplex, so that a FIFO whose only reader was closed is without a
+// reader for the very next open. A call already inside the item keeps it until that call ends.
 #pragma once
 
 #include <atomic>
@@ -27,8 +27,9 @@ class ItemStream : public Object, public virtual Interfaces::Stream {
   // after its own call hears of the last one, which is its own unless another holder's empty
   // call came in between.
   int32_t lastEmpty() const { return lastEmpty_.load(std::memory_order_acquire); }
-  // Lets go of the item; later calls move nothing.
-  void release();
+  // Lets go of the item; later calls move nothing. Not named release(): that name is the
+  // reference count's, and a Ref<ItemStream> would call this one instead and never free it.
+  void dropItem();
 
   uint32_t dataKind() override { return 1; }
   Interfaces::MemDesc map(Ref<Object> /*client*/) override { return {}; }

@@ -262,13 +262,16 @@ TEST_F(RobustnessTest, ShortRequestsTakeTheirDefaultsOrAreRefused) {
   }
 }
 
-// A client killed while it holds a kept signal wait and a blocking wait: its requests are
-// dropped, its child's end is still handled, and the server's heap and threads come back.
+// A client killed while it holds opened files, a kept signal wait and a blocking wait: its
+// requests are dropped, its child's end is still handled, and the server's heap and threads
+// come back (every description of an opened file, with its stream, goes with its table).
 TEST_F(RobustnessTest, KilledClientWithKeptRequestsLeavesNoTrace) {
+  const std::string file = hostFile("held", "x");
   auto scenario = [&] {
     OutputPipe out;
-    int64_t holder =
-        spawnProbe({"spawn", helper("px_probe"), "sleep", "30000", "--", "hold", "wait"}, &out);
+    int64_t holder = spawnProbe({"spawn", helper("px_probe"), "sleep", "30000", "--", "open", file,
+                                 "open", file, "open", file, "open", file, "hold", "wait"},
+                                &out);
     ASSERT_GT(holder, 0);
     std::string line = out.expect("spawned ");
     ASSERT_FALSE(line.empty());
@@ -288,6 +291,7 @@ TEST_F(RobustnessTest, KilledClientWithKeptRequestsLeavesNoTrace) {
     return eventually([&] { return heapStats(out) && out->threads == idleThreads; }, 5000, 50);
   };
   HeapStats idle, before, after;
+  ASSERT_EQ(px_close(px_open(file.c_str(), O_RDONLY, 0)), 0);  // the close queue's thread starts
   ASSERT_TRUE(heapStats(&idle));
   scenario();  // warm-up: the server's tables grow once
   ASSERT_TRUE(settled(idle.threads, &before));

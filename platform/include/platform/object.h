@@ -95,7 +95,16 @@ class Ref {
   Ref(const Ref<U>& o) noexcept : p_(o.get()) { if (p_) p_->addRef(); }
   template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
   Ref(Ref<U>&& o) noexcept : p_(o.detach()) {}
-  ~Ref() { if (p_) p_->release(); }
+  ~Ref() {
+    // Ref calls the count by name, so a class that declares an addRef or release of its own
+    // hides the count's and its Refs would call that one instead (and never free the object).
+    // The count's are const and noexcept; a member that is not fails here.
+    static_assert(requires(const T& t) {
+      { t.addRef() } noexcept;
+      { t.release() } noexcept;
+    }, "T hides the reference count's addRef or release");
+    if (p_) p_->release();
+  }
 
   Ref& operator=(Ref o) noexcept { std::swap(p_, o.p_); return *this; }
 

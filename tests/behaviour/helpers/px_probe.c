@@ -22,6 +22,7 @@
 //                              "fds count COUNT", then "fds done"
 //   find PATH TEXT             opens PATH through the server and prints "found <the rest of
 //                              the first line from TEXT on>" or "found none"
+//   open PATH                  opens PATH for reading through the server; prints "opened FD"
 //   write FD TEXT              prints "wrote N"
 //   readn FD N                 reads until N bytes or end-of-file; prints "got <bytes>"
 //   close FD                   prints "closed FD"
@@ -231,6 +232,7 @@ int main(int argc, char** argv) {
       char* at = strstr(buf, a[1]);
       printf("found %.*s\n", at != NULL ? (int)strcspn(at, "\n") : 4, at != NULL ? at : "none");
     }
+    STEP("open", 1) printf("opened %lld\n", must(px_open(a[0], O_RDONLY, 0)));
     STEP("write", 2) {
       writeAll((int)num(0), a[1], strlen(a[1]));
       printf("wrote %zu\n", strlen(a[1]));
