@@ -87,7 +87,8 @@ std::string arguments(const px_diag_event& e) {
     std::string value;
     size_t used = showValue(type, e.head + at, held - at, &value);
     if (used == 0) break;
-    text += (text.empty() ? "" : " ") + std::string(name) + " " + value;
+    if (!text.empty()) text += ' ';
+    text.append(name).append(" ").append(value);
     if (type == "string") break;  // its length leaves what follows to chance
     at += used;
   }
@@ -101,7 +102,8 @@ std::string resultName(px_diag_event e) {
   if (e.result != PX_DIAG_KEPT && (e.result & PX_DIAG_LATE) != 0) {
     e.result &= ~PX_DIAG_LATE;
     const bool signal = e.service == PX_DIAG_PROCESS_SERVICE && e.code == PX_CMD_WAIT_SIGNAL;
-    return "kept:" + (signal ? std::to_string(e.result) : resultName(e));
+    std::string late = "kept:";
+    return late.append(signal ? std::to_string(e.result) : resultName(e));
   }
   bool counted = e.service == PX_DIAG_FD_SERVICE && e.code == PX_FD_CMD_GET_TABLE;
   if ((counted || e.service == PX_DIAG_FIFO_STATUS_SERVICE) && e.result != PX_DIAG_KEPT)
