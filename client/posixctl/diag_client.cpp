@@ -110,7 +110,7 @@ int DiagLink::call(uint32_t code, const std::vector<uint8_t>& data, uint32_t* re
                    std::vector<uint8_t>* reply) {
   uint64_t id = 0;
   if (int err = send(code, data, &id)) return err;
-  return receive(id, result, reply, posix::host::kReplyTimeoutMs);
+  return receive(id, result, reply, posix::host::replyTimeoutMs());
 }
 
 int DiagLink::pages(uint32_t code, const std::vector<uint8_t>& ask,

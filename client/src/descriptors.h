@@ -47,10 +47,6 @@ bool takeI32(const std::vector<uint8_t>& data, size_t* at, int32_t* out);
 // owner guards it with a mutex of its own.
 class ServiceLink {
  public:
-  // Longest wait for one reply. Requests of this library ask the server for at most a
-  // one-second slice, so a reply that takes this long means the server hangs.
-  static constexpr int kReplyTimeoutMs = pxc::kReplyTimeoutMs;
-
   // Opens and checks the link as every link of the library is (host/service_socket.h).
   static ServiceLink* openNamed(const std::string& name, int* err);
   static ServiceLink* openService(uint64_t channel, uint64_t service, int* err);

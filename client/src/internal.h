@@ -65,9 +65,6 @@ uint64_t runtimeGeneration();
 // checks it again as it opens (ServiceSocket::open).
 int checkRuntimeDir();
 
-// Longest wait for the reply to a request that the server answers at once: a reply that
-// takes this long means the server hangs (ETIMEDOUT).
-constexpr int kReplyTimeoutMs = posix::host::kReplyTimeoutMs;
 // Longest wait of one step of a blocking read or write (in the server, or on a pipe's shared
 // page): between steps a blocked call notices a server that went away.
 constexpr uint32_t kSliceMs = 1000;
@@ -82,7 +79,7 @@ class Connection {
  public:
   // receive() time-outs besides a count of milliseconds.
   static constexpr int kForever = -1;
-  static constexpr int kReplyLimit = -2;  // kReplyTimeoutMs, then ETIMEDOUT
+  static constexpr int kReplyLimit = -2;  // the link's reply time-out, then ETIMEDOUT
 
   // Connects; null with *err set (ENOENT, ECONNREFUSED, EACCES...).
   static Connection* open(int* err);
@@ -113,8 +110,8 @@ Connection* acquire(int* err, bool* reused);
 void release(Connection* conn, bool reusable);
 // One request on a pooled connection: 0 or an errno value; retries once on a fresh connection
 // when a pooled one turns out to lead to a server that has gone before the request was sent.
-// A request the server answers at once fails with ETIMEDOUT when no reply comes within
-// kReplyTimeoutMs; one that may legitimately wait (`mayWait`: a blocking wait) waits for ever.
+// A request the server answers at once fails with ETIMEDOUT when no reply comes within the
+// reply time-out (posix::host::replyTimeoutMs(): 20 s, or POSIX_REPLY_TIMEOUT_MS); one that may legitimately wait (`mayWait`: a blocking wait) waits for ever.
 int transact(FrameWriter& req, Reply* out, bool mayWait = false);
 // Drops every pooled connection when the process is a fork of the one that made them.
 void checkFork();

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "command_runner.h"
+#include "diag_query.h"
 #include "posix/diag_service.h"
 #include "server_fixture.h"
 
@@ -18,35 +19,11 @@ class DiagFairnessTest : public ServerFixture {
   std::string diag() const { return path("chn/" PX_DIAG_SERVICE_NAME); }
 };
 
-// Every process a raw client finds, asking from 0 and then from each reply's continuation;
-// false when a page is not answered within `timeoutMs`.
+// The pids of every process a raw client finds, asking from 0 and then from each reply's `next`.
 bool listProcesses(RawLink& link, std::vector<uint64_t>* pids, int* pages, int timeoutMs) {
-  uint64_t next = 0;
-  *pages = 0;
-  do {
-    std::vector<uint8_t> ask;
-    putU64(ask, next);
-    RawReply reply;
-    if (!link.roundTrip(PX_DIAG_CMD_PROCESSES, ++*pages, ask, &reply, timeoutMs)) return false;
-    const std::vector<uint8_t>& d = reply.data;
-    size_t at = 0;
-    auto get = [&](void* out, size_t n) {
-      if (d.size() - at < n) return false;
-      std::memcpy(out, d.data() + at, n);
-      at += n;
-      return true;
-    };
-    uint32_t count = 0, length = 0;
-    px_diag_process record;
-    if (reply.code != PX_RESULT_DONE || !get(&count, sizeof count)) return false;
-    for (uint32_t k = 0; k < count; ++k) {
-      if (!get(&record, sizeof record) || !get(&length, sizeof length) || d.size() - at < length) return false;
-      at += length;
-      pids->push_back(record.pid);
-    }
-    next = 0;
-    get(&next, sizeof next);  // absent: the list is complete
-  } while (next != 0);
+  std::vector<px_diag_process> records;
+  if (!diagProcesses(link, &records, pages, timeoutMs)) return false;
+  for (const px_diag_process& record : records) pids->push_back(record.pid);
   return true;
 }
 

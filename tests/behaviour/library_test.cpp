@@ -49,7 +49,7 @@ TEST_F(LibraryTest, EachSignalGoesToOneOfSeveralWaitingThreads) {
       if (px_sigtimedwait(&sig, nullptr, 5000) == 0) got[t] = sig;
     });
   }
-  sleepMs(100);
+  ASSERT_TRUE(awaitKept(static_cast<uint64_t>(getpid()), 0, true));
   ASSERT_EQ(px_kill(getpid(), 4), 0);
   ASSERT_EQ(px_kill(getpid(), 6), 0);
   for (auto& t : waiters) t.join();

@@ -277,7 +277,7 @@ TEST_F(RobustnessTest, KilledClientWithKeptRequestsLeavesNoTrace) {
     ASSERT_FALSE(line.empty());
     int64_t grandchild = std::stoll(line.substr(8));
     ASSERT_EQ(out.expect("holding"), "holding");
-    sleepMs(200);  // let both waits reach the server
+    ASSERT_TRUE(awaitKept(static_cast<uint64_t>(holder), 1, true));
     ASSERT_EQ(px_kill(holder, PX_SIGKILL), 0);
     EXPECT_EQ(collect(holder), 128 + 9);
     // The orphan never connected: the host kill is the only signal that reaches it.

@@ -17,6 +17,7 @@
 #include <fstream>
 
 #include "command_runner.h"
+#include "diag_query.h"
 
 extern char** environ;
 
@@ -222,6 +223,23 @@ int64_t ServerFixture::awaitThreadsAtMost(int64_t count, int timeoutMs) {
   int64_t seen = -1;
   eventually([&] { return (seen = serverThreads()) <= count; }, timeoutMs, 50);
   return seen;
+}
+
+bool ServerFixture::awaitKept(uint64_t pid, uint32_t waits, bool signalWait, int timeoutMs) {
+  RawLink link(path("chn/" PX_DIAG_SERVICE_NAME));
+  return eventually([&] {
+    std::vector<px_diag_process> records;
+    if (!diagProcesses(link, &records)) return false;
+    for (const px_diag_process& record : records) {
+      if (record.pid == pid) return record.waits >= waits && (!signalWait || record.signal_waiter != 0);
+    }
+    return false;
+  }, timeoutMs, 5);
+}
+
+bool ServerFixture::awaitInsidePipeCall(uint64_t pid, int timeoutMs) {
+  RawLink link(path("chn/" PX_DIAG_SERVICE_NAME));
+  return eventually([&] { return diagInsidePipeCall(link, pid); }, timeoutMs, 5);
 }
 
 int64_t ServerFixture::spawnRaw(std::vector<std::string> argv, std::vector<std::string> env,

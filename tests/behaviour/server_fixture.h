@@ -135,6 +135,11 @@ class ServerFixture : public ::testing::Test {
   int lowestFreeServerFd() const;
   // Waits until the server's thread count is at most `count`; the last count seen.
   int64_t awaitThreadsAtMost(int64_t count, int timeoutMs = 10000);
+  // What the introspection service says, waited for (false after `timeoutMs`): at least `waits`
+  // blocking waits of `pid` queued in the server, and a signal wait of it kept when
+  // `signalWait`; some pipe listing `pid` inside a read or a write.
+  bool awaitKept(uint64_t pid, uint32_t waits, bool signalWait = false, int timeoutMs = 5000);
+  bool awaitInsidePipeCall(uint64_t pid, int timeoutMs = 5000);
 
   // Spawns argv[0] with exactly the environment `env` (and `shm` as its shared memory).
   static int64_t spawnRaw(std::vector<std::string> argv, std::vector<std::string> env,

@@ -78,7 +78,7 @@ TEST_F(ServerLifeTest, BlockingCallsEndWhenTheServerDiesAndTheNextServerCleansUp
     result = px_waitpid(child, nullptr, 0);
     err = errno;
   });
-  sleepMs(200);  // time for the wait to reach the server
+  ASSERT_TRUE(awaitKept(static_cast<uint64_t>(getpid()), 1));
   kill(server_, SIGKILL);
   waiter.join();
   kill(static_cast<pid_t>(child), SIGKILL);  // no longer the server's to clean up

@@ -10,6 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include "host/runtime_rule.h"
@@ -70,6 +71,16 @@ int probeListener(const std::string& path, Listener* out) {
   return err;
 }
 
+int replyTimeoutMs() {
+  const char* text = std::getenv("POSIX_REPLY_TIMEOUT_MS");
+  if (text == nullptr || *text == '\0') return kReplyTimeoutMs;
+  char* end = nullptr;
+  errno = 0;
+  long value = std::strtol(text, &end, 10);
+  if (errno != 0 || *end != '\0' || value < 1 || value > kMaxReplyTimeoutMs) return kReplyTimeoutMs;
+  return static_cast<int>(value);
+}
+
 ServiceSocket::~ServiceSocket() {
   if (fd_ >= 0) ::close(fd_);
 }
@@ -85,7 +96,8 @@ int ServiceSocket::open(const std::string& rt, const std::string& name) {
   int fd = aboveStandardFds(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (fd < 0) return errno;
   struct ucred cred;
-  struct timeval tv = {kReplyTimeoutMs / 1000, (kReplyTimeoutMs % 1000) * 1000};
+  const int timeoutMs = replyTimeoutMs();
+  struct timeval tv = {timeoutMs / 1000, (timeoutMs % 1000) * 1000};
   int err = connectTo(fd, addr);
   if (err == 0 && !peerOf(fd, &cred)) err = errno;
   if (err == 0 && cred.uid != ::geteuid()) err = EACCES;

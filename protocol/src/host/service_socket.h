@@ -12,8 +12,11 @@
 namespace posix::host {
 
 // Longest wait for the reply to a request that the server answers at once: a reply that takes
-// this long means the server hangs.
+// this long means the server hangs. `POSIX_REPLY_TIMEOUT_MS` (1 to 3600000) sets another, read
+// whenever a link opens; replyTimeoutMs() answers the one in force.
 constexpr int kReplyTimeoutMs = 20000;
+constexpr int kMaxReplyTimeoutMs = 3600000;
+int replyTimeoutMs();
 
 // Milliseconds of the monotonic clock, for deadlines of ServiceSocket::receive.
 int64_t monotonicMs();
@@ -32,7 +35,7 @@ int probeListener(const std::string& path, Listener* out);
 class ServiceSocket {
  public:
   // receive() deadline meaning: block, and let the link's own receive time-out (the
-  // kReplyTimeoutMs set when it opened) end the wait with EAGAIN.
+  // replyTimeoutMs() in force when it opened) end the wait with EAGAIN.
   static constexpr int64_t kLinkTimeout = -1;
 
   ServiceSocket() = default;
