@@ -6,7 +6,7 @@
 #   protocol/   the wire formats and the pipe page's rules
 #   platform/   the host, on top of protocol/
 #   server/     on top of both; inside it, folder by folder:
-#               common < adapters < fd < fifo < process < diag < core
+#               common < crash < adapters < fd < fifo < process < diag < core
 #               (support, then the objects, then the services and the entry)
 #   client/     the library and posixctl, on protocol/ alone
 # tests/ and bench/ may include anything.
@@ -16,7 +16,7 @@ if(NOT ROOT)
   message(FATAL_ERROR "include_floors: ROOT is not set")
 endif()
 
-set(SERVER_FLOORS common adapters fd fifo process diag core)
+set(SERVER_FLOORS common crash adapters fd fifo process diag core)
 
 # Where a quoted include of a file in `tree` (and, in server/, of folder floor `floor`) may land:
 # the file's own directory first, as the compiler looks, then these roots.

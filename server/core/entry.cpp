@@ -8,7 +8,7 @@
 #include "common/close_queue.h"
 #include "core/server_main.h"
 #include "common/service_log.h"
-#include "diag/crash_handler.h"
+#include "crash/crash_handler.h"
 #include "fd/fd_log.h"
 #include "fifo/fifo_log.h"
 #include "process/process_group.h"

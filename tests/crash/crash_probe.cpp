@@ -14,8 +14,8 @@
 #include <cstring>
 
 #include "common/service_log.h"
-#include "diag/crash_dump.h"
-#include "diag/crash_handler.h"
+#include "crash/crash_dump.h"
+#include "crash/crash_handler.h"
 #include "fd/fd_log.h"
 #include "platform/heap.h"
 #include "platform/proc.h"

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "diag/crash_dump.h"
+#include "crash/crash_dump.h"
 #include "platform/binary_services.h"
 #include "platform/proc.h"
 

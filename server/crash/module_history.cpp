@@ -1,4 +1,4 @@
-#include "diag/module_history.h"
+#include "crash/module_history.h"
 
 #include <atomic>
 

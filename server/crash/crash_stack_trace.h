@@ -1,8 +1,8 @@
 // The stack trace section of a crash dump.
 #pragma once
 
-#include "diag/dump_lines.h"
-#include "diag/module_history.h"
+#include "crash/dump_lines.h"
+#include "crash/module_history.h"
 #include "platform/binary_services.h"
 
 // Walks the stack of `context` through `memory` and prints every frame with its module and

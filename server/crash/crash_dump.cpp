@@ -1,13 +1,13 @@
 // The crash dump, section by section. Every value is written in hexadecimal.
-#include "diag/crash_dump.h"
+#include "crash/crash_dump.h"
 
 #include <atomic>
 #include <initializer_list>
 #include <vector>
 
-#include "diag/crash_stack_trace.h"
-#include "diag/dump_lines.h"
-#include "diag/module_history.h"
+#include "crash/crash_stack_trace.h"
+#include "crash/dump_lines.h"
+#include "crash/module_history.h"
 #include "platform/binary_services.h"
 #include "platform/proc.h"
 #include "platform/thread.h"

@@ -1,7 +1,7 @@
-#include "diag/crash_handler.h"
+#include "crash/crash_handler.h"
 
 #include "common/service_log.h"
-#include "diag/crash_dump.h"
+#include "crash/crash_dump.h"
 #include "platform/heap.h"
 #include "platform/proc.h"
 #include "platform/sync.h"

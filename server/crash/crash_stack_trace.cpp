@@ -1,4 +1,4 @@
-#include "diag/crash_stack_trace.h"
+#include "crash/crash_stack_trace.h"
 
 #include "platform/heap.h"
 #include "platform/sysinfo.h"
