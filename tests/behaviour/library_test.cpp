@@ -61,7 +61,7 @@ TEST_F(LibraryTest, SignalWaitHeldByAnotherLinkOfTheProcess) {
   // The raw link belongs to this process too: its waitSignal is the one the server keeps.
   RawLink other(path("chn/posix.service"));
   ASSERT_TRUE(other.send(requestFrame(PX_CMD_WAIT_SIGNAL, 77)));
-  sleepMs(50);
+  ASSERT_TRUE(awaitKept(static_cast<uint64_t>(getpid()), 0, true));
   int sig = 0;
   int64_t start = monotonicMs();
   // Every waitSignal of the library is answered 0 at once meanwhile: it must neither fail
