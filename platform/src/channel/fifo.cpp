@@ -186,6 +186,52 @@ bool Fifo::waitRead(uint64_t count, uint32_t timeoutMs) {
   return false;
 }
 
+uint64_t Fifo::readNow(void* buffer, uint64_t size, Armed* armed) {
+  const uint32_t stuckOn = armed->lockHolder;
+  *armed = Armed{};
+  Page* p = page();
+  if (!p || !buffer || size == 0) return 0;
+  Hand hand(*this, *p);
+  // A round ends with bytes, with an armed wait, or with end-of-file; it goes again only when
+  // what it would have waited for came meanwhile.
+  for (;;) {
+    posix::PipeRing::Result r = hand.ring.readNow(buffer, size, 0);
+    if (r.end == posix::PipeRing::End::kCorrupt) raise(PX_PIPE_EOF | PX_PIPE_BROKEN);
+    if (r.count > 0 || r.end == posix::PipeRing::End::kCorrupt) return r.count;
+    if (p->ring.arm(false, 1, armed)) {
+      if (armed->lockHolder != 0 && armed->lockHolder == stuckOn) recover(false);
+      return 0;
+    }
+    if (p->ring.buffered() == 0 && (p->ring.flags() & (PX_PIPE_EOF | PX_PIPE_BROKEN)) != 0) return 0;
+  }
+}
+
+uint64_t Fifo::writeNow(const void* buffer, uint64_t size, Armed* armed) {
+  const uint32_t stuckOn = armed->lockHolder;
+  *armed = Armed{};
+  if (!buffer || size == 0) return 0;
+  Page* p = page();
+  if (!p) return 0;
+  Hand hand(*this, *p);
+  const auto* bytes = static_cast<const uint8_t*>(buffer);
+  uint64_t done = 0;
+  for (;;) {
+    posix::PipeRing::Result r = hand.ring.writeNow(bytes + done, size - done);
+    done += r.count;
+    if (r.end == posix::PipeRing::End::kCorrupt) raise(PX_PIPE_EOF | PX_PIPE_BROKEN);
+    if (r.end != posix::PipeRing::End::kTimedOut || done == size) return done;
+    const uint64_t need = size <= capacity_ ? size : 1;
+    if (p->ring.arm(true, need, armed)) {
+      if (armed->lockHolder != 0 && armed->lockHolder == stuckOn) recover(true);
+      return done;
+    }
+  }
+}
+
+void Fifo::disarm(const Armed& armed) {
+  if (Page* p = made()) p->ring.disarm(armed);
+}
+
 void Fifo::setEof() { raise(PX_PIPE_EOF); }
 void Fifo::setBroken() { raise(PX_PIPE_BROKEN); }
 bool Fifo::eof() const { return (flags_.load() & PX_PIPE_EOF) != 0; }

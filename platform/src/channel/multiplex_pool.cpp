@@ -25,6 +25,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <deque>
 #include <mutex>
 #include <shared_mutex>
 #include <thread>
@@ -40,6 +41,7 @@ namespace {
 thread_local uint64_t t_servedPeer = 0;
 thread_local ChnLink* t_servedLink = nullptr;  // held by the turn's MuxServed
 thread_local bool t_pooled = false;            // the calling thread is one of the pool's
+thread_local MuxServed* t_turn = nullptr;      // the link whose turn the calling thread holds
 
 // Threads of the pool while none waits in a handler: two per core, within 4 and 16.
 const size_t kPoolTarget = [] {
@@ -114,12 +116,30 @@ class Pool : public Object, public Exec {
       if (lastFree) spawn();
       if (event.data.u64 != kPoolWakeKey) {
         take(event.data.u64);
-      } else {
-        uint64_t one;
-        ssize_t got = ::read(wakeFd_, &one, sizeof one);
-        (void)got;  // each woken thread takes one count; it only says "look again"
+        continue;
       }
+      // Each woken thread takes one count: a parked request handed back, or "look again".
+      uint64_t one;
+      if (::read(wakeFd_, &one, sizeof one) != sizeof one) continue;
+      Ref<MuxServed> back;
+      {
+        std::lock_guard lock(readyMutex_);
+        if (ready_.empty()) continue;
+        back = std::move(ready_.front());
+        ready_.pop_front();
+      }
+      hold(back, Step::kResume);
     }
+  }
+
+  void resume(const Ref<MuxServed>& s) {
+    {
+      std::lock_guard lock(readyMutex_);
+      ready_.push_back(s);
+    }
+    uint64_t one = 1;
+    ssize_t n = ::write(wakeFd_, &one, sizeof one);
+    (void)n;  // the counter cannot fill with one count per link
   }
 
  private:
@@ -178,7 +198,9 @@ class Pool : public Object, public Exec {
     return ok;
   }
 
-  // Serves the link of an event, unless another thread holds its turn.
+  // Serves the link of an event, unless another thread holds its turn. An event of a link
+  // whose turn waits with a parked request asks for the request back: a hang-up or a close
+  // then ends it at once.
   void take(uint64_t data) {
     Ref<MuxServed> s;
     {
@@ -187,26 +209,63 @@ class Pool : public Object, public Exec {
       if (it == links_.end()) return;  // ended since the event was reported
       s = it->second;
     }
+    bool parked = false, mine = false;
     {
       std::lock_guard lock(s->turnMutex);
       if (s->ended) return;
       s->disarmed |= static_cast<uint32_t>(data % 4);
       if (s->busy) {
         s->again = true;
-        return;
+        parked = s->parked;
+        if (parked) s->heldBack |= static_cast<uint32_t>(data % 4);
+      } else {
+        s->busy = mine = true;
       }
-      s->busy = true;
     }
+    if (parked) MuxPark::nudge(*s);
+    if (!mine) return;  // another thread holds the turn, or it waits with a parked request
+    hold(s, data % 4 == kWakeBit ? Step::kWoken : Step::kTurn);
+  }
+
+  enum class Step { kTurn, kWoken, kResume };
+
+  // Serves the link's turns while the calling thread holds its turn, beginning with `first`,
+  // until nothing more is to be done (the watches are armed again and the turn is free), its
+  // handler parked a request (the turn stays taken) or the link ended.
+  void hold(const Ref<MuxServed>& s, Step first) {
     Multiplex::Core::current() = s->core.get();
     t_servedPeer = s->link->peerPid();
     t_servedLink = s->link.get();
-    bool woken = data % 4 == kWakeBit;
+    t_turn = s.get();
+    bool woken = first == Step::kWoken;
+    bool resume = first == Step::kResume;
     for (;;) {
-      if (!MuxLinkServe::turn(*s, woken)) {
+      if (resume) {
+        {
+          std::lock_guard lock(s->turnMutex);
+          s->parked = false;
+        }
+        Ref<Multiplex::Parked> request = std::move(s->parking.request);
+        request->resume();
+        resume = false;
+      } else if (!MuxLinkServe::turn(*s, woken)) {
         end(s);
         break;
       }
-      std::lock_guard lock(s->turnMutex);
+      std::unique_lock lock(s->turnMutex);
+      if (s->parking.request) {
+        // Watched again meanwhile, so that a hang-up, a close or a reply to flush asks the
+        // request back; the link is served on once the request is answered. A watch that
+        // fired while the request was parked has asked already: it is armed again only then,
+        // or a request the client sent behind this one would ask for it back over and over.
+        const uint32_t rearm = s->disarmed & ~s->heldBack;
+        watch(*s, EPOLL_CTL_MOD, rearm);
+        s->disarmed &= ~rearm;
+        s->parked = true;
+        lock.unlock();
+        MuxPark::add(s);
+        break;
+      }
       if (s->again) {
         s->again = false;
         woken = (s->disarmed & kWakeBit) != 0;
@@ -214,9 +273,11 @@ class Pool : public Object, public Exec {
       }
       watch(*s, EPOLL_CTL_MOD, s->disarmed);
       s->disarmed = 0;
+      s->heldBack = 0;
       s->busy = false;
       break;
     }
+    t_turn = nullptr;
     t_servedLink = nullptr;
     t_servedPeer = 0;
     Multiplex::Core::current() = nullptr;
@@ -263,6 +324,9 @@ class Pool : public Object, public Exec {
   std::atomic<size_t> workers_{0};
   std::atomic<size_t> idle_{0};     // threads waiting in epoll for an event
   std::atomic<size_t> waiting_{0};  // threads waiting inside a handler
+  std::mutex readyMutex_;
+  // Links whose parked request is due, each with a count in wakeFd_.
+  std::deque<Ref<MuxServed>> ready_;  // guarded by readyMutex_
 };
 
 void Pool::startWorker() {
@@ -287,7 +351,20 @@ bool MuxPool::serve(const Ref<Multiplex::Core>& core, const Ref<ChnLink>& link) 
   return Pool::instance().serve(core, link);
 }
 
+void MuxPool::resume(const Ref<MuxServed>& served) { Pool::instance().resume(served); }
+
 namespace Libraries::Service {
+
+bool Multiplex::canPark() { return t_turn != nullptr && MuxPark::available(); }
+
+void Multiplex::park(Ref<Parked> request, const uint32_t* word, uint32_t seen,
+                     std::chrono::steady_clock::time_point wakeAt) {
+  MuxServed::Parking& p = t_turn->parking;
+  p.request = std::move(request);
+  p.word = word;
+  p.seen = seen;
+  p.wakeAtNs = std::chrono::duration_cast<std::chrono::nanoseconds>(wakeAt.time_since_epoch()).count();
+}
 
 Multiplex::Waiting::Waiting() : counted_(t_pooled) {
   if (counted_) Pool::instance().enterWait();

@@ -8,10 +8,19 @@
 // that ran out its slice counts as a time-out and is tried again while time is left. A request
 // that may wait says so (Multiplex::Waiting), so that other links are served meanwhile.
 //
+// A stream that can hand its waits out (Interfaces::WaitingStream) holds no thread at all
+// while its request waits: the resolver moves what it can at once and, when the stream would
+// wait, parks the request on the stream's word (Multiplex::park) until the word moves, the
+// request's time is up, or the link has an event, and then tries again. Each try first asks
+// whether the client is still there; the last one, when the time is up, is a call of the
+// stream with no time at all, so the stream notes the time-out as it would have at the end of
+// a slice.
+//
 // A read is answered with a reply frame that the resolver builds itself around the room for
 // the bytes, so that the stream reads straight into the frame that goes to the socket: a 64 KiB
 // read costs the stream's one read and the send, and no copy of the data in between.
 #include <cerrno>
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <vector>
@@ -118,6 +127,88 @@ class ReadReply {
   const uint64_t size_;
 };
 
+// A read or write of a waiting stream that parks while the stream waits. try_() runs first on
+// the handler's thread, then, each time the parked request is resumed, on a pool thread that
+// serves the request's link; it answers the request itself, or parks it again.
+class ParkedCall : public Object, public Libraries::Service::Multiplex::Parked {
+ public:
+  ParkedCall(Ref<Interfaces::Stream> stream, Interfaces::WaitingStream* waiting, Ref<InMsg> in,
+             uint32_t timeoutMs, uint64_t size, std::vector<uint8_t> bytes, bool writing)
+      : stream_(std::move(stream)), waiting_(waiting), in_(std::move(in)),
+        forever_(timeoutMs == kForever),
+        deadline_(Clock::now() + std::chrono::milliseconds(forever_ ? 0 : timeoutMs)),
+        size_(size), bytes_(std::move(bytes)), writing_(writing) {}
+
+  void try_() {
+    waiting_->endWait(&wait_);  // counted out of the word the last try waited on, if any
+    if (writing_) {
+      const uint64_t left = bytes_.size() - done_;
+      uint64_t n = waiting_->writeOrWait(Interfaces::MemDesc::direct(bytes_.data() + done_, left), left, &wait_);
+      done_ += n < left ? n : left;
+      if (!wait_.armed || done_ == bytes_.size()) return answerWrite();
+    } else {
+      ReadReply reply(size_);
+      uint64_t n = waiting_->readOrWait(reply.room(), size_, &wait_);
+      if (n > 0 || !wait_.armed) return answerRead(reply, n);
+    }
+    // The stream would wait: park, unless the time is up or the client has gone.
+    const auto now = Clock::now();
+    const Ref<ChnLink>& link = in_->link();
+    if ((!forever_ && now >= deadline_) || (link && link->peerGone()) ||
+        !Libraries::Service::Multiplex::canPark()) {
+      waiting_->endWait(&wait_);
+      return last();
+    }
+    auto wakeAt = forever_ ? Clock::time_point::max() : deadline_;
+    if (wait_.lookAgainMs != kForever)
+      wakeAt = std::min(wakeAt, now + std::chrono::milliseconds(wait_.lookAgainMs));
+    Libraries::Service::Multiplex::park(this, wait_.word, wait_.seen, wakeAt);
+  }
+
+  void resume() override { try_(); }
+
+ private:
+  // The time is up or the client has gone: one call with no time at all, as at the end of a
+  // slice, so that the stream notes the outcome.
+  void last() {
+    if (writing_) {
+      const uint64_t left = bytes_.size() - done_;
+      uint64_t n = stream_->write(Interfaces::MemDesc::direct(bytes_.data() + done_, left), left, 0);
+      done_ += n < left ? n : left;
+      return answerWrite();
+    }
+    ReadReply reply(size_);
+    answerRead(reply, stream_->read(reply.room(), size_, 0));
+  }
+
+  void answerRead(ReadReply& reply, uint64_t n) {
+    if (n > size_) n = size_;  // a stream must not claim more than it was given room for
+    size_t frameSize = 0;
+    const uint8_t* frame = reply.finish(in_->id(), n, &frameSize);
+    in_->link()->sendFrame(frame, frameSize);
+  }
+
+  void answerWrite() {
+    uint8_t count[8];
+    for (int i = 0; i < 8; ++i) count[i] = static_cast<uint8_t>(done_ >> (8 * i));
+    Ref<OutMsg> out = OutMsg::create();
+    out->write(count, sizeof count);
+    out->setCode(PX_RESULT_DONE);
+    in_->reply(out);
+  }
+
+  const Ref<Interfaces::Stream> stream_;  // keeps the waiting stream, and its words, alive
+  Interfaces::WaitingStream* const waiting_;
+  const Ref<InMsg> in_;
+  const bool forever_;
+  const Clock::time_point deadline_;
+  const uint64_t size_;
+  const std::vector<uint8_t> bytes_;
+  const bool writing_;
+  Interfaces::StreamWait wait_;  // the stream's wait, kept between tries
+  uint64_t done_ = 0;            // bytes written so far
+};
+
 }  // namespace
 
 Ref<Stream> Stream::create(Ref<Interfaces::Stream> stream, Ref<Object> resolver, uint64_t value) {
@@ -141,6 +232,7 @@ bool Stream::handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t* ret,
       break;
     case PX_STREAM_WRITE:
       *ret = write(in, out);
+      if (*ret == kAnswered) return false;
       break;
     default:
       *ret = PX_RESULT_FAILED;
@@ -154,6 +246,11 @@ uint32_t Stream::read(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
   uint32_t timeoutMs = 0;
   if (!take(in, &maxBytes) || !take(in, &timeoutMs)) return PX_RESULT_SHORT_REQUEST;
   const uint64_t size = maxBytes < PX_STREAM_MAX_READ ? maxBytes : PX_STREAM_MAX_READ;
+  // A request that may wait, of a link served by the pool: it waits without a thread.
+  if (waiting_ && timeoutMs != 0 && in->link() && Libraries::Service::Multiplex::canPark()) {
+    Ref<ParkedCall>(new ParkedCall(stream_, waiting_, in, timeoutMs, size, {}, false))->try_();
+    return kAnswered;
+  }
   ReadReply reply(size);
   Slices slices(timeoutMs, in->link());
   // Even a call that may not wait for bytes waits for a client's copy in the shared page.
@@ -181,6 +278,10 @@ uint32_t Stream::write(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
   if (!take(in, &timeoutMs)) return PX_RESULT_SHORT_REQUEST;
   std::vector<uint8_t> bytes(in->remaining());
   if (!bytes.empty()) in->read(bytes.data(), bytes.size());
+  if (waiting_ && timeoutMs != 0 && in->link() && Libraries::Service::Multiplex::canPark()) {
+    Ref<ParkedCall>(new ParkedCall(stream_, waiting_, in, timeoutMs, 0, std::move(bytes), true))->try_();
+    return kAnswered;
+  }
   const uint64_t size = bytes.size();
   Slices slices(timeoutMs, in->link());
   Libraries::Service::Multiplex::Waiting waiting;
