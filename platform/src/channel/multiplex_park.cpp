@@ -148,7 +148,7 @@ void ParkSet::watch(Watcher& w) {
       MuxServed& s = *w.parked[i];
       const MuxServed::Parking& p = s.parking;
       const bool moved =
-          p.word && std::atomic_ref<const uint32_t>(*p.word).load() != p.seen;
+          p.word && std::atomic_ref<uint32_t>(*const_cast<uint32_t*>(p.word)).load() != p.seen;
       if (s.nudged || moved || now >= p.wakeAtNs) {
         s.nudged = false;
         s.watcher = nullptr;

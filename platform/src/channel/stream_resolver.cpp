@@ -37,6 +37,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// How long a parked request waits at most before it is tried again.
+constexpr uint32_t kLookAgainMs = 1000;
+
 // What read() answers when it has sent the reply itself; no result code has this value.
 constexpr uint32_t kAnswered = 0xFFFFFFFFu;
 
@@ -159,9 +162,11 @@ class ParkedCall : public Object, public Libraries::Service::Multiplex::Parked {
       waiting_->endWait(&wait_);
       return last();
     }
-    auto wakeAt = forever_ ? Clock::time_point::max() : deadline_;
-    if (wait_.lookAgainMs != kForever)
-      wakeAt = std::min(wakeAt, now + std::chrono::milliseconds(wait_.lookAgainMs));
+    // Looked at again once a second at least: the word's waiter count lies in a page that
+    // clients write, and one that breaks its rules could keep a writer from calling the wake.
+    const uint32_t lookMs = std::min(wait_.lookAgainMs, kLookAgainMs);
+    const auto wakeAt = forever_ ? now + std::chrono::milliseconds(lookMs)
+                                 : std::min(deadline_, now + std::chrono::milliseconds(lookMs));
     Libraries::Service::Multiplex::park(this, wait_.word, wait_.seen, wakeAt);
   }
 
