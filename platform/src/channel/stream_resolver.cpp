@@ -130,9 +130,9 @@ class ReadReply {
   const uint64_t size_;
 };
 
-// A read or write of a waiting stream that parks while the stream waits. try_() runs first on
+// A read or write of a waiting stream that parks while the stream waits. attempt() runs first on
 // the handler's thread, then, each time the parked request is resumed, on a pool thread that
-// serves the request's link; it answers the request itself, or parks it again.
+// serves the request's link; it answers the request, or parks it again.
 class ParkedCall : public Object, public Libraries::Service::Multiplex::Parked {
  public:
   ParkedCall(Ref<Interfaces::Stream> stream, Interfaces::WaitingStream* waiting, Ref<InMsg> in,
@@ -142,13 +142,15 @@ class ParkedCall : public Object, public Libraries::Service::Multiplex::Parked {
         deadline_(Clock::now() + std::chrono::milliseconds(forever_ ? 0 : timeoutMs)),
         size_(size), bytes_(std::move(bytes)), writing_(writing) {}
 
-  void try_() {
+  // A write's first try answers through `out` when it need not wait (true); every other
+  // answer goes out on the link.
+  bool attempt(const Ref<OutMsg>& out = nullptr) {
     waiting_->endWait(&wait_);  // counted out of the word the last try waited on, if any
     if (writing_) {
       const uint64_t left = bytes_.size() - done_;
       uint64_t n = waiting_->writeOrWait(Interfaces::MemDesc::direct(bytes_.data() + done_, left), left, &wait_);
       done_ += n < left ? n : left;
-      if (!wait_.armed || done_ == bytes_.size()) return answerWrite();
+      if (!wait_.armed || done_ == bytes_.size()) return answerWrite(out);
     } else {
       ReadReply reply(size_);
       uint64_t n = waiting_->readOrWait(reply.room(), size_, &wait_);
@@ -160,7 +162,7 @@ class ParkedCall : public Object, public Libraries::Service::Multiplex::Parked {
     if ((!forever_ && now >= deadline_) || (link && link->peerGone()) ||
         !Libraries::Service::Multiplex::canPark()) {
       waiting_->endWait(&wait_);
-      return last();
+      return last(out);
     }
     // Looked at again once a second at least: the word's waiter count lies in a page that
     // clients write, and one that breaks its rules could keep a writer from calling the wake.
@@ -168,38 +170,45 @@ class ParkedCall : public Object, public Libraries::Service::Multiplex::Parked {
     const auto wakeAt = forever_ ? now + std::chrono::milliseconds(lookMs)
                                  : std::min(deadline_, now + std::chrono::milliseconds(lookMs));
     Libraries::Service::Multiplex::park(this, wait_.word, wait_.seen, wakeAt);
+    return false;
   }
 
-  void resume() override { try_(); }
+  void resume() override { attempt(); }
 
  private:
   // The time is up or the client has gone: one call with no time at all, as at the end of a
   // slice, so that the stream notes the outcome.
-  void last() {
+  bool last(const Ref<OutMsg>& out) {
     if (writing_) {
       const uint64_t left = bytes_.size() - done_;
       uint64_t n = stream_->write(Interfaces::MemDesc::direct(bytes_.data() + done_, left), left, 0);
       done_ += n < left ? n : left;
-      return answerWrite();
+      return answerWrite(out);
     }
     ReadReply reply(size_);
-    answerRead(reply, stream_->read(reply.room(), size_, 0));
+    return answerRead(reply, stream_->read(reply.room(), size_, 0));
   }
 
-  void answerRead(ReadReply& reply, uint64_t n) {
+  bool answerRead(ReadReply& reply, uint64_t n) {
     if (n > size_) n = size_;  // a stream must not claim more than it was given room for
     size_t frameSize = 0;
     const uint8_t* frame = reply.finish(in_->id(), n, &frameSize);
     in_->link()->sendFrame(frame, frameSize);
+    return false;
   }
 
-  void answerWrite() {
+  bool answerWrite(const Ref<OutMsg>& out) {
     uint8_t count[8];
     for (int i = 0; i < 8; ++i) count[i] = static_cast<uint8_t>(done_ >> (8 * i));
-    Ref<OutMsg> out = OutMsg::create();
-    out->write(count, sizeof count);
-    out->setCode(PX_RESULT_DONE);
-    in_->reply(out);
+    if (out) {
+      out->write(count, sizeof count);
+      return true;
+    }
+    Ref<OutMsg> reply = OutMsg::create();
+    reply->write(count, sizeof count);
+    reply->setCode(PX_RESULT_DONE);
+    in_->reply(reply);
+    return false;
   }
 
   const Ref<Interfaces::Stream> stream_;  // keeps the waiting stream, and its words, alive
@@ -253,7 +262,7 @@ uint32_t Stream::read(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
   const uint64_t size = maxBytes < PX_STREAM_MAX_READ ? maxBytes : PX_STREAM_MAX_READ;
   // A request that may wait, of a link served by the pool: it waits without a thread.
   if (waiting_ && timeoutMs != 0 && in->link() && Libraries::Service::Multiplex::canPark()) {
-    Ref<ParkedCall>(new ParkedCall(stream_, waiting_, in, timeoutMs, size, {}, false))->try_();
+    Ref<ParkedCall>(new ParkedCall(stream_, waiting_, in, timeoutMs, size, {}, false))->attempt();
     return kAnswered;
   }
   ReadReply reply(size);
@@ -284,8 +293,8 @@ uint32_t Stream::write(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
   std::vector<uint8_t> bytes(in->remaining());
   if (!bytes.empty()) in->read(bytes.data(), bytes.size());
   if (waiting_ && timeoutMs != 0 && in->link() && Libraries::Service::Multiplex::canPark()) {
-    Ref<ParkedCall>(new ParkedCall(stream_, waiting_, in, timeoutMs, 0, std::move(bytes), true))->try_();
-    return kAnswered;
+    Ref<ParkedCall> call = new ParkedCall(stream_, waiting_, in, timeoutMs, 0, std::move(bytes), true);
+    return call->attempt(out) ? PX_RESULT_DONE : kAnswered;
   }
   const uint64_t size = bytes.size();
   Slices slices(timeoutMs, in->link());
