@@ -73,6 +73,28 @@ void PosixFifoBase::handOut(const Fifo::Armed& armed, Interfaces::StreamWait* wa
   addCaller(wait->own[2]);
 }
 
+uint64_t PosixFifoBase::moveNow(bool writing, Interfaces::MemDesc buffer, uint64_t size,
+                                Interfaces::StreamWait* wait) {
+  setStatus(kStatusOk);
+  Fifo::Armed armed = armedOf(*wait);
+  if (closed_.load(std::memory_order_acquire)) {
+    setStatus(writing ? kStatusNotWritable : kStatusNotReadable);
+    return 0;
+  }
+  if (buffer.kind != Interfaces::MemDesc::kDirect || !mon_ || !fifo_) return 0;
+  if (size > buffer.size) size = buffer.size;  // never past the memory the caller lent
+  if (!enterNow(wait)) return 0;
+  uint64_t n = writing ? fifo_->writeNow(buffer.pointer(), size, &armed)
+                       : fifo_->readNow(buffer.pointer(), size, &armed);
+  handOut(armed, wait);
+  if (n == 0 && !wait->armed) {
+    if (!writing && fifo_->eof()) setStatus(kStatusEof);
+    if (writing && fifo_->broken()) setStatus(kStatusBroken);
+  }
+  mon_->leave();
+  return n;
+}
+
 void PosixFifoBase::endWait(Interfaces::StreamWait* wait) {
   if (!wait->armed) return;
   wait->armed = false;
@@ -115,20 +137,7 @@ uint64_t PosixFifoRead::write(Interfaces::MemDesc, uint64_t, uint32_t) {
 
 uint64_t PosixFifoRead::readOrWait(Interfaces::MemDesc buffer, uint64_t size,
                                    Interfaces::StreamWait* wait) {
-  setStatus(kStatusOk);
-  Fifo::Armed armed = armedOf(*wait);
-  if (closed_.load(std::memory_order_acquire)) {
-    setStatus(kStatusNotReadable);
-    return 0;
-  }
-  if (buffer.kind != Interfaces::MemDesc::kDirect || !mon_ || !fifo_) return 0;
-  if (size > buffer.size) size = buffer.size;
-  if (!enterNow(wait)) return 0;
-  uint64_t n = fifo_->readNow(buffer.pointer(), size, &armed);
-  handOut(armed, wait);
-  if (n == 0 && !wait->armed && fifo_->eof()) setStatus(kStatusEof);
-  mon_->leave();
-  return n;
+  return moveNow(false, buffer, size, wait);
 }
 
 uint64_t PosixFifoRead::writeOrWait(Interfaces::MemDesc, uint64_t, Interfaces::StreamWait*) {
@@ -177,20 +186,7 @@ uint64_t PosixFifoWrite::readOrWait(Interfaces::MemDesc, uint64_t, Interfaces::S
 
 uint64_t PosixFifoWrite::writeOrWait(Interfaces::MemDesc buffer, uint64_t size,
                                      Interfaces::StreamWait* wait) {
-  setStatus(kStatusOk);
-  Fifo::Armed armed = armedOf(*wait);
-  if (closed_.load(std::memory_order_acquire)) {
-    setStatus(kStatusNotWritable);
-    return 0;
-  }
-  if (buffer.kind != Interfaces::MemDesc::kDirect || !mon_ || !fifo_) return 0;
-  if (size > buffer.size) size = buffer.size;
-  if (!enterNow(wait)) return 0;
-  uint64_t n = fifo_->writeNow(buffer.pointer(), size, &armed);
-  handOut(armed, wait);
-  if (n == 0 && !wait->armed && fifo_->broken()) setStatus(kStatusBroken);
-  mon_->leave();
-  return n;
+  return moveNow(true, buffer, size, wait);
 }
 
 void PosixFifoWrite::closeEnd() {

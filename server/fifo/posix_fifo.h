@@ -92,8 +92,12 @@ class PosixFifoBase : public Object,
 
   void addCaller(uint64_t pid) const;
   void removeCaller(uint64_t pid) const;
-  // Around readNow or writeNow of the Fifo: enters the monitor without waiting (false: the call
-  // is to look again in a moment, `wait` says so) and turns the Fifo's armed wait into `wait`.
+  // readOrWait (`writing` false) or writeOrWait of the end's own direction: readNow or
+  // writeNow of the Fifo inside the monitor, entered without waiting.
+  uint64_t moveNow(bool writing, Interfaces::MemDesc buffer, uint64_t size,
+                   Interfaces::StreamWait* wait);
+  // Enters the monitor without waiting (false: the call is to look again in a moment, `wait`
+  // says so); handOut turns the Fifo's armed wait into `wait`.
   bool enterNow(Interfaces::StreamWait* wait);
   void handOut(const Fifo::Armed& armed, Interfaces::StreamWait* wait);
   static Fifo::Armed armedOf(const Interfaces::StreamWait& wait);
