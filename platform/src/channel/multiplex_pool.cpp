@@ -10,10 +10,17 @@
 // holding it, so a link is never served by two threads at once and never waits unwatched; a
 // link with more requests queued is reported again at once, behind the links ready meanwhile.
 //
-// The pool has kPoolTarget threads at most while none waits. A handler that waits (for bytes
-// or room of a FIFO, for another multiplex's links) says so with Multiplex::Waiting: when no
-// other thread is free, a new one starts, so a client whose requests wait never holds up the
-// others. Threads start on demand and end after a second without an event (all but one while
+// A handler may park its request instead of waiting (Multiplex::park): the thread then gives
+// the link's turn up without freeing it, the link's watches are armed again (an event of the
+// link asks the request back early: a hang-up, a close), and the park set's watchers
+// (multiplex_park.cpp) hand the link back through resume(): a queue and a count on the pool's
+// eventfd, taken by whichever thread wakes. That thread resumes the request and goes on with
+// the link's turns.
+//
+// The pool has kPoolTarget threads at most while none waits. A handler that waits otherwise
+// (for another multiplex's links, or where nothing can be parked) says so with
+// Multiplex::Waiting: when no other thread is free, a new one starts, so a client whose
+// requests wait never holds up the others. Threads start on demand and end after a second without an event (all but one while
 // there are links). The counts are atomics, read as hints; a thread starts or ends only under
 // the lock, after looking again. The epoll set is made once and never destroyed, since a thread
 // may still wait in it while the process exits. Every registration carries a key that is never

@@ -20,7 +20,6 @@
 // the bytes, so that the stream reads straight into the frame that goes to the socket: a 64 KiB
 // read costs the stream's one read and the send, and no copy of the data in between.
 #include <cerrno>
-#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <vector>
@@ -30,6 +29,7 @@
 #include "platform/nodes.h"
 #include "posix/nodes.h"
 #include "posix/wire.h"
+#include "stream_resolver_parts.h"
 
 namespace Services::Nodes::Resolvers {
 
@@ -37,10 +37,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// How long a parked request waits at most before it is tried again.
-constexpr uint32_t kLookAgainMs = 1000;
-
-// What read() answers when it has sent the reply itself; no result code has this value.
+// What read() and write() answer when the reply has gone out, or will, without the multiplex.
 constexpr uint32_t kAnswered = 0xFFFFFFFFu;
 
 class Slices {
@@ -93,136 +90,6 @@ bool take(const Ref<InMsg>& in, T* value) {
   return true;
 }
 
-// A read's reply frame: the frame header, then room for up to `size` bytes that the stream
-// fills in place. Laid out as OutMsg::encode lays out a reply without blocks. The memory is the
-// serving thread's own, made once: a link's thread serves one read at a time, and a frame
-// that cannot go out at once is copied by the link.
-class ReadReply {
- public:
-  explicit ReadReply(uint64_t size) : frame_(threadFrame()), size_(size) {}
-
-  Interfaces::MemDesc room() { return Interfaces::MemDesc::direct(bytes(), size_); }
-  uint8_t* bytes() { return frame_ + PX_FRAME_HEADER_SIZE; }
-
-  // The finished frame: status 1, the request's id and the `n` bytes read; its size in *size.
-  const uint8_t* finish(uint64_t id, uint64_t n, size_t* size) {
-    uint8_t* h = frame_;
-    putU32(h, PX_FRAME_REPLY);
-    putU32(h + 4, PX_RESULT_DONE);
-    for (int i = 0; i < 8; ++i) h[8 + i] = static_cast<uint8_t>(id >> (8 * i));
-    putU32(h + 16, static_cast<uint32_t>(n));
-    putU32(h + 20, 0);
-    *size = PX_FRAME_HEADER_SIZE + n;
-    return frame_;
-  }
-
- private:
-  static uint8_t* threadFrame() {
-    // Not zero-filled: only bytes the stream wrote are sent.
-    thread_local std::unique_ptr<uint8_t[]> frame(
-        new uint8_t[PX_FRAME_HEADER_SIZE + PX_STREAM_MAX_READ]);
-    return frame.get();
-  }
-  static void putU32(uint8_t* p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-  }
-  uint8_t* const frame_;
-  const uint64_t size_;
-};
-
-// A read or write of a waiting stream that parks while the stream waits. attempt() runs first on
-// the handler's thread, then, each time the parked request is resumed, on a pool thread that
-// serves the request's link; it answers the request, or parks it again.
-class ParkedCall : public Object, public Libraries::Service::Multiplex::Parked {
- public:
-  ParkedCall(Ref<Interfaces::Stream> stream, Interfaces::WaitingStream* waiting, Ref<InMsg> in,
-             uint32_t timeoutMs, uint64_t size, std::vector<uint8_t> bytes, bool writing)
-      : stream_(std::move(stream)), waiting_(waiting), in_(std::move(in)),
-        forever_(timeoutMs == kForever),
-        deadline_(Clock::now() + std::chrono::milliseconds(forever_ ? 0 : timeoutMs)),
-        size_(size), bytes_(std::move(bytes)), writing_(writing) {}
-
-  // A write's first try answers through `out` when it need not wait (true); every other
-  // answer goes out on the link.
-  bool attempt(const Ref<OutMsg>& out = nullptr) {
-    waiting_->endWait(&wait_);  // counted out of the word the last try waited on, if any
-    if (writing_) {
-      const uint64_t left = bytes_.size() - done_;
-      uint64_t n = waiting_->writeOrWait(Interfaces::MemDesc::direct(bytes_.data() + done_, left), left, &wait_);
-      done_ += n < left ? n : left;
-      if (!wait_.armed || done_ == bytes_.size()) return answerWrite(out);
-    } else {
-      ReadReply reply(size_);
-      uint64_t n = waiting_->readOrWait(reply.room(), size_, &wait_);
-      if (n > 0 || !wait_.armed) return answerRead(reply, n);
-    }
-    // The stream would wait: park, unless the time is up or the client has gone.
-    const auto now = Clock::now();
-    const Ref<ChnLink>& link = in_->link();
-    if ((!forever_ && now >= deadline_) || (link && link->peerGone()) ||
-        !Libraries::Service::Multiplex::canPark()) {
-      waiting_->endWait(&wait_);
-      return last(out);
-    }
-    // Looked at again once a second at least: the word's waiter count lies in a page that
-    // clients write, and one that breaks its rules could keep a writer from calling the wake.
-    const uint32_t lookMs = std::min(wait_.lookAgainMs, kLookAgainMs);
-    const auto wakeAt = forever_ ? now + std::chrono::milliseconds(lookMs)
-                                 : std::min(deadline_, now + std::chrono::milliseconds(lookMs));
-    Libraries::Service::Multiplex::park(this, wait_.word, wait_.seen, wakeAt);
-    return false;
-  }
-
-  void resume() override { attempt(); }
-
- private:
-  // The time is up or the client has gone: one call with no time at all, as at the end of a
-  // slice, so that the stream notes the outcome.
-  bool last(const Ref<OutMsg>& out) {
-    if (writing_) {
-      const uint64_t left = bytes_.size() - done_;
-      uint64_t n = stream_->write(Interfaces::MemDesc::direct(bytes_.data() + done_, left), left, 0);
-      done_ += n < left ? n : left;
-      return answerWrite(out);
-    }
-    ReadReply reply(size_);
-    return answerRead(reply, stream_->read(reply.room(), size_, 0));
-  }
-
-  bool answerRead(ReadReply& reply, uint64_t n) {
-    if (n > size_) n = size_;  // a stream must not claim more than it was given room for
-    size_t frameSize = 0;
-    const uint8_t* frame = reply.finish(in_->id(), n, &frameSize);
-    in_->link()->sendFrame(frame, frameSize);
-    return false;
-  }
-
-  bool answerWrite(const Ref<OutMsg>& out) {
-    uint8_t count[8];
-    for (int i = 0; i < 8; ++i) count[i] = static_cast<uint8_t>(done_ >> (8 * i));
-    if (out) {
-      out->write(count, sizeof count);
-      return true;
-    }
-    Ref<OutMsg> reply = OutMsg::create();
-    reply->write(count, sizeof count);
-    reply->setCode(PX_RESULT_DONE);
-    in_->reply(reply);
-    return false;
-  }
-
-  const Ref<Interfaces::Stream> stream_;  // keeps the waiting stream, and its words, alive
-  Interfaces::WaitingStream* const waiting_;
-  const Ref<InMsg> in_;
-  const bool forever_;
-  const Clock::time_point deadline_;
-  const uint64_t size_;
-  const std::vector<uint8_t> bytes_;
-  const bool writing_;
-  Interfaces::StreamWait wait_;  // the stream's wait, kept between tries
-  uint64_t done_ = 0;            // bytes written so far
-};
-
 }  // namespace
 
 Ref<Stream> Stream::create(Ref<Interfaces::Stream> stream, Ref<Object> resolver, uint64_t value) {
@@ -262,7 +129,7 @@ uint32_t Stream::read(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
   const uint64_t size = maxBytes < PX_STREAM_MAX_READ ? maxBytes : PX_STREAM_MAX_READ;
   // A request that may wait, of a link served by the pool: it waits without a thread.
   if (waiting_ && timeoutMs != 0 && in->link() && Libraries::Service::Multiplex::canPark()) {
-    Ref<ParkedCall>(new ParkedCall(stream_, waiting_, in, timeoutMs, size, {}, false))->attempt();
+    serveParked(stream_, waiting_, in, timeoutMs, size, {}, nullptr);
     return kAnswered;
   }
   ReadReply reply(size);
@@ -293,8 +160,7 @@ uint32_t Stream::write(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
   std::vector<uint8_t> bytes(in->remaining());
   if (!bytes.empty()) in->read(bytes.data(), bytes.size());
   if (waiting_ && timeoutMs != 0 && in->link() && Libraries::Service::Multiplex::canPark()) {
-    Ref<ParkedCall> call = new ParkedCall(stream_, waiting_, in, timeoutMs, 0, std::move(bytes), true);
-    return call->attempt(out) ? PX_RESULT_DONE : kAnswered;
+    return serveParked(stream_, waiting_, in, timeoutMs, 0, &bytes, out) ? PX_RESULT_DONE : kAnswered;
   }
   const uint64_t size = bytes.size();
   Slices slices(timeoutMs, in->link());
