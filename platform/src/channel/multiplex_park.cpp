@@ -10,7 +10,9 @@
 // read the value, so whoever moves the word also calls the wake, and a watcher that has not
 // gone to sleep yet finds the value moved (futex_waitv compares it first).
 //
-// Watchers are made when every one is full and end after a second without a request. Where
+// Watchers are made when every one is full and end after a second without a request; a new
+// parked request goes to the fullest watcher with room, so that there are about as many
+// watchers as the parked requests need (one per 127). Where
 // the host has no futex_waitv, or a watcher cannot be started, nothing is parked and handlers
 // wait on their own threads as before (Multiplex::Waiting).
 #include <linux/futex.h>
@@ -67,11 +69,11 @@ class ParkSet {
     bool made = false;
     {
       std::lock_guard lock(mutex_);
+      // The fullest watcher with room: so the parked requests gather in few watchers, and one
+      // whose requests have gone empties and ends instead of keeping a few for ever.
       for (const Ref<Watcher>& w : watchers_) {
-        if (w->parked.size() < kPerWatcher) {
+        if (w->parked.size() < kPerWatcher && (!into || w->parked.size() > into->parked.size()))
           into = w;
-          break;
-        }
       }
       if (!into) {
         into = new Watcher();
