@@ -118,9 +118,18 @@ CopyPlan PipeRing::planAt(uint64_t pos, uint64_t n, uint8_t* user, bool writing,
 }
 
 PipeRing::Result PipeRing::write(const void* bytes, uint64_t n, int timeoutMs) {
-  const auto* from = static_cast<const uint8_t*>(bytes);
   const Deadline deadline(timeoutMs);
-  const Deadline lockDeadline = deadline.atLeast(kBusyLockMs);
+  return put(bytes, n, deadline, deadline.atLeast(kBusyLockMs), timeoutMs != 0);
+}
+
+PipeRing::Result PipeRing::writeNow(const void* bytes, uint64_t n) {
+  const Deadline now(0);
+  return put(bytes, n, now, now, false);
+}
+
+PipeRing::Result PipeRing::put(const void* bytes, uint64_t n, const Deadline& deadline,
+                               const Deadline& lockDeadline, bool spin) {
+  const auto* from = static_cast<const uint8_t*>(bytes);
   const bool whole = n <= ringSize_;
   const uint32_t held = heldValue();
   Patience::present(&page_->writer_at);
@@ -158,7 +167,7 @@ PipeRing::Result PipeRing::write(const void* bytes, uint64_t n, int timeoutMs) {
     unlock(&page_->write_lock, held);
     // Wait for readers to make room.
     End waited = End::kDone;
-    Patience patience(*this, &page_->writer_at, &page_->reader_at, timeoutMs != 0);
+    Patience patience(*this, &page_->writer_at, &page_->reader_at, spin);
     for (;;) {
       uint32_t seen = at(&page_->room_seq).load();
       uint64_t now = used();
@@ -252,6 +261,44 @@ PipeRing::End PipeRing::awaitData(uint64_t count, const Deadline& deadline, bool
 
 bool PipeRing::waitData(uint64_t count, int timeoutMs) {
   return awaitData(count, Deadline(timeoutMs), timeoutMs != 0) == End::kDone;
+}
+
+bool PipeRing::arm(bool writing, uint64_t need, Armed* armed) {
+  uint32_t* lockWord = writing ? &page_->write_lock : &page_->read_lock;
+  const uint32_t holder = at(lockWord).load();
+  uint32_t* word = writing ? &page_->room_seq : &page_->data_seq;
+  uint32_t* waiters = writing ? &page_->room_waiters : &page_->data_waiters;
+  if (holder != 0) {
+    word = &page_->lock_seq;
+    waiters = &page_->lock_waiters;
+  }
+  // Counted first, then the word read, then the condition looked at again: a change made
+  // before the look is seen, one made after it moves the word and finds the count.
+  at(waiters).fetch_add(1);
+  const uint32_t seen = at(word).load();
+  bool wait;
+  if (holder != 0) {
+    wait = at(lockWord).load() != 0;
+  } else {
+    const uint64_t now = used();
+    const uint32_t flags = this->flags();
+    if (writing)
+      wait = now <= ringSize_ && ringSize_ - now < need && (flags & PX_PIPE_BROKEN) == 0;
+    else
+      wait = now == 0 && (flags & (PX_PIPE_EOF | PX_PIPE_BROKEN)) == 0;
+  }
+  if (!wait) {
+    at(waiters).fetch_sub(1);
+    return false;
+  }
+  // Asleep as far as the other side can tell: it need not look again for this side.
+  if (holder == 0) at(writing ? &page_->writer_at : &page_->reader_at).store(0);
+  *armed = Armed{word, seen, waiters, holder};
+  return true;
+}
+
+void PipeRing::disarm(const Armed& armed) {
+  if (armed.waiters != nullptr) at(armed.waiters).fetch_sub(1);
 }
 
 void PipeRing::setFlags(uint32_t bits) {

@@ -12,6 +12,12 @@
 // Each end has its own monitor: all reads of the read end, and all writes of the write end,
 // are serialised by it, entered with the caller's own time-out. The Fifo synchronises the two
 // sides with each other.
+//
+// The ends are waiting streams too: readOrWait and writeOrWait move what they can at once and
+// hand a wait for bytes, room or a lock of the shared page to the caller as the page's futex
+// word, so that a request that waits holds no thread of the server (the stream resolver parks
+// it). They hold the monitor only for the copy, and a call that finds it held looks again a
+// moment later.
 #pragma once
 
 #include <atomic>
@@ -25,7 +31,9 @@
 #include "platform/stream.h"
 #include "platform/sync.h"
 
-class PosixFifoBase : public Object, public virtual Interfaces::Stream {
+class PosixFifoBase : public Object,
+                      public virtual Interfaces::Stream,
+                      public virtual Interfaces::WaitingStream {
  public:
   // Status of an end's last read or write, as the status service answers it.
   enum Status : uint32_t {
@@ -59,6 +67,10 @@ class PosixFifoBase : public Object, public virtual Interfaces::Stream {
   uint64_t readable() override { return 0; }
   uint64_t control(uint32_t /*code*/, uint64_t /*argument*/) override { return 0; }
 
+  // A wait handed out by readOrWait or writeOrWait is over: the waiter is counted out of the
+  // page's word and no longer listed among the callers.
+  void endWait(Interfaces::StreamWait* wait) override;
+
  protected:
   PosixFifoBase() : mon_(Mon::create(2)) {}
   ~PosixFifoBase() override;
@@ -78,6 +90,18 @@ class PosixFifoBase : public Object, public virtual Interfaces::Stream {
     const uint64_t pid_;
   };
 
+  void addCaller(uint64_t pid) const;
+  void removeCaller(uint64_t pid) const;
+  // readOrWait (`writing` false) or writeOrWait of the end's own direction: readNow or
+  // writeNow of the Fifo inside the monitor, entered without waiting.
+  uint64_t moveNow(bool writing, Interfaces::MemDesc buffer, uint64_t size,
+                   Interfaces::StreamWait* wait);
+  // Enters the monitor without waiting (false: the call is to look again in a moment, `wait`
+  // says so); handOut turns the Fifo's armed wait into `wait`.
+  bool enterNow(Interfaces::StreamWait* wait);
+  void handOut(const Fifo::Armed& armed, Interfaces::StreamWait* wait);
+  static Fifo::Armed armedOf(const Interfaces::StreamWait& wait);
+
   // Written by the thread that holds mon_, read by the status service on another thread.
   std::atomic<uint32_t> status_{kStatusOk};
   std::atomic<bool> closed_{false};  // set by closeEnd, never cleared
@@ -95,6 +119,9 @@ class PosixFifoRead : public PosixFifoBase {
   // up to `size`, without waiting further.
   uint64_t read(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) override;
   uint64_t write(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) override;
+  // Takes what is buffered; hands out the wait for bytes when there is nothing yet.
+  uint64_t readOrWait(Interfaces::MemDesc buffer, uint64_t size, Interfaces::StreamWait* wait) override;
+  uint64_t writeOrWait(Interfaces::MemDesc buffer, uint64_t size, Interfaces::StreamWait* wait) override;
   // Marks the Fifo broken: no one will read any more.
   void closeEnd() override;
   ~PosixFifoRead() override;
@@ -110,6 +137,9 @@ class PosixFifoWrite : public PosixFifoBase {
   uint64_t read(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) override;
   // Puts up to `size` bytes into the Fifo, waiting for room up to `timeoutMs`; may answer fewer.
   uint64_t write(Interfaces::MemDesc buffer, uint64_t size, uint32_t timeoutMs) override;
+  uint64_t readOrWait(Interfaces::MemDesc buffer, uint64_t size, Interfaces::StreamWait* wait) override;
+  // Puts in what fits; hands out the wait for room when bytes are left.
+  uint64_t writeOrWait(Interfaces::MemDesc buffer, uint64_t size, Interfaces::StreamWait* wait) override;
   // Marks the Fifo end-of-file: no more bytes will come.
   void closeEnd() override;
   ~PosixFifoWrite() override;

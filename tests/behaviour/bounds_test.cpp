@@ -95,48 +95,62 @@ TEST_F(BoundsTest, TheServerKeepsDescriptorsBackForThoseWhoHoldLittle) {
   EXPECT_GT(stats.threads, 2u);
 }
 
-// Links cost the server no thread each: several processes holding many links to their pipes'
-// ends are served by a few threads. Reads that wait for bytes, more of them than those
-// threads, hold up no other link, and each costs a thread only while it waits.
-TEST_F(BoundsTest, ManyLinksShareAFewThreadsAndWaitingReadsHoldUpNoOtherLink) {
+// Links cost the server no thread each, and neither do requests that wait: several processes
+// hold many links to their pipes' read ends, each with a read waiting for bytes, and a few
+// threads serve them all (the pool, and one watcher per 127 waiting reads). Another client is
+// served meanwhile as quickly as ever. Each waiting read ends as it should: with a byte when
+// its pipe is written, with end of file when its writer goes.
+TEST_F(BoundsTest, ReadsWaitingOnManyLinksHoldNoThreadAndHoldUpNoOtherLink) {
   constexpr int64_t kPool = 16 + 1;  // the pool's bound while nothing waits, and the acceptor
-  constexpr int kHolders = 4, kLinksEach = 60, kWaiting = 24;
+  constexpr int kHolders = 8, kReadsEach = 64;
+  constexpr int64_t kWatchers = (kHolders * kReadsEach + 126) / 127;
   int fds[2];
   ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
   const int64_t before = serverThreads();
   ASSERT_GT(before, 0);
   std::vector<pid_t> holders;
+  std::vector<int> go;
   for (int h = 0; h < kHolders; ++h) {
-    int ready[2];
-    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+    int ready[2], start[2];
+    ASSERT_EQ(pipe2(ready, O_CLOEXEC) | pipe2(start, O_CLOEXEC), 0);
     holders.push_back(inChild([&] {
       RawLink posix(path("chn/posix.service"));  // a pipe's ends serve only the process that made it
       RawReply reply;
-      std::vector<px_node_entry> ends;
+      std::vector<px_node_entry> readEnd, writeEnd;
       size_t at = 0;
-      if (!posix.roundTrip(PX_CMD_CREATE_PIPE, 1, {}, &reply) || !takeNode(reply.data, &at, &ends) ||
-          !takeNode(reply.data, &at, &ends))
+      if (!posix.roundTrip(PX_CMD_CREATE_PIPE, 1, {}, &reply) || !takeNode(reply.data, &at, &readEnd) ||
+          !takeNode(reply.data, &at, &writeEnd))
         _exit(1);
-      Links held;
-      for (int i = 0; i < kLinksEach; ++i) {
-        held.push_back(bindEntry(ends[static_cast<size_t>(i) % ends.size()]));
-        if (!held.back()) _exit(2);
+      Links readers;
+      for (uint64_t i = 0; i < kReadsEach; ++i) {
+        readers.push_back(bindEntry(readEnd[0]));
+        if (!readers.back() || !readers.back()->send(requestFrame(PX_STREAM_READ, i, streamRead(1, 0xFFFFFFFFu))))
+          _exit(2);
       }
+      std::unique_ptr<RawLink> writer = bindEntry(writeEnd[0]);
+      if (!writer) _exit(3);
       sendNumber(ready[1], 1);
-      sleep(60);  // killed long before, unless the test failed on the way
+      if (takeNumber(start[0]) != 1) _exit(4);
+      // Half the holders write a byte for each read; the others' writer goes (end of file).
+      const bool writes = h % 2 == 0;
+      if (writes && (!writer->roundTrip(PX_STREAM_WRITE, 1, streamWrite(0xFFFFFFFFu, std::string(kReadsEach, 'x')),
+                                        &reply) || reply.data.size() != 8 || reply.data[0] != kReadsEach))
+        _exit(5);
+      writer.reset();
+      for (auto& reader : readers) {
+        if (reader->receive(&reply, 5000) != 1 || reply.code != PX_RESULT_DONE ||
+            reply.data.size() != (writes ? 1u : 0u))
+          _exit(6);
+      }
     }));
     close(ready[1]);
+    close(start[0]);
+    go.push_back(start[1]);
     EXPECT_EQ(takeNumber(ready[0]), 1) << h;
     close(ready[0]);
   }
-  EXPECT_LE(serverThreads(), before + kPool) << kHolders * kLinksEach << " links held";
-
-  Links readers;
-  for (uint64_t i = 0; i < kWaiting; ++i) {
-    readers.push_back(bindService(fds[0], PX_IFACE_STREAM));
-    ASSERT_TRUE(readers.back() && readers.back()->send(requestFrame(PX_STREAM_READ, i, streamRead(16, 0xFFFFFFFFu))));
-  }
   sleepMs(300);  // the reads wait in the server now
+  EXPECT_LE(serverThreads(), before + kPool + kWatchers) << kHolders * kReadsEach << " reads waiting";
   std::unique_ptr<RawLink> status = bindService(fds[0], PX_IFACE_FIFO_STATUS);
   ASSERT_TRUE(status);
   RawReply reply;
@@ -146,15 +160,14 @@ TEST_F(BoundsTest, ManyLinksShareAFewThreadsAndWaitingReadsHoldUpNoOtherLink) {
   ASSERT_EQ(times.size(), 20u);
   EXPECT_LT(times.back(), 500);
   expectOthersServed();
-  EXPECT_LE(serverThreads(), before + kPool + kWaiting);
+  EXPECT_LE(serverThreads(), before + kPool + kWatchers);
 
-  // End of file answers every waiting read, and the threads that waited go.
-  ASSERT_EQ(px_close(fds[1]), 0);
-  for (auto& reader : readers) EXPECT_EQ(reader->receive(&reply, 5000), 1);
-  for (pid_t holder : holders) {
-    kill(holder, SIGKILL);
-    EXPECT_EQ(waitExit(holder, 5000), SIGKILL);
+  for (int fd : go) {
+    sendNumber(fd, 1);
+    close(fd);
   }
+  for (pid_t holder : holders) EXPECT_EQ(waitExit(holder, 10000), 0) << "holder " << holder;
+  // The watchers end with nothing left to watch.
   EXPECT_LE(awaitThreadsAtMost(before + kPool), before + kPool);
 }
 

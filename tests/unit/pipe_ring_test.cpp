@@ -115,6 +115,50 @@ TEST_F(PipeRingTest, ACallThatMayNotWaitWaitsOutABusyLockButNotAnEmptyOrFullRing
   EXPECT_EQ(noRoom.end, PipeRing::End::kTimedOut);
 }
 
+// A wait handed out instead of slept in: armed on the word that the other side moves, counted
+// among its waiters until disarmed, and not armed at all when there is nothing to wait for.
+TEST_F(PipeRingTest, AnArmedWaitNamesTheWordTheOtherSideMovesAndCountsItsWaiter) {
+  PipeRing::Armed armed;
+  ASSERT_TRUE(server.arm(false, 1, &armed)) << "empty: a reader waits for bytes";
+  EXPECT_EQ(armed.word, &page->data_seq);
+  EXPECT_EQ(std::atomic_ref<uint32_t>(page->data_waiters).load(), 1u);
+  ASSERT_EQ(client.write("ab", 2, 0).count, 2u);
+  EXPECT_NE(std::atomic_ref<uint32_t>(page->data_seq).load(), armed.seen) << "the write moved it";
+  server.disarm(armed);
+  EXPECT_EQ(std::atomic_ref<uint32_t>(page->data_waiters).load(), 0u);
+  EXPECT_FALSE(server.arm(false, 1, &armed)) << "bytes are there";
+  EXPECT_EQ(std::atomic_ref<uint32_t>(page->data_waiters).load(), 0u);
+
+  // A writer that needs more room than is free waits on room_seq, which a read moves; one
+  // that finds the lock held waits on lock_seq. writeNow waits for neither.
+  std::vector<char> fill(kRing - 2, 'f');
+  ASSERT_EQ(server.writeNow(fill.data(), fill.size()).count, fill.size());
+  PipeRing::Result none = server.writeNow("xyz", 3);
+  EXPECT_EQ(none.count, 0u);
+  EXPECT_EQ(none.end, End::kTimedOut);
+  ASSERT_TRUE(server.arm(true, 3, &armed));
+  EXPECT_EQ(armed.word, &page->room_seq);
+  char two[2];
+  ASSERT_EQ(client.read(two, 2, 0).count, 2u);
+  EXPECT_NE(std::atomic_ref<uint32_t>(page->room_seq).load(), armed.seen);
+  server.disarm(armed);
+  EXPECT_FALSE(server.arm(true, 2, &armed)) << "two bytes of room are free now";
+  setWriteLock(9);
+  ASSERT_TRUE(server.arm(true, 1, &armed));
+  EXPECT_EQ(armed.word, &page->lock_seq);
+  EXPECT_EQ(armed.lockHolder, 9u);
+  server.release(9);
+  EXPECT_NE(std::atomic_ref<uint32_t>(page->lock_seq).load(), armed.seen) << "freeing moved it";
+  server.disarm(armed);
+  EXPECT_EQ(std::atomic_ref<uint32_t>(page->lock_waiters).load(), 0u);
+  EXPECT_EQ(std::atomic_ref<uint32_t>(page->room_waiters).load(), 0u);
+  // End of file: nothing to wait for once the bytes are gone.
+  std::vector<char> drain(kRing);
+  client.read(drain.data(), drain.size(), 0);
+  server.setFlags(PX_PIPE_EOF);
+  EXPECT_FALSE(server.arm(false, 1, &armed));
+}
+
 TEST_F(PipeRingTest, BytesCrossTheRingsEndInOrderAndImpossibleCountersCopyNothing) {
   // Counters close to their own wrap, records and reads of sizes that never divide the ring.
   page->head = page->tail = ~0ull - 5000;

@@ -50,6 +50,18 @@ class Fifo : public Object {
   // early, answering false, when the buffer is broken or the time-out passed.
   bool waitRead(uint64_t count, uint32_t timeoutMs);
 
+  // For a caller that does not wait on its own thread. readNow copies out what is buffered
+  // (up to `size`) without waiting for bytes or the read lock; writeNow copies in what fits now
+  // (all of a write of at most the capacity, or nothing) without waiting for room or the
+  // lock. Either answers the count moved, and arms `armed` (posix::PipeRing::arm) when the call
+  // has to wait: for the lock, for bytes (none buffered, no end-of-file), or for room (more of
+  // the write is left); disarm() once that wait is over. A lock wait armed again for the same
+  // holder after it has held the lock that long is looked at as a stuck lock (recover()).
+  using Armed = posix::PipeRing::Armed;
+  uint64_t readNow(void* buffer, uint64_t size, Armed* armed);
+  uint64_t writeNow(const void* buffer, uint64_t size, Armed* armed);
+  void disarm(const Armed& armed);
+
   void setEof();
   void setBroken();
   bool eof() const;

@@ -12,12 +12,20 @@
 // The notifications of one multiplex are serialised: no two connect/disconnect calls of one
 // multiplex run at the same time, so a connection manager may count links in plain fields.
 //
-// A handler that waits (for bytes or room of a stream, for another link) declares the wait
-// with a Waiting in scope: while it waits, the pool starts another thread when none is free,
-// so that one client's waiting requests never hold up the other clients' links. Such a handler
-// waits in slices and asks ChnLink::peerGone() between them (the stream resolver does so), so
-// that it ends shortly after the client or the multiplex has gone. close() and a client
-// hang-up end a link at its next turn.
+// A request that waits for a futex word (bytes or room of a FIFO end's shared page, one of its
+// locks) holds no thread: its handler parks it (park()) and returns. A few watcher threads
+// wait on the words of every parked request at once (up to 127 a thread, made and ended as
+// the parked requests come and go) and hand a request back to the pool when its word moves,
+// its time comes, or its link has an event (a hang-up, a close, a request behind it); its
+// handler's resume() then tries again. The link's turn stays with the parked request: its next
+// request is read once this one is answered.
+//
+// A handler that waits otherwise (for another link, or where the host cannot watch several
+// words at once) declares the wait with a Waiting in scope: while it waits, the pool starts
+// another thread when none is free, so that one client's waiting requests never hold up the
+// other clients' links. Such a handler waits in slices and asks ChnLink::peerGone() between
+// them (the stream resolver does so), so that it ends shortly after the client or the
+// multiplex has gone. close() and a client hang-up end a link at its next turn.
 #pragma once
 
 #include <chrono>
@@ -102,6 +110,24 @@ class Multiplex : public Object {
    private:
     const bool counted_;
   };
+
+  // A request kept by its handler while it waits for a word, without a thread (park()).
+  class Parked : public virtual RefCount {
+   public:
+    // Called on a pool thread that serves the request's link (ChnLink::served() is its link),
+    // once the word moved off the value given, the time given came, or the link had an event:
+    // answers the request, or parks it again.
+    virtual void resume() = 0;
+  };
+  // Whether the calling thread may park the request it handles: it is a pool thread inside a
+  // handler of a multiplex link, and the host can watch several words at once.
+  static bool canPark();
+  // Parks the request the calling thread handles (canPark() must have answered true): once the
+  // handler has returned (answering false: kept), the link's turn waits, without a thread,
+  // until *word no longer holds `seen` (null: for the time alone), `wakeAt` has come, or the
+  // link had an event; then `request` is resumed. The word must stay mapped until then.
+  static void park(Ref<Parked> request, const uint32_t* word, uint32_t seen,
+                   std::chrono::steady_clock::time_point wakeAt);
 
   struct Core;  // the state the threads share (multiplex_core.h)
 

@@ -41,7 +41,10 @@ namespace Resolvers {
 //
 // A request waits in slices of at most kSliceMs: between slices it asks whether the client is
 // still there (ChnLink::peerGone), so that a client that hangs up, or a multiplex that closes,
-// frees the link's thread within one slice even when the request asked to wait for ever.
+// frees the link's thread within one slice even when the request asked to wait for ever. A
+// stream that is also an Interfaces::WaitingStream has its waits parked instead (no thread
+// waits; see Multiplex::park): such a request is tried again when the stream's word moves, its
+// time is up, or its link has an event, and ends with the link.
 class Stream : public Object, public Interfaces::Service, public ConMan {
  public:
   static constexpr uint32_t kSliceMs = 100;
@@ -64,11 +67,16 @@ class Stream : public Object, public Interfaces::Service, public ConMan {
 
  private:
   Stream(Ref<Interfaces::Stream> stream, Ref<Object> resolver, uint64_t value)
-      : stream_(std::move(stream)), resolver_(std::move(resolver)), value_(value) {}
+      : stream_(std::move(stream)),
+        waiting_(dynamic_cast<Interfaces::WaitingStream*>(stream_.get())),
+        resolver_(std::move(resolver)),
+        value_(value) {}
   uint32_t read(const Ref<InMsg>& in, const Ref<OutMsg>& out);
   uint32_t write(const Ref<InMsg>& in, const Ref<OutMsg>& out);
 
   const Ref<Interfaces::Stream> stream_;
+  // The same stream when it can hand its waits out: its requests then wait without a thread.
+  Interfaces::WaitingStream* const waiting_;
   const Ref<Object> resolver_;
   const uint64_t value_;
 };

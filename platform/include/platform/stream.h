@@ -51,4 +51,29 @@ class Stream : public virtual Data {
   virtual uint64_t control(uint32_t code, uint64_t argument) = 0;
 };
 
+// What a stream call would have waited for, handed to its caller instead (WaitingStream).
+struct StreamWait {
+  bool armed = false;        // the call has to wait; the fields below say for what
+  uint32_t* word = nullptr;  // a shared futex word, or null: the wait is for the time alone
+  uint32_t seen = 0;         // the value the word held: the wait is over once it moves
+  uint32_t lookAgainMs = 0xFFFFFFFFu;  // the call is to be made again after this long at most
+  uint64_t own[3] = {};      // the stream's own notes, kept by the caller between the calls
+};
+
+// A stream whose calls can hand their waits to the caller, so that no thread has to sleep in
+// the stream while a request waits (the caller watches the word and calls again).
+class WaitingStream : public virtual RefCount {
+ public:
+  // Moves what can be moved now, up to `size` bytes: a read what is there (at least a byte, or
+  // nothing at the end of the data), a write what fits. Answers the count moved, with `wait`
+  // armed when the call has to wait for more (a read that found nothing, a write with bytes
+  // left). An armed wait counts the caller as a waiter of the word, so whoever moves it wakes
+  // the waiters: once the wait is over, or the caller gives up, it calls endWait() before
+  // anything else, with the same `wait`, which it then passes to its next call. Not armed, the
+  // answer is final: 0 says nothing about why (the stream's owner tells, as for Stream).
+  virtual uint64_t readOrWait(MemDesc buffer, uint64_t size, StreamWait* wait) = 0;
+  virtual uint64_t writeOrWait(MemDesc buffer, uint64_t size, StreamWait* wait) = 0;
+  virtual void endWait(StreamWait* wait) = 0;
+};
+
 }  // namespace Interfaces

@@ -36,6 +36,9 @@ int timeoutOf(uint32_t timeoutMs) {
 // must not wait for bytes: a client keeps it for one copy, unless it breaks the rules.
 constexpr int kReadLockMs = 1000;
 
+// Rounds of readNow or writeNow that find what they would wait for gone by the time they arm.
+constexpr int kNowRounds = 16;
+
 // A random token (PX_PIPE_MIN_TOKEN to PX_PIPE_MAX_TOKEN) from the host's random source, read
 // a batch at a time. Should the source fail, a mix of the clock and a counter stands in, which
 // is no longer hard to guess.
@@ -184,6 +187,55 @@ bool Fifo::waitRead(uint64_t count, uint32_t timeoutMs) {
   if (Hand(*this, *p).ring.waitData(count, timeoutOf(timeoutMs))) return true;
   if (p->ring.corrupt()) raise(PX_PIPE_EOF | PX_PIPE_BROKEN);
   return false;
+}
+
+uint64_t Fifo::readNow(void* buffer, uint64_t size, Armed* armed) {
+  const uint32_t stuckOn = armed->lockHolder;
+  *armed = Armed{};
+  Page* p = page();
+  if (!p || !buffer || size == 0) return 0;
+  Hand hand(*this, *p);
+  // A round ends with bytes, with an armed wait, or with end-of-file; it goes again only when
+  // what it would have waited for came meanwhile (a few times: a page whose lock a client flips
+  // over and over does not keep the caller here, it answers nothing yet).
+  for (int round = 0; round < kNowRounds; ++round) {
+    posix::PipeRing::Result r = hand.ring.readNow(buffer, size, 0);
+    if (r.end == posix::PipeRing::End::kCorrupt) raise(PX_PIPE_EOF | PX_PIPE_BROKEN);
+    if (r.count > 0 || r.end == posix::PipeRing::End::kCorrupt) return r.count;
+    if (p->ring.arm(false, 1, armed)) {
+      if (armed->lockHolder != 0 && armed->lockHolder == stuckOn) recover(false);
+      return 0;
+    }
+    if (p->ring.buffered() == 0 && (p->ring.flags() & (PX_PIPE_EOF | PX_PIPE_BROKEN)) != 0) return 0;
+  }
+  return 0;
+}
+
+uint64_t Fifo::writeNow(const void* buffer, uint64_t size, Armed* armed) {
+  const uint32_t stuckOn = armed->lockHolder;
+  *armed = Armed{};
+  if (!buffer || size == 0) return 0;
+  Page* p = page();
+  if (!p) return 0;
+  Hand hand(*this, *p);
+  const auto* bytes = static_cast<const uint8_t*>(buffer);
+  uint64_t done = 0;
+  for (int round = 0; round < kNowRounds; ++round) {
+    posix::PipeRing::Result r = hand.ring.writeNow(bytes + done, size - done);
+    done += r.count;
+    if (r.end == posix::PipeRing::End::kCorrupt) raise(PX_PIPE_EOF | PX_PIPE_BROKEN);
+    if (r.end != posix::PipeRing::End::kTimedOut || done == size) return done;
+    const uint64_t need = size <= capacity_ ? size : 1;
+    if (p->ring.arm(true, need, armed)) {
+      if (armed->lockHolder != 0 && armed->lockHolder == stuckOn) recover(true);
+      return done;
+    }
+  }
+  return done;
+}
+
+void Fifo::disarm(const Armed& armed) {
+  if (Page* p = made()) p->ring.disarm(armed);
 }
 
 void Fifo::setEof() { raise(PX_PIPE_EOF); }

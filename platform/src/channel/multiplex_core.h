@@ -141,7 +141,24 @@ struct MuxServed : public Object {
   uint32_t kind = 0;                            // the observer's number for the bound service
   bool watchingOut = false;                     // replies wait for room in the socket
 
+  // A request the turn's handler parked (Multiplex::park): filled in by the handler, taken by
+  // the thread holding the turn when the handler has returned. The turn's own.
+  struct Parking {
+    Ref<Libraries::Service::Multiplex::Parked> request;
+    const uint32_t* word = nullptr;
+    uint32_t seen = 0;
+    int64_t wakeAtNs = 0;  // steady clock
+  };
+  Parking parking;
+
+  // Guarded by the park set's lock (multiplex_park.cpp): the watcher the parked request waits
+  // in (null while it waits in none), and whether an event of the link asked for it back.
+  Object* watcher = nullptr;
+  bool nudged = false;
+
   std::mutex turnMutex;
+  bool parked = false;    // guarded by turnMutex: the turn waits with a parked request
+  uint32_t heldBack = 0;  // guarded by turnMutex: watches that fired while it was parked
   bool busy = false;      // guarded by turnMutex: a thread holds the turn
   bool again = false;     // guarded by turnMutex: an event came during the turn
   uint32_t disarmed = 0;  // guarded by turnMutex: which of the link's two watches fired
@@ -160,4 +177,19 @@ namespace MuxPool {
 bool prepare();
 // Starts watching an admitted link; false (errno set) when its eventfd or watch cannot be made.
 bool serve(const Ref<Libraries::Service::Multiplex::Core>& core, const Ref<ChnLink>& link);
+// Hands a link whose turn waited with a parked request back to a pool thread, which resumes
+// the request and goes on with the link's turn.
+void resume(const Ref<MuxServed>& served);
 }  // namespace MuxPool
+
+// The watchers of parked requests (multiplex_park.cpp): threads that wait, futex_waitv, on the
+// words of up to 127 parked requests each and on a word of their own that says "the set
+// changed", and give a request back to the pool (MuxPool::resume) once it is due.
+namespace MuxPark {
+// Whether the host can wait on several words at once (and a watcher could be started).
+bool available();
+// Watches the parked request of `served` (served->parking).
+void add(const Ref<MuxServed>& served);
+// The link of a parked request had an event: its request is handed back now.
+void nudge(MuxServed& served);
+}  // namespace MuxPark

@@ -2,19 +2,13 @@
 // that watches every link, and a small pool of threads that wait in it. A link costs no thread
 // of its own, so the server's threads do not grow with the links its clients hold.
 //
-// Each link is watched twice, one-shot: its socket (requests, hang-up, room for queued
-// replies) and its eventfd (a reply was queued, or the link was dropped). The thread that takes
-// an event holds the link's turn and serves one turn, one request at most (multiplex_link.cpp);
-// an event of the same link that another thread takes meanwhile only tells the holder to look
-// again. The holder arms the watches that fired again before it gives the turn up, still
-// holding it, so a link is never served by two threads at once and never waits unwatched; a
-// link with more requests queued is reported again at once, behind the links ready meanwhile.
+// A link's turns, and a request parked and handed back: multiplex_turn.cpp.
 //
-// The pool has kPoolTarget threads at most while none waits. A handler that waits (for bytes
-// or room of a FIFO, for another multiplex's links) says so with Multiplex::Waiting: when no
-// other thread is free, a new one starts, so a client whose requests wait never holds up the
-// others. Threads start on demand and end after a second without an event (all but one while
-// there are links). The counts are atomics, read as hints; a thread starts or ends only under
+// The pool has kPoolTarget threads at most while none waits. A handler that waits otherwise
+// (for another multiplex's links, or where nothing can be parked) says so with
+// Multiplex::Waiting: when no other thread is free, a new one starts, so a client whose
+// requests wait never holds up the others. Threads start on demand and end after a second
+// without an event (all but one while there are links). The counts are atomics, read as hints; a thread starts or ends only under
 // the lock, after looking again. The epoll set is made once and never destroyed, since a thread
 // may still wait in it while the process exits. Every registration carries a key that is never
 // reused, so an event that arrives after its link ended finds nothing, even when the
@@ -22,248 +16,129 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <mutex>
-#include <shared_mutex>
-#include <thread>
-#include <unordered_map>
 
 #include "file/host_fd.h"
-#include "multiplex_core.h"
+#include "multiplex_pool.h"
 
-using Libraries::Service::Multiplex;
+namespace MuxPoolInside {
 
-namespace {
+thread_local bool t_pooled = false;
 
-thread_local uint64_t t_servedPeer = 0;
-thread_local ChnLink* t_servedLink = nullptr;  // held by the turn's MuxServed
-thread_local bool t_pooled = false;            // the calling thread is one of the pool's
+Pool& Pool::instance() {
+  static Pool* const pool = [] {
+    auto* made = new Pool();
+    made->addRef();  // held for the life of the process
+    return made;
+  }();
+  return *pool;
+}
 
-// Threads of the pool while none waits in a handler: two per core, within 4 and 16.
-const size_t kPoolTarget = [] {
-  size_t cores = std::thread::hardware_concurrency();
-  return std::clamp<size_t>(2 * cores, 4, 16);
-}();
-constexpr int kIdleEndMs = 1000;
-constexpr uint32_t kSocketBit = 1;  // the watch of the link's socket
-constexpr uint32_t kWakeBit = 2;    // the watch of its eventfd
-constexpr uint64_t kPoolWakeKey = 0;  // the pool's own eventfd; links' keys start at 1
+bool Pool::prepare() {
+  std::lock_guard lock(mutex_);
+  return makeEpollLocked();
+}
 
-// The pool's state, and the body of each of its threads (run()).
-class Pool : public Object, public Exec {
- public:
-  static Pool& instance() {
-    static Pool* const pool = [] {
-      auto* made = new Pool();
-      made->addRef();  // held for the life of the process
-      return made;
-    }();
-    return *pool;
-  }
-
-  bool prepare() {
+bool Pool::serve(const Ref<Multiplex::Core>& core, const Ref<ChnLink>& link) {
+  Ref<MuxServed> s = new MuxServed(core, link);
+  s->wake = HostFd::opened(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  if (s->wake < 0) return false;
+  MuxLinkServe::setWake(*link, s->wake);
+  {
     std::lock_guard lock(mutex_);
-    return makeEpollLocked();
-  }
-
-  bool serve(const Ref<Multiplex::Core>& core, const Ref<ChnLink>& link) {
-    Ref<MuxServed> s = new MuxServed(core, link);
-    s->wake = HostFd::opened(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-    if (s->wake < 0) return false;
-    MuxLinkServe::setWake(*link, s->wake);
-    {
-      std::lock_guard lock(mutex_);
-      if (!makeEpollLocked()) return fail(*s);
-      s->key = nextKey_++;
-      links_.emplace(s->key, s);
-      if (!watch(*s, EPOLL_CTL_ADD, kSocketBit | kWakeBit)) {
-        links_.erase(s->key);
-        return fail(*s);
-      }
-      linkCount_.store(links_.size());
-    }
-    if (idle_.load() == 0) spawn();
-    return true;
-  }
-
-  // A pooled thread is about to wait (see Multiplex::Waiting).
-  void enterWait() {
-    waiting_.fetch_add(1);
-    if (idle_.load() == 0) spawn();
-  }
-  void leaveWait() { waiting_.fetch_sub(1); }
-
-  void run() override {
-    t_pooled = true;
-    epoll_event event;
-    for (;;) {
-      if (free() > static_cast<int64_t>(kPoolTarget) && leave(kPoolTarget)) return;
-      // Only the last free thread waits for ever, and only while there are links; the others
-      // end after a second without an event.
-      const int timeout = linkCount_.load() == 0 || free() > 1 ? kIdleEndMs : -1;
-      idle_.fetch_add(1);
-      // One event at a time: a thread that waits in a handler holds up no other link's event.
-      int n = ::epoll_wait(epollFd_, &event, 1, timeout);
-      const bool lastFree = idle_.fetch_sub(1) == 1;
-      if (n == 0 && leave(linkCount_.load() == 0 ? 0 : 1)) return;
-      if (n <= 0) continue;
-      // The last free thread took an event: another starts, so that the next event does not
-      // wait behind this turn.
-      if (lastFree) spawn();
-      if (event.data.u64 != kPoolWakeKey) {
-        take(event.data.u64);
-      } else {
-        uint64_t one;
-        ssize_t got = ::read(wakeFd_, &one, sizeof one);
-        (void)got;  // each woken thread takes one count; it only says "look again"
-      }
-    }
-  }
-
- private:
-  Pool() = default;
-
-  // Threads of the pool that are not waiting inside a handler (a hint: read without the lock).
-  int64_t free() const {
-    return static_cast<int64_t>(workers_.load()) - static_cast<int64_t>(waiting_.load());
-  }
-
-  // Ends the calling thread's part in the pool when more than `keep` threads are free; true
-  // when it is to end.
-  bool leave(size_t keep) {
-    std::lock_guard lock(mutex_);
-    if (free() <= static_cast<int64_t>(keep)) return false;
-    workers_.fetch_sub(1);
-    return true;
-  }
-
-  // Starts a thread when the pool has fewer free than its size.
-  void spawn() {
-    if (free() >= static_cast<int64_t>(kPoolTarget)) return;  // the common case, without the lock
-    {
-      std::lock_guard lock(mutex_);
-      if (free() >= static_cast<int64_t>(kPoolTarget) || linkCount_.load() == 0) return;
-      workers_.fetch_add(1);
-    }
-    startWorker();
-  }
-
-  bool fail(MuxServed& s) {
-    MuxLinkServe::setWake(*s.link, -1);
-    HostFd::close(s.wake);
-    return false;
-  }
-
-  bool makeEpollLocked() {
-    return epollFd_ >= 0 || makeWatchedEpoll(&epollFd_, &wakeFd_, EFD_SEMAPHORE);
-  }
-
-  // Arms (`op` EPOLL_CTL_ADD or _MOD) the watches in `bits` one-shot.
-  bool watch(MuxServed& s, int op, uint32_t bits) {
-    bool ok = true;
-    if (bits & kSocketBit) {
-      epoll_event ev{};
-      ev.events = EPOLLIN | EPOLLONESHOT | (s.watchingOut ? uint32_t{EPOLLOUT} : 0u);
-      ev.data.u64 = s.key * 4 + kSocketBit;
-      ok = ::epoll_ctl(epollFd_, op, MuxLinkServe::socketOf(*s.link), &ev) == 0;
-    }
-    if (bits & kWakeBit) {
-      epoll_event ev{};
-      ev.events = EPOLLIN | EPOLLONESHOT;
-      ev.data.u64 = s.key * 4 + kWakeBit;
-      ok = ::epoll_ctl(epollFd_, op, s.wake, &ev) == 0 && ok;
-    }
-    return ok;
-  }
-
-  // Serves the link of an event, unless another thread holds its turn.
-  void take(uint64_t data) {
-    Ref<MuxServed> s;
-    {
-      std::shared_lock lock(mutex_);  // every thread looks links up at once
-      auto it = links_.find(data / 4);
-      if (it == links_.end()) return;  // ended since the event was reported
-      s = it->second;
-    }
-    {
-      std::lock_guard lock(s->turnMutex);
-      if (s->ended) return;
-      s->disarmed |= static_cast<uint32_t>(data % 4);
-      if (s->busy) {
-        s->again = true;
-        return;
-      }
-      s->busy = true;
-    }
-    Multiplex::Core::current() = s->core.get();
-    t_servedPeer = s->link->peerPid();
-    t_servedLink = s->link.get();
-    bool woken = data % 4 == kWakeBit;
-    for (;;) {
-      if (!MuxLinkServe::turn(*s, woken)) {
-        end(s);
-        break;
-      }
-      std::lock_guard lock(s->turnMutex);
-      if (s->again) {
-        s->again = false;
-        woken = (s->disarmed & kWakeBit) != 0;
-        continue;
-      }
-      watch(*s, EPOLL_CTL_MOD, s->disarmed);
-      s->disarmed = 0;
-      s->busy = false;
-      break;
-    }
-    t_servedLink = nullptr;
-    t_servedPeer = 0;
-    Multiplex::Core::current() = nullptr;
-  }
-
-  // Takes a link out of the pool, holding its turn, and ends it.
-  void end(const Ref<MuxServed>& s) {
-    {
-      std::lock_guard lock(mutex_);
+    if (!makeEpollLocked()) return fail(*s);
+    s->key = nextKey_++;
+    links_.emplace(s->key, s);
+    if (!watch(*s, EPOLL_CTL_ADD, kSocketBit | kWakeBit)) {
       links_.erase(s->key);
-      linkCount_.store(links_.size());
-      // The last link went: the threads that wait for ever look again, to count their idle
-      // time and end.
-      if (links_.empty() && idle_.load() > 0) {
-        uint64_t count = idle_.load();
-        ssize_t n = ::write(wakeFd_, &count, sizeof count);
-        (void)n;  // a full counter wakes them just as well
-      }
+      return fail(*s);
     }
-    ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, MuxLinkServe::socketOf(*s->link), nullptr);
-    ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, s->wake, nullptr);
-    {
-      std::lock_guard lock(s->turnMutex);
-      s->ended = true;
-    }
-    MuxLinkServe::end(*s);
-    HostFd::close(s->wake);
-    s->core->forget(s->link);
-    s->core->linkEnded();
+    linkCount_.store(links_.size());
   }
+  if (idle_.load() == 0) spawn();
+  return true;
+}
 
-  void startWorker();
+void Pool::enterWait() {
+  waiting_.fetch_add(1);
+  if (idle_.load() == 0) spawn();
+}
 
-  // Held shared to look a link up (every event), exclusively for everything else.
-  std::shared_mutex mutex_;
-  // Made under mutex_ before the first link is watched, never closed; read without the lock.
-  int epollFd_ = -1;
-  int wakeFd_ = -1;  // eventfd (a semaphore): poked once per idle thread when the last link goes
-  uint64_t nextKey_ = 1;                                      // guarded by mutex_
-  std::unordered_map<uint64_t, Ref<MuxServed>> links_;        // guarded by mutex_
-  std::atomic<size_t> linkCount_{0};  // links_.size(), stored under mutex_
-  // Threads of the pool, counted before they start; changed under mutex_, so that two threads
-  // never both decide to start or to end one.
-  std::atomic<size_t> workers_{0};
-  std::atomic<size_t> idle_{0};     // threads waiting in epoll for an event
-  std::atomic<size_t> waiting_{0};  // threads waiting inside a handler
-};
+void Pool::run() {
+  t_pooled = true;
+  epoll_event event;
+  for (;;) {
+    if (free() > static_cast<int64_t>(kPoolTarget) && leave(kPoolTarget)) return;
+    // Only the last free thread waits for ever, and only while there are links; the others
+    // end after a second without an event.
+    const int timeout = linkCount_.load() == 0 || free() > 1 ? kIdleEndMs : -1;
+    idle_.fetch_add(1);
+    // One event at a time: a thread that waits in a handler holds up no other link's event.
+    int n = ::epoll_wait(epollFd_, &event, 1, timeout);
+    const bool lastFree = idle_.fetch_sub(1) == 1;
+    if (n == 0 && leave(linkCount_.load() == 0 ? 0 : 1)) return;
+    if (n <= 0) continue;
+    // The last free thread took an event: another starts, so that the next event does not
+    // wait behind this turn.
+    if (lastFree) spawn();
+    if (event.data.u64 != kPoolWakeKey) {
+      take(event.data.u64);
+      continue;
+    }
+    // Each woken thread takes one count: a parked request handed back, or "look again".
+    uint64_t one;
+    if (::read(wakeFd_, &one, sizeof one) != sizeof one) continue;
+    Ref<MuxServed> back;
+    {
+      std::lock_guard lock(readyMutex_);
+      if (ready_.empty()) continue;
+      back = std::move(ready_.front());
+      ready_.pop_front();
+    }
+    hold(back, Step::kResume);
+  }
+}
+
+void Pool::resume(const Ref<MuxServed>& s) {
+  {
+    std::lock_guard lock(readyMutex_);
+    ready_.push_back(s);
+  }
+  uint64_t one = 1;
+  ssize_t n = ::write(wakeFd_, &one, sizeof one);
+  (void)n;  // the counter cannot fill with one count per link
+}
+
+int64_t Pool::free() const {
+  return static_cast<int64_t>(workers_.load()) - static_cast<int64_t>(waiting_.load());
+}
+
+bool Pool::leave(size_t keep) {
+  std::lock_guard lock(mutex_);
+  if (free() <= static_cast<int64_t>(keep)) return false;
+  workers_.fetch_sub(1);
+  return true;
+}
+
+void Pool::spawn() {
+  if (free() >= static_cast<int64_t>(kPoolTarget)) return;  // the common case, without the lock
+  {
+    std::lock_guard lock(mutex_);
+    if (free() >= static_cast<int64_t>(kPoolTarget) || linkCount_.load() == 0) return;
+    workers_.fetch_add(1);
+  }
+  startWorker();
+}
+
+bool Pool::fail(MuxServed& s) {
+  MuxLinkServe::setWake(*s.link, -1);
+  HostFd::close(s.wake);
+  return false;
+}
+
+bool Pool::makeEpollLocked() {
+  return epollFd_ >= 0 || makeWatchedEpoll(&epollFd_, &wakeFd_, EFD_SEMAPHORE);
+}
 
 void Pool::startWorker() {
   Ref<Thd> thread = Thd::create(Ref<Exec>(this));
@@ -276,16 +151,19 @@ void Pool::startWorker() {
   workers_.fetch_sub(1);
 }
 
-}  // namespace
+}  // namespace MuxPoolInside
 
-uint64_t ChnLink::servedPeerPid() { return t_servedPeer; }
-ChnLink* ChnLink::served() { return t_servedLink; }
+using Libraries::Service::Multiplex;
+using MuxPoolInside::Pool;
+using MuxPoolInside::t_pooled;
 
 bool MuxPool::prepare() { return Pool::instance().prepare(); }
 
 bool MuxPool::serve(const Ref<Multiplex::Core>& core, const Ref<ChnLink>& link) {
   return Pool::instance().serve(core, link);
 }
+
+void MuxPool::resume(const Ref<MuxServed>& served) { Pool::instance().resume(served); }
 
 namespace Libraries::Service {
 

@@ -8,6 +8,14 @@
 // that ran out its slice counts as a time-out and is tried again while time is left. A request
 // that may wait says so (Multiplex::Waiting), so that other links are served meanwhile.
 //
+// A stream that can hand its waits out (Interfaces::WaitingStream) holds no thread at all
+// while its request waits: the resolver moves what it can at once and, when the stream would
+// wait, parks the request on the stream's word (Multiplex::park) until the word moves, the
+// request's time is up, or the link has an event, and then tries again. Each try first asks
+// whether the client is still there; the last one, when the time is up, is a call of the
+// stream with no time at all, so the stream notes the time-out as it would have at the end of
+// a slice.
+//
 // A read is answered with a reply frame that the resolver builds itself around the room for
 // the bytes, so that the stream reads straight into the frame that goes to the socket: a 64 KiB
 // read costs the stream's one read and the send, and no copy of the data in between.
@@ -21,6 +29,7 @@
 #include "platform/nodes.h"
 #include "posix/nodes.h"
 #include "posix/wire.h"
+#include "stream_resolver_parts.h"
 
 namespace Services::Nodes::Resolvers {
 
@@ -28,7 +37,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// What read() answers when it has sent the reply itself; no result code has this value.
+// What read() and write() answer when the reply has gone out, or will, without the multiplex.
 constexpr uint32_t kAnswered = 0xFFFFFFFFu;
 
 class Slices {
@@ -81,43 +90,6 @@ bool take(const Ref<InMsg>& in, T* value) {
   return true;
 }
 
-// A read's reply frame: the frame header, then room for up to `size` bytes that the stream
-// fills in place. Laid out as OutMsg::encode lays out a reply without blocks. The memory is the
-// serving thread's own, made once: a link's thread serves one read at a time, and a frame
-// that cannot go out at once is copied by the link.
-class ReadReply {
- public:
-  explicit ReadReply(uint64_t size) : frame_(threadFrame()), size_(size) {}
-
-  Interfaces::MemDesc room() { return Interfaces::MemDesc::direct(bytes(), size_); }
-  uint8_t* bytes() { return frame_ + PX_FRAME_HEADER_SIZE; }
-
-  // The finished frame: status 1, the request's id and the `n` bytes read; its size in *size.
-  const uint8_t* finish(uint64_t id, uint64_t n, size_t* size) {
-    uint8_t* h = frame_;
-    putU32(h, PX_FRAME_REPLY);
-    putU32(h + 4, PX_RESULT_DONE);
-    for (int i = 0; i < 8; ++i) h[8 + i] = static_cast<uint8_t>(id >> (8 * i));
-    putU32(h + 16, static_cast<uint32_t>(n));
-    putU32(h + 20, 0);
-    *size = PX_FRAME_HEADER_SIZE + n;
-    return frame_;
-  }
-
- private:
-  static uint8_t* threadFrame() {
-    // Not zero-filled: only bytes the stream wrote are sent.
-    thread_local std::unique_ptr<uint8_t[]> frame(
-        new uint8_t[PX_FRAME_HEADER_SIZE + PX_STREAM_MAX_READ]);
-    return frame.get();
-  }
-  static void putU32(uint8_t* p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-  }
-  uint8_t* const frame_;
-  const uint64_t size_;
-};
-
 }  // namespace
 
 Ref<Stream> Stream::create(Ref<Interfaces::Stream> stream, Ref<Object> resolver, uint64_t value) {
@@ -141,6 +113,7 @@ bool Stream::handle(const Ref<InMsg>& in, const Ref<OutMsg>& out, uint32_t* ret,
       break;
     case PX_STREAM_WRITE:
       *ret = write(in, out);
+      if (*ret == kAnswered) return false;
       break;
     default:
       *ret = PX_RESULT_FAILED;
@@ -154,6 +127,11 @@ uint32_t Stream::read(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
   uint32_t timeoutMs = 0;
   if (!take(in, &maxBytes) || !take(in, &timeoutMs)) return PX_RESULT_SHORT_REQUEST;
   const uint64_t size = maxBytes < PX_STREAM_MAX_READ ? maxBytes : PX_STREAM_MAX_READ;
+  // A request that may wait, of a link served by the pool: it waits without a thread.
+  if (waiting_ && timeoutMs != 0 && in->link() && Libraries::Service::Multiplex::canPark()) {
+    serveParked(stream_, waiting_, in, timeoutMs, size, {}, nullptr);
+    return kAnswered;
+  }
   ReadReply reply(size);
   Slices slices(timeoutMs, in->link());
   // Even a call that may not wait for bytes waits for a client's copy in the shared page.
@@ -181,6 +159,9 @@ uint32_t Stream::write(const Ref<InMsg>& in, const Ref<OutMsg>& out) {
   if (!take(in, &timeoutMs)) return PX_RESULT_SHORT_REQUEST;
   std::vector<uint8_t> bytes(in->remaining());
   if (!bytes.empty()) in->read(bytes.data(), bytes.size());
+  if (waiting_ && timeoutMs != 0 && in->link() && Libraries::Service::Multiplex::canPark()) {
+    return serveParked(stream_, waiting_, in, timeoutMs, 0, &bytes, out) ? PX_RESULT_DONE : kAnswered;
+  }
   const uint64_t size = bytes.size();
   Slices slices(timeoutMs, in->link());
   Libraries::Service::Multiplex::Waiting waiting;

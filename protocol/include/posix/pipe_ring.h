@@ -66,6 +66,9 @@ class PipeRing {
   // Writes up to `n` bytes, waiting for room up to `timeoutMs` (one deadline for the call). At
   // most ringSize bytes go in whole or not at all; more go in piece by piece as room appears.
   Result write(const void* bytes, uint64_t n, int timeoutMs);
+  // The same without any wait, for room or for the write lock: what fits now goes in (whole, for
+  // at most ringSize bytes); kTimedOut when more is left.
+  Result writeNow(const void* bytes, uint64_t n);
   // Waits up to `timeoutMs` for a byte or end-of-file, then takes what is buffered, up to `n`.
   Result read(void* bytes, uint64_t n, int timeoutMs);
   // Takes what is buffered, up to `n`, without waiting for bytes; waits up to `lockTimeoutMs`
@@ -74,6 +77,24 @@ class PipeRing {
   // Waits until `count` bytes (at most ringSize) are buffered or end-of-file is set: true; false
   // once the pipe is broken or the time-out passed.
   bool waitData(uint64_t count, int timeoutMs);
+
+  // A wait that the caller does not sleep in itself but hands to whoever watches futex words for
+  // it: the word, the value it held, and the waiter count the caller is counted in until
+  // disarm(), so that whoever changes the word also wakes the watcher.
+  struct Armed {
+    uint32_t* word = nullptr;
+    uint32_t seen = 0;
+    uint32_t* waiters = nullptr;
+    uint32_t lockHolder = 0;  // a wait for a lock: the value the lock word held; else 0
+  };
+  // Arms the wait of a reader (`writing` false) that found nothing, or of a writer that needs
+  // `need` bytes of room: on lock_seq while that side's lock is held by another, else on
+  // data_seq or room_seq, marking this side asleep (so the other side does not spin for it).
+  // False, and nothing counted, when there is nothing to wait for any more (the lock came
+  // free, bytes or room came, a flag is set, or the page is corrupt): the caller looks again.
+  bool arm(bool writing, uint64_t need, Armed* armed);
+  // Counts an armed waiter out again.
+  void disarm(const Armed& armed);
 
   uint32_t flags() const;
   // Bytes buffered now (the ring size when the page is corrupt).
@@ -138,6 +159,10 @@ class PipeRing {
   // Claims a free sleeper slot for `sleeper`; null when all are taken.
   uint32_t* listSleeper(uint32_t sleeper);
   void bump(uint32_t* word, uint32_t* waiters);
+  // write() and writeNow(): waits for room until `deadline` and for the lock until
+  // `lockDeadline`, looking again before it sleeps while `spin`.
+  Result put(const void* bytes, uint64_t n, const Deadline& deadline, const Deadline& lockDeadline,
+             bool spin);
   // Waits until `count` bytes (at most ringSize) are buffered or end-of-file is set (kDone);
   // kBroken, kCorrupt, or how the wait ended. Looks again a few times before sleeping with
   // `spin`.
