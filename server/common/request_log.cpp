@@ -66,9 +66,8 @@ std::string leadingString(const Ref<InMsg>& request) {
 // Hands the event of `request` to every monitor; the caller has seen that one is attached.
 void offer(uint32_t service, const Ref<InMsg>& request, uint32_t result, Clock::time_point began,
            uint64_t took) {
-  Event whole;
+  Event whole{};
   px_diag_event& event = whole.record;
-  event = {};
   auto arrived = std::chrono::system_clock::now() - (Clock::now() - began);
   event.time_us = static_cast<uint64_t>(
       std::chrono::duration_cast<std::chrono::microseconds>(arrived.time_since_epoch()).count());
