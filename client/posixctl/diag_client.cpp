@@ -209,6 +209,10 @@ int DiagLink::next(EventBatch* out, int timeoutMs) {
   out->lost = r.get<uint64_t>();
   out->events.resize(result == PX_RESULT_DONE ? r.get<uint32_t>() : 0);
   for (px_diag_event& e : out->events) e = r.get<px_diag_event>();
+  // The strings follow the events; a server that sends none leaves each one empty.
+  out->texts.assign(out->events.size(), std::string());
+  if (r.remaining() > 0)
+    for (std::string& text : out->texts) text = r.string();
   return result == PX_RESULT_DONE && r.ok() ? 0 : EPROTO;
 }
 

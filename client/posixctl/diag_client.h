@@ -40,6 +40,9 @@ struct FiguresView {
 struct EventBatch {
   uint64_t lost = 0;
   std::vector<px_diag_event> events;
+  // Per event, in the same order: its request's leading string (a path), as the server sends
+  // it whole (up to PX_DIAG_EVENT_TEXT bytes); empty for a command without one.
+  std::vector<std::string> texts;
 };
 
 class DiagLink {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "diag_client.h"
+#include "diag_text.h"
 #include "posix_client.h"
 #include "posixctl.h"
 
@@ -17,19 +18,8 @@ namespace {
 
 std::string quoted(const std::string& s) {
   std::string out = "\"";
-  for (unsigned char c : s) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20) {
-      char esc[8];
-      snprintf(esc, sizeof esc, "\\u%04x", c);
-      out += esc;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
+  out.append(jsonText(s));
+  return out.append("\"");
 }
 
 std::string pidList(const std::vector<uint64_t>& pids, bool json) {

@@ -17,6 +17,7 @@
 #include <posix/wire_tables.h>
 
 #include "diag_client.h"
+#include "diag_text.h"
 #include "posixctl.h"
 
 namespace posixctl {
@@ -49,18 +50,22 @@ std::string streamArguments(const px_diag_event& e) {
   return "";
 }
 
-// One value of a request's head as text: a number, or a string's first bytes (a longer one
-// marked cut, with its whole length). 0 when the head does not hold it whole (or it is a
-// record, which never fits), else the bytes it takes.
-size_t showValue(std::string_view type, const uint8_t* at, size_t held, std::string* text) {
+// One value of a request's head as text: a number, or a string, whole when the event brought
+// it (`whole`), else the head's first bytes; one cut short is marked with its whole length.
+// 0 when the head does not hold the value whole (or it is a record, which never fits), else
+// the bytes it takes in the head.
+size_t showValue(std::string_view type, const uint8_t* at, size_t held, std::string_view whole,
+                 std::string* text) {
   if (type == "string") {
     uint32_t length = 0;
     if (held < sizeof length) return 0;
     std::memcpy(&length, at, sizeof length);
-    size_t bytes = std::min<size_t>(length, held - sizeof length);
-    text->append(reinterpret_cast<const char*>(at + sizeof length), bytes);
-    if (length > bytes) *text += "... (" + std::to_string(length) + " bytes)";
-    return sizeof length + bytes;
+    size_t inHead = std::min<size_t>(length, held - sizeof length);
+    std::string_view shown = whole;
+    if (shown.size() < inHead) shown = {reinterpret_cast<const char*>(at + sizeof length), inHead};
+    text->append(shown);
+    if (length > shown.size()) text->append("... (").append(std::to_string(length)).append(" bytes)");
+    return sizeof length + inHead;
   }
   size_t size = type == "u8" ? 1 : type == "u32" || type == "i32" ? 4 : type == "u64" ? 8 : 0;
   if (size == 0 || held < size) return 0;
@@ -73,8 +78,9 @@ size_t showValue(std::string_view type, const uint8_t* at, size_t held, std::str
 }
 
 // The request's first values as a person reads them: "name value" for each value of the
-// command's table line that the event's head holds, up to the first string.
-std::string arguments(const px_diag_event& e) {
+// command's table line that the event's head holds, up to the first string, which is shown
+// from `whole` (the request's leading string the event brought) when the head cuts it.
+std::string arguments(const px_diag_event& e, std::string_view whole) {
   if (e.service == PX_DIAG_STREAM_SERVICE) return streamArguments(e);
   const px::Command* command = commandEntry(e.service, e.code);
   if (command == nullptr) return "";
@@ -85,7 +91,7 @@ std::string arguments(const px_diag_event& e) {
   px::LayoutWalk walk(command->request);
   for (size_t at = 0; walk.next(&type, &name, &optional);) {
     std::string value;
-    size_t used = showValue(type, e.head + at, held - at, &value);
+    size_t used = showValue(type, e.head + at, held - at, at == 0 ? whole : std::string_view(), &value);
     if (used == 0) break;
     if (!text.empty()) text += ' ';
     text.append(name).append(" ").append(value);
@@ -120,25 +126,6 @@ std::string resultName(px_diag_event e) {
     if (const px::Result* result = px::find(table, e.result)) return result->name;
   }
   return std::to_string(e.result);
-}
-
-// `text` as the inside of a JSON string: a path's bytes may hold quotes, backslashes or
-// control characters.
-std::string jsonText(const std::string& text) {
-  std::string out;
-  for (unsigned char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20 || c == 0x7f) {
-      char escaped[8];
-      snprintf(escaped, sizeof escaped, "\\u%04x", c);
-      out += escaped;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out;
 }
 
 // The first bytes of the request's data in hex (as many as the event holds).
@@ -297,15 +284,17 @@ int cmdMonitor(const std::vector<std::string>& given) {
       if (json) printf("{\"lost\":%" PRIu64 "}\n", batch.lost);
       else printf("... %" PRIu64 " requests not shown: this monitor fell behind\n", batch.lost);
     }
-    for (const px_diag_event& e : batch.events) {
+    for (size_t k = 0; k < batch.events.size(); ++k) {
+      const px_diag_event& e = batch.events[k];
       std::string name = commandName(e.service, e.code);
       if (!command.empty() && name != command) continue;
+      const std::string args = arguments(e, batch.texts[k]);
       std::string result = resultName(e);
       std::string hex = data ? dataHex(e) : "";
       if (json) {
         printf("{\"time_us\":%" PRIu64 ",\"pid\":%" PRIu64 ",\"service\":\"%s\",\"command\":\"%s\","
                "\"arguments\":\"%s\",\"size\":%u,%s%s%s\"result\":\"%s\",\"took_us\":%" PRIu64 "}\n",
-               e.time_us, e.pid, serviceName(e.service), name.c_str(), jsonText(arguments(e)).c_str(), e.size,
+               e.time_us, e.pid, serviceName(e.service), name.c_str(), jsonText(args).c_str(), e.size,
                data ? "\"data\":\"" : "", hex.c_str(), data ? "\"," : "", result.c_str(), e.took_us);
       } else {
         time_t seconds = static_cast<time_t>(e.time_us / 1000000);
@@ -314,7 +303,7 @@ int cmdMonitor(const std::vector<std::string>& given) {
         printf("%02d:%02d:%02d.%06u pid %-7" PRIu64 " %-16s %-14s %-28s %6u bytes%s%s -> %-10s %6" PRIu64
                " us\n",
                tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<unsigned>(e.time_us % 1000000), e.pid,
-               serviceName(e.service), name.c_str(), arguments(e).c_str(), e.size, data ? " " : "",
+               serviceName(e.service), name.c_str(), lineText(args).c_str(), e.size, data ? " " : "",
                hex.c_str(), result.c_str(), e.took_us);
       }
       if (count >= 0 && ++shown >= count) break;

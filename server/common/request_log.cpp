@@ -1,8 +1,12 @@
 #include "common/request_log.h"
 
+#include <posix/wire_tables.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <span>
+#include <string_view>
 
 #include "platform/chn.h"
 
@@ -30,10 +34,40 @@ uint32_t bucketOf(uint64_t micros) {
   return bucket;
 }
 
+// Whether the requests of `code` on `service` begin with a string (a path): monitors see it
+// whole. The command tables say so, so a new command with a path is seen without more code.
+bool leadsWithString(uint32_t service, uint32_t code) {
+  std::span<const px::Command> table;
+  switch (service) {
+    case PX_DIAG_PROCESS_SERVICE: table = px::kProcessCommands; break;
+    case PX_DIAG_FD_SERVICE: table = px::kFdCommands; break;
+    case PX_DIAG_SEEKABLE_SERVICE:
+    case PX_DIAG_RESIZABLE_SERVICE:
+    case PX_DIAG_ITEM_SERVICE: table = px::kItemCommands; break;
+    default: return false;
+  }
+  const px::Command* command = px::find(table, code);
+  return command != nullptr && std::string_view(command->request).starts_with("string ");
+}
+
+// The request's leading string, up to PX_DIAG_EVENT_TEXT bytes and what the data holds.
+std::string leadingString(const Ref<InMsg>& request) {
+  uint32_t length = 0;
+  if (request->dataSize() < sizeof length) return {};
+  request->peek(&length, sizeof length);
+  const uint64_t bytes =
+      std::min<uint64_t>({length, request->dataSize() - sizeof length, PX_DIAG_EVENT_TEXT});
+  std::string text(sizeof length + bytes, '\0');
+  request->peek(text.data(), text.size());
+  text.erase(0, sizeof length);
+  return text;
+}
+
 // Hands the event of `request` to every monitor; the caller has seen that one is attached.
 void offer(uint32_t service, const Ref<InMsg>& request, uint32_t result, Clock::time_point began,
            uint64_t took) {
-  px_diag_event event = {};
+  Event whole{};
+  px_diag_event& event = whole.record;
   auto arrived = std::chrono::system_clock::now() - (Clock::now() - began);
   event.time_us = static_cast<uint64_t>(
       std::chrono::duration_cast<std::chrono::microseconds>(arrived.time_since_epoch()).count());
@@ -44,8 +78,9 @@ void offer(uint32_t service, const Ref<InMsg>& request, uint32_t result, Clock::
   event.size = static_cast<uint32_t>(request->dataSize());
   event.took_us = took;
   request->peek(event.head, sizeof event.head);
+  if (leadsWithString(service, event.code)) whole.text = leadingString(request);
   std::lock_guard lock(g_monitorsMutex);
-  for (const Ref<Monitor>& monitor : *g_monitors) monitor->offer(event);
+  for (const Ref<Monitor>& monitor : *g_monitors) monitor->offer(whole);
 }
 
 uint64_t microsSince(Clock::time_point began) {
@@ -92,21 +127,27 @@ std::vector<px_diag_command> commands() {
   return out;
 }
 
-void Monitor::offer(const px_diag_event& event) {
-  if (pid_ != 0 && event.pid != pid_) return;
+void Monitor::offer(const Event& event) {
+  if (pid_ != 0 && event.record.pid != pid_) return;
   std::lock_guard lock(mutex_);
-  if (ring_.size() >= kRing) {
+  if (ring_.size() >= kRing || event.text.size() > kTextBytes - textBytes_) {
     ++lost_;
     return;
   }
   ring_.push_back(event);
+  textBytes_ += event.text.size();
 }
 
-std::vector<px_diag_event> Monitor::take(size_t max, uint64_t* lost) {
+std::vector<Event> Monitor::take(size_t maxEvents, size_t maxBytes, uint64_t* lost) {
   std::lock_guard lock(mutex_);
-  size_t n = std::min(max, ring_.size());
-  std::vector<px_diag_event> out(ring_.begin(), ring_.begin() + static_cast<std::ptrdiff_t>(n));
-  ring_.erase(ring_.begin(), ring_.begin() + static_cast<std::ptrdiff_t>(n));
+  std::vector<Event> out;
+  for (size_t bytes = 0; !ring_.empty() && out.size() < maxEvents;) {
+    bytes += ring_.front().wireSize();
+    if (bytes > maxBytes) break;
+    textBytes_ -= ring_.front().text.size();
+    out.push_back(std::move(ring_.front()));
+    ring_.pop_front();
+  }
   *lost = lost_;
   lost_ = 0;
   return out;

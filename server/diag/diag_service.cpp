@@ -76,18 +76,26 @@ uint32_t DiagService::handle(const Ref<InMsg>& request, const Ref<OutMsg>& reply
 }
 
 void DiagService::flushMonitors() {
+  // A reply holds the lost count, the event count, the records, then each event's string.
+  constexpr size_t kReplyBytes =
+      PX_WIRE_MAX_FRAME - PX_FRAME_HEADER_SIZE - sizeof(uint64_t) - sizeof(uint32_t);
   for (const Ref<RequestLog::Monitor>& monitor : RequestLog::monitors()) {
     const Ref<ChnLink>& link = monitor->request()->link();
     if (!link || link->queuedFrames() >= kQueuedBatches) continue;  // it loses, the server waits not
     uint64_t lost = 0;
-    std::vector<px_diag_event> events = monitor->take(kBatch, &lost);
+    std::vector<RequestLog::Event> events = monitor->take(kBatch, kReplyBytes, &lost);
     if (events.empty() && lost == 0) continue;
     Ref<OutMsg> reply = OutMsg::create();
     reply->setCode(PX_RESULT_DONE);
     uint32_t count = static_cast<uint32_t>(events.size());
     reply->write(&lost, sizeof lost);
     reply->write(&count, sizeof count);
-    if (count) reply->write(events.data(), count * sizeof(px_diag_event));
+    for (const RequestLog::Event& event : events) reply->write(&event.record, sizeof event.record);
+    for (const RequestLog::Event& event : events) {
+      uint32_t length = static_cast<uint32_t>(event.text.size());
+      reply->write(&length, sizeof length);
+      if (length) reply->write(event.text.data(), length);
+    }
     monitor->request()->reply(reply);
   }
 }

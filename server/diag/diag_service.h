@@ -9,7 +9,8 @@
 //
 // Monitors: a monitor request is kept and answered with a batch of events every
 // kFlushMs, while its link's reply queue is short; a reader that falls behind loses events
-// (its ring is bounded), and the count lost travels with the next batch.
+// (its ring is bounded in events and in bytes), and the count lost travels with the next
+// batch.
 #pragma once
 
 #include "diag/diag_queue.h"
@@ -29,7 +30,7 @@ class DiagService : public Object, public ConMan, public Exec {
 
  private:
   static constexpr uint32_t kFlushMs = 50;
-  // Events one reply carries at most (a frame's worth).
+  // Events one reply carries at most; fewer when their strings fill the frame.
   static constexpr size_t kBatch = 1000;
   // Replies a monitor's link may have queued before further batches wait.
   static constexpr size_t kQueuedBatches = 4;

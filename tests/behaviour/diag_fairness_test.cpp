@@ -1,6 +1,7 @@
 // Nobody can take the introspection service over: long lists come whole, page by page; a
 // process that floods it with walks over large tables leaves other clients their answers; and
-// one process cannot take every monitor.
+// one process cannot take every monitor, nor make the server hold its paths without bound.
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -119,6 +120,52 @@ TEST_F(DiagFairnessTest, OneProcessTakesAtMostTwoMonitorsAndOneLinkOne) {
   // A monitor's place comes free when its link closes.
   mine[0].reset();
   EXPECT_TRUE(eventually([&] { return kept(*mine[2], 2); }));
+}
+
+// A monitor that stops reading while its process opens 3000 paths of 4000 bytes: the server
+// holds a bounded part of the 12 MB of paths (without a bound it holds them all), and the
+// monitor, once it reads again, gets the paths whole and a count of the events it lost.
+TEST_F(DiagFairnessTest, AMonitorThatStopsReadingHoldsBoundedBytesOfPaths) {
+  RawLink monitor(diag()), ask(diag());
+  std::vector<uint8_t> mine;
+  putU64(mine, static_cast<uint64_t>(getpid()));
+  ASSERT_TRUE(monitor.send(requestFrame(PX_DIAG_CMD_MONITOR, 1, mine)));
+  RawReply reply;
+  ASSERT_TRUE(eventually([&] { return px_getpgid(0) >= 0 && monitor.receive(&reply, 50) == 1; }));
+  auto heap = [&] {
+    RawReply figures;
+    px_diag_figures f = {};
+    if (ask.roundTrip(PX_DIAG_CMD_FIGURES, 1, {}, &figures) && figures.data.size() >= sizeof f)
+      std::memcpy(&f, figures.data.data(), sizeof f);
+    return f.heap_bytes;
+  };
+  const uint64_t before = heap();
+  const std::string longPath = path(std::string(4000, 'x'));
+  for (int k = 0; k < 3000; ++k) EXPECT_LT(px_open(longPath.c_str(), O_RDONLY, 0), 0);
+  const uint64_t after = heap();
+  EXPECT_LT(after, before + 3 * 1024 * 1024) << before << " bytes, then " << after;
+
+  uint64_t lost = 0, whole = 0;
+  while (monitor.receive(&reply, 500) == 1) {
+    ASSERT_EQ(reply.code, PX_RESULT_DONE);
+    uint64_t lostNow = 0;
+    uint32_t count = 0, length = 0;
+    ASSERT_GE(reply.data.size(), 12u);
+    std::memcpy(&lostNow, reply.data.data(), sizeof lostNow);
+    std::memcpy(&count, reply.data.data() + 8, sizeof count);
+    lost += lostNow;
+    size_t at = 12 + count * sizeof(px_diag_event);
+    for (uint32_t k = 0; k < count && at + sizeof length <= reply.data.size(); ++k) {
+      std::memcpy(&length, reply.data.data() + at, sizeof length);
+      at += sizeof length;
+      whole += std::string(reinterpret_cast<const char*>(reply.data.data() + at), length) == longPath;
+      at += length;
+    }
+    EXPECT_EQ(at, reply.data.size()) << "a string for each event, and nothing after";
+  }
+  EXPECT_GT(lost, 0u);
+  EXPECT_GT(whole, 50u);
+  EXPECT_EQ(lost + whole, 3000u);
 }
 
 }  // namespace

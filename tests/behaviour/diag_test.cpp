@@ -65,11 +65,14 @@ TEST_F(DiagTest, PsFdsPipesAndMonitorTellWhatTheServerKeeps) {
   EXPECT_NE(said({"fds", "999999999"}).find("no process 999999999"), std::string::npos);
 
   // The monitor shows this process's requests as they are served, a description's too.
-  auto monitorOne = [&](const char* command, const std::function<bool()>& act, const char* count = "1") {
+  auto monitorOne = [&](const char* command, const std::function<bool()>& act, const char* count = "1",
+                        bool json = true) {
     std::string out;
     std::atomic<bool> done{false};
     std::thread monitor([&] {
-      out = said({"monitor", "--json", "--pid", me, "--command", command, "--count", count});
+      std::vector<std::string> args = {"monitor", "--pid", me, "--command", command, "--count", count};
+      if (json) args.push_back("--json");
+      out = said(args);
       done = true;
     });
     EXPECT_TRUE(eventually([&] { return act() && done; }, 10000));
@@ -89,6 +92,22 @@ TEST_F(DiagTest, PsFdsPipesAndMonitorTellWhatTheServerKeeps) {
   }, "2");
   EXPECT_NE(monitored.find("\"result\":\"kept\""), std::string::npos) << monitored;
   EXPECT_NE(monitored.find("\"result\":\"kept:done\""), std::string::npos) << monitored;
+  // Paths show whole, the event's first bytes or a thousand: as they are in text, escaped in
+  // JSON (the quotes, and a byte that is not UTF-8; UTF-8 as it is).
+  const std::string shortPath = path("three");
+  const std::string longPath = path("say \"h\xc3\xa9\"\xff/") + std::string(1000, 'x');
+  auto openBoth = [&] {
+    for (const std::string& p : {longPath, shortPath})
+      if (int fd = px_open(p.c_str(), O_RDONLY, 0); fd >= 0) px_close(fd);
+    return true;
+  };
+  monitored = monitorOne("openItem", openBoth, "2");
+  const std::string escaped = path("say \\\"h\xc3\xa9\\\"\\u00ff/") + std::string(1000, 'x');
+  for (const std::string& p : {escaped, shortPath})
+    EXPECT_NE(monitored.find("\"arguments\":\"path " + p + "\""), std::string::npos) << p << "\n" << monitored;
+  monitored = monitorOne("openItem", openBoth, "2", false);
+  for (const std::string& p : {longPath, shortPath})
+    EXPECT_NE(monitored.find(" path " + p + " "), std::string::npos) << p << "\n" << monitored;
   // A pipe's bytes pass through its shared page; the first write of a new pipe asks for it.
   monitored = monitorOne("sharedPage", [] {
     int fresh[2];

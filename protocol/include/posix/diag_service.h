@@ -36,9 +36,12 @@ extern "C" {
  * walks part of the tables, so a pipe may come in several pages, each with the pids it found.
  * figures: per command served so far, its figures.
  * monitor: pid 0 is every process. Answered again and again, for as long as the link stays:
- * each reply (result 1) holds the events lost since the last reply and the new events. A
- * monitor that does not read loses events, never slows the server. At most 8 monitors, 2 per
- * process and 1 per link; one more is answered at once with result 11. */
+ * each reply (result 1) holds the events lost since the last reply, the new events, then one
+ * string per event, in the same order: the request's leading string (the path of openItem,
+ * spawn, spawnShared) whole up to PX_DIAG_EVENT_TEXT bytes, empty for a command without one.
+ * A reader that stops after the events reads the events as they always were. A monitor that
+ * does not read loses events, never slows the server. At most 8 monitors, 2 per process and
+ * 1 per link; one more is answered at once with result 11. */
 #define PX_DIAG_COMMANDS(X)                                                                        \
   X(1, PX_DIAG_CMD_PROCESSES, "processes", "[u64 first]",                                          \
     "u32 count, count x process string, u64 next")                                                 \
@@ -47,7 +50,8 @@ extern "C" {
   X(3, PX_DIAG_CMD_PIPES, "pipes", "[u64 first]",                                                  \
     "u32 count, count x pipe pids pids pids pids, u64 next")                                       \
   X(4, PX_DIAG_CMD_FIGURES, "figures", "", "figures, u32 count, count x command")                  \
-  X(5, PX_DIAG_CMD_MONITOR, "monitor", "u64 pid", "u64 lost, u32 count, count x event")
+  X(5, PX_DIAG_CMD_MONITOR, "monitor", "u64 pid",                                                  \
+    "u64 lost, u32 count, count x event, count x string")
 
 enum px_diag_command_code {
 #define PX_COMMAND_CODE(code, constant, name, request, reply) constant = code,
@@ -134,6 +138,9 @@ typedef struct px_diag_event {
 #pragma pack(pop)
 
 #define PX_DIAG_KEPT 0xFFFFFFFFu
+/* Bytes of a request's string that a monitor's reply carries at most: a longer string (no
+ * host path is) comes cut, and its whole length stays in the event's head. */
+#define PX_DIAG_EVENT_TEXT 4096u
 /* In an event's result: the late answer of a request that an earlier event showed kept (a
  * spawn answered once the program runs, a wait once a child ends, a signal wait once a signal
  * comes). The low bits hold the answer's result; time_us is still the request's arrival and
