@@ -91,7 +91,7 @@ class Connection {
   Connection& operator=(const Connection&) = delete;
 
   // Sends a frame; 0 or an errno value (ECONNRESET when the server has gone).
-  int send(const std::vector<uint8_t>& frame);
+  int send(const std::vector<uint8_t>& frame, const int* fds = nullptr, size_t fdCount = 0);
   // Receives the next reply; 0, EAGAIN after `timeoutMs` milliseconds (or ETIMEDOUT for
   // kReplyLimit), ECONNRESET when the server has gone, EPROTO for a frame that is not a reply.
   int receive(Reply* out, int timeoutMs);
@@ -115,7 +115,9 @@ void release(Connection* conn, bool reusable);
 // when a pooled one turns out to lead to a server that has gone before the request was sent.
 // A request the server answers at once fails with ETIMEDOUT when no reply comes within
 // kReplyTimeoutMs; one that may legitimately wait (`mayWait`: a blocking wait) waits for ever.
-int transact(FrameWriter& req, Reply* out, bool mayWait = false);
+// `fdCount` descriptors at `fds` go with the request (the server gets copies).
+int transact(FrameWriter& req, Reply* out, bool mayWait = false, const int* fds = nullptr,
+             size_t fdCount = 0);
 // Drops every pooled connection when the process is a fork of the one that made them.
 void checkFork();
 void resetPool();
