@@ -133,6 +133,9 @@ class Proc {
   [[noreturn]] static void exit(int32_t code);
   // The calling process's name.
   static Ref<String> name();
+  // Tells the program start that this process has changed a signal's action: the platform's
+  // code calls it after every change (a start sets back only actions it knows of).
+  static void signalActionsChanged();
   // Whether every thread of process `pid` is stopped now (by a stop signal or a tracer); false
   // when any runs or may run, or the process has gone.
   static bool stopped(uint64_t pid);
