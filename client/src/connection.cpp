@@ -63,8 +63,8 @@ Connection* Connection::open(int* err) {
   return nullptr;
 }
 
-int Connection::send(const std::vector<uint8_t>& frame) {
-  return socket_.send(frame.data(), frame.size());
+int Connection::send(const std::vector<uint8_t>& frame, const int* fds, size_t fdCount) {
+  return socket_.send(frame.data(), frame.size(), fds, fdCount);
 }
 
 int Connection::receive(Reply* out, int timeoutMs) {

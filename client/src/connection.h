@@ -1,6 +1,7 @@
 // A link to "posix.service", and the slice a blocked call waits in.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -32,7 +33,7 @@ class Connection {
   Connection& operator=(const Connection&) = delete;
 
   // Sends a frame; 0 or an errno value (ECONNRESET when the server has gone).
-  int send(const std::vector<uint8_t>& frame);
+  int send(const std::vector<uint8_t>& frame, const int* fds = nullptr, size_t fdCount = 0);
   // Receives the next reply; 0, EAGAIN after `timeoutMs` milliseconds (or ETIMEDOUT for
   // kReplyLimit), ECONNRESET when the server has gone, EPROTO for a frame that is not a reply.
   int receive(Reply* out, int timeoutMs);

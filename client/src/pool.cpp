@@ -77,7 +77,7 @@ void release(Connection* conn, bool reusable) {
   delete conn;
 }
 
-int transact(FrameWriter& req, Reply* out, bool mayWait) {
+int transact(FrameWriter& req, Reply* out, bool mayWait, const int* fds, size_t fdCount) {
   if (!req.ok()) return E2BIG;
   settleFds();  // no request overtakes a close this process made
   for (;;) {
@@ -86,7 +86,7 @@ int transact(FrameWriter& req, Reply* out, bool mayWait) {
     Connection* conn = acquire(&err, &reused);
     if (conn == nullptr) return err;
     uint64_t id = nextRequestId();
-    err = conn->send(req.finish(id));
+    err = conn->send(req.finish(id), fds, fdCount);
     if (err != 0) {
       release(conn, false);
       // A pooled link whose server went away between calls: the request never left, so try

@@ -1,8 +1,9 @@
 // Starting programs through the server. By default a child gets the caller's working directory
-// and standard files: the library names them to the server, which opens them again by path.
+// and standard files: the library hands its own descriptors over with the request, and the
+// child shares their open file descriptions with the caller, as after a fork.
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -21,43 +22,67 @@ namespace {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-// The pairs for each of the working directory and the standard files that envp does not name
-// itself: the caller's own, named through /proc so that a pipe, terminal or device is the same
-// file. A closed descriptor is named empty (the child starts with it closed); a socket cannot
-// be opened by path and is left out (the server's default stands).
-Pairs callerDefaults(char* const envp[]) {
+// What the caller gives of its own for each of the standard files and the working directory
+// that envp does not name itself: the descriptor, sent with the request (its bit in
+// `options`), or for a closed standard descriptor an empty name (the child starts with it
+// closed). The directory is an O_PATH descriptor of ".", closed when this goes; should it not
+// open, the directory is named by its path.
+struct CallerFiles {
+  uint32_t options = 0;
+  int fds[4] = {-1, -1, -1, -1};
+  size_t count = 0;
+  int dir = -1;
+  Pairs pairs;
+
+  explicit CallerFiles(char* const envp[]);
+  ~CallerFiles() {
+    if (dir >= 0) ::close(dir);
+  }
+  CallerFiles(const CallerFiles&) = delete;
+  CallerFiles& operator=(const CallerFiles&) = delete;
+};
+
+CallerFiles::CallerFiles(char* const envp[]) {
   static const char* const kNames[] = {PX_ENV_STDIN, PX_ENV_STDOUT, PX_ENV_STDERR, PX_ENV_CWD};
   bool named[4] = {false, false, false, false};
   for (char* const* e = envp; *e != nullptr; ++e) {
+    // Every one of the names starts "POSIX_": most entries are passed over on their first byte.
+    if ((*e)[0] != 'P' || std::strncmp(*e, "POSIX_", 6) != 0) continue;
     for (int k = 0; k < 4; ++k) {
       size_t n = std::strlen(kNames[k]);
       if (std::strncmp(*e, kNames[k], n) == 0 && (*e)[n] == '=') named[k] = true;
     }
   }
-  Pairs pairs;
-  std::string self = "/proc/" + std::to_string(getpid());
+  // Bit k of the options stands for slot k, in the order the descriptors are sent.
   for (int fd = 0; fd < 3; ++fd) {
-    struct stat st;
     if (named[fd]) continue;
-    if (fstat(fd, &st) != 0) {
+    if (::fcntl(fd, F_GETFD) < 0) {
       pairs.emplace_back(kNames[fd], "");
-    } else if (!S_ISSOCK(st.st_mode)) {
-      pairs.emplace_back(kNames[fd], self + "/fd/" + std::to_string(fd));
+    } else {
+      options |= 1u << fd;
+      fds[count++] = fd;
     }
   }
-  if (!named[3]) {
-    // A directory that was removed has no path; /proc still leads to it.
-    char cwd[PATH_MAX];
-    pairs.emplace_back(kNames[3], getcwd(cwd, sizeof cwd) != nullptr ? cwd : self + "/cwd");
+  if (named[3]) return;
+  dir = ::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (dir >= 0) {
+    options |= PX_SPAWN_OPTION_CWD_FD;
+    fds[count++] = dir;
+    return;
   }
-  return pairs;
+  // A directory that was removed has no path; /proc still leads to it.
+  char cwd[PATH_MAX];
+  pairs.emplace_back(kNames[3], getcwd(cwd, sizeof cwd) != nullptr
+                                    ? std::string(cwd)
+                                    : "/proc/" + std::to_string(getpid()) + "/cwd");
 }
 
 int64_t spawn(const char* path, char* const argv[], char* const envp[], int flags,
               const px_shm_id* shm) {
   if (path == nullptr || path[0] == '\0') return fail(ENOENT);
   if (envp == nullptr) envp = environ;
-  Pairs defaults = callerDefaults(envp);
+  CallerFiles caller(envp);
+  const Pairs& defaults = caller.pairs;
   // The values of PX_SPAWN_REQUEST (posix_service.h), put by hand: its counted lists of
   // strings are more than putRequest's fixed values can say.
   FrameWriter req(shm != nullptr ? PX_CMD_SPAWN_SHARED : PX_CMD_SPAWN);
@@ -80,13 +105,13 @@ int64_t spawn(const char* path, char* const argv[], char* const envp[], int flag
     req.str(*e, static_cast<size_t>(eq - *e));
     req.str(eq + 1);
   }
-  req.u32(0);  // start options: none defined
+  req.u32(caller.options);
   if (shm != nullptr) {
     req.u64(shm->id);
     req.u64(shm->size);
   }
   Reply reply;
-  int err = transact(req, &reply);
+  int err = transact(req, &reply, false, caller.fds, caller.count);
   if (err != 0) return fail(err);
   if (reply.code == PX_RESULT_FAILED) {
     uint32_t reason = 0;  // the server's errno value; a server that sends none: ENOEXEC

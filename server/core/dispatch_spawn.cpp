@@ -4,6 +4,11 @@
 // string with a zero byte inside (path, argument, environment name or value) is refused too:
 // the host would see only the part before it. A process that has as many children as it may
 // (PosixProcess::maxChildren) is answered 11, and nothing is started.
+//
+// The caller's own standard files and working directory may come with the request as
+// descriptors, one per start-option bit: they are the caller's to give, so they are used as
+// they are. Options with an unknown bit, or that name more descriptors than came, are refused
+// (EINVAL, EBADF); descriptors beyond those named are closed with the request.
 #include <posix/posix_service.h>
 #include <posix/wire.h>
 
@@ -57,6 +62,15 @@ uint32_t decodeStart(const Ref<InMsg>& request, ProgramStart* start) {
     start->environment->set(name.data(), name.size(), value.data(), value.size());
   }
   readValue(request, &start->startOptions);
+  if ((start->startOptions & ~PX_SPAWN_OPTIONS_ALL) != 0) return EINVAL;
+  static_assert(PX_SPAWN_OPTION_STDIN_FD == 1u << 0 && PX_SPAWN_OPTION_STDERR_FD == 1u << 2 &&
+                PX_SPAWN_OPTION_CWD_FD == 1u << StartFiles::kDirSlot);
+  uint32_t next = 0;
+  for (int slot = 0; slot < StartFiles::kSlots; ++slot) {
+    if ((start->startOptions & (1u << slot)) == 0) continue;
+    start->files.set(slot, request->takeDescriptor(next++));
+    if (start->files.get(slot) < 0) return EBADF;
+  }
   if (request->code() == PX_CMD_SPAWN_SHARED) {
     readValue(request, &start->sharedMemory.id);
     readValue(request, &start->sharedMemory.size);
@@ -70,7 +84,7 @@ bool PosixService::spawn(const Ref<PosixProcess>& caller, const Ref<InMsg>& requ
                          const Ref<OutMsg>& reply, uint32_t* resultCode) {
   ProgramStart start;
   uint32_t refused = decodeStart(request, &start);
-  if (refused == EINVAL) writeValue(reply, refused);
+  if (refused != 0 && refused != EPROTO) writeValue(reply, refused);
   *resultCode = PX_RESULT_FAILED;
   if (refused != 0) return true;
   // The child's agent answers from here on: the pid once the program runs, or the reason.

@@ -49,6 +49,7 @@ struct ProgramStart {
   std::vector<Ref<String>> arguments;
   Ref<Env> environment;
   uint32_t startOptions = 0;
+  StartFiles files;      // the caller's own files that came with the request
   ShMemID sharedMemory;  // all zero for none
 };
 

@@ -82,7 +82,7 @@ void ProcessAgent::answer(uint32_t code, T value) {
 bool ProcessAgent::start() {
   const Clock::time_point began = Clock::now();
   uint64_t pid = Binary::create(start_.path, start_.startFlags, start_.arguments.data(),
-                                start_.arguments.size(), start_.environment, start_.startOptions,
+                                start_.arguments.size(), start_.environment, &start_.files,
                                 parent_->pid(), &program_);
   if (pid == 0) {
     uint32_t error = Error::get();

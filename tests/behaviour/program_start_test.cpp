@@ -3,17 +3,56 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <tuple>
 
 #include "command_runner.h"
+#include "posix/posix_service.h"
+#include "raw_link.h"
 #include "server_fixture.h"
 
 namespace {
+
+// The data of a spawn request for `argv` with no environment and start options `options`.
+std::vector<uint8_t> spawnData(const std::vector<std::string>& argv, uint32_t options) {
+  std::vector<uint8_t> data;
+  putString(data, argv[0]);
+  putU32(data, 0);
+  putU64(data, argv.size());
+  for (const std::string& a : argv) putString(data, a);
+  putU64(data, 0);
+  putU32(data, options);
+  return data;
+}
+
+// Sends a request with `fds` attached, and reads its reply.
+bool roundTripWith(RawLink& link, uint32_t code, uint64_t id, const std::vector<uint8_t>& data,
+                   const std::vector<int>& fds, RawReply* out) {
+  std::vector<uint8_t> frame = requestFrame(code, id, data);
+  iovec iov{frame.data(), frame.size()};
+  alignas(cmsghdr) char control[CMSG_SPACE(8 * sizeof(int))] = {};
+  msghdr msg{};
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  msg.msg_control = control;
+  msg.msg_controllen = CMSG_SPACE(fds.size() * sizeof(int));
+  cmsghdr* c = CMSG_FIRSTHDR(&msg);
+  c->cmsg_level = SOL_SOCKET;
+  c->cmsg_type = SCM_RIGHTS;
+  c->cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
+  std::memcpy(CMSG_DATA(c), fds.data(), fds.size() * sizeof(int));
+  if (sendmsg(link.fd(), &msg, MSG_NOSIGNAL) != static_cast<ssize_t>(frame.size())) return false;
+  do {
+    if (link.receive(out, 5000) != 1) return false;
+  } while (out->id != id);
+  return true;
+}
 
 class ProgramStartTest : public ServerFixture {
  protected:
@@ -111,6 +150,69 @@ TEST_F(ProgramStartTest, ProgramsThatCannotStartExitAsInAShell) {
   r = runCommand({POSIXCTL_BINARY, "run", path("plain.txt")});
   EXPECT_EQ(r.exitCode, 126);
   EXPECT_NE(r.err.find("Permission denied"), std::string::npos) << r.err;
+}
+
+// The caller's own files go with a spawn request and the program gets them as they are (a
+// socket too, which no path opens); the server keeps none of them, whether a request takes
+// them, names fewer, more or none, or is refused.
+TEST_F(ProgramStartTest, HandedFilesReachTheProgramAndNoneIsKept) {
+  RawLink link(path("chn/posix.service"));
+  ASSERT_TRUE(link.connected());
+  int out[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, out), 0);
+  std::string dir = path("handed");
+  ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+  int dirFd = open(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_GE(dirFd, 0);
+  const uint32_t all = PX_SPAWN_OPTION_STDOUT_FD | PX_SPAWN_OPTION_STDERR_FD | PX_SPAWN_OPTION_CWD_FD;
+  RawReply reply;
+  ASSERT_TRUE(roundTripWith(link, PX_CMD_SPAWN, 1, spawnData({"/bin/sh", "-c", "pwd; echo e >&2"}, all),
+                            {out[1], out[1], dirFd}, &reply));
+  close(out[1]);
+  ASSERT_EQ(reply.code, PX_RESULT_DONE);
+  uint64_t child = 0;
+  ASSERT_EQ(reply.data.size(), sizeof child);
+  std::memcpy(&child, reply.data.data(), sizeof child);
+  // End of file comes once the program has ended: the server holds no copy of the socket.
+  std::string got;
+  char buf[256];
+  for (ssize_t n; (n = read(out[0], buf, sizeof buf)) > 0;) got.append(buf, static_cast<size_t>(n));
+  close(out[0]);
+  EXPECT_EQ(got, std::filesystem::canonical(dir).string() + "\ne\n");
+  int status = -1;
+  EXPECT_EQ(px_waitpid(static_cast<int64_t>(child), &status, 0), static_cast<int64_t>(child));
+  EXPECT_EQ(status, 0);
+
+  // 200 requests with four descriptors each: taken by a start that then fails, left over by
+  // one that names one, sent with a request that takes none, or named but fewer than said.
+  int64_t before = serverFds();
+  int four[4] = {dirFd, dirFd, dirFd, dirFd};
+  std::vector<int> fds(four, four + 4);
+  for (uint64_t i = 0; i < 200; ++i) {
+    uint32_t code = PX_CMD_SPAWN;
+    std::vector<uint8_t> data = spawnData({"/nonexistent"}, i % 4 == 0 ? 0 : PX_SPAWN_OPTIONS_ALL);
+    uint32_t expect = ENOENT;
+    if (i % 4 == 1) {
+      code = PX_CMD_GET_PARENT_ID;
+      data.clear();
+    } else if (i % 4 == 2) {
+      data = spawnData({"/nonexistent"}, 1u << 4);
+      expect = EINVAL;
+    }
+    ASSERT_TRUE(roundTripWith(link, code, 100 + i, data, fds, &reply)) << i;
+    if (code == PX_CMD_SPAWN) {
+      uint32_t reason = 0;
+      ASSERT_EQ(reply.data.size(), sizeof reason) << i;
+      std::memcpy(&reason, reply.data.data(), sizeof reason);
+      EXPECT_EQ(reason, expect) << i;
+    }
+  }
+  ASSERT_TRUE(roundTripWith(link, PX_CMD_SPAWN, 300, spawnData({"/bin/true"}, PX_SPAWN_OPTIONS_ALL),
+                            {dirFd}, &reply));
+  EXPECT_EQ(reply.code, PX_RESULT_FAILED);
+  EXPECT_EQ(reply.data.size() == 4 ? reply.data[0] : 0, EBADF);
+  close(dirFd);
+  EXPECT_TRUE(eventually([&] { return serverFds() <= before; })) << serverFds() << " > " << before;
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 // Interfaces::Stream is wanted (a table serialises itself straight into a reply).
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <vector>
@@ -57,6 +58,18 @@ class InMsg : public Object, public virtual Interfaces::Stream {
   uint32_t blockCount() const { return static_cast<uint32_t>(blocks_.size()); }
   Block block(uint32_t index) const;
 
+  // Host descriptors that came with the request (SCM_RIGHTS), at most kMaxDescriptors, in the
+  // order they were sent. A handler that uses one takes it (and owns it from then on: -1 when
+  // there is none at `index` or it was taken already); the channel closes every one not taken
+  // once the service asks for its next request, and the message closes what is left when it
+  // goes. So a descriptor a client sends with a request that takes none is never kept.
+  static constexpr uint32_t kMaxDescriptors = 4;
+  uint32_t descriptorCount() const { return descriptorCount_; }
+  int takeDescriptor(uint32_t index);
+  void closeDescriptors();
+  // For the channel that received the request: hands the message `fd` (counted, HostFd).
+  void addDescriptor(int fd);
+
   // Sends `out` as a reply to this request (same id, out's code as status, its data and
   // blocks) on the link the request came from. Answers false, and does nothing else, when the
   // link has gone or could not take the reply.
@@ -64,6 +77,7 @@ class InMsg : public Object, public virtual Interfaces::Stream {
 
  private:
   InMsg() = default;
+  ~InMsg() override;
   uint32_t kind_ = 0;
   uint32_t code_ = 0;
   uint64_t id_ = 0;
@@ -78,6 +92,10 @@ class InMsg : public Object, public virtual Interfaces::Stream {
   std::vector<BlockSpan> blocks_;
   std::vector<uint8_t> blockBytes_;
   Ref<ChnLink> link_;
+  // Set by the serving thread before the message is handed out; taken or closed by whoever
+  // handles it, and by the serving thread's next receive (hence atomic).
+  std::atomic<int> descriptors_[kMaxDescriptors] = {-1, -1, -1, -1};
+  uint32_t descriptorCount_ = 0;
 };
 
 class OutMsg : public Object, public virtual Interfaces::Stream {

@@ -72,6 +72,31 @@ class StartedProgram {
   int pidfd_ = -1;
 };
 
+// The files a starter handed over with its start request, as it holds them: its standard
+// input, output and error and its working directory. Each is owned (HostFd) until the
+// StartFiles goes, which is after the start has answered; -1 where none came. Moves, does not
+// copy.
+class StartFiles {
+ public:
+  static constexpr int kSlots = 4;
+  static constexpr int kDirSlot = 3;  // 0, 1 and 2 are the standard numbers
+
+  StartFiles() = default;
+  StartFiles(StartFiles&& other) noexcept { *this = std::move(other); }
+  StartFiles& operator=(StartFiles&& other) noexcept;
+  StartFiles(const StartFiles&) = delete;
+  StartFiles& operator=(const StartFiles&) = delete;
+  ~StartFiles() { clear(); }
+
+  // Keeps `fd` for `slot` (closing what it held there); a negative one leaves it empty.
+  void set(int slot, int fd);
+  int get(int slot) const { return slot >= 0 && slot < kSlots ? fds_[slot] : -1; }
+  void clear();
+
+ private:
+  int fds_[kSlots] = {-1, -1, -1, -1};
+};
+
 class Proc {
  public:
   static uint64_t current();
@@ -108,6 +133,9 @@ class Proc {
   [[noreturn]] static void exit(int32_t code);
   // The calling process's name.
   static Ref<String> name();
+  // Tells the program start that this process has changed a signal's action: the platform's
+  // code calls it after every change (a start sets back only actions it knows of).
+  static void signalActionsChanged();
   // Whether every thread of process `pid` is stopped now (by a stop signal or a tracer); false
   // when any runs or may run, or the process has gone.
   static bool stopped(uint64_t pid);
@@ -132,8 +160,11 @@ class Binary {
   // PATH (else the server's). The program, its directory and its files are named as process
   // `forPid` names them (ClientPath: /proc/self is that process's, the server's own /proc
   // directory is refused with EACCES). `started` receives the program for Proc::wait.
+  // `handed` (may be null) holds files the starter passed itself: each stands for the name of
+  // its slot when env does not set that name, and is given to the program as it is (the
+  // program shares its open file description with the starter, as after a fork).
   static uint64_t create(const Ref<String>& path, uint32_t startFlags, const Ref<String>* args,
-                         uint64_t argc, const Ref<Env>& env, uint32_t startOptions,
+                         uint64_t argc, const Ref<Env>& env, const StartFiles* handed,
                          uint64_t forPid, StartedProgram* started);
 
   // The modules loaded in this process, the main program first (ModuleInfo stands in

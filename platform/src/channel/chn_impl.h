@@ -52,6 +52,9 @@ struct Chn::Impl {
   // The link whose held replies go out when the service next calls receive(): it has handled
   // the last request of the batch by then.
   Ref<ChnLink> releaseNext;
+  // The request handed out last when descriptors came with it: those it was not given are
+  // closed when the service next calls receive().
+  Ref<InMsg> handedFiles;
   std::vector<uint8_t> buffer;  // ChnServe::kBatch datagrams of PX_WIRE_MAX_FRAME bytes
 };
 

@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include "chn_impl.h"
@@ -56,8 +57,10 @@ Ref<InMsg> Chn::receive(uint32_t timeoutMs) {
   if (tear) ChnServe::tearDown(s);
   if (!serve) return nullptr;
 
-  // The caller has handled what it was given last: replies held for that batch go out.
+  // The caller has handled what it was given last: replies held for that batch go out, and
+  // the descriptors that came with it and that it did not take are closed.
   if (s.releaseNext) std::exchange(s.releaseNext, nullptr)->sendHeld();
+  if (s.handedFiles) std::exchange(s.handedFiles, nullptr)->closeDescriptors();
 
   // At least one pass, however short the time-out: what is ready now is always taken.
   Ref<InMsg> next;
@@ -70,6 +73,7 @@ Ref<InMsg> Chn::receive(uint32_t timeoutMs) {
     if (!s.ready.empty()) {
       next = std::move(s.ready.front().msg);
       if (s.ready.front().lastOfBatch) s.releaseNext = next->link();
+      if (next->descriptorCount() != 0) s.handedFiles = next;
       s.ready.pop_front();
       break;
     }
@@ -207,16 +211,51 @@ void ChnServe::serveLink(Chn::Impl& s, uint64_t key, uint32_t events) {
     disconnect(s, key);
 }
 
+namespace {
+
+// The control space of one datagram: room for InMsg::kMaxDescriptors descriptors. The host
+// closes whatever more a sender attached (and says so with MSG_CTRUNC), so a datagram never
+// leaves more than these in the server.
+struct Control {
+  alignas(cmsghdr) char bytes[CMSG_SPACE(InMsg::kMaxDescriptors * sizeof(int))];
+};
+
+// Hands the descriptors that came with `header` to `msg`, or closes them when there is no
+// message for them.
+void takeDescriptors(msghdr& header, InMsg* msg) {
+  if (header.msg_controllen == 0) return;
+  for (cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr; c = CMSG_NXTHDR(&header, c)) {
+    if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+    const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (size_t k = 0; k < count; ++k) {
+      int fd;
+      std::memcpy(&fd, CMSG_DATA(c) + k * sizeof(int), sizeof fd);
+      if (msg) {
+        msg->addDescriptor(fd);
+      } else {
+        ::close(fd);
+      }
+    }
+  }
+}
+
+}  // namespace
+
 void ChnServe::readBatch(Chn::Impl& s, uint64_t key) {
   Chn::Impl::Entry& entry = s.links.at(key);
   iovec iov[kBatch];
   mmsghdr msgs[kBatch] = {};
+  Control control[kBatch];
   for (size_t i = 0; i < kBatch; ++i) {
     iov[i] = {s.buffer.data() + i * PX_WIRE_MAX_FRAME, PX_WIRE_MAX_FRAME};
     msgs[i].msg_hdr.msg_iov = &iov[i];
     msgs[i].msg_hdr.msg_iovlen = 1;
+    msgs[i].msg_hdr.msg_control = control[i].bytes;
+    msgs[i].msg_hdr.msg_controllen = sizeof control[i].bytes;
   }
-  int got = ::recvmmsg(entry.fd, msgs, kBatch, MSG_DONTWAIT, nullptr);
+  // Descriptors that come with a request arrive close-on-exec: no program the server starts
+  // meanwhile inherits them.
+  int got = ::recvmmsg(entry.fd, msgs, kBatch, MSG_DONTWAIT | MSG_CMSG_CLOEXEC, nullptr);
   if (got < 0) {
     if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) disconnect(s, key);
     return;
@@ -224,16 +263,19 @@ void ChnServe::readBatch(Chn::Impl& s, uint64_t key) {
   const Ref<ChnLink> link = entry.link;  // the entry goes if the link is disconnected below
   size_t taken = 0;
   bool broken = got == 0;
-  for (int i = 0; i < got && !broken; ++i) {
+  for (int i = 0; i < got; ++i) {
     // 0 is the end of the link (or an empty datagram, which is no frame either); a datagram
     // too long for any frame comes truncated.
     const size_t n = msgs[i].msg_len;
-    Ref<InMsg> msg = n == 0 || (msgs[i].msg_hdr.msg_flags & MSG_TRUNC) != 0
+    Ref<InMsg> msg = broken || n == 0 || (msgs[i].msg_hdr.msg_flags & MSG_TRUNC) != 0
                          ? nullptr
                          : InMsg::decode(static_cast<const uint8_t*>(iov[i].iov_base), n, link);
-    if (!msg || msg->kind() != PX_FRAME_REQUEST) {
+    if (msg && msg->kind() != PX_FRAME_REQUEST) msg.reset();
+    // Every datagram read gives up its descriptors, also those after a broken one.
+    takeDescriptors(msgs[i].msg_hdr, msg.get());
+    if (!msg) {
       broken = true;  // a protocol error ends this link only; what came before it is served
-      break;
+      continue;
     }
     s.ready.push_back({std::move(msg), false});
     ++taken;

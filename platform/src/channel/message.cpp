@@ -82,6 +82,25 @@ InMsg::Block InMsg::block(uint32_t index) const {
   return {span.kind, blockBytes_.data() + span.offset, span.length};
 }
 
+InMsg::~InMsg() { closeDescriptors(); }
+
+void InMsg::addDescriptor(int fd) {
+  if (descriptorCount_ < kMaxDescriptors) {
+    descriptors_[descriptorCount_++].store(HostFd::opened(fd), std::memory_order_relaxed);
+  } else {
+    HostFd::close(HostFd::opened(fd));
+  }
+}
+
+int InMsg::takeDescriptor(uint32_t index) {
+  if (index >= descriptorCount_) return -1;
+  return descriptors_[index].exchange(-1, std::memory_order_acq_rel);
+}
+
+void InMsg::closeDescriptors() {
+  for (uint32_t i = 0; i < descriptorCount_; ++i) HostFd::close(takeDescriptor(i));
+}
+
 void InMsg::peek(void* out, uint64_t size) const {
   if (out && !data_.empty()) std::memcpy(out, data_.data(), size < data_.size() ? size : data_.size());
 }

@@ -10,6 +10,8 @@
 #include <atomic>
 #include <cerrno>
 
+#include "platform/proc.h"
+
 namespace {
 
 constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE};
@@ -156,6 +158,7 @@ void set(ExceptionHandlerFn handler) {
     action.sa_handler = SIG_DFL;
   }
   for (int sig : kSignals) sigaction(sig, &action, nullptr);
+  Proc::signalActionsChanged();
 }
 
 void prepareThread() { installAltStack(); }

@@ -108,7 +108,7 @@ uint64_t fail(int error) {
 }  // namespace
 
 uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<String>* args,
-                        uint64_t argc, const Ref<Env>& env, uint32_t /*startOptions*/,
+                        uint64_t argc, const Ref<Env>& env, const StartFiles* handed,
                         uint64_t forPid, StartedProgram* started) {
   if (!path || path->length() == 0) return fail(ENOENT);
   if (std::strlen(path->c_str()) != path->length()) return fail(EINVAL);
@@ -135,7 +135,7 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
     argv.push_back(const_cast<char*>(args[i] ? args[i]->c_str() : ""));
   argv.push_back(nullptr);
 
-  int rc = files.open(forPid);
+  int rc = files.open(forPid, handed);
   if (rc != 0) return fail(rc);
 
   // The program's file is found as the starter names it, and exec'd by the path the host

@@ -1,6 +1,7 @@
 // The child of a start runs in the server's memory until its exec: it calls nothing but the
 // host (no allocation, no lock, nothing a sanitizer watches), and every signal stays blocked
 // until all handlers are back at their defaults, so that no handler of the server runs in it.
+// Only the actions that are not the default are set back (alteredSignals).
 #include "host_spawn.h"
 
 #include <sched.h>
@@ -10,8 +11,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <mutex>
+
+#include "platform/proc.h"
 
 #ifndef CLONE_PIDFD
 #define CLONE_PIDFD 0x00001000
@@ -37,8 +42,44 @@ struct HostAction {
   uint64_t mask;
 };
 
+// Bit sig - 1 of a signal mask.
+constexpr uint64_t bit(int sig) { return uint64_t{1} << (sig - 1); }
+// The C library's own signals (cancellation and set-id): it may come to handle them at any
+// time, without the platform knowing, so a child always sets them back.
+constexpr uint64_t kLibrarySignals = bit(32) | bit(33);
+
+// Changed whenever the platform changes a signal's action (Proc::signalActionsChanged).
+std::atomic<uint32_t> g_actionsGeneration{1};
+
+// The signals whose action in this process is not the default, as the host last told them:
+// asked once, and again after the platform changed an action. A child sets back only these
+// (and kLibrarySignals): asking for all 62 in every child would cost a start tens of
+// microseconds, and nothing but the platform changes the server's actions once it serves.
+uint64_t alteredSignals() {
+  static std::mutex mutex;
+  static uint32_t askedAt = 0;  // guarded by mutex: the generation the mask was asked at
+  static uint64_t mask = 0;     // guarded by mutex
+  const uint32_t now = g_actionsGeneration.load(std::memory_order_acquire);
+  std::lock_guard lock(mutex);
+  if (askedAt != now) {
+    uint64_t altered = 0;
+    for (int sig = 1; sig < kSignals; ++sig) {
+      HostAction action{};
+      if (sig != SIGKILL && sig != SIGSTOP &&
+          (::syscall(SYS_rt_sigaction, sig, nullptr, &action, sizeof(uint64_t)) != 0 ||
+           action.handler != nullptr)) {
+        altered |= bit(sig);  // handled or ignored (or not told: set back too)
+      }
+    }
+    mask = altered;
+    askedAt = now;
+  }
+  return mask | kLibrarySignals;
+}
+
 struct Child {
   const SpawnPlan* plan;
+  uint64_t altered;  // the signals to set back to their default action
   long openMax;  // where the host cannot close a range: every number below this is closed
   volatile int error;  // set by the child when a step or the exec failed
 };
@@ -75,7 +116,7 @@ POSIX_UNWATCHED int childMain(void* arg) {
   const SpawnPlan& plan = *child->plan;
   const HostAction byDefault{};  // SIG_DFL
   for (int sig = 1; sig < kSignals; ++sig) {
-    if (sig != SIGKILL && sig != SIGSTOP)
+    if ((child->altered & bit(sig)) != 0 && sig != SIGKILL && sig != SIGSTOP)
       host(SYS_rt_sigaction, sig, reinterpret_cast<long>(&byDefault), 0, sizeof(uint64_t));
   }
   long rc = host(SYS_setpgid, 0, 0);
@@ -106,11 +147,13 @@ POSIX_UNWATCHED int childMain(void* arg) {
 
 }  // namespace
 
+void Proc::signalActionsChanged() { g_actionsGeneration.fetch_add(1, std::memory_order_acq_rel); }
+
 int hostSpawn(const SpawnPlan& plan, pid_t* pid) {
   char* stack = t_stack.top();
   if (!stack) return EAGAIN;
   static const long openMax = ::sysconf(_SC_OPEN_MAX);
-  Child child{&plan, openMax, 0};
+  Child child{&plan, alteredSignals(), openMax, 0};
   // Every signal blocked, the C library's own too: the child must not run a handler of the
   // server before it has set them all to default.
   const uint64_t all = ~uint64_t{0};

@@ -5,8 +5,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "platform/client_path.h"
+#include "file/host_fd.h"
 
 namespace {
 
@@ -39,11 +41,38 @@ int openNoWait(int dir, const Ref<String>& name, int access, uint64_t pid, int* 
   return 0;
 }
 
+// A handed file as the start uses it: `fd` itself, or a copy above the standard numbers
+// (kept in `*owned`) when it is one of them, for the reason openNoWait gives.
+int useHanded(int fd, int* owned) {
+  if (fd > STDERR_FILENO) return fd;
+  *owned = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  if (*owned < 0) return -errno;
+  return *owned;
+}
+
 }  // namespace
 
+StartFiles& StartFiles::operator=(StartFiles&& other) noexcept {
+  if (this != &other) {
+    for (int i = 0; i < kSlots; ++i) set(i, std::exchange(other.fds_[i], -1));
+  }
+  return *this;
+}
+
+void StartFiles::set(int slot, int fd) {
+  if (slot < 0 || slot >= kSlots) {
+    HostFd::close(fd);
+    return;
+  }
+  HostFd::close(std::exchange(fds_[slot], fd < 0 ? -1 : fd));
+}
+
+void StartFiles::clear() {
+  for (int& fd : fds_) HostFd::close(std::exchange(fd, -1));
+}
+
 ProgramFiles::~ProgramFiles() {
-  if (dir_ >= 0) ::close(dir_);
-  for (int fd : fds_) {
+  for (int fd : owned_) {
     if (fd >= 0) ::close(fd);
   }
 }
@@ -64,19 +93,28 @@ bool ProgramFiles::take(const Env& env, uint64_t i) {
   return false;
 }
 
-int ProgramFiles::open(uint64_t pid) {
+int ProgramFiles::open(uint64_t pid, const StartFiles* handed) {
   if (dirName_) {
     if (!wholeName(dirName_)) return EINVAL;
-    dir_ = ClientPath::open(AT_FDCWD, dirName_->c_str(), O_PATH | O_DIRECTORY, 0, pid);
+    dir_ = owned_[3] = ClientPath::open(AT_FDCWD, dirName_->c_str(), O_PATH | O_DIRECTORY, 0, pid);
     if (dir_ < 0) return errno;
+  } else if (handed && handed->get(StartFiles::kDirSlot) >= 0) {
+    // The child changes directory to it and nothing else: its number does not matter.
+    dir_ = handed->get(StartFiles::kDirSlot);
   }
-  // Input is /dev/null unless named; output and error stay the server's own unless named.
-  if (!names_[0]) names_[0] = String::create("/dev/null");
   for (int i = 0; i < 3; ++i) {
+    if (!names_[i] && handed && handed->get(i) >= 0) {
+      fds_[i] = useHanded(handed->get(i), &owned_[i]);
+      if (fds_[i] < 0) return -fds_[i];
+      continue;
+    }
+    // Input is /dev/null unless named; output and error stay the server's own unless named.
+    if (i == 0 && !names_[0]) names_[0] = String::create("/dev/null");
     if (!names_[i] || names_[i]->length() == 0) continue;
     // Output appends, so a file that the starter's own output goes to is continued.
     int access = i == 0 ? O_RDONLY : O_WRONLY | O_APPEND;
-    if (int err = openNoWait(dirFd(), names_[i], access, pid, &fds_[i])) return err;
+    if (int err = openNoWait(dirFd(), names_[i], access, pid, &owned_[i])) return err;
+    fds_[i] = owned_[i];
   }
   return 0;
 }

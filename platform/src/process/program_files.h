@@ -1,5 +1,5 @@
-// The working directory and standard files of a program about to start, opened by the server
-// before the program exists.
+// The working directory and standard files of a program about to start: the ones its starter
+// handed over (used as they are), else opened by the server by name before the program exists.
 //
 // A start must never wait on what its starter named: the start waits for the child until it
 // has set up its files and exec'd, the agent thread waits for the start, and the service
@@ -13,6 +13,7 @@
 #include <posix/posix_service.h>
 
 #include "platform/env.h"
+#include "platform/proc.h"
 #include "platform/string.h"
 #include "host_spawn.h"
 
@@ -32,8 +33,9 @@ class ProgramFiles {
   // any other name.
   bool take(const Env& env, uint64_t i);
   // Opens the directory, then the standard files (a relative name resolves against the
-  // directory), each read as process `pid` names it (ClientPath); 0 or an errno value.
-  int open(uint64_t pid);
+  // directory), each read as process `pid` names it (ClientPath); 0 or an errno value. A slot
+  // without a name takes the file `handed` holds for it (null: none), without any look-up.
+  int open(uint64_t pid, const StartFiles* handed);
   // Fills in `plan`'s directory and standard descriptors for this start.
   void place(SpawnPlan* plan) const;
   // Where a relative path of this start resolves: the directory, or AT_FDCWD without one.
@@ -42,6 +44,8 @@ class ProgramFiles {
  private:
   Ref<String> dirName_;
   Ref<String> names_[3];
+  // Used for the start; those this object opened are also in owned_ and closed by it.
   int dir_ = -1;
   int fds_[3] = {-1, -1, -1};
+  int owned_[4] = {-1, -1, -1, -1};
 };

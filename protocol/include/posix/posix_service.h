@@ -39,7 +39,8 @@ extern "C" {
   X(11, PX_CMD_CREATE_PIPE, "createPipe", "", "node read, node write")
 
 /* A spawn request: the program's path, its start flags, its arguments, its environment as
- * (name, value) pairs, and start options (none defined: 0). */
+ * (name, value) pairs, and start options (PX_SPAWN_OPTION_*: which of the caller's own files
+ * came with the request). */
 #define PX_SPAWN_REQUEST                                                                           \
   "string path, u32 flags, u64 argc, argc x string, u64 envc, envc x string string, u32 options"
 
@@ -58,6 +59,15 @@ enum px_process_command {
 #define PX_ENV_STDERR "POSIX_STDERR"
 
 #define PX_SPAWN_FLAG_SEARCH_PATH 1u /* look the path up in PATH when it has no slash */
+
+/* Spawn start options: each bit says that the request datagram carries (SCM_RIGHTS) a
+ * descriptor for that slot, in this order, one per bit set. A slot whose name the environment
+ * sets takes the name instead. */
+#define PX_SPAWN_OPTION_STDIN_FD 1u  /* standard input */
+#define PX_SPAWN_OPTION_STDOUT_FD 2u /* standard output */
+#define PX_SPAWN_OPTION_STDERR_FD 4u /* standard error */
+#define PX_SPAWN_OPTION_CWD_FD 8u    /* working directory (O_PATH is enough) */
+#define PX_SPAWN_OPTIONS_ALL 15u
 
 /* killGroup selectors: 0 the caller's own group, 1 every process, other: that group id. */
 #define PX_KILL_SELECTOR_OWN_GROUP 0u

@@ -121,6 +121,31 @@ int ServiceSocket::send(const void* frame, size_t size) const {
   }
 }
 
+int ServiceSocket::send(const void* frame, size_t size, const int* fds, size_t count) const {
+  if (count == 0) return send(frame, size);
+  constexpr size_t kMost = 8;
+  if (count > kMost) return EINVAL;
+  iovec iov{const_cast<void*>(frame), size};
+  alignas(cmsghdr) char control[CMSG_SPACE(kMost * sizeof(int))] = {};
+  msghdr msg{};
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  msg.msg_control = control;
+  msg.msg_controllen = CMSG_SPACE(count * sizeof(int));
+  cmsghdr* c = CMSG_FIRSTHDR(&msg);
+  c->cmsg_level = SOL_SOCKET;
+  c->cmsg_type = SCM_RIGHTS;
+  c->cmsg_len = CMSG_LEN(count * sizeof(int));
+  std::memcpy(CMSG_DATA(c), fds, count * sizeof(int));
+  for (;;) {
+    ssize_t n = ::sendmsg(fd_, &msg, MSG_NOSIGNAL);
+    if (n == static_cast<ssize_t>(size)) return 0;
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EPIPE || errno == ENOTCONN || errno == ECONNREFUSED)) return ECONNRESET;
+    return n < 0 ? errno : EPROTO;
+  }
+}
+
 ssize_t ServiceSocket::receive(void* buffer, size_t capacity, int64_t deadlineMs) {
   for (;;) {
     // With a deadline, poll first so that both the deadline and a server that hung up end the

@@ -55,6 +55,8 @@ class ServiceSocket {
 
   // Sends one frame: 0, ECONNRESET when the other end has gone, or another errno value.
   int send(const void* frame, size_t size) const;
+  // The same with `count` descriptors attached (SCM_RIGHTS): the server receives copies.
+  int send(const void* frame, size_t size, const int* fds, size_t count) const;
   // Receives one datagram into `buffer`: its full length (more than `capacity` when it was cut
   // off), or a negative errno value: -EAGAIN once `deadlineMs` (monotonicMs) has passed or, with
   // kLinkTimeout, once the link's receive time-out has; -ECONNRESET when the other end has
