@@ -9,6 +9,7 @@
 #include "fifo/fifo_pairs.h"
 #include "fifo/unclaimed_pipe_ends.h"
 #include "process/process_group.h"
+#include "platform/shmem.h"
 
 using posix::LogNum;
 using posix::serviceLog;

@@ -11,6 +11,7 @@
 #include "platform/binary_services.h"
 #include "platform/proc.h"
 #include "platform/thread.h"
+#include "platform/binary.h"
 
 namespace {
 

@@ -9,6 +9,7 @@
 #include "process/process_log.h"
 #include "process/process_registry.h"
 #include "process/wait_entry.h"
+#include "platform/shmem.h"
 
 namespace posix {
 LogModule processLog;

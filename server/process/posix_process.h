@@ -27,6 +27,8 @@
 #include "platform/proc.h"
 #include "platform/string.h"
 #include "platform/sync.h"
+#include "platform/env.h"
+#include "platform/shmem.h"
 
 class DescriptionBudget;
 class FDTable;

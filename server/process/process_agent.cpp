@@ -8,13 +8,10 @@
 #include <string>
 
 #include "common/request_log.h"
-#include "fd/fd_table.h"
-#include "fifo/unclaimed_pipe_ends.h"
 #include "platform/error.h"
+#include "platform/binary.h"
 #include "process/agent_threads.h"
-#include "process/process_group.h"
 #include "process/process_log.h"
-#include "process/process_registry.h"
 
 namespace posix {
 LogModule agentLog;
@@ -163,65 +160,4 @@ Ref<PosixProcess> ProcessAgent::awaitLinked(const ProcIdentity& identity) {
   }
   g_linkWaiters.fetch_sub(1, std::memory_order_acq_rel);
   return process;
-}
-
-void PosixProcess::linkTo(const Ref<PosixProcess>& parent) {
-  setGroup(parent->group());
-  MonLock parentLock(parent->monitor_);
-  ProcessRegistry::add(this);
-  parent->children_.append(pid(), this);
-  --parent->startsPending_;  // counted as a child from here on
-}
-
-void PosixProcess::markEnded(uint32_t exitCode) {
-  MonLock lock(monitor_);
-  exitCode_ = exitCode;
-  terminated_.store(true, std::memory_order_release);
-}
-
-void PosixProcess::unlinkEnded() {
-  ProcessRegistry::remove(this);
-  Ref<FDTable> table;
-  TKeyedList<PosixProcess> ended;
-  {
-    MonLock lock(monitor_);
-    table = std::move(fdTable_);
-    // Nobody collects for an ended program: the record keeps neither its ended children nor
-    // the memory handed to it (childExited keeps no more either).
-    ended.swap(zombies_);
-    sharedMemory_.reset();
-  }
-  // The table (and with it the descriptors) and the ended children go outside the record's
-  // monitor.
-  table.reset();
-  ended.clear();
-  unclaimedPipeEnds_->closeAll();
-  // A group signal must not reach the pid once it may belong to someone else.
-  if (group_) group_->removeMember(this);
-}
-
-uint32_t PosixProcess::spawn(const Ref<PosixProcess>& parent, ProgramStart start,
-                             Ref<InMsg> request) {
-  Error::set(EINVAL);
-  if (!parent || !request) return PX_RESULT_FAILED;
-  // The child gets the parent's table as it is now, when the request is read, whenever its
-  // program comes to run. A parent whose program has ended has no table any more and gets no
-  // child: nobody would know it.
-  Ref<FDTable> table = parent->fdTable();
-  Error::set(ESRCH);
-  if (!table || parent->terminated()) return PX_RESULT_FAILED;
-  if (!parent->reserveStart()) return PX_RESULT_LIMIT;
-  Ref<PosixProcess> child = new PosixProcess();
-  child->parent_ = WeakRef<PosixProcess>(parent);
-  child->fdTable_ = new FDTable(table);
-  // A shared-memory object that cannot be opened fails the start with the host's reason.
-  if (start.sharedMemory.id != 0 && !(child->sharedMemory_ = ShMem::open(start.sharedMemory))) {
-    parent->dropStart();
-    return PX_RESULT_FAILED;
-  }
-  Ref<ProcessAgent> agent = new ProcessAgent(parent, child, std::move(start), std::move(request));
-  Error::set(EAGAIN);
-  if (AgentThreads::run(agent)) return PX_RESULT_DONE;
-  parent->dropStart();
-  return PX_RESULT_FAILED;
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/binary_services.h"
+#include "platform/binary.h"
 
 namespace {
 

@@ -16,6 +16,7 @@
 
 #include "platform/error.h"
 #include "platform/proc.h"
+#include "platform/binary.h"
 #include "platform_chn_support.h"
 
 namespace {

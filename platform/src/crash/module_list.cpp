@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/binary_services.h"
+#include "platform/binary.h"
 
 namespace {
 

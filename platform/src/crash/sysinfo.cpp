@@ -8,6 +8,7 @@
 
 #include "platform/binary_services.h"
 #include "platform/heap.h"
+#include "platform/binary.h"
 
 namespace {
 

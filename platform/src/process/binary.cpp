@@ -22,6 +22,7 @@
 #include "platform/error.h"
 #include "platform/proc.h"
 #include "platform/runtime.h"
+#include "platform/binary.h"
 #include "file/host_fd.h"
 #include "host_spawn.h"
 #include "program_files.h"

@@ -12,6 +12,7 @@
 #include "platform/error.h"
 #include "platform/proc.h"
 #include "platform/runtime.h"
+#include "platform/shmem.h"
 #include "file/host_fd.h"
 
 namespace {
