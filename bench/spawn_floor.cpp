@@ -24,24 +24,41 @@ bool SpawnFloor::start() {
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds) != 0) return false;
   client_ = fds[0];
   service_ = fds[1];
-  serviceThread_ = std::thread([this] { serve(); });
-  agentThread_ = std::thread([this] { agent(); });
+  server_ = fork();
+  if (server_ == 0) {
+    close(client_);
+    runServer();
+  }
+  close(service_);
+  service_ = -1;
+  if (server_ < 0) {
+    close(client_);
+    client_ = -1;
+    return false;
+  }
   return true;
 }
 
-void SpawnFloor::stop() {
-  if (client_ < 0) return;
+void SpawnFloor::runServer() {
+  serviceThread_ = std::thread([this] { serve(); });
+  agentThread_ = std::thread([this] { agent(); });
+  serviceThread_.join();  // the client's end closed
   {
     std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
   }
   wake_.notify_all();
-  shutdown(client_, SHUT_RDWR);  // the service thread reads end-of-file
-  serviceThread_.join();
   agentThread_.join();
+  _exit(0);
+}
+
+void SpawnFloor::stop() {
+  if (client_ < 0) return;
+  shutdown(client_, SHUT_RDWR);  // the service thread reads end-of-file
   close(client_);
-  close(service_);
-  client_ = service_ = -1;
+  client_ = -1;
+  waitpid(server_, nullptr, 0);
+  server_ = -1;
 }
 
 void SpawnFloor::answer(pid_t pid, int status) {

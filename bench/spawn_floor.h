@@ -1,7 +1,8 @@
 // The smallest server that starts and collects programs for a client: what px_spawn +
 // px_waitpid through the POSIX server cannot beat, measured beside it.
 //
-// A service thread reads requests from a Unix socket (the same kind the server's channels use);
+// A process of its own, as the server is: its service thread reads requests from a Unix socket
+// (the same kind the server's channels use);
 // a start goes to an agent thread that already waits for one, which posix_spawns the program,
 // answers the start with the pid on the socket and waits for the program's end. A wait request
 // is answered by the service thread when the program has ended already, else by the agent when
@@ -36,8 +37,12 @@ class SpawnFloor {
   // Writes a reply of the pid and status on the service socket.
   void answer(pid_t pid, int status);
 
+  // The server process's life: its two threads until the client's end closes.
+  [[noreturn]] void runServer();
+
   int client_ = -1;  // the client's end of the socket pair
-  int service_ = -1;
+  int service_ = -1;  // the server process's end
+  pid_t server_ = -1;
   std::thread serviceThread_;
   std::thread agentThread_;
 
