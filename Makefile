@@ -8,6 +8,9 @@
 PRESET ?= debug
 BUILD := build/$(PRESET)
 JOBS ?= $(shell nproc)
+# Most tests wait on a server rather than compute, so the plain build runs three per core; the
+# sanitizer builds, which compute several times as much, one per core.
+TEST_JOBS ?= $(if $(filter debug,$(PRESET)),$(shell echo $$((3 * $$(nproc)))),$(JOBS))
 
 .PHONY: all build run test bench clean
 
@@ -24,7 +27,7 @@ run:
 	$(BUILD)/server/posix-server
 
 test: build
-	ctest --preset $(PRESET) -j $(JOBS)
+	ctest --preset $(PRESET) -j $(TEST_JOBS)
 
 bench:
 	@cmake --preset release >/dev/null
