@@ -24,7 +24,10 @@ class DiagFairnessTest : public ServerFixture {
 bool listProcesses(RawLink& link, std::vector<uint64_t>* pids, int* pages, int timeoutMs) {
   std::vector<px_diag_process> records;
   if (!diagProcesses(link, &records, pages, timeoutMs)) return false;
-  for (const px_diag_process& record : records) pids->push_back(record.pid);
+  for (const px_diag_process& record : records) {
+    uint64_t pid = record.pid;  // a copy: the record is packed
+    pids->push_back(pid);
+  }
   return true;
 }
 
