@@ -4,17 +4,22 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "server_fixture.h"
 
-pid_t startCommand(const std::vector<std::string>& argv, int outFd, int errFd, int inFd) {
+pid_t startCommand(const std::vector<std::string>& argv, int outFd, int errFd, int inFd,
+                   bool endWithCaller) {
   std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
+  const pid_t caller = getpid();
   pid_t pid = fork();
   if (pid == 0) {
+    // The caller may have gone between the fork and the prctl: then nobody would stop it.
+    if (endWithCaller && (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || getppid() != caller)) _exit(127);
     dup2(inFd >= 0 ? inFd : open("/dev/null", O_RDONLY), 0);
     dup2(outFd, 1);
     dup2(errFd >= 0 ? errFd : outFd, 2);

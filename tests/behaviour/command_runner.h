@@ -21,6 +21,7 @@ CommandResult ctl(std::vector<std::string> args, const std::string& input = "");
 
 // Starts argv[0] with standard output on `outFd`, standard error on `errFd` (`outFd` when
 // negative) and standard input from `inFd` (/dev/null when negative); answers its pid. The
-// caller waits for it.
+// caller waits for it. With `endWithCaller` it gets SIGTERM when the calling thread ends, so
+// that a test process that dies before its clean-up (a sanitizer's abort) leaves it not running.
 pid_t startCommand(const std::vector<std::string>& argv, int outFd, int errFd = -1,
-                   int inFd = -1);
+                   int inFd = -1, bool endWithCaller = false);

@@ -159,7 +159,7 @@ void ServerFixture::TearDown() {
 pid_t ServerFixture::launchServer(const std::string& logPath) {
   int log = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   if (log < 0) return -1;
-  pid_t pid = startCommand({POSIX_SERVER_BINARY}, log);
+  pid_t pid = startCommand({POSIX_SERVER_BINARY}, log, -1, -1, true);
   close(log);
   return pid;
 }
