@@ -65,6 +65,14 @@ void SvcCloseQueueObj::releaseInstance() {
 }
 
 void closeLater(Ref<Multiplex> multiplex) {
+  // A multiplex that no link ever reached (a pipe end nobody connected to, most of all) stops
+  // here and now when the caller is no thread of the link pool: closing it waits for nothing,
+  // and none of its own threads can be running the caller. A link that arrives meanwhile is
+  // shut down by the close, and the queue's thread waits for it as for any other.
+  if (multiplex && !multiplex->reached() && !Multiplex::onPoolThread()) {
+    multiplex->close();
+    if (multiplex->wait(0)) return;
+  }
   SvcCloseQueueObj* queue = instancePtr.load(std::memory_order_acquire);
   if (!queue) {
     // Double-checked creation: the test under the lock decides.

@@ -96,6 +96,11 @@ class Multiplex : public Object {
   // ending keep their own service and manager until they have ended.
   ~Multiplex() override;
 
+  // Whether a link has ever been admitted (its bind accepted or not).
+  bool reached() const;
+  // Whether the calling thread is one of the pool's, which serve the links of every multiplex.
+  static bool onPoolThread();
+
   // Declares, for its life, that the calling thread waits inside a handler or notification of
   // a multiplex link: when no other thread of the pool is free meanwhile, another one starts,
   // so the process's other links are served while this one waits. Harmless on any other

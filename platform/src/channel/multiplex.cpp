@@ -75,6 +75,11 @@ const Ref<String>& Multiplex::name() const { return name_; }
 void Multiplex::close() { core_->close(); }
 bool Multiplex::wait(uint32_t timeoutMs) { return core_->wait(timeoutMs); }
 
+bool Multiplex::reached() const {
+  std::lock_guard lock(core_->mutex);
+  return core_->reached;
+}
+
 Multiplex::Core*& Multiplex::Core::current() {
   thread_local Core* core = nullptr;
   return core;
@@ -103,6 +108,7 @@ bool Multiplex::Core::admit(const Ref<ChnLink>& link) {
   if (closed || links.size() >= kMaxLinks) return false;
   links.push_back(link);
   ++running;
+  reached = true;
   return true;
 }
 

@@ -70,6 +70,7 @@ struct Multiplex::Core : public Object {
   std::vector<Entry> services;      // guarded by mutex; service id = index + 1
   std::vector<Ref<ChnLink>> links;  // guarded by mutex: admitted links not yet ended
   size_t running = 0;               // guarded by mutex: admitted links not yet disconnected
+  bool reached = false;             // guarded by mutex: a link has been admitted
   uint64_t notifier = 0;            // guarded by mutex: thread inside a notification, 0 if none
   uint32_t notifyDepth = 0;         // guarded by mutex: how often `notifier` entered
 };

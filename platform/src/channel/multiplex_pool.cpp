@@ -167,6 +167,8 @@ void MuxPool::resume(const Ref<MuxServed>& served) { Pool::instance().resume(ser
 
 namespace Libraries::Service {
 
+bool Multiplex::onPoolThread() { return t_pooled; }
+
 Multiplex::Waiting::Waiting() : counted_(t_pooled) {
   if (counted_) Pool::instance().enterWait();
 }
