@@ -6,7 +6,9 @@
 // slices, so a multiplex normally stops at once. One that has not stopped after kStopMs (a
 // handler inside a host call that takes its time) is set aside and looked at again whenever
 // the thread wakes, at least every kStopMs: one slow description never holds up the teardown
-// of the others. One queue per process, made on the first close request.
+// of the others. One queue per process, made on the first close request. A multiplex that no
+// link ever reached has nothing to wait for: closeLater() stops it on the caller's thread,
+// unless that is one of the link pool's.
 #pragma once
 
 #include <vector>
