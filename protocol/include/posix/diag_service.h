@@ -9,6 +9,8 @@
 #ifndef POSIX_DIAG_SERVICE_PROTOCOL_H
 #define POSIX_DIAG_SERVICE_PROTOCOL_H
 
+#include "wire.h"
+
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -53,11 +55,7 @@ extern "C" {
   X(5, PX_DIAG_CMD_MONITOR, "monitor", "u64 pid",                                                  \
     "u64 lost, u32 count, count x event, count x string")
 
-enum px_diag_command_code {
-#define PX_COMMAND_CODE(code, constant, name, request, reply) constant = code,
-  PX_DIAG_COMMANDS(PX_COMMAND_CODE)
-#undef PX_COMMAND_CODE
-};
+PX_COMMAND_ENUM(px_diag_command_code, PX_DIAG_COMMANDS)
 
 /* States of px_diag_process. */
 #define PX_DIAG_RUNNING 0u   /* a program the server started */

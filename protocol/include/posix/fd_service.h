@@ -30,11 +30,7 @@ extern "C" {
   X(7, PX_FD_CMD_CREATE_PIPE, "createPipe", "", "i32 read, node read, i32 write, node write")      \
   X(8, PX_FD_CMD_CREATE_SOCKET, "createSocket", "", "i32 fd, node socket")
 
-enum px_fd_command {
-#define PX_COMMAND_CODE(code, constant, name, request, reply) constant = code,
-  PX_FD_COMMANDS(PX_COMMAND_CODE)
-#undef PX_COMMAND_CODE
-};
+PX_COMMAND_ENUM(px_fd_command, PX_FD_COMMANDS)
 
 /* openItem options: attach the host open file of a regular file to the reply (SCM_RIGHTS), as
  * the item service's hostFile does, so that the opener needs no second request for it. */

@@ -16,6 +16,8 @@
 #ifndef POSIX_FS_ITEM_H
 #define POSIX_FS_ITEM_H
 
+#include "wire.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -38,11 +40,7 @@ extern "C" {
   X(5, PX_ITEM_CMD_HOST_FILE, "hostFile", "", "")                                                  \
   X(6, PX_ITEM_CMD_LAST_EMPTY, "lastEmpty", "", "i32 why")
 
-enum px_item_command {
-#define PX_COMMAND_CODE(code, constant, name, request, reply) constant = code,
-  PX_ITEM_COMMANDS(PX_COMMAND_CODE)
-#undef PX_COMMAND_CODE
-};
+PX_COMMAND_ENUM(px_item_command, PX_ITEM_COMMANDS)
 
 #define PX_ITEM_RESULT_OK 1u
 #define PX_ITEM_RESULT_SHORT 9u

@@ -12,6 +12,8 @@
 #ifndef POSIX_NODES_H
 #define POSIX_NODES_H
 
+#include "wire.h"
+
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -59,11 +61,7 @@ typedef struct px_node_entry {
   X(1, PX_STREAM_READ, "read", "u64 max, u32 timeout", "bytes")                                    \
   X(2, PX_STREAM_WRITE, "write", "u32 timeout, bytes data", "u64 written")
 
-enum px_stream_command {
-#define PX_COMMAND_CODE(code, constant, name, request, reply) constant = code,
-  PX_STREAM_COMMANDS(PX_COMMAND_CODE)
-#undef PX_COMMAND_CODE
-};
+PX_COMMAND_ENUM(px_stream_command, PX_STREAM_COMMANDS)
 
 #define PX_STREAM_MAX_READ 65536u
 

@@ -83,11 +83,7 @@ extern "C" {
   X(2, PX_FIFO_CMD_SHARED_PAGE, "sharedPage", "", "u32 token, u32 size")                           \
   X(3, PX_FIFO_CMD_RECOVER_LOCK, "recoverLock", "u32 which", "")
 
-enum px_fifo_command {
-#define PX_COMMAND_CODE(code, constant, name, request, reply) constant = code,
-  PX_FIFO_COMMANDS(PX_COMMAND_CODE)
-#undef PX_COMMAND_CODE
-};
+PX_COMMAND_ENUM(px_fifo_command, PX_FIFO_COMMANDS)
 
 /* The status of an end's last read or write: code, constant, the name tools show. */
 #define PX_FIFO_STATUSES(X)                                                                        \

@@ -44,11 +44,7 @@ extern "C" {
 #define PX_SPAWN_REQUEST                                                                           \
   "string path, u32 flags, u64 argc, argc x string, u64 envc, envc x string string, u32 options"
 
-enum px_process_command {
-#define PX_COMMAND_CODE(code, constant, name, request, reply) constant = code,
-  PX_PROCESS_COMMANDS(PX_COMMAND_CODE)
-#undef PX_COMMAND_CODE
-};
+PX_COMMAND_ENUM(px_process_command, PX_PROCESS_COMMANDS)
 
 /* The names of a spawn request's environment pairs that the server takes and does not pass on:
  * the child's working directory, and the host paths of its standard input, output and error

@@ -48,6 +48,11 @@ extern "C" {
 
 PX_RESULT_CONSTANTS(PX_SHARED_RESULTS)
 
+/* A service's table of commands (code, constant, the name tools show, request, reply) as an
+ * enum of its command codes. */
+#define PX_COMMAND_CODE(code, constant, name, request, reply) constant = code,
+#define PX_COMMAND_ENUM(tag, list) enum tag { list(PX_COMMAND_CODE) };
+
 /* A description's service: the caller's table holds the description no longer, so the page
  * or host open file it asked for is not handed over. */
 #define PX_RESULT_NOT_HOLDER 4u
