@@ -92,9 +92,15 @@ std::vector<PipeRing::Sleeper> PipeRing::sleepers() const {
   return found;
 }
 
-void PipeRing::bump(uint32_t* word, uint32_t* waiters) {
+bool PipeRing::bump(uint32_t* word, uint32_t* waiters) {
   at(word).fetch_add(1);
-  if (at(waiters).load() != 0) syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+  if (at(waiters).load() == 0) return false;
+  syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+  return true;
+}
+
+void PipeRing::wakeOtherSide(uint32_t* word, uint32_t* waiters) {
+  if (bump(word, waiters)) wokeOtherSideAt_.store(nowNs(), std::memory_order_relaxed);
 }
 
 CopyPlan PipeRing::planAt(uint64_t pos, uint64_t n, uint8_t* user, bool writing, uint32_t held) {
@@ -160,7 +166,7 @@ PipeRing::Result PipeRing::put(const void* bytes, uint64_t n, const Deadline& de
       bool published = publish(plan);
       unlock(&page_->write_lock, held);
       if (!published) continue;  // taken over while this thread was stopped: try again
-      bump(&page_->data_seq, &page_->data_waiters);
+      wakeOtherSide(&page_->data_seq, &page_->data_waiters);
       result.count += k;
       continue;
     }
@@ -213,7 +219,7 @@ PipeRing::Result PipeRing::take(void* bytes, uint64_t n, const Deadline& deadlin
     bool published = publish(plan);
     unlock(&page_->read_lock, held);
     if (!published) continue;  // taken over while this thread was stopped: try again
-    bump(&page_->room_seq, &page_->room_waiters);
+    wakeOtherSide(&page_->room_seq, &page_->room_waiters);
     result.count = k;
     return result;
   }

@@ -17,6 +17,10 @@ constexpr int kLookEvery = 16;
 // a session of its own, where a yield does not reach): handing over is then no quicker than
 // sleeping, and the next 16, 32, ... up to kMaxSkip waits sleep instead.
 constexpr int64_t kSlowHandOverNs = 50000;
+// How long after waking the other side a waiter looks for its answer: a wake-up reaches a
+// process on another, busy processor within some 15-30 us on a virtual machine, and the answer
+// (a copy of at most a ring) follows at once.
+constexpr int64_t kAnswerNs = 100000;
 constexpr int kFirstSkip = 16;
 constexpr int kMaxSkip = 4096;
 
@@ -27,48 +31,92 @@ uint32_t processorNow() {
 
 }  // namespace
 
+PipeRing::Patience::~Patience() {
+  if (answer_ == Answer::kAwaiting) ring_.answerBackoff_.store(0, std::memory_order_relaxed);
+}
+
 void PipeRing::Patience::present(uint32_t* word) {
   uint32_t here = processorNow();
   if (at(word).load(std::memory_order_relaxed) != here) at(word).store(here, std::memory_order_relaxed);
 }
 
+void PipeRing::Patience::sleeping() {
+  // The answer did not come in time (a wait that is woken and looks again starts afresh).
+  if (answer_ == Answer::kAwaiting) {
+    backOff(ring_.answerSkip_, ring_.answerBackoff_);
+    answer_ = Answer::kMissed;
+  }
+  const uint32_t here = processorNow();
+  at(mine_).store(here != 0 ? here | PX_PIPE_AT_ASLEEP : 0);
+}
+
 bool PipeRing::Patience::again() {
-  if (!look_ || round_ >= kSpins) return false;
+  if (!look_) return false;
   if (round_++ % kLookEvery != 0) {
     relax();
     return true;
   }
-  uint32_t peer = at(peer_).load(std::memory_order_relaxed);
-  if (peer == 0) return false;  // the other side sleeps: it needs a wake-up, not a spin
-  if (peer != processorNow()) {
+  const uint32_t peer = at(peer_).load(std::memory_order_relaxed);
+  const uint32_t here = processorNow();
+  if ((peer & PX_PIPE_AT_ASLEEP) != 0) return awaitAnswer(peer & ~PX_PIPE_AT_ASLEEP, here);
+  if (peer == 0) return false;
+  if (peer != here) {
+    // Awake: it answers now, unless it was preempted or does other work for long.
+    if (round_ > kSpins && !(answer_ == Answer::kAwaiting && answerDue())) return false;
     relax();
     return true;
   }
   return handOver();
 }
 
-bool PipeRing::Patience::handOver() {
-  if (int skip = ring_.yieldSkip_.load(std::memory_order_relaxed); skip > 0) {
-    ring_.yieldSkip_.store(skip - 1, std::memory_order_relaxed);
+bool PipeRing::Patience::answerDue() const {
+  const int64_t woke = ring_.wokeOtherSideAt_.load(std::memory_order_relaxed);
+  return woke != 0 && nowNs() - woke < kAnswerNs;
+}
+
+bool PipeRing::Patience::awaitAnswer(uint32_t peer, uint32_t here) {
+  // Unknown, it may run here too: sleeping is safe.
+  if (peer == 0 || answer_ == Answer::kSkipped || answer_ == Answer::kMissed || !answerDue())
     return false;
+  // Woken onto this processor, it waits for this side to leave it: hand it over.
+  if (peer == here) return handOver();
+  if (answer_ == Answer::kUnasked) {
+    if (skipped(ring_.answerSkip_)) {
+      answer_ = Answer::kSkipped;
+      return false;
+    }
+    answer_ = Answer::kAwaiting;
   }
+  relax();
+  return true;
+}
+
+bool PipeRing::Patience::handOver() {
+  if (skipped(ring_.yieldSkip_)) return false;
   if (handedOver_) {  // the last hand-over did not bring what this wait waits for
-    backOff();
+    backOff(ring_.yieldSkip_, ring_.yieldBackoff_);
     return false;
   }
   handedOver_ = true;
   int64_t before = nowNs();
   sched_yield();
-  if (nowNs() - before > kSlowHandOverNs) backOff();
+  if (nowNs() - before > kSlowHandOverNs) backOff(ring_.yieldSkip_, ring_.yieldBackoff_);
   else ring_.yieldBackoff_.store(0, std::memory_order_relaxed);
   return true;
 }
 
-void PipeRing::Patience::backOff() {
-  int backoff = ring_.yieldBackoff_.load(std::memory_order_relaxed);
-  backoff = backoff == 0 ? kFirstSkip : std::min(backoff * 2, kMaxSkip);
-  ring_.yieldBackoff_.store(backoff, std::memory_order_relaxed);
-  ring_.yieldSkip_.store(backoff, std::memory_order_relaxed);
+bool PipeRing::Patience::skipped(std::atomic<int>& skip) {
+  int left = skip.load(std::memory_order_relaxed);
+  if (left <= 0) return false;
+  skip.store(left - 1, std::memory_order_relaxed);
+  return true;
+}
+
+void PipeRing::Patience::backOff(std::atomic<int>& skip, std::atomic<int>& backoff) {
+  int next = backoff.load(std::memory_order_relaxed);
+  next = next == 0 ? kFirstSkip : std::min(next * 2, kMaxSkip);
+  backoff.store(next, std::memory_order_relaxed);
+  skip.store(next, std::memory_order_relaxed);
 }
 
 }  // namespace posix

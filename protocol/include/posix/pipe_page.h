@@ -28,10 +28,12 @@
  *                       a sleeper puts token * 2 (+ 1 when it waits for room) into a free (0)
  *                       slot before it sleeps and clears it after; none free: it is not listed
  *   writer_at,          where the last writer (reader) runs: its processor's number + 1 while
- *   reader_at           it is in a call and awake, 0 while it sleeps in a wait. A hint only:
- *                       a waiter looks again before it sleeps only while the other side runs
- *                       on another processor (spinning beside a peer that cannot run on the
- *                       same one only keeps it from running); no rule depends on it
+ *   reader_at           it is in a call and awake; the same with PX_PIPE_AT_ASLEEP set while
+ *                       it sleeps in a wait; 0 when unknown. A hint only: a waiter looks again
+ *                       before it sleeps only while the other side runs on another processor,
+ *                       or sleeps there and was woken by this waiter a moment ago (spinning
+ *                       beside a peer that cannot run on the same one only keeps it from
+ *                       running); no rule depends on it
  *
  * A writer holds write_lock while it copies its bytes behind tail and then publishes the new
  * tail with one store; a reader holds read_lock while it copies from head and then publishes the
@@ -117,6 +119,8 @@ PX_RESULT_CONSTANTS(PX_FIFO_STATUSES)
 #define PX_PIPE_LOCK_TAKING 0x80000000u
 /* How long a holder waits for a lock that stays with one holder before it asks the server. */
 #define PX_PIPE_STUCK_MS 20u
+/* In writer_at or reader_at: that side sleeps in a wait on the processor the rest names. */
+#define PX_PIPE_AT_ASLEEP 0x80000000u
 
 typedef struct px_pipe_page {
   uint32_t magic;

@@ -158,7 +158,11 @@ class PipeRing {
              uint32_t sleeper);
   // Claims a free sleeper slot for `sleeper`; null when all are taken.
   uint32_t* listSleeper(uint32_t sleeper);
-  void bump(uint32_t* word, uint32_t* waiters);
+  // Moves `word` and wakes whoever waits on it: true when somebody was counted there.
+  bool bump(uint32_t* word, uint32_t* waiters);
+  // bump() of the word the other side waits on (data_seq for a writer, room_seq for a reader),
+  // noting when it woke somebody: that side answers soon, and Patience waits for the answer.
+  void wakeOtherSide(uint32_t* word, uint32_t* waiters);
   // write() and writeNow(): waits for room until `deadline` and for the lock until
   // `lockDeadline`, looking again before it sleeps while `spin`.
   Result put(const void* bytes, uint64_t n, const Deadline& deadline, const Deadline& lockDeadline,
@@ -189,6 +193,12 @@ class PipeRing {
   // and `yieldBackoff_` doubles. Shared by the process's threads; hints, so relaxed.
   std::atomic<int> yieldSkip_{0};
   std::atomic<int> yieldBackoff_{0};
+  // When this process last woke the other side (wakeOtherSide), in monotonic nanoseconds; and
+  // how many of the next waits skip waiting for its answer after waits that it did not reach
+  // in time (Patience). Hints, so relaxed.
+  std::atomic<int64_t> wokeOtherSideAt_{0};
+  std::atomic<int> answerSkip_{0};
+  std::atomic<int> answerBackoff_{0};
 };
 
 }  // namespace posix
