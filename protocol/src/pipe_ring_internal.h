@@ -44,28 +44,43 @@ inline int64_t nowNs() {
 
 }  // namespace ring
 
+// A call's time-out. A relative one starts when it is first asked for, at the call's first
+// wait: a call that never waits (bytes or room were there) reads no clock, and the copies
+// before the first wait take microseconds of a time-out of milliseconds.
 struct PipeRing::Deadline {
   explicit Deadline(int timeoutMs)
-      : forever(timeoutMs < 0), at(forever ? 0 : ring::nowNs() + int64_t{timeoutMs} * 1000000) {}
-  Deadline(bool f, int64_t a) : forever(f), at(a) {}
+      : forever(timeoutMs < 0), span_(forever ? 0 : int64_t{timeoutMs} * 1000000) {}
+  Deadline(bool f, int64_t a) : forever(f), span_(0), at_(a) {}
   // Nanoseconds left; 0 once passed.
   int64_t left() const {
     if (forever) return INT64_MAX;
-    int64_t rest = at - ring::nowNs();
+    if (at_ == 0) {
+      if (span_ == 0) return 0;
+      at_ = ring::nowNs() + span_;
+    }
+    int64_t rest = at_ - ring::nowNs();
     return rest > 0 ? rest : 0;
   }
-  // This deadline, or the moment `ms` from now when that comes later.
+  // This deadline, or one `ms` after the start when that comes later.
   Deadline atLeast(int ms) const {
-    int64_t later = ring::nowNs() + int64_t{ms} * 1000000;
-    return forever || later <= at ? *this : Deadline(false, later);
+    const int64_t span = int64_t{ms} * 1000000;
+    if (forever) return *this;
+    if (at_ == 0) return span_ >= span ? *this : Deadline(ms);
+    int64_t later = ring::nowNs() + span;
+    return later <= at_ ? *this : Deadline(false, later);
   }
   // This deadline, or the moment `ns` from now when that comes first.
   Deadline within(int64_t ns) const {
+    if (forever) return Deadline(false, ring::nowNs() + ns);
+    left();  // started now, if it was not
     int64_t soon = ring::nowNs() + ns;
-    return forever || soon < at ? Deadline(false, soon) : *this;
+    return soon < at_ ? Deadline(false, soon) : *this;
   }
   const bool forever;
-  const int64_t at;
+
+ private:
+  const int64_t span_;     // a relative time-out not started yet; 0 with at_ 0: none left
+  mutable int64_t at_ = 0;  // the moment it passes, once started
 };
 
 
