@@ -85,21 +85,18 @@ int searchPath(int base, const std::string& list, const std::string& file, uint6
   return -1;
 }
 
-// The host path of an opened program: the start execs a path, not a descriptor. A program
-// is never a /proc file (what the host follows from /proc/<pid>/exe or fd/N is the file
-// itself), so a path that is not an absolute one outside /proc is refused.
-int programPath(int fd, std::string* path) {
-  char link[48];
-  std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-  char target[PATH_MAX];
-  ssize_t n = ::readlink(link, target, sizeof target);
-  if (n <= 0) return EACCES;
-  if (n == static_cast<ssize_t>(sizeof target)) return ENAMETOOLONG;
-  path->assign(target, static_cast<size_t>(n));
+// A program is never a /proc file: what the host follows from /proc/<pid>/exe or fd/N there
+// is another process's file.
+bool onProcfs(int fd) {
   struct statfs fs;
-  if ((*path)[0] != '/' || ::fstatfs(fd, &fs) != 0 || fs.f_type == PROC_SUPER_MAGIC) return EACCES;
-  return 0;
+  return ::fstatfs(fd, &fs) != 0 || fs.f_type == PROC_SUPER_MAGIC;
 }
+
+// A descriptor opened and closed within one start.
+struct OpenedHere {
+  int fd;
+  ~OpenedHere() { ::close(fd); }
+};
 
 uint64_t fail(int error) {
   Error::set(static_cast<uint32_t>(error));
@@ -139,8 +136,7 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
   int rc = files.open(forPid, handed);
   if (rc != 0) return fail(rc);
 
-  // The program's file is found as the starter names it, and exec'd by the path the host
-  // gives that file.
+  // The program's file is found as the starter names it, and exec'd as that very file.
   std::string program = path->c_str();
   int programFd;
   if ((startFlags & kSearchPath) != 0 && program.find('/') == std::string::npos) {
@@ -151,15 +147,21 @@ uint64_t Binary::create(const Ref<String>& path, uint32_t startFlags, const Ref<
     programFd = openProgram(files.dirFd(), program, forPid, false);
   }
   if (programFd < 0) return fail(errno);
-  rc = programPath(programFd, &program);
-  ::close(programFd);
-  if (rc != 0) return fail(rc);
+  // Above the three standard numbers, which the child fills before it execs this one.
+  if (programFd < 3) {
+    int above = ::fcntl(programFd, F_DUPFD_CLOEXEC, 3);
+    ::close(programFd);
+    if (above < 0) return fail(errno);
+    programFd = above;
+  }
+  const OpenedHere programFile{programFd};
+  if (onProcfs(programFd)) return fail(EACCES);
 
   // The child leads a process group of its own, so that a signal meant for the program and
   // what it starts itself reaches no one else (and a terminal's signals for the server's group
   // do not reach it); it inherits nothing the server blocks or ignores.
   SpawnPlan plan;
-  plan.path = program.c_str();
+  plan.program = programFd;
   plan.argv = argv.data();
   plan.envp = envp.data();
   files.place(&plan);

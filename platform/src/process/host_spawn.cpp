@@ -4,6 +4,8 @@
 // Only the actions that are not the default are set back (alteredSignals).
 #include "host_spawn.h"
 
+#include <fcntl.h>
+#include <limits.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -106,9 +108,43 @@ thread_local ChildStack t_stack;
 #define POSIX_UNWATCHED __attribute__((no_sanitize("address", "thread", "undefined")))
 
 // A host call, as the child makes it: the negated errno value on failure.
-POSIX_UNWATCHED long host(long number, long a = 0, long b = 0, long c = 0, long d = 0) {
-  long rc = ::syscall(number, a, b, c, d);
+POSIX_UNWATCHED long host(long number, long a = 0, long b = 0, long c = 0, long d = 0,
+                          long e = 0) {
+  long rc = ::syscall(number, a, b, c, d, e);
   return rc < 0 ? -errno : rc;
+}
+
+// Closes every descriptor above 2 but `keep` (the program's file, which closes at exec).
+POSIX_UNWATCHED long closeAbove2(int keep, long openMax) {
+  long rc = keep > 3 ? host(SYS_close_range, 3, keep - 1, 0) : 0;
+  if (rc >= 0) rc = host(SYS_close_range, keep + 1, ~0u, 0);
+  if (rc != -ENOSYS) return rc;
+  for (long fd = 3; fd < openMax; ++fd) {
+    if (fd != keep) host(SYS_close, fd);
+  }
+  return 0;
+}
+
+// Execs the program's file. A script is run by its interpreter, which opens it by name, and a
+// file handed over as a descriptor that closes at exec has none: the host refuses it with
+// ENOENT. Such a file is exec'd by the absolute name the host gives it instead.
+POSIX_UNWATCHED long execProgram(const SpawnPlan& plan) {
+  long rc = host(SYS_execveat, plan.program, reinterpret_cast<long>(""),
+                 reinterpret_cast<long>(plan.argv), reinterpret_cast<long>(plan.envp),
+                 AT_EMPTY_PATH);
+  if (rc != -ENOENT) return rc;
+  char link[32] = "/proc/self/fd/";
+  char digits[12];
+  int n = 0;
+  for (unsigned v = static_cast<unsigned>(plan.program); n == 0 || v != 0; v /= 10) digits[n++] = static_cast<char>('0' + v % 10);
+  for (size_t at = 14; n > 0;) link[at++] = digits[--n];
+  char target[PATH_MAX];
+  long length = host(SYS_readlink, reinterpret_cast<long>(link), reinterpret_cast<long>(target),
+                     sizeof target - 1);
+  if (length <= 0 || target[0] != '/') return rc;
+  target[length] = '\0';
+  return host(SYS_execve, reinterpret_cast<long>(target), reinterpret_cast<long>(plan.argv),
+              reinterpret_cast<long>(plan.envp));
 }
 
 POSIX_UNWATCHED int childMain(void* arg) {
@@ -129,17 +165,10 @@ POSIX_UNWATCHED int childMain(void* arg) {
     }
   }
   // Nothing of the server's reaches the program, whatever it holds without close-on-exec.
-  if (rc >= 0) rc = host(SYS_close_range, 3, ~0u, 0);
-  if (rc == -ENOSYS) {
-    for (long fd = 3; fd < child->openMax; ++fd) host(SYS_close, fd);
-    rc = 0;
-  }
+  if (rc >= 0) rc = closeAbove2(plan.program, child->openMax);
   const uint64_t none = 0;
   if (rc >= 0) host(SYS_rt_sigprocmask, SIG_SETMASK, reinterpret_cast<long>(&none), 0, sizeof none);
-  if (rc >= 0) {
-    rc = host(SYS_execve, reinterpret_cast<long>(plan.path), reinterpret_cast<long>(plan.argv),
-              reinterpret_cast<long>(plan.envp));
-  }
+  if (rc >= 0) rc = execProgram(plan);
   child->error = static_cast<int>(-rc);
   ::syscall(SYS_exit_group, 127);
   return 127;

@@ -10,7 +10,9 @@
 #include <sys/types.h>
 
 struct SpawnPlan {
-  const char* path = nullptr;  // the program, by its host path
+  // The program's file, opened (O_PATH, close-on-exec) where the starter named it: exec'd as
+  // the very file found, so that nothing can change what the name means in between.
+  int program = -1;
   char* const* argv = nullptr;
   char* const* envp = nullptr;
   int dir = -1;  // the working directory to change to, or -1 for the server's
