@@ -110,6 +110,7 @@ bool ProcessAgent::start() {
   process_->linkTo(parent_);
   if (g_linkWaiters.load(std::memory_order_acquire) != 0) linkedSignal()->up();
   answer(PX_RESULT_DONE, pid);
+  program_.dropPidfd();  // after the answer: closing a pidfd takes microseconds
   POSIX_LOG(agentLog.handle, 1,
             "Process " << LogNum{parent_->pid()} << " created new child process " << start_.path
                        << " with pid: " << LogNum{pid});
@@ -134,11 +135,13 @@ void ProcessAgent::run() {
   // still use the pid and the group id the program leads.
   uint32_t exitCode = Proc::awaitEnd(program_);
   process_->markEnded(exitCode);
-  Proc::wait(program_);
   process_->unlinkEnded();
   // Free for the next agent before the parent hears of the end (and perhaps starts another).
   AgentThreads::finishing();
   if (Ref<PosixProcess> parent = process_->parent()) parent->childExited(process_);
+  // Collected once the parent has been told: the pid stays the program's until then, and
+  // nothing the parent learns waits for the host to free it.
+  Proc::wait(program_);
   // Logged once the parent has been told: a waiting parent is not kept waiting for the log.
   POSIX_LOG(agentLog.handle, 1,
             "Process " << process_->program() << " (" << LogNum{process_->pid()}

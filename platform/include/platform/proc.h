@@ -18,8 +18,8 @@ class Proc {
   // not lead its process.
   static ProcIdentity identity(uint64_t pid);
   // The identity of a program the caller started and has not collected: nobody else can have
-  // its pid, so it is read from what its start left (the pidfd is used up and closed).
-  static ProcIdentity identity(StartedProgram& program);
+  // its pid, so it is read from what its start left (its pidfd, which the caller then drops).
+  static ProcIdentity identity(const StartedProgram& program);
   // Sends `what` to the process `who`, only while its pid still names that process (a pidfd is
   // opened and its serial checked first). With `withGroup` it also goes to the host process
   // group that `who` leads; the caller makes sure that `who` has not been collected yet, so that

@@ -18,11 +18,13 @@ class StartedProgram {
   ~StartedProgram() { dropPidfd(); }
   // 0 once collected (or before a start).
   uint64_t pid() const { return pid_; }
+  // Closes the pidfd: a running program holds no descriptor of its starter's, which needs it
+  // only until it has read the program's identity (Proc::identity).
+  void dropPidfd();
 
  private:
   friend class Binary;
   friend class Proc;
-  void dropPidfd();
   uint64_t pid_ = 0;
   // The start time in /proc's clock ticks when the clock read before and after the start fell
   // in one tick, else 0.

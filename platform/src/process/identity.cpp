@@ -125,7 +125,7 @@ ProcIdentity Proc::identity(uint64_t pid) {
   return known ? ProcIdentity{pid, serial} : ProcIdentity{};
 }
 
-ProcIdentity Proc::identity(StartedProgram& program) {
+ProcIdentity Proc::identity(const StartedProgram& program) {
   const uint64_t pid = program.pid_;
   if (pid == 0) return {};
   // Where the serial is a start time, the start tick is known from the clock read around the
@@ -143,9 +143,7 @@ ProcIdentity Proc::identity(StartedProgram& program) {
   }
   if (program.pidfd_ < 0) return identity(pid);
   uint64_t serial = 0;
-  bool known = serialOf(program.pidfd_, pid, &serial);
-  program.dropPidfd();  // counted until here; a running program holds no descriptor of ours
-  return known ? ProcIdentity{pid, serial} : ProcIdentity{};
+  return serialOf(program.pidfd_, pid, &serial) ? ProcIdentity{pid, serial} : ProcIdentity{};
 }
 
 bool Proc::send(const ProcIdentity& who, HostSignal what, bool withGroup) {
