@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <map>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -122,19 +123,36 @@ struct Condition {
   double load = -1;  // the host's one-minute load average when the condition ended
 };
 
+// Whether Google Benchmark's --benchmark_filter `filter` (a regular expression, or one that
+// excludes what it matches when it starts with '-') takes the benchmark `name`.
+bool filterTakes(const std::string& filter, const std::string& name) {
+  const bool negated = !filter.empty() && filter[0] == '-';
+  const std::string pattern = negated ? filter.substr(1) : filter;
+  if (pattern.empty() || pattern == "all") return !negated;
+  bool found = std::regex_search(name, std::regex(pattern, std::regex::extended));
+  return negated ? !found : found;
+}
+
 }  // namespace
 
 // Runs every benchmark on an idle machine, then beside one CPU-bound process, then beside one
-// per core (--idle-only skips those two), and prints each pair's ratio under each load. With
+// per core (--idle-only skips those two), the scale benchmark after all others under each load
+// again, and prints each pair's ratio under each load. With
 // --benchmark_repetitions=N the ratios of time pairs are of the medians; pairs in rounds give
 // their worst and median round.
 int main(int argc, char** argv) {
   if (scaleKeeperMode(argc, argv)) return 0;
   bool busyToo = true;
+  bool scaleToo = true;
   int kept = 1;
   for (int i = 1; i < argc; ++i) {
-    if (std::string(argv[i]) == "--idle-only") busyToo = false;
-    else argv[kept++] = argv[i];
+    const std::string arg = argv[i];
+    if (arg == "--idle-only") {
+      busyToo = false;
+      continue;
+    }
+    if (arg.starts_with("--benchmark_filter=")) scaleToo = filterTakes(arg.substr(19), kScaleBenchmark);
+    argv[kept++] = argv[i];
   }
   argc = kept;
   benchmark::Initialize(&argc, argv);
@@ -157,6 +175,15 @@ int main(int argc, char** argv) {
                 "load average %.2f):\n", i ? "\n" : "", c.name, load.size(), before);
     benchmark::RunSpecifiedBenchmarks(&c.report);
     c.load = loadAverage();
+  }
+  // The scale benchmark last, under each load again.
+  registerScaleBenchmark();
+  for (size_t i = 0; scaleToo && i < count; ++i) {
+    Condition& c = conditions[i];
+    BusyLoad load;
+    load.start(c.spinners);
+    std::printf("\n%s, the scale benchmark (load average %.2f):\n", c.name, loadAverage());
+    benchmark::RunSpecifiedBenchmarks(&c.report, kScaleBenchmark);
   }
   instance.stop();
 

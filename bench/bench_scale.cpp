@@ -321,10 +321,15 @@ void BM_ScaleRounds(benchmark::State& state) {
   state.counters["slowest_trip_us"] = slowest;
   std::fflush(stdout);
 }
-// One iteration holds every round.
-BENCHMARK(BM_ScaleRounds)->Iterations(1)->Repetitions(1)->Unit(benchmark::kMillisecond);
-
 }  // namespace
+
+void registerScaleBenchmark() {
+  // One iteration holds every round.
+  benchmark::RegisterBenchmark(kScaleBenchmark, BM_ScaleRounds)
+      ->Iterations(1)
+      ->Repetitions(1)
+      ->Unit(benchmark::kMillisecond);
+}
 
 bool scaleKeeperMode(int argc, char** argv) {
   if (argc != 4 || std::strcmp(argv[1], "--scale-keeper") != 0) return false;

@@ -4,3 +4,9 @@
 #pragma once
 
 bool scaleKeeperMode(int argc, char** argv);
+
+// The scale benchmark's name. It is registered apart (registerScaleBenchmark) and run after
+// every other benchmark has run under every load: the 12,000 programs it starts and ends keep
+// the host busy for a while after it, which no other figure should carry.
+inline constexpr const char* kScaleBenchmark = "BM_ScaleRounds";
+void registerScaleBenchmark();
