@@ -40,25 +40,19 @@ AgentThreads::AgentThreads() : monitor_(Mon::create()) {}
 bool AgentThreads::run(Ref<Exec> agent) {
   AgentThreads& threads = instance();
   Exec* handed = agent.get();
-  Worker* woken = nullptr;  // waits in its semaphore until posted: it cannot go meanwhile
   {
     MonLock lock(threads.monitor_);
     threads.queue_.push_back(std::move(agent));
     // A thread on its way back takes the agent from the queue; else the one that waited last.
     if (threads.returning_ >= threads.queue_.size()) return true;
     if (!threads.idle_.empty()) {
-      woken = threads.idle_.back();
+      Worker* worker = threads.idle_.back();
       threads.idle_.pop_back();
       ++threads.posted_;
-    } else if (threads.freeThreads() >= 0) {
+      worker->wake_->up();
       return true;
     }
-  }
-  // Woken outside the monitor: a worker that runs at once on this processor would otherwise
-  // find the monitor held and hand the processor back before it could take the agent.
-  if (woken) {
-    woken->wake_->up();
-    return true;
+    if (threads.freeThreads() >= 0) return true;
   }
   if (threads.startThread()) return true;
   // No thread could be made: withdraw the agent unless a thread that came free took it.
