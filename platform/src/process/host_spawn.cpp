@@ -133,10 +133,11 @@ POSIX_UNWATCHED long execProgram(const SpawnPlan& plan) {
                  reinterpret_cast<long>(plan.argv), reinterpret_cast<long>(plan.envp),
                  AT_EMPTY_PATH);
   if (rc != -ENOENT) return rc;
-  char link[32] = "/proc/self/fd/";
+  char link[32] = "/proc/self/fd/";  // written by hand: the child calls no library formatting
   char digits[12];
   int n = 0;
-  for (unsigned v = static_cast<unsigned>(plan.program); n == 0 || v != 0; v /= 10) digits[n++] = static_cast<char>('0' + v % 10);
+  for (unsigned v = static_cast<unsigned>(plan.program); n == 0 || v != 0; v /= 10)
+    digits[n++] = static_cast<char>('0' + v % 10);
   for (size_t at = 14; n > 0;) link[at++] = digits[--n];
   char target[PATH_MAX];
   long length = host(SYS_readlink, reinterpret_cast<long>(link), reinterpret_cast<long>(target),
