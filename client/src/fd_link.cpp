@@ -107,6 +107,7 @@ int ServiceLink::settle(uint64_t id) {
 int ServiceLink::awaitReply(uint64_t id, Reply* out, bool* interrupted, int* file) {
   if (file != nullptr) *file = -1;
   for (;;) {
+    socket_.lookForReply();
     struct iovec iov = {buffer_.data(), buffer_.size()};
     alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int))];
     struct msghdr msg = {};
@@ -148,6 +149,7 @@ int ServiceLink::callInto(FrameWriter& req, void* buf, size_t cap, uint32_t* sta
   for (;;) {
     // The header, then the data into the caller's buffer, and whatever is beyond (a longer
     // answer than asked for, or blocks) into the link's own buffer, so nothing is cut off.
+    socket_.lookForReply();
     struct iovec iov[3] = {{head, sizeof head}, {buf, cap}, {buffer_.data(), buffer_.size()}};
     struct msghdr msg = {};
     msg.msg_iov = iov;

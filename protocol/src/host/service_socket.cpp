@@ -10,6 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -112,6 +113,7 @@ int ServiceSocket::open(const std::string& rt, const std::string& name) {
 }
 
 int ServiceSocket::send(const void* frame, size_t size) const {
+  sent(frame, size);
   for (;;) {
     ssize_t n = ::send(fd_, frame, size, MSG_NOSIGNAL);
     if (n == static_cast<ssize_t>(size)) return 0;
@@ -123,6 +125,7 @@ int ServiceSocket::send(const void* frame, size_t size) const {
 
 int ServiceSocket::send(const void* frame, size_t size, const int* fds, size_t count) const {
   if (count == 0) return send(frame, size);
+  sent(frame, size);
   constexpr size_t kMost = 8;
   if (count > kMost) return EINVAL;
   iovec iov{const_cast<void*>(frame), size};
@@ -146,7 +149,42 @@ int ServiceSocket::send(const void* frame, size_t size, const int* fds, size_t c
   }
 }
 
+void ServiceSocket::sent(const void* frame, size_t size) const {
+  uint32_t code = 0;
+  if (size >= 2 * sizeof code) std::memcpy(&code, static_cast<const char*>(frame) + sizeof code, sizeof code);
+  lastCommand_.store(code, std::memory_order_relaxed);
+}
+
+bool ServiceSocket::lookForReply() {
+  constexpr int kFirstSkip = 16;
+  constexpr int kMaxSkip = 4096;
+  const size_t slot = lastCommand_.load(std::memory_order_relaxed) % kLookSlots;
+  std::atomic<int>& skips = lookSkip_[slot];
+  std::atomic<int>& backoff = lookBackoff_[slot];
+  if (int skip = skips.load(std::memory_order_relaxed); skip > 0) {
+    skips.store(skip - 1, std::memory_order_relaxed);
+    return false;
+  }
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  const int64_t until = now.tv_sec * 1000000000ll + now.tv_nsec + kReplyLookNs;
+  pollfd pfd = {fd_, POLLIN, 0};
+  do {
+    if (::poll(&pfd, 1, 0) > 0) {
+      backoff.store(0, std::memory_order_relaxed);
+      return true;
+    }
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+  } while (now.tv_sec * 1000000000ll + now.tv_nsec < until);
+  int next = backoff.load(std::memory_order_relaxed);
+  next = next == 0 ? kFirstSkip : std::min(next * 2, kMaxSkip);
+  backoff.store(next, std::memory_order_relaxed);
+  skips.store(next, std::memory_order_relaxed);
+  return false;
+}
+
 ssize_t ServiceSocket::receive(void* buffer, size_t capacity, int64_t deadlineMs) {
+  if (deadlineMs == kLinkTimeout) lookForReply();
   for (;;) {
     // With a deadline, poll first so that both the deadline and a server that hung up end the
     // wait. Otherwise a blocking recv is enough (a hang-up ends it with 0 bytes, the link's

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -65,9 +66,31 @@ class ServiceSocket {
   // The pid of the process at the other end, 0 if unknown.
   int64_t peerPid() const;
 
+  // Looks for the reply to the last request sent for up to kReplyLookNs before the caller
+  // sleeps for it: true when something came to read. Most requests are answered within some
+  // tens of microseconds, and a sleep with the wake-up after it costs as much again where
+  // waking an idle processor passes through a hypervisor. A look that nothing reached in time
+  // makes the next 16, 32, ... looks for replies to the same command be skipped, so requests
+  // that wait (a spawn, a wait for a child) soon sleep at once, and the others look on.
+  // receive() looks by itself when it blocks.
+  bool lookForReply();
+
  private:
+  // The slot of a command's looks: a link serves one service, whose codes are small.
+  static constexpr size_t kLookSlots = 32;
+  // Notes the command of a frame that went out (its header's code).
+  void sent(const void* frame, size_t size) const;
+
   int fd_ = -1;
+  // One thread at a time uses a link; relaxed atomics keep a second one harmless.
+  mutable std::atomic<uint32_t> lastCommand_{0};
+  // Per command slot: looks still to skip, and the count the last miss set (the next doubles).
+  std::atomic<int> lookSkip_[kLookSlots] = {};
+  std::atomic<int> lookBackoff_[kLookSlots] = {};
 };
+
+// How long lookForReply looks: a round trip that needs no wake-up of the caller.
+constexpr int64_t kReplyLookNs = 50000;
 
 // Moves `fd` to a number above 2 (close-on-exec) when it took a standard descriptor that was
 // closed. Answers the descriptor, or -1 with errno set (`fd` is closed then).
