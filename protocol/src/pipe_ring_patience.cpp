@@ -2,8 +2,6 @@
 
 #include <sched.h>
 
-#include <algorithm>
-
 namespace posix {
 
 using namespace ring;
@@ -15,14 +13,12 @@ constexpr int kLookEvery = 16;
 // A hand-over that took longer than this let another program run a time slice, and one after
 // which the wait still waits did not reach the other side (it runs in another scheduling group,
 // a session of its own, where a yield does not reach): handing over is then no quicker than
-// sleeping, and the next 16, 32, ... up to kMaxSkip waits sleep instead.
+// sleeping, and the next waits sleep instead (SkipBackoff).
 constexpr int64_t kSlowHandOverNs = 50000;
 // How long after waking the other side a waiter looks for its answer: a wake-up reaches a
 // process on another, busy processor within some 15-30 us on a virtual machine, and the answer
 // (a copy of at most a ring) follows at once.
 constexpr int64_t kAnswerNs = 100000;
-constexpr int kFirstSkip = 16;
-constexpr int kMaxSkip = 4096;
 
 uint32_t processorNow() {
   int cpu = sched_getcpu();  // the C library reads it from the thread's restartable area
@@ -32,7 +28,7 @@ uint32_t processorNow() {
 }  // namespace
 
 PipeRing::Patience::~Patience() {
-  if (answer_ == Answer::kAwaiting) ring_.answerBackoff_.store(0, std::memory_order_relaxed);
+  if (answer_ == Answer::kAwaiting) ring_.answers_.paid();
 }
 
 void PipeRing::Patience::present(uint32_t* word) {
@@ -43,7 +39,7 @@ void PipeRing::Patience::present(uint32_t* word) {
 void PipeRing::Patience::sleeping() {
   // The answer did not come in time (a wait that is woken and looks again starts afresh).
   if (answer_ == Answer::kAwaiting) {
-    backOff(ring_.answerSkip_, ring_.answerBackoff_);
+    ring_.answers_.missed();
     answer_ = Answer::kMissed;
   }
   const uint32_t here = processorNow();
@@ -81,7 +77,7 @@ bool PipeRing::Patience::awaitAnswer(uint32_t peer, uint32_t here) {
   // Woken onto this processor, it waits for this side to leave it: hand it over.
   if (peer == here) return handOver();
   if (answer_ == Answer::kUnasked) {
-    if (skipped(ring_.answerSkip_)) {
+    if (ring_.answers_.skipping()) {
       answer_ = Answer::kSkipped;
       return false;
     }
@@ -92,31 +88,17 @@ bool PipeRing::Patience::awaitAnswer(uint32_t peer, uint32_t here) {
 }
 
 bool PipeRing::Patience::handOver() {
-  if (skipped(ring_.yieldSkip_)) return false;
+  if (ring_.handOvers_.skipping()) return false;
   if (handedOver_) {  // the last hand-over did not bring what this wait waits for
-    backOff(ring_.yieldSkip_, ring_.yieldBackoff_);
+    ring_.handOvers_.missed();
     return false;
   }
   handedOver_ = true;
   int64_t before = nowNs();
   sched_yield();
-  if (nowNs() - before > kSlowHandOverNs) backOff(ring_.yieldSkip_, ring_.yieldBackoff_);
-  else ring_.yieldBackoff_.store(0, std::memory_order_relaxed);
+  if (nowNs() - before > kSlowHandOverNs) ring_.handOvers_.missed();
+  else ring_.handOvers_.paid();
   return true;
-}
-
-bool PipeRing::Patience::skipped(std::atomic<int>& skip) {
-  int left = skip.load(std::memory_order_relaxed);
-  if (left <= 0) return false;
-  skip.store(left - 1, std::memory_order_relaxed);
-  return true;
-}
-
-void PipeRing::Patience::backOff(std::atomic<int>& skip, std::atomic<int>& backoff) {
-  int next = backoff.load(std::memory_order_relaxed);
-  next = next == 0 ? kFirstSkip : std::min(next * 2, kMaxSkip);
-  backoff.store(next, std::memory_order_relaxed);
-  skip.store(next, std::memory_order_relaxed);
 }
 
 }  // namespace posix

@@ -54,11 +54,6 @@ class PipeRing::Patience {
   bool awaitAnswer(uint32_t peer, uint32_t here);
   // Whether this process woke the other side less than kAnswerNs ago.
   bool answerDue() const;
-  // Fewer of the next waits try again, twice as many each time: `skip` of them, `backoff` the
-  // last count.
-  static void backOff(std::atomic<int>& skip, std::atomic<int>& backoff);
-  // Whether this wait is one that a back-off skips (counting it).
-  static bool skipped(std::atomic<int>& skip);
 
   PipeRing& ring_;
   uint32_t* const mine_;

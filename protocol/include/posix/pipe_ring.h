@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "posix/pipe_page.h"
+#include "posix/skip_backoff.h"
 
 namespace posix {
 
@@ -188,17 +189,15 @@ class PipeRing {
   // This process's turn at each lock (0 write, 1 read): held by the thread that takes the lock
   // word, from before it takes it until after it frees it.
   std::mutex turn_[2];
-  // Whether a waiter may hand its processor to the side it waits for (Patience): after a hand-
-  // over that gave the processor to somebody else for long, the next `yieldSkip_` waits do not,
-  // and `yieldBackoff_` doubles. Shared by the process's threads; hints, so relaxed.
-  std::atomic<int> yieldSkip_{0};
-  std::atomic<int> yieldBackoff_{0};
+  // Whether a waiter may hand its processor to the side it waits for (Patience): a hand-over
+  // that gave the processor to somebody else for long, or after which the wait still waited,
+  // makes the next waits sleep instead.
+  SkipBackoff handOvers_;
   // When this process last woke the other side (wakeOtherSide), in monotonic nanoseconds; and
-  // how many of the next waits skip waiting for its answer after waits that it did not reach
-  // in time (Patience). Hints, so relaxed.
+  // whether a wait looks for its answer, after waits that it did not reach in time (Patience).
+  // Hints, so relaxed.
   std::atomic<int64_t> wokeOtherSideAt_{0};
-  std::atomic<int> answerSkip_{0};
-  std::atomic<int> answerBackoff_{0};
+  SkipBackoff answers_;
 };
 
 }  // namespace posix

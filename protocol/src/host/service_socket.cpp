@@ -10,7 +10,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -156,30 +155,20 @@ void ServiceSocket::sent(const void* frame, size_t size) const {
 }
 
 bool ServiceSocket::lookForReply() {
-  constexpr int kFirstSkip = 16;
-  constexpr int kMaxSkip = 4096;
-  const size_t slot = lastCommand_.load(std::memory_order_relaxed) % kLookSlots;
-  std::atomic<int>& skips = lookSkip_[slot];
-  std::atomic<int>& backoff = lookBackoff_[slot];
-  if (int skip = skips.load(std::memory_order_relaxed); skip > 0) {
-    skips.store(skip - 1, std::memory_order_relaxed);
-    return false;
-  }
+  SkipBackoff& looks = looks_[lastCommand_.load(std::memory_order_relaxed) % kLookSlots];
+  if (looks.skipping()) return false;
   timespec now{};
   ::clock_gettime(CLOCK_MONOTONIC, &now);
   const int64_t until = now.tv_sec * 1000000000ll + now.tv_nsec + kReplyLookNs;
   pollfd pfd = {fd_, POLLIN, 0};
   do {
     if (::poll(&pfd, 1, 0) > 0) {
-      backoff.store(0, std::memory_order_relaxed);
+      looks.paid();
       return true;
     }
     ::clock_gettime(CLOCK_MONOTONIC, &now);
   } while (now.tv_sec * 1000000000ll + now.tv_nsec < until);
-  int next = backoff.load(std::memory_order_relaxed);
-  next = next == 0 ? kFirstSkip : std::min(next * 2, kMaxSkip);
-  backoff.store(next, std::memory_order_relaxed);
-  skips.store(next, std::memory_order_relaxed);
+  looks.missed();
   return false;
 }
 

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <string>
 
+#include "posix/skip_backoff.h"
+
 namespace posix::host {
 
 // Longest wait for the reply to a request that the server answers at once: a reply that takes
@@ -84,9 +86,7 @@ class ServiceSocket {
   int fd_ = -1;
   // One thread at a time uses a link; relaxed atomics keep a second one harmless.
   mutable std::atomic<uint32_t> lastCommand_{0};
-  // Per command slot: looks still to skip, and the count the last miss set (the next doubles).
-  std::atomic<int> lookSkip_[kLookSlots] = {};
-  std::atomic<int> lookBackoff_[kLookSlots] = {};
+  SkipBackoff looks_[kLookSlots];  // per command slot
 };
 
 // How long lookForReply looks: a round trip that needs no wake-up of the caller.
