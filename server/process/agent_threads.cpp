@@ -40,19 +40,27 @@ AgentThreads::AgentThreads() : monitor_(Mon::create()) {}
 bool AgentThreads::run(Ref<Exec> agent) {
   AgentThreads& threads = instance();
   Exec* handed = agent.get();
+  Ref<Worker> woken;
   {
     MonLock lock(threads.monitor_);
     threads.queue_.push_back(std::move(agent));
     // A thread on its way back takes the agent from the queue; else the one that waited last.
     if (threads.returning_ >= threads.queue_.size()) return true;
     if (!threads.idle_.empty()) {
-      Worker* worker = threads.idle_.back();
+      woken = threads.idle_.back();  // alive: it waits for this very post
       threads.idle_.pop_back();
       ++threads.posted_;
-      worker->wake_->up();
+    } else if (threads.freeThreads() >= 0) {
       return true;
     }
-    if (threads.freeThreads() >= 0) return true;
+  }
+  // Posted outside the monitor: a thread woken onto this processor runs at once, and would
+  // otherwise find the monitor held, hand the processor back and be woken a second time. The
+  // reference keeps its semaphore alive should it take its agent, finish and end before up()
+  // has returned.
+  if (woken) {
+    woken->wake_->up();
+    return true;
   }
   if (threads.startThread()) return true;
   // No thread could be made: withdraw the agent unless a thread that came free took it.

@@ -136,8 +136,9 @@ uint64_t PosixProcess::maxChildren() {
 }
 
 bool PosixProcess::reserveStart() {
+  const uint64_t limit = maxChildren();  // asks the host: not under the monitor
   MonLock lock(monitor_);
-  if (children_.count() + zombies_.count() + startsPending_ >= maxChildren()) return false;
+  if (children_.count() + zombies_.count() + startsPending_ >= limit) return false;
   ++startsPending_;
   return true;
 }
