@@ -43,7 +43,7 @@ inline const std::vector<BenchPair>& benchPairs() {
       {"  the same, ring alone (floor)", "BM_PipeRounds/65536", "", 0, true, "4 KiB pipe", -1, 0,
        "floor_"},
       {"pipe + 2 close", "BM_PipeCreateCloseServer", "BM_PipeCreateCloseLinux", 15.0, false},
-      {"file read 64 MiB in 64 KiB reads", "BM_FileReadServer", "BM_FileReadLinux", 0.9, true},
+      {"file read 64 MiB in 64 KiB reads", "BM_FileReadRounds", "", 0.9, true, "Linux", -1, 0},
       {"12000 kept: getGroupId of newest", "BM_ScaleRounds", "", 1.5, false, "100 kept", -1, 0, "getGroupId_"},
       {"12000 kept: kill 0 of the caller", "BM_ScaleRounds", "", 1.5, false, "100 kept", -1, 0, "kill0_"},
       {"12000 kept: getParentId", "BM_ScaleRounds", "", 1.5, false, "100 kept", -1, 0, "getParentId_"},
