@@ -85,9 +85,6 @@ void PosixProcess::failWaiters(uint32_t status) {
 
 void PosixProcess::childExited(const Ref<PosixProcess>& child) {
   StatusRecord record = child->statusRecord();
-  // The wait this end answers, answered once the monitor is free: the waiter, woken onto this
-  // processor, may run at once and start the next program, which needs the monitor.
-  Ref<InMsg> collecting;
   {
     MonLock lock(monitor_);
     children_.remove(child->pid(), child.get());
@@ -95,17 +92,18 @@ void PosixProcess::childExited(const Ref<PosixProcess>& child) {
     sharedMemory_.reset();
     // An ended program collects nothing: its child's end is not kept.
     if (terminated()) return;
+    bool collected = false;
     for (uint64_t i = 0; i < waitEntries_->count(); ++i) {
       WaitEntry* entry = waitEntries_->get(i);
       if (!entryMatches(*entry, *child)) continue;
       waitEntries_->removeAt(i);
-      collecting = std::move(entry->request);
+      answerKept(entry->request, PX_RESULT_DONE, &record);
       delete entry;
+      collected = true;
       break;
     }
-    if (!collecting) zombies_.append(child->pid(), child);
+    if (!collected) zombies_.append(child->pid(), child);
     if (children_.count() == 0 && zombies_.count() == 0) failWaiters(PX_RESULT_NO_CHILD);
   }
-  if (collecting) answerKept(collecting, PX_RESULT_DONE, &record);
   signal(child, PX_SIG_CHILD, &record);
 }
