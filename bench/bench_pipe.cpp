@@ -24,7 +24,6 @@
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -47,12 +46,10 @@ const size_t kTotal = [] {
 }();
 constexpr int kRounds = 5;
 constexpr const char* kReaderVar = "BENCH_PIPE_READER";
+// What a server pipe holds, and so the Linux pipe and the ring alone beside it.
+constexpr uint32_t kRingBytes = 4096;
 
-double nowMs() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) * 1e3 + static_cast<double>(ts.tv_nsec) / 1e6;
-}
+double nowMs() { return nowUs() / 1000; }
 
 // Reads up to kTotal bytes in `chunk`-byte calls; true when exactly kTotal came before the end.
 template <class Read>
@@ -75,7 +72,7 @@ struct Timing {
 
 // Bytes written before the clock starts: two rings' worth (the reader has taken the first by
 // then), or the first call when it is larger (it returns only once the reader took most of it).
-size_t untimedBytes(size_t chunk) { return std::max<size_t>(chunk, 2 * 4096); }
+size_t untimedBytes(size_t chunk) { return std::max<size_t>(chunk, 2 * kRingBytes); }
 
 // Writes kTotal bytes in `chunk`-byte calls, starting `t`'s clock after untimedBytes(); true
 // when every call took its whole chunk.
@@ -142,7 +139,7 @@ bool serverTransfer(size_t chunk, Timing* t) {
 bool linuxTransfer(size_t chunk, Timing* t) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return false;
-  if (fcntl(fds[1], F_SETPIPE_SZ, 4096) < 0) {
+  if (fcntl(fds[1], F_SETPIPE_SZ, kRingBytes) < 0) {
     close(fds[0]);
     close(fds[1]);
     return false;
@@ -166,22 +163,21 @@ bool linuxTransfer(size_t chunk, Timing* t) {
 // process writing and a forked one reading, end-of-file set as the server would set it.
 bool floorTransfer(size_t chunk, Timing* t) {
   using posix::PipeRing;
-  constexpr uint32_t kRing = 4096;
-  const size_t size = PX_PIPE_RING_OFFSET + kRing;
+  const size_t size = PX_PIPE_RING_OFFSET + kRingBytes;
   void* page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (page == MAP_FAILED) return false;
-  PipeRing owner(page, kRing, 3, PipeRing::Holder::kServer);
+  PipeRing owner(page, kRingBytes, 3, PipeRing::Holder::kServer);
   owner.format();
   t->asked = nowMs();
   pid_t reader = fork();
   if (reader == 0) {
-    PipeRing ring(page, kRing, 7, PipeRing::Holder::kClient);
+    PipeRing ring(page, kRingBytes, 7, PipeRing::Holder::kClient);
     _exit(drain(chunk, [&ring](char* b, size_t n) {
             PipeRing::Result r = ring.read(b, n, PipeRing::kForever);
             return r.end == PipeRing::End::kDone ? static_cast<long>(r.count) : r.end == PipeRing::End::kEof ? 0L : -1L;
           }) ? 0 : 1);
   }
-  PipeRing ring(page, kRing, 5, PipeRing::Holder::kClient);
+  PipeRing ring(page, kRingBytes, 5, PipeRing::Holder::kClient);
   bool ok = reader > 0 && feed(chunk, t, [&ring](const char* b, size_t n) {
               return static_cast<long>(ring.write(b, n, PipeRing::kForever).count);
             });
@@ -216,13 +212,11 @@ void BM_PipeRounds(benchmark::State& state) {
       floorRatios.push_back(t[0].ms() / t[2].ms());
     }
   }
-  std::sort(ratios.begin(), ratios.end());
-  std::sort(floorRatios.begin(), floorRatios.end());
-  state.counters["floor_worst"] = floorRatios.front();
-  state.counters["floor_median"] = floorRatios[floorRatios.size() / 2];
-  state.counters["worst"] = ratios.front();
-  state.counters["median"] = ratios[ratios.size() / 2];
-  state.counters["best"] = ratios.back();
+  state.counters["floor_worst"] = *std::min_element(floorRatios.begin(), floorRatios.end());
+  state.counters["floor_median"] = median(floorRatios);
+  state.counters["worst"] = *std::min_element(ratios.begin(), ratios.end());
+  state.counters["median"] = median(ratios);
+  state.counters["best"] = *std::max_element(ratios.begin(), ratios.end());
   state.counters["linux_ms"] = median(linuxMs);
   state.counters["server_ms"] = median(serverMs);
   // What starting the reader took, up to the clock: a fork, or a spawn through the server.

@@ -17,9 +17,9 @@
 //
 // Locking: `monitor_` guards queue_, idle_, posted_ and returning_. A thread in idle_ is
 // asleep on its own semaphore or about to be; run() takes the last one off, counts it in
-// posted_ and posts once for it (after leaving the monitor, holding a reference to the thread's
-// worker), and the thread leaves posted_ when it looks at the queue again. Until then it counts as free: another thread may have taken the agent it was woken
-// for.
+// posted_ and posts once for it (after leaving the monitor, holding a reference to the
+// thread's worker), and the thread leaves posted_ when it looks at the queue again. Until then
+// it counts as free: another thread may have taken the agent it was woken for.
 #pragma once
 
 #include <cstdint>
