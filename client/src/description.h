@@ -105,19 +105,22 @@ class Description {
   // Tells the server that the page's write (or read) lock has stayed with one holder too long.
   void askRecover(bool writeLock);
   // Whether the stream entry grants `access` (PX_ACCESS_READ or PX_ACCESS_WRITE).
-  bool mayUse(uint64_t access) const;
+  bool mayUse(uint64_t access) const { return (streamAccess_ & access) != 0; }
 
+  // What every read and write looks at comes first, so that a call touches a line or two.
   std::atomic<int32_t> type_;
+  static constexpr int kHostFileUnasked = -2;
+  // Set once, under item_.mutex; -1 from the start when there is no item service to ask.
+  std::atomic<int> hostFile_;
+  std::atomic<PipePage*> page_{nullptr};  // set once, under status_.mutex
+  std::atomic<bool> pageAsked_{false};    // set once page_ holds its final value
+  const uint64_t streamAccess_;           // what the stream entry grants; 0 without one
   const NodeRecord node_;
   Slot stream_;
   Slot status_;
   Slot seek_;
   Slot resize_;
   Slot item_;
-  static constexpr int kHostFileUnasked = -2;
-  std::atomic<int> hostFile_{kHostFileUnasked};  // set once, under item_.mutex
-  std::atomic<PipePage*> page_{nullptr};  // set once, under status_.mutex
-  std::atomic<bool> pageAsked_{false};    // set once page_ holds its final value
   bool described_ = false;  // guarded by item_.mutex
   ItemInfo info_;           // guarded by item_.mutex, valid once described_
 };

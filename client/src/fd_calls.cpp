@@ -42,6 +42,16 @@ int dup(int fd, int target, bool replace) {
   return got;
 }
 
+// A read's or write's answer for the caller: a description whose services closed under the call
+// (another thread closed or replaced its last number meanwhile) has gone, EBADF; only a
+// server that went away is ECONNRESET.
+ssize_t transferResult(int64_t result, int fd, const Description* d) {
+  if (result >= 0) return static_cast<ssize_t>(result);
+  int err = static_cast<int>(-result);
+  if (err == ECONNRESET && !stillNamed(fd, d)) err = EBADF;
+  return fail(err);
+}
+
 }  // namespace
 
 }  // namespace pxc
@@ -121,8 +131,8 @@ ssize_t px_read(int fd, void* buf, size_t n) {
   std::shared_ptr<pxc::Description> d;
   int err = pxc::lookupFd(fd, &d);
   if (err != 0) return pxc::fail(err);
-  int64_t got = d->read(buf, n, d->nonblock.load(std::memory_order_relaxed));
-  return got < 0 ? pxc::fail(static_cast<int>(-got)) : static_cast<ssize_t>(got);
+  return pxc::transferResult(d->read(buf, n, d->nonblock.load(std::memory_order_relaxed)), fd,
+                             d.get());
 }
 
 ssize_t px_write(int fd, const void* buf, size_t n) {
@@ -130,8 +140,8 @@ ssize_t px_write(int fd, const void* buf, size_t n) {
   std::shared_ptr<pxc::Description> d;
   int err = pxc::lookupFd(fd, &d);
   if (err != 0) return pxc::fail(err);
-  int64_t put = d->write(buf, n, d->nonblock.load(std::memory_order_relaxed));
-  return put < 0 ? pxc::fail(static_cast<int>(-put)) : static_cast<ssize_t>(put);
+  return pxc::transferResult(d->write(buf, n, d->nonblock.load(std::memory_order_relaxed)), fd,
+                             d.get());
 }
 
 int px_set_nonblock(int fd, int on) {

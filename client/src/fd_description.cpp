@@ -25,7 +25,20 @@ constexpr size_t kWriteChunk = 65536;
 
 }  // namespace
 
-Description::Description(int32_t type, NodeRecord node) : type_(type), node_(std::move(node)) {}
+namespace {
+
+uint64_t accessOf(const NodeRecord& node, uint64_t iface) {
+  const px_node_entry* entry = node.find(iface);
+  return entry != nullptr ? entry->access : 0;
+}
+
+}  // namespace
+
+Description::Description(int32_t type, NodeRecord node)
+    : type_(type),
+      hostFile_(node.find(PX_IFACE_FS_ITEM) != nullptr ? kHostFileUnasked : -1),
+      streamAccess_(accessOf(node, PX_IFACE_STREAM)),
+      node_(std::move(node)) {}
 
 Description::~Description() {
   delete page_.load(std::memory_order_relaxed);

@@ -87,11 +87,6 @@ bool Description::serverThere() {
   return status_.link != nullptr && status_.link->alive();
 }
 
-bool Description::mayUse(uint64_t access) const {
-  const px_node_entry* stream = node_.find(PX_IFACE_STREAM);
-  return stream != nullptr && (stream->access & access) != 0;
-}
-
 int64_t Description::pageRead(PipePage& page, void* buf, size_t n, bool nonblock) {
   using End = posix::PipeRing::End;
   if (!mayUse(PX_ACCESS_READ)) return -EBADF;

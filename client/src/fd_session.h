@@ -53,6 +53,9 @@ class FdSession {
 
 // The description behind `fd` for a read or write: 0, or EBADF (or the error of loading).
 int lookupFd(int fd, std::shared_ptr<Description>* out);
+// Whether `fd` still names `d` for a server that is still there: a call that found a
+// description whose services have closed tells the server's end from the description's.
+bool stillNamed(int fd, const Description* d);
 
 // Drops the local descriptor view (after a fork, or for a new instance): the next call fetches
 // the table again. Closes that were posted are settled first.

@@ -3,10 +3,15 @@
 // The server's table is the authority; the view mirrors it for the numbers this process
 // learned from the table and from replies, and keeps one Description per description, shared
 // by all its local descriptors (so one set of links per description).
+//
+// Reads and writes look their number up without the view's lock: the low numbers are mirrored
+// in slots that each hold their description by itself, so a read of a pipe touches its slot and
+// its description, not the lock, the map and the checks that every other call makes.
 #include <errno.h>
 #include <pthread.h>
 #include <time.h>
 
+#include <array>
 #include <atomic>
 #include <map>
 #include <tuple>
@@ -17,16 +22,35 @@ namespace pxc {
 
 namespace {
 
+// Numbers below this are mirrored for lookups without the view's lock (FdState::fast).
+constexpr int kFastFds = 256;
+
+// One number's description as lookupFd finds it: the slot's own lock is held only while the
+// pointer is copied, so lookups of different numbers, and lookups beside the calls that hold
+// the view's lock, do not wait for each other.
+struct FastSlot {
+  std::mutex mutex;
+  std::shared_ptr<Description> d;  // guarded by mutex
+};
+
 struct FdState {
   std::mutex mutex;
   bool loaded = false;           // guarded by mutex
   uint64_t instance = 0;         // guarded by mutex: runtimeGeneration() when the view loaded
   ServiceLink* link = nullptr;   // guarded by mutex: the descriptor service
   std::map<int, std::shared_ptr<Description>> fds;  // guarded by mutex; null: reserved
-  int64_t aliveUntil = 0;        // guarded by mutex: the link was seen alive until this time
   uint64_t lastPosted = 0;       // guarded by mutex: id of the last posted request
-  // Posted requests not yet answered; written under mutex, read without it by settleFds.
+  // Posted requests not yet answered; written under mutex, read without it by settleFds and
+  // lookupFd.
   std::atomic<uint32_t> posted{0};
+  // The link was seen alive until this time (coarse monotonic ms); written under mutex, read
+  // without it by lookupFd.
+  std::atomic<int64_t> aliveUntil{0};
+  // The runtime generation the view was loaded for while it is loaded, else 0: the fast slots
+  // count only while it is the current one. Written under mutex.
+  std::atomic<uint64_t> fastFor{0};
+  // fds for the numbers below kFastFds, written under mutex together with fds.
+  std::array<FastSlot, kFastFds> fast;
 };
 
 
@@ -43,16 +67,31 @@ FdState& fs() {
 constexpr int64_t kAliveForMs = 5;
 
 // Whether the descriptor service's link has gone (its server stopped or was restarted).
-bool linkGone() {
-  // The coarse clock (a tick's resolution) is enough for a bound of milliseconds and costs a
-  // fraction of the precise one.
+// The coarse clock (a tick's resolution) is enough for a bound of milliseconds and costs a
+// fraction of the precise one.
+int64_t coarseNowMs() {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
-  int64_t now = static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-  if (now < fs().aliveUntil) return false;
+  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+bool linkGone() {
+  int64_t now = coarseNowMs();
+  if (now < fs().aliveUntil.load(std::memory_order_relaxed)) return false;
   if (!fs().link->alive()) return true;
-  fs().aliveUntil = now + kAliveForMs;
+  fs().aliveUntil.store(now + kAliveForMs, std::memory_order_relaxed);
   return false;
+}
+
+// Mirrors fds[fd] in the fast slots. Called with the mutex held.
+void mirror(int fd, std::shared_ptr<Description> d) {
+  if (fd < 0 || fd >= kFastFds) return;
+  FastSlot& slot = fs().fast[fd];
+  {
+    std::lock_guard<std::mutex> lock(slot.mutex);
+    slot.d.swap(d);
+  }
+  // The description the slot held, if this was its last holder, closes its links out here.
 }
 
 // Set in a forked child: the links belong to the parent, whose pid the server knows them by.
@@ -60,9 +99,11 @@ std::atomic<bool> forked{false};
 
 void dropLocked() {
   fs().posted.store(0, std::memory_order_relaxed);
-  fs().aliveUntil = 0;
+  fs().aliveUntil.store(0, std::memory_order_relaxed);
+  fs().fastFor.store(0, std::memory_order_relaxed);
   delete fs().link;
   fs().link = nullptr;
+  for (const auto& [fd, d] : fs().fds) mirror(fd, nullptr);
   fs().fds.clear();
   fs().loaded = false;
   fs().instance = 0;
@@ -119,8 +160,10 @@ int loadLocked() {
     std::shared_ptr<Description> d = shared != nullptr ? *shared : nullptr;
     if (!d) d = std::make_shared<Description>(rec.type, std::move(rec.node));
     if (shared != nullptr) *shared = d;
-    fs().fds[static_cast<int>(rec.fd)] = d;
+    mirror(static_cast<int>(rec.fd), d);
+    fs().fds[static_cast<int>(rec.fd)] = std::move(d);
   }
+  fs().fastFor.store(fs().instance, std::memory_order_release);
   return 0;
 }
 
@@ -174,9 +217,15 @@ std::shared_ptr<Description> FdSession::get(int fd, bool* known) const {
   return *known ? it->second : nullptr;
 }
 
-void FdSession::set(int fd, std::shared_ptr<Description> d) { fs().fds[fd] = std::move(d); }
+void FdSession::set(int fd, std::shared_ptr<Description> d) {
+  mirror(fd, d);
+  fs().fds[fd] = std::move(d);
+}
 
-void FdSession::erase(int fd) { fs().fds.erase(fd); }
+void FdSession::erase(int fd) {
+  mirror(fd, nullptr);
+  fs().fds.erase(fd);
+}
 
 std::shared_ptr<Description> FdSession::adopt(int32_t type, NodeRecord node) {
   for (auto& [fd, d] : fs().fds) {
@@ -190,12 +239,32 @@ std::vector<std::pair<int, std::shared_ptr<Description>>> FdSession::all() const
 }
 
 int lookupFd(int fd, std::shared_ptr<Description>* out) {
+  // Without the lock while nothing is owed: no posted close (what the description shows may
+  // hang on it), no fork or new instance since the view loaded, and the link seen alive
+  // lately. A close on another thread meanwhile is one that came after this call.
+  if (fd >= 0 && fd < kFastFds && fs().posted.load(std::memory_order_acquire) == 0 &&
+      !forked.load(std::memory_order_relaxed) &&
+      fs().fastFor.load(std::memory_order_acquire) == runtimeGeneration() &&
+      coarseNowMs() < fs().aliveUntil.load(std::memory_order_relaxed)) {
+    FastSlot& slot = fs().fast[fd];
+    {
+      std::lock_guard<std::mutex> lock(slot.mutex);
+      *out = slot.d;
+    }
+    if (*out) return 0;
+  }
   FdSession session;
   // What the description shows (end-of-file, a broken pipe) may hang on a posted close.
   if (session.settle() != 0) return session.error();
   bool known = false;
   *out = session.get(fd, &known);
   return *out ? 0 : EBADF;
+}
+
+bool stillNamed(int fd, const Description* d) {
+  FdSession session;
+  bool known = false;
+  return session.error() != 0 || session.get(fd, &known).get() == d;
 }
 
 void resetFds() {

@@ -1,10 +1,11 @@
 // The client library under concurrent use: calls from many threads at once while others
-// block, several threads waiting for signals, and a signal wait held by another link of the
-// same process.
+// block, reads and writes racing the close and replacement of their number, several threads
+// waiting for signals, and a signal wait held by another link of the same process.
 #include <errno.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <set>
 #include <thread>
 #include <vector>
@@ -38,6 +39,46 @@ TEST_F(LibraryTest, CallsFromManyThreadsWhileOthersBlock) {
   EXPECT_EQ(wrong.load(), 0);
   EXPECT_EQ(waited, child);
   EXPECT_EQ(status, 3);
+}
+
+TEST_F(LibraryTest, ReadsAndWritesRaceTheCloseAndReplacementOfTheirNumber) {
+  // Reads and writes find their number's description without the view's lock: while other
+  // threads use the number, it is closed and given one pipe end after another. Each call
+  // must answer as if it came before or after each change.
+  constexpr int kNumber = 20;
+  std::atomic<bool> done{false};
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> users;
+  for (int t = 0; t < 2; ++t) {
+    users.emplace_back([&] {
+      char b = 0;
+      while (!done.load()) {
+        ssize_t r = px_read(kNumber, &b, 1);
+        if (r < 0 && errno != EAGAIN && errno != EBADF) ++wrong;
+        ssize_t w = px_write(kNumber, "w", 1);
+        if (w < 0 && errno != EAGAIN && errno != EBADF && errno != EPIPE) ++wrong;
+      }
+    });
+  }
+  for (int i = 0; i < 200; ++i) {
+    int fds[2];
+    ASSERT_EQ(px_pipe(fds), 0) << strerror(errno);
+    ASSERT_EQ(px_set_nonblock(fds[0], 1), 0);
+    ASSERT_EQ(px_set_nonblock(fds[1], 1), 0);
+    ASSERT_EQ(px_dup2(fds[i % 2], kNumber), kNumber);
+    if (i % 3 == 0) {
+      ASSERT_EQ(px_write(fds[1], "p", 1), 1);
+    }
+    ASSERT_EQ(px_close(fds[0]), 0);
+    ASSERT_EQ(px_close(fds[1]), 0);
+    if (i % 5 == 0) {
+      ASSERT_EQ(px_close(kNumber), 0);
+    }
+  }
+  done = true;
+  for (auto& t : users) t.join();
+  EXPECT_EQ(wrong.load(), 0);
+  px_close(kNumber);
 }
 
 TEST_F(LibraryTest, EachSignalGoesToOneOfSeveralWaitingThreads) {
