@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <regex>
 #include <set>
@@ -13,6 +14,7 @@
 #include "bench_instance.h"
 #include "bench_load.h"
 #include "bench_pairs.h"
+#include "bench_rounds.h"
 #include "bench_scale.h"
 
 namespace {
@@ -121,7 +123,47 @@ struct Condition {
   size_t spinners;
   RatioReporter report;
   double load = -1;  // the host's one-minute load average when the condition ended
+  RoundLog rounds = {};  // every round of the benchmarks that log them
 };
+
+std::string trimmed(std::string text) {
+  text.erase(text.find_last_not_of(' ') + 1);
+  return text;
+}
+
+// Every logged round of each pair in rounds, in the order they ran, one column per condition:
+// a median hides whether the rounds split into two kinds.
+void printRounds(const Condition* conditions, size_t count) {
+  bool any = false;
+  for (const BenchPair& pair : benchPairs()) {
+    if (!pair.rounds()) continue;
+    std::string row;
+    bool logged = false;
+    for (size_t i = 0; i < count; ++i) {
+      auto found = conditions[i].rounds.find({pair.server, pair.counterPrefix});
+      std::string cell;
+      if (found != conditions[i].rounds.end()) {
+        logged = true;
+        for (double ratio : found->second) {
+          char text[16];
+          std::snprintf(text, sizeof text, "%s%.2f", cell.empty() ? "" : " ", ratio);
+          cell += text;
+        }
+      }
+      char column[64];
+      std::snprintf(column, sizeof column, " %-30s", cell.empty() ? "-" : cell.c_str());
+      row += column;
+    }
+    if (!logged) continue;
+    if (!any) {
+      std::string header;
+      for (size_t i = 0; i < count; ++i) header += " " + std::string(conditions[i].name) + std::string(30 - std::strlen(conditions[i].name), ' ');
+      std::printf("\nEvery round, in the order run:\n  %-34s%s\n", "pair", trimmed(header).c_str());
+      any = true;
+    }
+    std::printf("  %-34s%s\n", pair.label, trimmed(row).c_str());
+  }
+}
 
 // Whether Google Benchmark's --benchmark_filter `filter` (a regular expression, or one that
 // excludes what it matches when it starts with '-') takes the benchmark `name`.
@@ -175,6 +217,7 @@ int main(int argc, char** argv) {
                 "load average %.2f):\n", i ? "\n" : "", c.name, load.size(), before);
     benchmark::RunSpecifiedBenchmarks(&c.report);
     c.load = loadAverage();
+    c.rounds = takeRounds();
   }
   // The scale benchmark last, under each load again.
   registerScaleBenchmark();
@@ -211,6 +254,7 @@ int main(int argc, char** argv) {
   if (idleLoad > 1.0)
     std::printf("  The idle run was not idle (load average %.2f at its start): its figures do not count.\n",
                 idleLoad);
+  printRounds(conditions, count);
   benchmark::Shutdown();
   bool failed = false;
   for (size_t i = 0; i < count; ++i) failed |= conditions[i].report.failed();

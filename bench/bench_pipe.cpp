@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "bench_measure.h"
+#include "bench_rounds.h"
 #include "posix/pipe_ring.h"
 #include "posix_client.h"
 
@@ -212,6 +213,9 @@ void BM_PipeRounds(benchmark::State& state) {
       floorRatios.push_back(t[0].ms() / t[2].ms());
     }
   }
+  const std::string name = "BM_PipeRounds/" + std::to_string(chunk);
+  logRounds(name, "", ratios);
+  logRounds(name, "floor_", floorRatios);
   state.counters["floor_worst"] = *std::min_element(floorRatios.begin(), floorRatios.end());
   state.counters["floor_median"] = median(floorRatios);
   state.counters["worst"] = *std::min_element(ratios.begin(), ratios.end());
