@@ -98,7 +98,14 @@ int Description::call(Slot& slot, uint64_t iface, FrameWriter& req, Reply* out,
 
 int Description::connect() {
   std::lock_guard<std::mutex> lock(stream_.mutex);
-  return ensure(stream_, PX_IFACE_STREAM);
+  int err = ensure(stream_, PX_IFACE_STREAM);
+  // Connected means the service has taken the link: the end lives from here on.
+  if (err == 0) err = stream_.link->confirm();
+  if (err != 0) {
+    delete stream_.link;
+    stream_.link = nullptr;
+  }
+  return err;
 }
 
 int Description::ask(uint64_t iface, FrameWriter& req, Reply* out) {

@@ -1,5 +1,7 @@
 // Links to single services: the descriptor service (a plain named channel) and the services of
-// descriptions, which live on multiplexes and need a bind frame before the first request.
+// descriptions, which live on multiplexes and need a bind frame before the first request. The
+// bind and the first request go out back to back: the server serves a link's frames in order,
+// and its answer to the bind comes first.
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -43,26 +45,37 @@ ServiceLink* ServiceLink::openService(uint64_t channel, uint64_t service, int* e
   uint8_t bind[PX_FRAME_HEADER_SIZE] = {};
   bind[0] = PX_FRAME_BIND;
   for (int i = 0; i < 8; ++i) bind[8 + i] = static_cast<uint8_t>(service >> (8 * i));
-  Reply reply;
-  int rc = link->socket_.send(bind, sizeof bind) == 0 ? 0 : ECONNRESET;
-  while (rc == 0) {
-    ssize_t n = link->socket_.receive(link->buffer_.data(), link->buffer_.size(),
-                                      posix::host::ServiceSocket::kLinkTimeout);
-    if (n == -EINTR) continue;
-    if (n < 0) rc = n == -EAGAIN ? ETIMEDOUT : ECONNRESET;
-    else if (static_cast<size_t>(n) > link->buffer_.size() ||
-             !decodeReply(link->buffer_.data(), static_cast<size_t>(n), &reply))
-      rc = EPROTO;
-    else if (reply.id == 0 && reply.code == PX_RESULT_LIMIT) rc = EAGAIN;  // refused: a bound
-    else if (reply.id != service || reply.code != PX_RESULT_DONE) rc = ECONNREFUSED;
-    else break;
-  }
-  if (rc != 0) {
+  if (link->socket_.send(bind, sizeof bind) != 0) {
     delete link;
-    *err = rc;
+    *err = ECONNRESET;
     return nullptr;
   }
+  link->binding_ = true;
+  link->boundService_ = service;
   return link;
+}
+
+int ServiceLink::takeBindAnswer(uint64_t id, uint32_t code) {
+  binding_ = false;
+  if (id == 0 && code == PX_RESULT_LIMIT) return EAGAIN;  // refused: a bound of this process
+  // An unknown or refused service: the server closes the link.
+  return id == boundService_ && code == PX_RESULT_DONE ? 0 : ECONNRESET;
+}
+
+int ServiceLink::confirm() {
+  while (binding_) {
+    ssize_t n = socket_.receive(buffer_.data(), buffer_.size(),
+                                posix::host::ServiceSocket::kLinkTimeout);
+    if (n == -EINTR) continue;
+    if (n < 0) return n == -EAGAIN ? ETIMEDOUT : ECONNRESET;
+    Reply reply;
+    if (static_cast<size_t>(n) > buffer_.size() ||
+        !decodeReply(buffer_.data(), static_cast<size_t>(n), &reply))
+      return EPROTO;
+    int err = takeBindAnswer(reply.id, reply.code);
+    if (err != 0) return err;
+  }
+  return 0;
 }
 
 int ServiceLink::sendRequest(FrameWriter& req, uint64_t* id) {
@@ -128,6 +141,11 @@ int ServiceLink::awaitReply(uint64_t id, Reply* out, bool* interrupted, int* fil
       if (attached >= 0) close(attached);
       return EPROTO;
     }
+    if (binding_) {
+      if (attached >= 0) close(attached);
+      if (int err = takeBindAnswer(out->id, out->code); err != 0) return err;
+      continue;
+    }
     if (out->id == id && file != nullptr) {
       *file = attached;
       return 0;
@@ -165,6 +183,10 @@ int ServiceLink::callInto(FrameWriter& req, void* buf, size_t cap, uint32_t* sta
     decodeHeader(head, &h);
     if (h.kind != PX_FRAME_REPLY || h.data_len > static_cast<size_t>(n) - sizeof head) {
       return EPROTO;
+    }
+    if (binding_) {
+      if (int err = takeBindAnswer(h.id, h.code); err != 0) return err;
+      continue;
     }
     if (h.id == 0 && h.code == PX_RESULT_LIMIT) return EAGAIN;  // the link was refused
     if (h.id != id) continue;  // a stale answer, as in call; ours overwrites its bytes

@@ -18,7 +18,13 @@ class ServiceLink {
  public:
   // Opens and checks the link as every link of the library is (host/service_socket.h).
   static ServiceLink* openNamed(const std::string& name, int* err);
+  // The same for `service` of the multiplex on `channel`. The bind goes out at once and its
+  // answer is taken with the first reply, so that a link's first request does not wait a round
+  // trip for it: a refused bind then fails that request (ECONNRESET: the service has gone with
+  // its description; EAGAIN: the server refused this process another link).
   static ServiceLink* openService(uint64_t channel, uint64_t service, int* err);
+  // Waits for the bind's answer if it has not come yet: 0 or an errno value, as for call.
+  int confirm();
   ~ServiceLink() = default;
   ServiceLink(const ServiceLink&) = delete;
   ServiceLink& operator=(const ServiceLink&) = delete;
@@ -49,8 +55,12 @@ class ServiceLink {
   int sendRequest(FrameWriter& req, uint64_t* id);
   // Receives until the reply to `id`, skipping earlier ones; the rest as for call.
   int awaitReply(uint64_t id, Reply* out, bool* interrupted, int* file);
+  // Takes the answer to the bind (the link's first reply): 0 when the service took the link.
+  int takeBindAnswer(uint64_t id, uint32_t code);
   posix::host::ServiceSocket socket_;
   std::vector<uint8_t> buffer_;  // one datagram
+  bool binding_ = false;      // a bind went out whose answer is still to come
+  uint64_t boundService_ = 0;  // the service the bind named
 };
 
 }  // namespace pxc
