@@ -13,9 +13,11 @@
 //
 // A transfer is timed from the moment its reader runs: the writer starts the clock once it has
 // written two rings' worth (or its first call, when that is larger), which only goes through
-// after the reader took bytes. Starting a reader is not the pipe's work, and it differs by far
-// between the pairs: a fork here, a spawn and an exec through the server there (the spawn pair
-// measures that). What the start took, up to the clock, is reported beside the ratios.
+// after the reader took bytes; it ends when the reader sees end-of-file, which the reader notes
+// in a file of the benchmark's own. Starting a reader, and its exit and collection after the
+// end, are not the pipe's work, and they differ by far between the pairs: a fork here, a spawn
+// and an exec through the server there (the spawn pair measures those). What the start took,
+// up to the clock, and what the end took after it are reported beside the ratios.
 //
 // The server pipe's reader is this benchmark program itself, started through the server with
 // BENCH_PIPE_READER set: it then only drains the inherited descriptor and ends, before main.
@@ -47,6 +49,7 @@ const size_t kTotal = [] {
 }();
 constexpr int kRounds = 5;
 constexpr const char* kReaderVar = "BENCH_PIPE_READER";
+constexpr const char* kEndVar = "BENCH_PIPE_END";
 // What a server pipe holds, and so the Linux pipe and the ring alone beside it.
 constexpr uint32_t kRingBytes = 4096;
 
@@ -62,14 +65,72 @@ bool drain(size_t chunk, Read read) {
   return n == 0 && total == kTotal;
 }
 
-// A transfer's clock: when its reader was asked for, when the clock started, when it ended.
+// A transfer's clock: when its reader was asked for, when the clock started, when the reader saw
+// end-of-file, and when the writer had collected it.
 struct Timing {
   double asked = 0;
   double began = 0;
+  double eof = 0;
   double ended = 0;
-  double ms() const { return ended - began; }
+  double ms() const { return eof - began; }
   double startMs() const { return began - asked; }
+  double endMs() const { return ended - eof; }
 };
+
+// Where a reader notes the moment it saw end-of-file, for its writer to take after the wait: a
+// file in a directory the benchmark made for itself, removed when it ends.
+class EndNote {
+ public:
+  EndNote() {
+    char dir[] = "/tmp/posix-bench-pipe-XXXXXX";
+    if (mkdtemp(dir) == nullptr) return;
+    dir_ = dir;
+    path_ = dir_ + "/end";
+    int fd = open(path_.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+    if (fd >= 0) close(fd);
+  }
+  ~EndNote() {
+    if (dir_.empty()) return;
+    unlink(path_.c_str());
+    rmdir(dir_.c_str());
+  }
+  const std::string& path() const { return path_; }
+  // In a reader, at end-of-file.
+  static void note(const char* path) {
+    const double now = nowMs();
+    int fd = open(path, O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    (void)!pwrite(fd, &now, sizeof now, 0);
+    close(fd);
+  }
+  // In the writer, once the reader is collected: the moment noted (0 when none), cleared.
+  double take() const {
+    double at = 0;
+    const double none = 0;
+    int fd = open(path_.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) return 0;
+    if (pread(fd, &at, sizeof at, 0) != static_cast<ssize_t>(sizeof at)) at = 0;
+    (void)!pwrite(fd, &none, sizeof none, 0);
+    close(fd);
+    return at;
+  }
+
+ private:
+  std::string dir_;
+  std::string path_;
+};
+
+const EndNote& endNote() {
+  static const EndNote note;
+  return note;
+}
+
+// Ends a reader: notes end-of-file (reached when `drained`), exits 0 when the byte count was
+// right.
+[[noreturn]] void endReader(const char* endPath, bool drained) {
+  EndNote::note(endPath);
+  _exit(drained ? 0 : 1);
+}
 
 // Bytes written before the clock starts: two rings' worth (the reader has taken the first by
 // then), or the first call when it is larger (it returns only once the reader took most of it).
@@ -90,9 +151,9 @@ bool feed(size_t chunk, Timing* t, Write write) {
 
 // The reader's side: closes its copy of the write end (else end-of-file would never come),
 // drains the read end; the exit code tells whether the byte count was right.
-[[noreturn]] void serveAsReader(int fd, int writeFd, size_t chunk) {
+[[noreturn]] void serveAsReader(int fd, int writeFd, size_t chunk, const char* endPath) {
   if (px_close(writeFd) != 0) _exit(2);
-  _exit(drain(chunk, [fd](char* b, size_t n) { return static_cast<long>(px_read(fd, b, n)); }) ? 0 : 1);
+  endReader(endPath, drain(chunk, [fd](char* b, size_t n) { return static_cast<long>(px_read(fd, b, n)); }));
 }
 
 // Runs before main in the spawned reader.
@@ -102,7 +163,8 @@ const bool readerChecked = [] {
     char* rest = nullptr;
     int fd = static_cast<int>(strtol(ends, &rest, 10));
     int writeFd = static_cast<int>(strtol(rest + 1, &rest, 10));
-    serveAsReader(fd, writeFd, strtoul(rest + 1, nullptr, 10));
+    const char* endPath = getenv(kEndVar);
+    serveAsReader(fd, writeFd, strtoul(rest + 1, nullptr, 10), endPath != nullptr ? endPath : "");
   }
   return true;
 }();
@@ -124,7 +186,8 @@ bool serverTransfer(size_t chunk, Timing* t) {
                     std::to_string(fds[1]) + "," + std::to_string(chunk);
   char* argv[] = {const_cast<char*>(self.c_str()), nullptr};
   std::string kib = "BENCH_PIPE_KIB=" + std::to_string(kTotal >> 10);
-  char* envp[] = {var.data(), kib.data(), nullptr};  // the server adds POSIX_RUNTIME_DIR
+  std::string end = std::string(kEndVar) + "=" + endNote().path();
+  char* envp[] = {var.data(), kib.data(), end.data(), nullptr};  // the server adds POSIX_RUNTIME_DIR
   t->asked = nowMs();
   int64_t reader = px_spawn(self.c_str(), argv, envp, 0);
   px_close(fds[0]);  // the reader holds the read end now
@@ -133,7 +196,8 @@ bool serverTransfer(size_t chunk, Timing* t) {
   int status = -1;
   if (reader > 0 && (px_waitpid(reader, &status, 0) != reader || status != 0)) ok = false;
   t->ended = nowMs();
-  return ok;
+  t->eof = endNote().take();
+  return ok && t->eof != 0;
 }
 
 // The same transfer through a Linux pipe of 4096 bytes to a forked reader.
@@ -149,7 +213,7 @@ bool linuxTransfer(size_t chunk, Timing* t) {
   pid_t reader = fork();
   if (reader == 0) {
     close(fds[1]);
-    _exit(drain(chunk, [&fds](char* b, size_t n) { return static_cast<long>(read(fds[0], b, n)); }) ? 0 : 1);
+    endReader(endNote().path().c_str(), drain(chunk, [&fds](char* b, size_t n) { return static_cast<long>(read(fds[0], b, n)); }));
   }
   close(fds[0]);
   bool ok = reader > 0 && feed(chunk, t, [&fds](const char* b, size_t n) { return static_cast<long>(write(fds[1], b, n)); });
@@ -157,7 +221,8 @@ bool linuxTransfer(size_t chunk, Timing* t) {
   int status = -1;
   if (reader > 0 && (waitpid(reader, &status, 0) != reader || status != 0)) ok = false;
   t->ended = nowMs();
-  return ok;
+  t->eof = endNote().take();
+  return ok && t->eof != 0;
 }
 
 // The same transfer through the shared ring alone: a page on an anonymous shared mapping, this
@@ -173,10 +238,10 @@ bool floorTransfer(size_t chunk, Timing* t) {
   pid_t reader = fork();
   if (reader == 0) {
     PipeRing ring(page, kRingBytes, 7, PipeRing::Holder::kClient);
-    _exit(drain(chunk, [&ring](char* b, size_t n) {
-            PipeRing::Result r = ring.read(b, n, PipeRing::kForever);
-            return r.end == PipeRing::End::kDone ? static_cast<long>(r.count) : r.end == PipeRing::End::kEof ? 0L : -1L;
-          }) ? 0 : 1);
+    endReader(endNote().path().c_str(), drain(chunk, [&ring](char* b, size_t n) {
+                PipeRing::Result r = ring.read(b, n, PipeRing::kForever);
+                return r.end == PipeRing::End::kDone ? static_cast<long>(r.count) : r.end == PipeRing::End::kEof ? 0L : -1L;
+              }));
   }
   PipeRing ring(page, kRingBytes, 5, PipeRing::Holder::kClient);
   bool ok = reader > 0 && feed(chunk, t, [&ring](const char* b, size_t n) {
@@ -186,13 +251,20 @@ bool floorTransfer(size_t chunk, Timing* t) {
   int status = -1;
   if (reader > 0 && (waitpid(reader, &status, 0) != reader || status != 0)) ok = false;
   t->ended = nowMs();
+  t->eof = endNote().take();
   munmap(page, size);
-  return ok;
+  return ok && t->eof != 0;
 }
 
 void BM_PipeRounds(benchmark::State& state) {
   const auto chunk = static_cast<size_t>(state.range(0));
-  std::vector<double> ratios, floorRatios, linuxMs, serverMs, linuxStartMs, serverStartMs;
+  // Made here, before any reader is forked from this process.
+  if (endNote().path().empty()) {
+    state.SkipWithError("no directory for the readers' end-of-file notes");
+    return;
+  }
+  std::vector<double> ratios, floorRatios, linuxMs, serverMs, linuxStartMs, serverStartMs, linuxEndMs,
+      serverEndMs;
   for (auto _ : state) {
     for (int round = 0; round < kRounds; ++round) {
       Timing t[3];  // Linux, server, floor
@@ -209,6 +281,8 @@ void BM_PipeRounds(benchmark::State& state) {
       serverMs.push_back(t[1].ms());
       linuxStartMs.push_back(t[0].startMs());
       serverStartMs.push_back(t[1].startMs());
+      linuxEndMs.push_back(t[0].endMs());
+      serverEndMs.push_back(t[1].endMs());
       ratios.push_back(t[0].ms() / t[1].ms());
       floorRatios.push_back(t[0].ms() / t[2].ms());
     }
@@ -226,6 +300,9 @@ void BM_PipeRounds(benchmark::State& state) {
   // What starting the reader took, up to the clock: a fork, or a spawn through the server.
   state.counters["linux_start_ms"] = median(linuxStartMs);
   state.counters["server_start_ms"] = median(serverStartMs);
+  // What ending the reader took after its end-of-file: its exit and its collection.
+  state.counters["linux_end_ms"] = median(linuxEndMs);
+  state.counters["server_end_ms"] = median(serverEndMs);
   state.counters["linux_spread"] = *std::max_element(linuxMs.begin(), linuxMs.end()) /
                                    *std::min_element(linuxMs.begin(), linuxMs.end());
 }
