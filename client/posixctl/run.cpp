@@ -53,11 +53,22 @@ bool ended(const Program& p) {
   return poll(&pfd, 1, 0) == 1;
 }
 
+// Whether the leader (this process's child, so its pid is its own until it is collected) is
+// stopped now; the stop is left for whoever waits for it.
+bool leaderStopped(pid_t leader) {
+  siginfo_t info{};
+  return waitid(P_PID, static_cast<id_t>(leader), &info, WSTOPPED | WNOHANG | WNOWAIT) == 0 &&
+         info.si_pid == leader && info.si_code == CLD_STOPPED;
+}
+
 void killThroughServer(const Program& p) {
   if (px_kill(p.pid, PX_SIGKILL) != 0 && errno != ESRCH) {
     fprintf(stderr, "posixctl: kill %lld: %s\n", static_cast<long long>(p.pid), strerror(errno));
   }
-  if (p.leader > 0) kill(p.leader, SIGCONT);  // a leader stopped with its group collects it
+  // A leader stopped with its group collects the program once it runs again. One that runs
+  // is not sent SIGCONT: it may be in its exit, where a stop-the-world of its own (a leak
+  // check's) must not be woken from under it.
+  if (p.leader > 0 && leaderStopped(p.leader)) kill(p.leader, SIGCONT);
 }
 
 // Sends `sig` to the program's process group while its leader lives; a group whose leader has
