@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <regex>
 #include <set>
@@ -157,7 +156,11 @@ void printRounds(const Condition* conditions, size_t count) {
     if (!logged) continue;
     if (!any) {
       std::string header;
-      for (size_t i = 0; i < count; ++i) header += " " + std::string(conditions[i].name) + std::string(30 - std::strlen(conditions[i].name), ' ');
+      for (size_t i = 0; i < count; ++i) {
+        char column[64];
+        std::snprintf(column, sizeof column, " %-30s", conditions[i].name);
+        header += column;
+      }
       std::printf("\nEvery round, in the order run:\n  %-34s%s\n", "pair", trimmed(header).c_str());
       any = true;
     }

@@ -22,11 +22,7 @@ namespace {
 // takes whole, so that a write of up to 4096 bytes is one request and arrives unsplit.
 constexpr size_t kWriteChunk = 65536;
 
-
-}  // namespace
-
-namespace {
-
+// What the node's entry of interface `iface` grants (PX_ACCESS_*); 0 without one.
 uint64_t accessOf(const NodeRecord& node, uint64_t iface) {
   const px_node_entry* entry = node.find(iface);
   return entry != nullptr ? entry->access : 0;

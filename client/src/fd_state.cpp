@@ -91,7 +91,7 @@ void mirror(int fd, std::shared_ptr<Description> d) {
     std::lock_guard<std::mutex> lock(slot.mutex);
     slot.d.swap(d);
   }
-  // The description the slot held, if this was its last holder, closes its links out here.
+  // The description the slot held is let go of out here, not under the slot's lock.
 }
 
 // Set in a forked child: the links belong to the parent, whose pid the server knows them by.
