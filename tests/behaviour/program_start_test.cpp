@@ -5,11 +5,13 @@
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <tuple>
 
 #include "command_runner.h"
@@ -119,16 +121,40 @@ TEST_F(ProgramStartTest, ClosedStandardDescriptorsStayClosed) {
 
 // An interrupt reaches the program's whole host process group as it would from a shell: the
 // program's trap runs, or the interrupt ends it (130). A program that ignores a terminate is
-// killed by the next signal.
+// killed by the next signal, also when its group, run's waiting leader with it, was stopped.
 TEST_F(ProgramStartTest, SignalsToRunReachTheProgram) {
-  // A script, the signal sent to run, a second one (0: none) and the exit code run answers.
-  for (auto [script, first, second, code] : std::vector<std::tuple<std::string, int, int, int>>{
-           {"trap 'echo trapped; exit 5' INT; echo ready; while :; do sleep 0.05; done", SIGINT, 0, 5},
-           {"echo ready; exec sleep 30", SIGINT, 0, 130},
-           {"trap '' TERM INT; echo ready; exec sleep 30", SIGTERM, SIGINT, 137}}) {
+  // A script, the signal sent to run, a second one (0: none), the exit code run answers, and
+  // whether the program's group (run's waiting leader with it) is stopped first.
+  for (auto [script, first, second, code, stopped] :
+       std::vector<std::tuple<std::string, int, int, int, bool>>{
+           {"trap 'echo trapped; exit 5' INT; echo ready; while :; do sleep 0.05; done", SIGINT, 0, 5, false},
+           {"echo ready; exec sleep 30", SIGINT, 0, 130, false},
+           {"trap '' TERM INT; echo ready; exec sleep 30", SIGTERM, SIGINT, 137, false},
+           {"trap '' TERM INT; echo ready $$; exec sleep 30", SIGTERM, SIGINT, 137, true}}) {
     OutputPipe out;
     pid_t run = startCommand({POSIXCTL_BINARY, "run", "/bin/sh", "-c", script}, out.writeFd());
-    ASSERT_EQ(out.expect("ready", 10000), "ready") << script;
+    std::string ready = out.expect("ready", 10000);
+    ASSERT_EQ(ready.substr(0, 5), "ready") << script;
+    pid_t leader = 0;
+    if (stopped) {
+      // As a stop of the program's group through the server: the program and run's leader
+      // (run's one child), which cannot collect the killed program until run lets it go on.
+      // Stopped once run knows the program (it then waits for the leader); stopped before the
+      // leader has told it, run forwards nothing until the leader goes on.
+      const std::string proc = "/proc/" + std::to_string(run) + "/task/" + std::to_string(run);
+      const std::string waiting = std::to_string(SYS_wait4);
+      std::string call;
+      for (int tries = 0; tries < 500 && call != waiting; ++tries) {
+        sleepMs(10);
+        std::ifstream(proc + "/syscall") >> call;
+      }
+      ASSERT_EQ(call, waiting);
+      std::ifstream children(proc + "/children");
+      ASSERT_TRUE(children >> leader);
+      ASSERT_EQ(kill(static_cast<pid_t>(std::stol(ready.substr(6))), SIGSTOP), 0);
+      ASSERT_EQ(kill(leader, SIGSTOP), 0);
+      sleepMs(100);
+    }
     kill(run, first);
     if (second != 0) {
       sleepMs(200);
@@ -139,6 +165,7 @@ TEST_F(ProgramStartTest, SignalsToRunReachTheProgram) {
     }
     int status = waitExit(run, 15000);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == code) << script << ": " << status;
+    if (status == -1 && leader > 0) kill(leader, SIGKILL);  // run's child until run is collected
   }
 }
 
