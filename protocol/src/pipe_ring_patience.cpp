@@ -15,6 +15,11 @@ constexpr int kLookEvery = 16;
 // a session of its own, where a yield does not reach): handing over is then no quicker than
 // sleeping, and the next waits sleep instead (SkipBackoff).
 constexpr int64_t kSlowHandOverNs = 50000;
+// One hand-over in this many is timed. Two clock reads cost some 50 ns, and on one processor a
+// hand-over per side comes with every ring's worth (a few microseconds); one that lets another
+// program run lasts a time slice, and such a turn repeats, so a sample finds it within this
+// many hand-overs.
+constexpr uint32_t kTimeEvery = 8;
 // How long after waking the other side a waiter looks for its answer: a wake-up reaches a
 // process on another, busy processor within some 15-30 us on a virtual machine, and the answer
 // (a copy of at most a ring) follows at once.
@@ -94,6 +99,12 @@ bool PipeRing::Patience::handOver() {
     return false;
   }
   handedOver_ = true;
+  const uint32_t made = ring_.handOversMade_.load(std::memory_order_relaxed);
+  ring_.handOversMade_.store(made + 1, std::memory_order_relaxed);
+  if (made % kTimeEvery != 0) {
+    sched_yield();
+    return true;
+  }
   int64_t before = nowNs();
   sched_yield();
   if (nowNs() - before > kSlowHandOverNs) ring_.handOvers_.missed();

@@ -9,8 +9,9 @@
 //  - looks again, up to kSpins rounds, while the other side is awake on another processor;
 //  - hands its processor over (sched_yield, once per wait) while the other side is awake on this
 //    one, so that the two take turns on one processor without a wake-up call each way; a
-//    hand-over that let somebody else run for long (another program's turn), or after which the
-//    wait still waits, makes the next ones sleep instead for a while;
+//    hand-over that let somebody else run for long (another program's turn; one in kTimeEvery
+//    is timed), or after which the wait still waits, makes the next ones sleep instead for a
+//    while;
 //  - looks again for up to kAnswerNs while the other side sleeps on another processor and this
 //    process woke it a moment ago: it is on its way, and on a busy machine a waiter that sleeps
 //    now turns every hand-over into two wake-ups that each wait for another program's turn (a

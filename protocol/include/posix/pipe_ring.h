@@ -193,6 +193,8 @@ class PipeRing {
   // that gave the processor to somebody else for long, or after which the wait still waited,
   // makes the next waits sleep instead.
   SkipBackoff handOvers_;
+  // Hand-overs made, of which one in Patience's kTimeEvery is timed. A hint, so relaxed.
+  std::atomic<uint32_t> handOversMade_{0};
   // When this process last woke the other side (wakeOtherSide), in monotonic nanoseconds; and
   // whether a wait looks for its answer, after waits that it did not reach in time (Patience).
   // Hints, so relaxed.
