@@ -101,12 +101,10 @@ bool PipeRing::Patience::handOver() {
   handedOver_ = true;
   const uint32_t made = ring_.handOversMade_.load(std::memory_order_relaxed);
   ring_.handOversMade_.store(made + 1, std::memory_order_relaxed);
-  if (made % kTimeEvery != 0) {
-    sched_yield();
-    return true;
-  }
-  int64_t before = nowNs();
+  const bool timed = made % kTimeEvery == 0;
+  const int64_t before = timed ? nowNs() : 0;
   sched_yield();
+  if (!timed) return true;
   if (nowNs() - before > kSlowHandOverNs) ring_.handOvers_.missed();
   else ring_.handOvers_.paid();
   return true;
